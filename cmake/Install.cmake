@@ -1,0 +1,35 @@
+# Installation: what a host needs to run (component Runtime) and to be built (component Development).
+include(CMakePackageConfigHelpers)
+
+# Not the multiarch folder that GNUInstallDirs would choose: PREFIX/lib unless a packager says otherwise.
+set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Folder of the library, relative to the prefix")
+include(GNUInstallDirs)
+
+set(packageFolder ${CMAKE_INSTALL_LIBDIR}/cmake/ErrorHandlerDll)
+
+install(TARGETS ErrorHandlerDll EXPORT ErrorHandlerDllTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES
+    include/ErrorHandlerDll/ErrorCodes.h
+    include/ErrorHandlerDll/ErrorHandlerDll.h
+    include/ErrorHandlerDll/Export.h
+    include/ErrorHandlerDll/Version.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll COMPONENT Development)
+
+install(EXPORT ErrorHandlerDllTargets NAMESPACE ErrorHandlerDll::
+    DESTINATION ${packageFolder} COMPONENT Development)
+configure_package_config_file(cmake/ErrorHandlerDllConfig.cmake.in ErrorHandlerDllConfig.cmake
+    INSTALL_DESTINATION ${packageFolder} NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file(ErrorHandlerDllConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/ErrorHandlerDllConfig.cmake
+    ${PROJECT_BINARY_DIR}/ErrorHandlerDllConfigVersion.cmake
+    DESTINATION ${packageFolder} COMPONENT Development)
+
+# The .pc file finds the prefix from its own place, so the installed tree can be moved.
+file(RELATIVE_PATH prefixFromPkgConfig /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" prefixFromPkgConfig "${prefixFromPkgConfig}")
+configure_file(cmake/ErrorHandlerDll.pc.in ErrorHandlerDll.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ErrorHandlerDll.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
