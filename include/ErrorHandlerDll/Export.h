@@ -5,12 +5,14 @@
 #define ERRORHANDLERDLL_API __attribute__((visibility("default")))
 #define ERRORHANDLERDLL_NORETURN __attribute__((noreturn))
 
-// The compiler checks the arguments from position `firstArgument` against the printf format at position `format`.
-#define ERRORHANDLERDLL_PRINTF(format, firstArgument) __attribute__((format(printf, format, firstArgument)))
+// The compiler checks the arguments from position `firstArgument` against the printf format at position `formatArgument`.
+#define ERRORHANDLERDLL_PRINTF(formatArgument, firstArgument) __attribute__((format(printf, formatArgument, firstArgument)))
 
 // Member functions are not marked: C++ hosts see the whole class, and only its exported members can be linked to.
 #ifdef __cplusplus
-#define ERRORHANDLERDLL_EXTERN_C_BEGIN extern "C" {
+#define ERRORHANDLERDLL_EXTERN_C_BEGIN                                                                                      \
+    extern "C"                                                                                                              \
+    {
 #define ERRORHANDLERDLL_EXTERN_C_END }
 #define ERRORHANDLERDLL_STATIC_ASSERT(condition, text) static_assert(condition, text)
 #else

@@ -1,0 +1,64 @@
+// A fatal signal held as an object, and the dump of its context. C++17 on, x86-64 Linux.
+#ifndef ERRORHANDLERDLL_LINUXSTRUCTUREDEXCEPTION_H
+#define ERRORHANDLERDLL_LINUXSTRUCTUREDEXCEPTION_H
+
+#include <signal.h>
+#include <stdint.h>
+#include <ucontext.h>
+
+#include "ErrorCodes.h"
+#include "Export.h"
+
+// Belongs to the host; the library only names it.
+struct SignalHandlers;
+
+// Built by the host's own signal handler (installed with SA_SIGINFO) from the handler's three arguments. It keeps copies of
+// everything, so it can be copied and thrown by value.
+//
+// The members that dump write to the log (level ZR_LOG_ERROR, all categories) and, whether or not logging is on, to standard
+// output. When one of them fails, what was thrown leaves it, and the last error is ZR_ERROR_IN_EXCEPTION_HANDLER.
+class StructuredException
+{
+public:
+    // Copies the arguments, captures up to 100 frames of the calling thread's stack, and writes the context dump at once.
+    ERRORHANDLERDLL_API StructuredException(int signal, ucontext_t* context, siginfo_t* info);
+
+    // The signal's name: "Segmentation fault", "Bus error", "Floating Point Exception", "Illegal Instruction" or "Unknown".
+    ERRORHANDLERDLL_API const char* GetExceptionString();
+
+    // The signal's si_code. Not a code of the catalogue, though the numbers overlap.
+    ERRORHANDLERDLL_API ZelvoReaderErrorCode GetExceptionCode();
+
+    // One line: name, code, fault address. Lies in one buffer of 512 bytes for the whole process, overwritten by the next
+    // call on any object: copy it at once.
+    ERRORHANDLERDLL_API char* GetErrorMessage();
+
+    // The name of a SIGSEGV si_code ("SEGV_MAPERR", "SEGV_ACCERR"), the empty text for every other value. Never null.
+    static ERRORHANDLERDLL_API const char* GetExceptionName(int code);
+
+    // Do nothing: installing signal handlers is the host's business. Null is allowed.
+    static ERRORHANDLERDLL_API void RegisterHandler(SignalHandlers* handlers);
+    static ERRORHANDLERDLL_API void UnRegisterHandler(SignalHandlers* handlers);
+
+    // The whole dump: signal, fault address, call stack, registers, modules. `functionName` heads it.
+    ERRORHANDLERDLL_API void DumpExceptionContext(const char* functionName);
+
+    // The parts of the dump that have a list of their own. The frames are those that the constructor captured.
+    ERRORHANDLERDLL_API void GenerateCallStack();
+    ERRORHANDLERDLL_API void GenerateModuleAddresses();
+
+    // Logs 320 bytes of memory from `address` upwards as hex and characters, to the log only. Any address will do: a byte
+    // that cannot be read shows as "??".
+    ERRORHANDLERDLL_API void GenerateStackDump(unsigned char* address);
+
+private:
+    static constexpr int kMaxFrames = 100;
+
+    ucontext_t m_context;
+    siginfo_t m_signalInfo;
+    int32_t m_signal;
+    void* m_stackFrames[kMaxFrames];
+    int64_t m_stackFrameCount;
+};
+
+#endif
