@@ -1,0 +1,122 @@
+// The owned string of the library: length-counted, NUL-terminated, never null, no spare capacity. A string is used by one
+// thread at a time; strings that several threads reach are guarded by their owner's lock.
+#ifndef QV_BASESTRING_H
+#define QV_BASESTRING_H
+
+#include "Str.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstddef>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace QV
+{
+
+template <typename Char>
+class BaseString
+{
+public:
+    using View = std::basic_string_view<Char>;
+
+    BaseString() : m_data(Allocate(0)) { m_data[0] = Char(); }
+    BaseString(const Char* text) : BaseString(text == nullptr ? View() : View(text)) {}
+    explicit BaseString(View text) : m_data(Allocate(text.size())), m_length(static_cast<int>(text.size()))
+    {
+        Copy(m_data, text);
+        m_data[m_length] = Char();
+    }
+    BaseString(const BaseString& other) : BaseString(View(other)) {}
+    virtual ~BaseString() { delete[] m_data; }
+
+    // The new buffer is made before the old one goes, so that a failing allocation leaves the string as it was.
+    BaseString& operator=(const BaseString& other)
+    {
+        if (this != &other)
+        {
+            BaseString copy(other);
+            std::swap(m_data, copy.m_data);
+            std::swap(m_length, copy.m_length);
+        }
+        return *this;
+    }
+
+    void Append(View text)
+    {
+        if (text.empty())
+        {
+            return;
+        }
+        const std::size_t length = static_cast<std::size_t>(m_length) + text.size();
+        Char* data = Allocate(length);
+        Copy(data, View(*this));
+        Copy(data + m_length, text);
+        data[length] = Char();
+        delete[] m_data;
+        m_data = data;
+        m_length = static_cast<int>(length);
+    }
+    void Append(const BaseString& text) { Append(View(text)); }
+    void Append(const Char* text) { Append(text == nullptr ? View() : View(text)); }
+
+    // Makes the string `length` characters long and returns its characters for the caller to fill. What they hold before is
+    // undefined. The buffer is kept when the length does not change: a line as long as the line before costs no allocation.
+    Char* SetLength(std::size_t length)
+    {
+        if (length != static_cast<std::size_t>(m_length))
+        {
+            Char* data = Allocate(length);
+            delete[] m_data;
+            m_data = data;
+            m_length = static_cast<int>(length);
+            m_data[m_length] = Char();
+        }
+        return m_data;
+    }
+
+    int GetLength() const { return m_length; }
+    const Char* GetData() const { return m_data; }
+    operator View() const { return View(m_data, static_cast<std::size_t>(m_length)); }
+
+    // printf-style formatting in two passes. A format that fails gives the empty string.
+    [[gnu::format(printf, 1, 2)]] static BaseString Format(const char* format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        BaseString result = FormatV(format, arguments);
+        va_end(arguments);
+        return result;
+    }
+    [[gnu::format(printf, 1, 0)]] static BaseString FormatV(const char* format, va_list& arguments)
+    {
+        BaseString result;
+        const int length = Str::GetFormattedLength(format, arguments);
+        if (length > 0)
+        {
+            Str::FormatArgs(result.SetLength(static_cast<std::size_t>(length)), length + 1, format, arguments);
+        }
+        return result;
+    }
+
+private:
+    // Lengths are signed 32-bit counts; a longer text cannot be kept, which to the caller is memory that cannot be had.
+    static Char* Allocate(std::size_t length)
+    {
+        if (length >= static_cast<std::size_t>(INT_MAX))
+        {
+            throw std::bad_alloc();
+        }
+        return new Char[length + 1];
+    }
+    static void Copy(Char* destination, View text) { std::char_traits<Char>::copy(destination, text.data(), text.size()); }
+
+    Char* m_data;
+    int m_length = 0;
+};
+
+} // namespace QV
+
+#endif

@@ -1,0 +1,132 @@
+// Recursive critical section on one futex word, and the thread id that serves as its owner.
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
+
+#include <cerrno>
+#include <climits>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace ZelvoWinAPI
+{
+
+namespace
+{
+
+constexpr std::uint32_t kWaitersBit = 0x80000000u;
+
+// A section is held for less than a microsecond as a rule: waiting that long awake is cheaper than two system calls.
+constexpr int kSpins = 100;
+
+thread_local std::uint32_t tThreadId = 0;
+
+void ForgetThreadId() noexcept
+{
+    tThreadId = 0;
+}
+
+[[gnu::noinline]] std::uint32_t AskThreadId() noexcept
+{
+    tThreadId = static_cast<std::uint32_t>(syscall(SYS_gettid));
+    return tThreadId;
+}
+
+void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) noexcept
+{
+    const int savedErrno = errno;
+    syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
+    errno = savedErrno;
+}
+
+bool TryTake(std::atomic<std::uint32_t>& word, std::uint32_t owner) noexcept
+{
+    std::uint32_t expected = 0;
+    return word.compare_exchange_strong(expected, owner, std::memory_order_acquire, std::memory_order_relaxed);
+}
+
+[[gnu::noinline]] void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
+{
+    for (int spin = 0; spin < kSpins; ++spin)
+    {
+        __builtin_ia32_pause();
+        if (word.load(std::memory_order_relaxed) == 0 && TryTake(word, self))
+        {
+            return;
+        }
+    }
+    // From here on the thread takes the section with the waiters' bit set: it cannot know whether others sleep still.
+    while (!TryTake(word, self | kWaitersBit))
+    {
+        std::uint32_t seen = word.load(std::memory_order_relaxed);
+        if (seen != 0 && ((seen & kWaitersBit) != 0 || word.compare_exchange_weak(seen, seen | kWaitersBit)))
+        {
+            Futex(word, FUTEX_WAIT, seen | kWaitersBit);
+        }
+    }
+}
+
+} // namespace
+
+std::uint32_t GetCurrentThreadId() noexcept
+{
+    return tThreadId != 0 ? tThreadId : AskThreadId();
+}
+
+void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept
+{
+    // The forking thread lives on in the child under another id. Registering twice would only forget twice.
+    static std::atomic_flag registered = ATOMIC_FLAG_INIT;
+    if (!registered.test_and_set())
+    {
+        pthread_atfork(nullptr, nullptr, ForgetThreadId);
+    }
+    section->m_enterCount = 0;
+    section->m_ownerWord.store(0, std::memory_order_release);
+}
+
+void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
+{
+    section->m_enterCount = 0;
+    const std::uint32_t old = section->m_ownerWord.exchange(0, std::memory_order_release);
+    if ((old & kWaitersBit) != 0)
+    {
+        Futex(section->m_ownerWord, FUTEX_WAKE, INT_MAX);
+    }
+}
+
+void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
+{
+    const std::uint32_t self = GetCurrentThreadId();
+    if (TryTake(section->m_ownerWord, self)) [[likely]]
+    {
+        return;
+    }
+    if ((section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit) == self)
+    {
+        ++section->m_enterCount;
+        return;
+    }
+    Wait(section->m_ownerWord, self);
+}
+
+void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept
+{
+    if (section->m_enterCount > 0)
+    {
+        --section->m_enterCount;
+        return;
+    }
+    const std::uint32_t old = section->m_ownerWord.exchange(0, std::memory_order_release);
+    if ((old & kWaitersBit) != 0) [[unlikely]]
+    {
+        Futex(section->m_ownerWord, FUTEX_WAKE, 1);
+    }
+}
+
+void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept
+{
+    section->m_ownerWord.store(AskThreadId(), std::memory_order_relaxed);
+}
+
+} // namespace ZelvoWinAPI

@@ -1,0 +1,105 @@
+// The one seam to the platform, in the shape of the kit's portability layer: what of it the library calls, written for
+// Linux, compiled into the library and hidden.
+#ifndef ZELVOWINAPI_ZELVOWINAPI_H
+#define ZELVOWINAPI_ZELVOWINAPI_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace ZelvoWinAPI
+{
+
+// ---- Threads ----
+
+// The kernel's thread id, cached per thread, right in a forked child too.
+std::uint32_t GetCurrentThreadId() noexcept;
+
+// ---- Critical sections ----
+
+// Recursive lock. Owner and lock are one atomic word, so there is no moment at which it is locked by nobody: a signal
+// handler can always tell whether the thread that it interrupted is inside.
+struct _CRITICAL_SECTION
+{
+    std::atomic<std::uint32_t> m_ownerWord; // 0: free; else the owner's thread id, with kWaitersBit when others sleep on it
+    std::uint32_t m_enterCount;             // how often the owner is inside beyond the first; touched by the owner only
+};
+
+void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
+
+// Leaves the section free. A thread that comes too late may still enter and leave it.
+void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
+
+void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
+void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
+
+// In a forked child, whose forking thread held the section: makes that thread its owner under its new id and forgets the
+// waiters, who exist in the parent only.
+void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept;
+
+// ---- Files ----
+//
+// None of these is a cancellation point: a cancelled thread must not vanish between a write and the note that it was made.
+
+// Opens `path` with the flags of open(2), the mode 0666 for a new file, and close-on-exec set. The descriptor is above those
+// of standard input, output and error, so that a host which closed one of them does not print into the file.
+//   returns the descriptor, or -1 with errno set
+int OpenFile(const char* path, int flags) noexcept;
+
+// One write(2). Returns the bytes written, or -1 with errno set.
+std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) noexcept;
+
+void CloseFile(int descriptor) noexcept;
+
+// ---- File search ----
+
+struct _FILETIME
+{
+    std::uint32_t dwLowDateTime;
+    std::uint32_t dwHighDateTime;
+};
+
+constexpr std::uint32_t FILE_ATTRIBUTE_DIRECTORY = 0x10;
+constexpr std::size_t MAX_PATH = 260; // holds the longest name of a Linux directory entry, 255 bytes
+
+// Of the fields before the name only the directory attribute is filled; the others are zero, as nobody here pays for a stat
+// of each entry.
+struct _WIN32_FIND_DATA
+{
+    std::uint32_t dwFileAttributes;
+    _FILETIME ftCreationTime;
+    _FILETIME ftLastAccessTime;
+    _FILETIME ftLastWriteTime;
+    std::uint32_t nFileSizeHigh;
+    std::uint32_t nFileSizeLow;
+    std::uint32_t dwReserved0;
+    std::uint32_t dwReserved1;
+    char cFileName[MAX_PATH]; // name of the entry without its directory, NUL-terminated
+};
+
+static_assert(offsetof(_WIN32_FIND_DATA, cFileName) == 44, "the leading fields follow the Win32 record");
+
+// Starts a search. `pattern` is a path whose last component may hold `*`, which matches any run of characters, empty and
+// dots included; every other character stands for itself. Entries of any kind are found, "." and ".." included, in the order
+// of the directory.
+//   returns a handle for FindClose, with `data` holding the first entry; null when nothing matches or the directory cannot
+//   be read throws  std::bad_alloc
+void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data);
+
+// Returns non-zero with the next entry in `data`, 0 when there is none left.
+int FindNextFile(void* handle, _WIN32_FIND_DATA* data) noexcept;
+
+void FindClose(void* handle) noexcept;
+
+// Whether `path` names a directory (symbolic links are followed).
+bool IsDirectory(const char* path) noexcept;
+
+// ---- Numbers ----
+
+// Writes `value` in `radix` (2 to 36, lower-case digits; a sign only in radix 10, the other radices show the 32 bits) with
+// its NUL to `buffer`, which must have room for 34 bytes. Any other radix gives the empty text. Returns `buffer`.
+char* itoa(int value, char* buffer, int radix) noexcept;
+
+} // namespace ZelvoWinAPI
+
+#endif
