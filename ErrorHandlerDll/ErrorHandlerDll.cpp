@@ -1,0 +1,125 @@
+// The exported logging functions, and the objects of the library that need construction.
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+
+#include "ErrorHandlerDll/HexDump.h"
+#include "ErrorHandlerDll/Internal.h"
+#include "QV/Str.h"
+
+#include <cerrno>
+#include <pthread.h>
+
+// Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
+// them in the order of definition when the library is loaded, and destroys them in reverse. The logger is the last and so
+// goes first: the log is flushed and closed before anything else is gone. Do not move any of them to another file.
+FileLogger gFileLogger;
+
+namespace
+{
+
+const int gForkHandlers = pthread_atfork([] { gFileLogger.BeforeFork(); }, [] { gFileLogger.AfterForkInParent(); },
+                                         [] { gFileLogger.AfterForkInChild(); });
+
+// Most messages fit: then they are formatted once, without the heap.
+constexpr int kMessageBufferSize = 1024;
+
+// A logging call leaves the host's errno as it was.
+class ErrnoKeeper
+{
+public:
+    ErrnoKeeper() : m_errno(errno) {}
+    ~ErrnoKeeper() { errno = m_errno; }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+private:
+    int m_errno;
+};
+
+[[gnu::format(printf, 4, 0)]] bool WriteFormatted(int level, unsigned int mask, std::string_view source, const char* format,
+                                                  va_list& arguments)
+{
+    char buffer[kMessageBufferSize];
+    const int length = QV::Str::FormatArgs(buffer, kMessageBufferSize, format, arguments);
+    if (length < 0)
+    {
+        return gFileLogger.Write(level, mask, source, std::string_view());
+    }
+    if (length < kMessageBufferSize)
+    {
+        return gFileLogger.Write(level, mask, source, std::string_view(buffer, static_cast<std::size_t>(length)));
+    }
+    const QV::BaseString<char> message = QV::BaseString<char>::FormatV(format, arguments);
+    return gFileLogger.Write(level, mask, source, std::string_view(message));
+}
+
+} // namespace
+
+void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
+{
+    const ErrnoKeeper keeper;
+    gFileLogger.Initialise(enable, level, mask, fileName);
+}
+
+const char* GetLogFilename(void)
+{
+    const LoggerSection section(gFileLogger);
+    return gFileLogger.GetLogFileName().GetData();
+}
+
+void ShutdownLogging(void)
+{
+    const ErrnoKeeper keeper;
+    const LoggerSection section(gFileLogger);
+    gFileLogger.CloseLogFile();
+}
+
+bool LogMessage(int level, unsigned int mask, const char* source, const char* message)
+{
+    if (!gFileLogger.CanWrite(level, mask))
+    {
+        return true;
+    }
+    return gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(message));
+}
+
+bool LogFormatted(int level, unsigned int mask, const char* source, const char* format, ...)
+{
+    if (!gFileLogger.CanWrite(level, mask))
+    {
+        return true;
+    }
+    const ErrnoKeeper keeper;
+    va_list arguments;
+    va_start(arguments, format);
+    const bool written = format == nullptr ? gFileLogger.Write(level, mask, TextOrEmpty(source), std::string_view())
+                                           : WriteFormatted(level, mask, TextOrEmpty(source), format, arguments);
+    va_end(arguments);
+    return written;
+}
+
+bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
+                              const unsigned char* buffer, int length)
+{
+    if (!gFileLogger.CanWrite(level, mask))
+    {
+        return true;
+    }
+    return gFileLogger.Write(level, mask, TextOrEmpty(source), HexDump(TextOrEmpty(message), buffer, length));
+}
+
+void SetLoggingOptions(LoggingSettings* settings)
+{
+    const ErrnoKeeper keeper;
+    if (settings != nullptr)
+    {
+        gFileLogger.SetOptions(settings);
+    }
+}
+
+void GetLoggingOptions(LoggingSettings* settings)
+{
+    if (settings != nullptr)
+    {
+        gFileLogger.GetOptions(settings);
+    }
+}

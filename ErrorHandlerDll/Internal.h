@@ -1,0 +1,18 @@
+// What the units of the library share and no host sees.
+#ifndef ERRORHANDLERDLL_INTERNAL_H
+#define ERRORHANDLERDLL_INTERNAL_H
+
+#include "ErrorHandlerDll/logging/FileLogger.h"
+
+#include <string_view>
+
+// The one log of the process; defined in ErrorHandlerDll.cpp, where the order of construction matters.
+extern FileLogger gFileLogger;
+
+// A null text from a host counts as the empty one.
+inline std::string_view TextOrEmpty(const char* text)
+{
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
+
+#endif

@@ -1,0 +1,126 @@
+#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+
+#include "ErrorHandlerDll/logging/FileLogger.h"
+#include "ErrorHandlerDll/logging/LogFileName.h"
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
+
+#include <climits>
+#include <string_view>
+
+namespace
+{
+
+constexpr std::size_t kNumberTextSize = 34; // what itoa asks for
+
+// The part of a file name in which its number stands: between the last two dots, or up to the only one, or after it when the
+// name starts with it.
+std::string_view NumberPart(std::string_view name)
+{
+    const std::size_t lastDot = name.rfind('.');
+    if (lastDot == std::string_view::npos)
+    {
+        return name;
+    }
+    if (lastDot == 0)
+    {
+        return name.substr(1);
+    }
+    const std::size_t dotBefore = name.rfind('.', lastDot - 1);
+    const std::size_t start = dotBefore == std::string_view::npos ? 0 : dotBefore + 1;
+    return name.substr(start, lastDot - start);
+}
+
+} // namespace
+
+FileSizeLoggerStrategy::FileSizeLoggerStrategy(FileLogger* logger, unsigned int maxFileSize, ZelvoReaderLoggingStrategy type)
+    : FileDependentLoggerStrategy(logger, type), m_maxFileSize(maxFileSize)
+{
+}
+
+bool FileSizeLoggerStrategy::PrepareOutputSource()
+{
+    if (!m_logger->IsLogFileOpen()) [[unlikely]]
+    {
+        OpenHighestFile();
+        if (!m_logger->IsLogFileOpen())
+        {
+            return true; // the line is lost, and the next one starts again with the search
+        }
+    }
+    const auto lineLength = static_cast<unsigned int>(m_logger->GetCurrentLine().GetLength());
+    if (m_currentFileSize + lineLength >= m_maxFileSize)
+    {
+        MoveToNextFile();
+    }
+    m_currentFileSize += lineLength;
+    return true;
+}
+
+void FileSizeLoggerStrategy::OnFileFound(const QV::BaseString<char>& fileName)
+{
+    const int fileID = GetFileIDFromFileName(fileName);
+    if (fileID > m_currentFileID && fileID < INT_MAX) // from INT_MAX no file could ever be moved on
+    {
+        m_currentFileID = fileID;
+    }
+}
+
+int FileSizeLoggerStrategy::GetFileIDFromFileName(const QV::BaseString<char>& fileName)
+{
+    std::string_view name = fileName;
+    if (name.find('\\') != std::string_view::npos)
+    {
+        name.remove_prefix(name.find_last_of("\\/") + 1);
+    }
+    return ParseFileNumber(NumberPart(name));
+}
+
+QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseString<char>& fileName, int fileID)
+{
+    const LogFileName name = LogFileName::Split(fileName);
+    char number[kNumberTextSize] = {};
+    ZelvoWinAPI::itoa(fileID, number, 10);
+
+    QV::BaseString<char> result(name.m_stem);
+    if (!name.HasNumber())
+    {
+        result.Append(name.m_middle);
+    }
+    result.Append(".");
+    result.Append(number);
+    result.Append(name.m_extension);
+    return result;
+}
+
+void FileSizeLoggerStrategy::OpenHighestFile()
+{
+    m_currentFileID = 1;
+    SearchCurrentFiles(GetFileSearchMask(m_logger->GetLogFileName(), ".*"));
+    OpenCurrentFile();
+}
+
+void FileSizeLoggerStrategy::MoveToNextFile()
+{
+    if (m_currentFileID == INT_MAX)
+    {
+        return; // no number is left: the last file grows on
+    }
+    ++m_currentFileID;
+    m_logger->CloseLogFile();
+    OpenCurrentFile();
+}
+
+// Opens the file of the current number, or of the next one whose name no directory bears: that would block the log for ever.
+void FileSizeLoggerStrategy::OpenCurrentFile()
+{
+    m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
+    m_logger->OpenLogFile("a+t");
+    while (!m_logger->IsLogFileOpen() && m_currentFileID < INT_MAX &&
+           ZelvoWinAPI::IsDirectory(m_logger->GetLogFileName().GetData()))
+    {
+        ++m_currentFileID;
+        m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
+        m_logger->OpenLogFile("a+t");
+    }
+    m_currentFileSize = static_cast<unsigned int>(m_logger->GetFileSize());
+}

@@ -1,0 +1,26 @@
+// Where the number stands in the name of a log file. Search mask and numbered names are both cut here, so that a mask
+// matches every name of its series, whatever dots, digits and separators the name holds.
+#ifndef ERRORHANDLERDLL_LOGGING_LOGFILENAME_H
+#define ERRORHANDLERDLL_LOGGING_LOGFILENAME_H
+
+#include <string_view>
+
+struct LogFileName
+{
+    std::string_view m_stem;      // directory and what stands before the last two dots, or before the only one
+    std::string_view m_middle;    // from the dot before the last one up to the last one; empty when there is only one
+    std::string_view m_extension; // from the last dot on
+
+    // Cuts `fileName`. A last component without a dot is taken as if it ended in ".log": a number at the very end of a name
+    // could not be read back.
+    static LogFileName Split(std::string_view fileName);
+
+    // Whether the text between the dots is a number.
+    bool HasNumber() const;
+};
+
+// Reads `text` as a file number: blanks, a sign, decimal digits. A sign alone reads as 0.
+//   returns -1 for anything else, and for what does not fit in 32 bits
+int ParseFileNumber(std::string_view text);
+
+#endif
