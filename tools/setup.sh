@@ -1,0 +1,49 @@
+#!/bin/sh
+# Installs the Debian packages that a task needs and that are missing. Says beforehand what it installs, does nothing when all
+# is there, and waits for no answer.
+#   tools/setup.sh            for building, running and testing
+#   tools/setup.sh --checks   also for every stage of .ci/run
+set -eu
+
+# make is named because the presets leave the generator to CMake's default.
+packages="g++ make cmake libgtest-dev"
+if [ "${1:-}" = --checks ]; then
+    packages="$packages clang clang-format clang-tidy binutils pkg-config valgrind"
+fi
+
+missing=
+for package in $packages; do
+    state=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+    [ "$state" = installed ] || missing="$missing $package"
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+    asRoot=
+elif ! command -v sudo >/dev/null; then
+    echo "setup: missing packages, and neither root nor sudo to install them. Please have installed:$missing" >&2
+    exit 1
+elif [ -t 0 ]; then
+    asRoot=sudo
+else
+    asRoot="sudo -n" # nobody is there to type a password
+fi
+echo "Installing these Debian packages, and what they depend on:$missing"
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+aptGet() {
+    $asRoot env DEBIAN_FRONTEND=noninteractive apt-get -qq -y -o DPkg::Lock::Timeout=120 "$@" >>"$log" 2>&1
+}
+# shellcheck disable=SC2086 # a list of words
+installMissing() {
+    aptGet install --no-install-recommends $missing
+}
+# The package lists of a new machine may be absent or out of date: then a second try with fresh ones.
+if ! installMissing; then
+    if ! aptGet update || ! installMissing; then
+        cat "$log" >&2
+        echo "setup: the installation failed, see above" >&2
+        exit 1
+    fi
+fi
