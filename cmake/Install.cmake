@@ -11,9 +11,13 @@ install(TARGETS ErrorHandlerDll EXPORT ErrorHandlerDllTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
+    include/ErrorHandlerDll/CheckedRaise.h
     include/ErrorHandlerDll/ErrorCodes.h
     include/ErrorHandlerDll/ErrorHandlerDll.h
+    include/ErrorHandlerDll/ExceptionHandler.h
     include/ErrorHandlerDll/Export.h
+    include/ErrorHandlerDll/HalvikException.h
+    include/ErrorHandlerDll/LinuxStructuredException.h
     include/ErrorHandlerDll/Version.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll COMPONENT Development)
 
