@@ -88,14 +88,14 @@ Verdict JudgeZone(const std::string& where, const Lines& lines)
 {
     Zone zone;
     const Fault fault = ParseZone(lines, zone);
-    const Verdict verdict = {!fault, where + ": " + (fault ? Describe(fault) : "valid - " + Describe(zone))};
+    Verdict verdict = {!fault, where + ": " + (fault ? Describe(fault) : "valid - " + Describe(zone))};
     LogMessage(fault ? ZR_LOG_WARNING : ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(JudgeZone), verdict.text.c_str());
     return verdict;
 }
 
 Verdict RefuseFile(const std::string& path, const std::string& reason)
 {
-    const Verdict verdict = {false, path + ": " + reason};
+    Verdict verdict = {false, path + ": " + reason};
     LogMessage(ZR_LOG_ERROR, HostLog::kVerdicts, SOURCE(RefuseFile), verdict.text.c_str());
     return verdict;
 }
@@ -113,6 +113,7 @@ std::vector<Verdict> ReadFile(const std::string& path)
     if (zones.empty())
         return {RefuseFile(path, "The file holds no zone")};
     std::vector<Verdict> verdicts;
+    verdicts.reserve(zones.size());
     for (const Lines& lines : zones)
         verdicts.push_back(JudgeZone(path + ", zone " + std::to_string(verdicts.size() + 1), lines));
     return verdicts;
