@@ -1,16 +1,18 @@
 // The exported logging functions, and the objects of the library that need construction.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
+#include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "QV/Str.h"
 
-#include <cerrno>
 #include <pthread.h>
 
 // Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
 // them in the order of definition when the library is loaded, and destroys them in reverse. The logger is the last and so
 // goes first: the log is flushed and closed before anything else is gone. Do not move any of them to another file.
+MessageMap gCustomErrorStrings;
+MessageMap gOverriddenErrorStrings;
 FileLogger gFileLogger;
 
 namespace
@@ -21,19 +23,6 @@ const int gForkHandlers = pthread_atfork([] { gFileLogger.BeforeFork(); }, [] { 
 
 // Most messages fit: then they are formatted once, without the heap.
 constexpr int kMessageBufferSize = 1024;
-
-// A logging call leaves the host's errno as it was.
-class ErrnoKeeper
-{
-public:
-    ErrnoKeeper() : m_errno(errno) {}
-    ~ErrnoKeeper() { errno = m_errno; }
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-
-private:
-    int m_errno;
-};
 
 [[gnu::format(printf, 4, 0)]] bool WriteFormatted(int level, unsigned int mask, std::string_view source, const char* format,
                                                   va_list& arguments)

@@ -2,11 +2,15 @@
 #ifndef ERRORHANDLERDLL_INTERNAL_H
 #define ERRORHANDLERDLL_INTERNAL_H
 
+#include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
 #include <string_view>
 
-// The one log of the process; defined in ErrorHandlerDll.cpp, where the order of construction matters.
+// Texts of custom codes, texts that replace those of built-in codes, and the one log of the process; all defined in
+// ErrorHandlerDll.cpp, where the order of construction matters.
+extern MessageMap gCustomErrorStrings;
+extern MessageMap gOverriddenErrorStrings;
 extern FileLogger gFileLogger;
 
 // A null text from a host counts as the empty one.

@@ -32,7 +32,7 @@ class StructuredException;
 //            ZR_ERROR_IN_EXCEPTION_HANDLER with "An exception was raised within the exception handler."; only when the
 //            returned exception itself cannot be allocated it stays that of the error. The log's lock is never left held.
 //   threads  any thread; the last error is one for the process, written without a lock
-//   errno    left as it was, unless the writer or the callback changes it
+//   errno    left as it was
 //   signals  not async-signal-safe
 class ExceptionHandler
 {

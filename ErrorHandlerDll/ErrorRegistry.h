@@ -1,0 +1,28 @@
+// From codes to texts, for the units that raise and handle.
+#ifndef ERRORHANDLERDLL_ERRORREGISTRY_H
+#define ERRORHANDLERDLL_ERRORREGISTRY_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "ErrorHandlerDll/ErrorCodes.h"
+
+// Room for the text of a structured code: the longest name, eight digits and the fixed part.
+inline constexpr std::size_t kStructuredTextSize = 64;
+
+inline bool IsBuiltInCode(ZelvoReaderErrorCode code) noexcept
+{
+    return static_cast<std::uint32_t>(code) <= ZR_ERROR_UNKNOWN_CODE;
+}
+
+// The catalogue's template of a built-in code, whatever override is set.
+const char* GetCatalogueText(ZelvoReaderErrorCode code) noexcept;
+
+// The text of any code, unformatted and NUL-terminated. `structuredText` is where the text of a structured code is made.
+std::string_view FindErrorText(ZelvoReaderErrorCode code, char (&structuredText)[kStructuredTextSize]) noexcept;
+
+// The template of any warning code, NUL-terminated.
+std::string_view FindWarningText(std::uint32_t code) noexcept;
+
+#endif
