@@ -6,9 +6,9 @@
 set -eu
 
 # make is named because the presets leave the generator to CMake's default.
-packages="g++ make cmake libgtest-dev"
+packages="g++ make cmake libgtest-dev python3 binutils"
 if [ "${1:-}" = --checks ]; then
-    packages="$packages clang clang-format clang-tidy binutils pkg-config valgrind"
+    packages="$packages clang clang-format clang-tidy llvm elfutils doxygen pkg-config valgrind"
 fi
 
 missing=

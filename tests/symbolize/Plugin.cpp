@@ -1,0 +1,18 @@
+// Loaded by CrashHost with dlopen.
+extern "C" void PluginEntry(int* target);
+
+namespace
+{
+
+[[gnu::noinline]] void WriteInPlugin(int* target)
+{
+    *target = 1; // PLUGIN FAULT
+}
+
+} // namespace
+
+void PluginEntry(int* target)
+{
+    WriteInPlugin(target); // PLUGIN CALL
+    asm volatile("");      // keeps the call from becoming a jump
+}
