@@ -7,6 +7,7 @@
 struct CommandLine
 {
     bool help = false;
+    bool crash = false;
     std::string logFile = "mrz_reader.log";
     unsigned int threads = 4;
     unsigned int maxFileSize = 64 * 1024; // bytes

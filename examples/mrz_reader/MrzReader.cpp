@@ -4,13 +4,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <system_error>
 #include <thread>
 
+#include <ErrorHandlerDll/CheckedRaise.h>
+
+#include "CrashHandler.h"
+#include "HostErrors.h"
 #include "HostLog.h"
 #include "MrzParser.h"
 
@@ -29,53 +32,60 @@ struct CloseFile
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-// Returns what is wrong, or an empty text.
-std::string LoadFile(const std::string& path, std::string& bytes)
+[[noreturn]] void RaiseReadError(const std::string& path, const std::string& reason)
 {
-    std::error_code error;
-    const auto status = std::filesystem::status(path, error);
-    if (status.type() == std::filesystem::file_type::not_found)
-        return "The file does not exist";
-    if (error)
-        return "Error reading from file - " + error.message();
-    // Opening a pipe could wait for ever, and reading a device need not end.
-    if (!std::filesystem::is_regular_file(status))
-        return "Error reading from file - not a regular file";
-
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
-    if (!file)
-        return std::string("Error reading from file - ") + std::strerror(errno);
-    bytes.resize(kMaxFileBytes + 1);
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (std::ferror(file.get()) != 0)
-        return "Error reading from file - input error";
-    if (bytes.size() > kMaxFileBytes)
-        return "Error reading from file - too large to be a file of zones";
-    return {};
+    RaiseCheckedError<ZR_ERROR_FILE_READ>(SOURCE(RaiseReadError), (path + ": " + reason).c_str());
 }
 
-std::string Describe(const Fault& fault)
+void CheckIsRegularFile(const std::string& path)
 {
-    char text[128] = "";
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (status.type() == std::filesystem::file_type::not_found)
+        RaiseCheckedError<ZR_ERROR_FILE_NOT_FOUND>(SOURCE(CheckIsRegularFile), path.c_str());
+    if (error)
+        RaiseReadError(path, error.message());
+    // Opening a pipe could wait for ever, and reading a device need not end.
+    if (!std::filesystem::is_regular_file(status))
+        RaiseReadError(path, "not a regular file");
+}
+
+std::string LoadFile(const std::string& path)
+{
+    CheckIsRegularFile(path);
+    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
+    if (!file)
+        RaiseReadError(path, std::generic_category().message(errno));
+    std::string bytes(kMaxFileBytes + 1, '\0');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
+    if (std::ferror(file.get()) != 0)
+        RaiseReadError(path, "input error");
+    if (bytes.size() > kMaxFileBytes)
+        RaiseReadError(path, "too large to be a file of zones");
+    return bytes;
+}
+
+// The location names the zone: an error block alone says which document it is about.
+void RaiseFault(const Fault& fault, const std::string& where)
+{
+    const std::string location = SOURCE(RaiseFault) + where + ": ";
+    char text[128];
     switch (fault.kind)
     {
     case FaultKind::NONE:
         break;
     case FaultKind::LINE_COUNT:
-        std::snprintf(text, sizeof text, "Zone has %d line(s), expected 2 or 3", fault.found);
-        break;
+        std::snprintf(text, sizeof text, "zone has %d line(s), expected 2 or 3", fault.found);
+        RaiseCheckedError<ZR_ERROR_DECODE>(location.c_str(), text);
     case FaultKind::LINE_LENGTH:
-        std::snprintf(text, sizeof text, "Line %d has %d characters, expected %d", fault.line, fault.found, fault.expected);
-        break;
+        std::snprintf(text, sizeof text, "line %d has %d characters, expected %d", fault.line, fault.found, fault.expected);
+        RaiseCheckedError<ZR_ERROR_DECODE>(location.c_str(), text);
     case FaultKind::BAD_CHARACTER:
-        std::snprintf(text, sizeof text, "Bad character on line %d position %d", fault.line, fault.position);
-        break;
+        RaiseCheckedError<ZR_ERROR_BAD_CHARACTER>(location.c_str(), fault.line, fault.position);
     case FaultKind::CHECK_DIGIT:
-        std::snprintf(text, sizeof text, "Check digit of the %s is wrong - found %c, calculated %d", fault.field,
-                      fault.found, fault.expected);
-        break;
+        HostErrors::RaiseCustomError(HostErrors::kWrongCheckDigit, location.c_str(), fault.field, fault.found,
+                                     fault.expected);
     }
-    return text;
 }
 
 std::string Describe(const Zone& zone)
@@ -84,34 +94,49 @@ std::string Describe(const Zone& zone)
            zone.surname + ", " + zone.givenNames + ", born " + zone.birthDate + ", expires " + zone.expiryDate;
 }
 
+// Check digits that fit say nothing about the sense of a date.
+void WarnOfOddDates(const Zone& zone, const std::string& where)
+{
+    if (!IsPlausibleDate(zone.birthDate))
+        LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of birth as " + zone.birthDate).c_str());
+    if (!IsPlausibleDate(zone.expiryDate))
+        LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of expiry as " + zone.expiryDate).c_str());
+}
+
+// Inner boundary: what is wrong with the zone is reported here and goes on.
+Zone ReadZone(const std::string& where, const Lines& lines)
+{
+    return Boundary::Inner(SOURCE(ReadZone),
+                           [&]
+                           {
+                               Zone zone;
+                               RaiseFault(ParseZone(lines, zone), where);
+                               WarnOfOddDates(zone, where);
+                               return zone;
+                           });
+}
+
+// Outer boundary: a faulty zone is a verdict, and the next one is read.
 Verdict JudgeZone(const std::string& where, const Lines& lines)
 {
     Zone zone;
-    const Fault fault = ParseZone(lines, zone);
-    Verdict verdict = {!fault, where + ": " + (fault ? Describe(fault) : "valid - " + Describe(zone))};
-    LogMessage(fault ? ZR_LOG_WARNING : ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(JudgeZone), verdict.text.c_str());
+    const Boundary::Outcome outcome = Boundary::Outer(SOURCE(JudgeZone), [&] { zone = ReadZone(where, lines); });
+    const bool valid = outcome.code == ZR_ERROR_NONE;
+    Verdict verdict = {valid, where + ": " + (valid ? "valid - " + Describe(zone) : outcome.text)};
+    LogMessage(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(JudgeZone), verdict.text.c_str());
     return verdict;
 }
 
-Verdict RefuseFile(const std::string& path, const std::string& reason)
+std::vector<Verdict> JudgeZones(const std::string& path)
 {
-    Verdict verdict = {false, path + ": " + reason};
-    LogMessage(ZR_LOG_ERROR, HostLog::kVerdicts, SOURCE(RefuseFile), verdict.text.c_str());
-    return verdict;
-}
-
-std::vector<Verdict> ReadFile(const std::string& path)
-{
-    LogFormatted(ZR_LOG_DEBUG_LOW, HostLog::kFiles, SOURCE(ReadFile), "Opening %s", path.c_str());
-    std::string bytes;
-    if (const std::string reason = LoadFile(path, bytes); !reason.empty())
-        return {RefuseFile(path, reason)};
-    LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, HostLog::kRawData, SOURCE(ReadFile), path.c_str(),
+    LogFormatted(ZR_LOG_DEBUG_LOW, HostLog::kFiles, SOURCE(JudgeZones), "Opening %s", path.c_str());
+    const std::string bytes = LoadFile(path);
+    LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, HostLog::kRawData, SOURCE(JudgeZones), path.c_str(),
                              reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
 
     const std::vector<Lines> zones = SplitIntoZones(bytes);
     if (zones.empty())
-        return {RefuseFile(path, "The file holds no zone")};
+        RaiseCheckedError<ZR_ERROR_DECODE>(SOURCE(JudgeZones), (path + " holds no zone").c_str());
     std::vector<Verdict> verdicts;
     verdicts.reserve(zones.size());
     for (const Lines& lines : zones)
@@ -119,15 +144,28 @@ std::vector<Verdict> ReadFile(const std::string& path)
     return verdicts;
 }
 
-// Threads that cannot be had are done without: the calling thread alone would get through the work.
-std::vector<std::thread> StartThreads(size_t count, const std::function<void()>& work)
+// Inner boundary of a file.
+std::vector<Verdict> ReadFile(const std::string& path)
 {
-    std::vector<std::thread> threads;
+    return Boundary::Inner(SOURCE(ReadFile), [&] { return JudgeZones(path); });
+}
+
+// Threads that cannot be had are done without: the calling thread alone would get through the work.
+std::vector<std::jthread> StartThreads(size_t count, const std::function<void()>& work)
+{
+    std::vector<std::jthread> threads;
     threads.reserve(count);
     try
     {
         while (threads.size() < count)
-            threads.emplace_back(work);
+        {
+            threads.emplace_back(
+                [work]
+                {
+                    const CrashHandler::AlternateStack stack;
+                    work();
+                });
+        }
     }
     catch (const std::system_error& error)
     {
@@ -139,26 +177,23 @@ std::vector<std::thread> StartThreads(size_t count, const std::function<void()>&
 
 } // namespace
 
-std::vector<Verdict> ReadFiles(const std::vector<std::string>& paths, unsigned int threadCount)
+std::vector<FileResult> ReadFiles(const std::vector<std::string>& paths, unsigned int threadCount)
 {
-    std::vector<std::vector<Verdict>> verdictsOfFile(paths.size());
+    std::vector<FileResult> results(paths.size());
     std::atomic<size_t> next = 0;
+    // Outer boundary of a file: it fails alone, and no exception reaches the end of a thread.
     const auto work = [&]
     {
         for (size_t i = next++; i < paths.size(); i = next++)
-            verdictsOfFile[i] = ReadFile(paths[i]);
+            results[i].outcome = Boundary::Outer(SOURCE(ReadFiles), [&] { results[i].verdicts = ReadFile(paths[i]); });
     };
 
-    const size_t wanted = std::min<size_t>(threadCount, paths.size());
-    std::vector<std::thread> threads = StartThreads(wanted > 0 ? wanted - 1 : 0, work);
-    work();
-    for (std::thread& thread : threads)
-        thread.join();
-
-    std::vector<Verdict> verdicts;
-    for (const std::vector<Verdict>& ofFile : verdictsOfFile)
-        verdicts.insert(verdicts.end(), ofFile.begin(), ofFile.end());
-    return verdicts;
+    const size_t helpers = std::min<size_t>(threadCount, paths.size()) - (paths.empty() ? 0 : 1);
+    {
+        const std::vector<std::jthread> threads = StartThreads(helpers, std::ref(work));
+        work();
+    } // joined here
+    return results;
 }
 
 } // namespace Mrz

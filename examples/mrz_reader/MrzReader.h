@@ -4,17 +4,24 @@
 #include <string>
 #include <vector>
 
+#include "Boundary.h"
+
 namespace Mrz
 {
 
 struct Verdict
 {
     bool valid = false;
-    std::string text; // one line: "td3.txt, zone 1: TD3 P of UTO, ..." or what is wrong
+    std::string text; // one line: "td3.txt, zone 1: valid - TD3 P of UTO, ..." or what is wrong
 };
 
-// The verdicts on all files, in the order of `paths` and, within a file, of its zones. A file that holds no zone or cannot
-// be read gets one verdict too. Uses up to `threadCount` threads, the calling one included.
-std::vector<Verdict> ReadFiles(const std::vector<std::string>& paths, unsigned int threadCount);
+struct FileResult
+{
+    Boundary::Outcome outcome;     // an error when the file could not be read or holds no zone
+    std::vector<Verdict> verdicts; // one for each zone
+};
+
+// The results of all files, in the order of `paths`. Uses up to `threadCount` threads, the calling one included.
+std::vector<FileResult> ReadFiles(const std::vector<std::string>& paths, unsigned int threadCount);
 
 } // namespace Mrz

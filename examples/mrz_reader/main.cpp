@@ -1,8 +1,11 @@
-// A host of the library: reads machine-readable zones of travel documents and logs its work into a size-rotated log.
-#include <algorithm>
+// A host of the library: reads machine-readable zones of travel documents logs its work into a size-rotated log,
+// and reports what goes wrong as errors of the library.
 #include <cstdio>
 
+#include "Boundary.h"
 #include "CommandLine.h"
+#include "CrashHandler.h"
+#include "HostErrors.h"
 #include "HostLog.h"
 #include "MrzReader.h"
 
@@ -18,7 +21,6 @@ enum ExitStatus
     WRONG_USAGE = 2
 };
 
-// Before any other thread runs, as a host does it.
 void StartLogging(const CommandLine& commandLine)
 {
     InitialiseLogging(true, commandLine.level, ZR_LOG_ALL_CATEGORIES, commandLine.logFile.c_str());
@@ -28,24 +30,45 @@ void StartLogging(const CommandLine& commandLine)
     settings.maxFileSize = commandLine.maxFileSize;
     SetLoggingOptions(&settings);
 
-    if (!LogFormatted(ZR_LOG_ERROR, HostLog::kFiles, SOURCE(StartLogging), "mrz_reader starts, log level %d",
+    if (!LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, SOURCE(StartLogging), "mrz_reader starts, log level %d",
                       commandLine.level))
         std::fprintf(stderr, "mrz_reader: cannot write the log %s; going on without\n", commandLine.logFile.c_str());
 }
 
-int Report(const std::vector<Mrz::Verdict>& verdicts, size_t fileCount)
+int Report(const std::vector<std::string>& paths, const std::vector<Mrz::FileResult>& results,
+           const HostErrors::Reported& reported)
 {
-    for (const Mrz::Verdict& verdict : verdicts)
-        std::printf("%s\n", verdict.text.c_str());
-
-    const auto valid = std::count_if(verdicts.begin(), verdicts.end(), [](const Mrz::Verdict& v) { return v.valid; });
-    const auto faulty = static_cast<std::ptrdiff_t>(verdicts.size()) - valid;
-    char summary[128];
-    std::snprintf(summary, sizeof summary, "Summary: %zu file(s), %td zone(s) valid, %td fault(s)", fileCount, valid,
-                  faulty);
+    int valid = 0;
+    int faulty = 0;
+    for (size_t i = 0; i < results.size(); ++i)
+    {
+        for (const Mrz::Verdict& verdict : results[i].verdicts)
+        {
+            std::printf("%s\n", verdict.text.c_str());
+            ++(verdict.valid ? valid : faulty);
+        }
+        if (results[i].outcome.code != ZR_ERROR_NONE)
+        {
+            std::printf("%s: %s\n", paths[i].c_str(), results[i].outcome.text);
+            ++faulty;
+        }
+    }
+    char summary[160];
+    std::snprintf(summary, sizeof summary, "Summary: %zu file(s), %d zone(s) valid, %d fault(s), %u error(s), %u warning(s)",
+                  results.size(), valid, faulty, reported.errors.load(), reported.warnings.load());
     std::puts(summary);
     LogMessage(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(Report), summary);
     return faulty == 0 ? ALL_VALID : SOME_INVALID;
+}
+
+int Run(const CommandLine& commandLine, const HostErrors::Reported& reported)
+{
+    StartLogging(commandLine);
+    const int status = Report(commandLine.files, Mrz::ReadFiles(commandLine.files, commandLine.threads), reported);
+    std::printf("Log: %s\n", GetLogFilename());
+    if (commandLine.crash)
+        CrashHandler::RunIntoFault();
+    return status;
 }
 
 } // namespace
@@ -59,9 +82,18 @@ int main(int argc, char** argv)
         return commandLine ? ALL_VALID : WRONG_USAGE;
     }
 
-    StartLogging(*commandLine);
-    const int status = Report(Mrz::ReadFiles(commandLine->files, commandLine->threads), commandLine->files.size());
-    std::printf("Log: %s\n", GetLogFilename());
+    // A dump that waits in a buffer dies with the process.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    // Before any other thread runs.
+    static HostErrors::Reported reported;
+    HostErrors::Register(reported);
+    CrashHandler::Install();
+    const CrashHandler::AlternateStack stack;
+
+    int status = SOME_INVALID;
+    const Boundary::Outcome outcome = Boundary::Outer(SOURCE(main), [&] { status = Run(*commandLine, reported); });
+    if (outcome.code != ZR_ERROR_NONE)
+        std::fprintf(stderr, "mrz_reader: %s\n", outcome.text);
     ShutdownLogging();
     return status;
 }

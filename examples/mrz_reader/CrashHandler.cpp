@@ -1,0 +1,77 @@
+#include "CrashHandler.h"
+
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <new>
+#include <unistd.h>
+
+#include <ErrorHandlerDll/ExceptionHandler.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
+
+#include "HostLog.h"
+
+namespace CrashHandler
+{
+namespace
+{
+
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+
+std::atomic_flag gDumping = ATOMIC_FLAG_INIT;
+
+void OnFatalSignal(int signal, siginfo_t* info, void* context)
+{
+    // One dump is enough: a second thread with a fault waits here until the first one ends the process.
+    while (gDumping.test_and_set())
+        pause();
+    try
+    {
+        StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+        ExceptionHandler::HandleStructuredException(HOST_LOG_SOURCE(CrashHandler, OnFatalSignal), exception, false);
+    }
+    catch (...) // what could not be dumped does not keep the process from its end
+    {
+    }
+    // Blocked while the handler runs; it takes effect on return.
+    ::signal(signal, SIG_DFL);
+    raise(signal);
+}
+
+} // namespace
+
+void Install()
+{
+    struct sigaction action = {};
+    action.sa_sigaction = OnFatalSignal;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    // With all of them blocked, a fault in the handler itself ends the process at once.
+    sigemptyset(&action.sa_mask);
+    for (const int signal : kFatalSignals)
+        sigaddset(&action.sa_mask, signal);
+    for (const int signal : kFatalSignals)
+        sigaction(signal, &action, nullptr);
+}
+
+AlternateStack::AlternateStack() : m_memory(new (std::nothrow) char[kBytes])
+{
+    stack_t stack = {};
+    stack.ss_sp = m_memory.get();
+    stack.ss_size = kBytes;
+    if (m_memory && sigaltstack(&stack, &m_previous) != 0)
+        m_memory.reset();
+}
+
+AlternateStack::~AlternateStack()
+{
+    if (m_memory)
+        sigaltstack(&m_previous, nullptr);
+}
+
+void RunIntoFault()
+{
+    constexpr std::uintptr_t kNeverMapped = 0x9300;
+    *std::bit_cast<volatile int*>(kNeverMapped) = 1;
+}
+
+} // namespace CrashHandler
