@@ -58,8 +58,7 @@ const char* GetLogFilename(void)
 void ShutdownLogging(void)
 {
     const ErrnoKeeper keeper;
-    const LoggerSection section(gFileLogger);
-    gFileLogger.CloseLogFile();
+    gFileLogger.Shutdown();
 }
 
 bool LogMessage(int level, unsigned int mask, const char* source, const char* message)

@@ -3,7 +3,8 @@
 #ifndef QV_BASESTRING_H
 #define QV_BASESTRING_H
 
-#include "Str.h"
+#include "QV/Memory.h"
+#include "QV/Str.h"
 
 #include <climits>
 #include <cstdarg>
@@ -30,7 +31,7 @@ public:
         m_data[m_length] = Char();
     }
     BaseString(const BaseString& other) : BaseString(View(other)) {}
-    virtual ~BaseString() { delete[] m_data; }
+    virtual ~BaseString() { Memory::Free(m_data); }
 
     // The new buffer is made before the old one goes, so that a failing allocation leaves the string as it was.
     BaseString& operator=(const BaseString& other)
@@ -55,7 +56,7 @@ public:
         Copy(data, View(*this));
         Copy(data + m_length, text);
         data[length] = Char();
-        delete[] m_data;
+        Memory::Free(m_data);
         m_data = data;
         m_length = static_cast<int>(length);
     }
@@ -69,12 +70,36 @@ public:
         if (length != static_cast<std::size_t>(m_length))
         {
             Char* data = Allocate(length);
-            delete[] m_data;
+            Memory::Free(m_data);
             m_data = data;
             m_length = static_cast<int>(length);
             m_data[m_length] = Char();
         }
         return m_data;
+    }
+
+    // Takes the length from the NUL. For a reader that may have interrupted an assignment, between its buffer and its
+    // length.
+    void Remeasure() { m_length = static_cast<int>(View(m_data).size()); }
+
+    // A string of several parts, allocated once.
+    template <typename... Parts>
+    static BaseString Join(const Parts&... parts)
+    {
+        const View views[] = {View(parts)...};
+        std::size_t length = 0;
+        for (const View& view : views)
+        {
+            length += view.size();
+        }
+        BaseString result;
+        Char* out = result.SetLength(length);
+        for (const View& view : views)
+        {
+            Copy(out, view);
+            out += view.size();
+        }
+        return result;
     }
 
     int GetLength() const { return m_length; }
@@ -109,7 +134,7 @@ private:
         {
             throw std::bad_alloc();
         }
-        return new Char[length + 1];
+        return static_cast<Char*>(Memory::Allocate((length + 1) * sizeof(Char)));
     }
     static void Copy(Char* destination, View text) { std::char_traits<Char>::copy(destination, text.data(), text.size()); }
 

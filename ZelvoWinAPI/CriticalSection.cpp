@@ -6,6 +6,7 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace ZelvoWinAPI
@@ -18,6 +19,10 @@ constexpr std::uint32_t kWaitersBit = 0x80000000u;
 
 // A section is held for less than a microsecond as a rule: waiting that long awake is cheaper than two system calls.
 constexpr int kSpins = 100;
+
+// How often a bounded wait looks whether the section is free.
+constexpr long kPollIntervalNs = 1000000;
+constexpr int kPollsPerMs = 1;
 
 thread_local std::uint32_t tThreadId = 0;
 
@@ -66,6 +71,21 @@ bool TryTake(std::atomic<std::uint32_t>& word, std::uint32_t owner) noexcept
     }
 }
 
+// Takes the section when it is free, or counts one entry more when this thread owns it.
+bool TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+{
+    if (TryTake(section->m_ownerWord, self)) [[likely]]
+    {
+        return true;
+    }
+    if ((section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit) == self)
+    {
+        ++section->m_enterCount;
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
 std::uint32_t GetCurrentThreadId() noexcept
@@ -82,6 +102,7 @@ void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept
         pthread_atfork(nullptr, nullptr, ForgetThreadId);
     }
     section->m_enterCount = 0;
+    section->m_givenUpOn.store(0, std::memory_order_relaxed);
     section->m_ownerWord.store(0, std::memory_order_release);
 }
 
@@ -98,16 +119,32 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
 void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    if (TryTake(section->m_ownerWord, self)) [[likely]]
+    if (!TryEnter(section, self)) [[unlikely]]
     {
-        return;
+        Wait(section->m_ownerWord, self);
     }
-    if ((section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit) == self)
+}
+
+bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
+{
+    const std::uint32_t self = GetCurrentThreadId();
+    std::uint32_t owner = 0;
+    for (int poll = 0; poll <= timeoutMs * kPollsPerMs; ++poll)
     {
-        ++section->m_enterCount;
-        return;
+        if (TryEnter(section, self))
+        {
+            return true;
+        }
+        owner = section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit;
+        if (owner != 0 && owner == section->m_givenUpOn.load(std::memory_order_relaxed))
+        {
+            return false;
+        }
+        const timespec interval = {0, kPollIntervalNs};
+        syscall(SYS_nanosleep, &interval, nullptr);
     }
-    Wait(section->m_ownerWord, self);
+    section->m_givenUpOn.store(owner, std::memory_order_relaxed);
+    return false;
 }
 
 void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept

@@ -45,6 +45,11 @@ std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) no
     return syscall(SYS_write, descriptor, bytes, size);
 }
 
+std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept
+{
+    return syscall(SYS_writev, descriptor, pieces, count);
+}
+
 void CloseFile(int descriptor) noexcept
 {
     syscall(SYS_close, descriptor); // after an EINTR the descriptor is closed all the same

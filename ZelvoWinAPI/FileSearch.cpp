@@ -1,23 +1,18 @@
-// File search by a pattern over one directory.
+// File search by a pattern over one directory, straight on the kernel's directory entries: opendir takes the heap.
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <cstring>
 #include <dirent.h>
-#include <memory>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace ZelvoWinAPI
 {
 
 namespace
 {
-
-struct Search
-{
-    DIR* m_directory = nullptr;
-    std::unique_ptr<char[]> m_path; // the pattern, cut in two at its last slash
-    const char* m_namePattern = nullptr;
-};
 
 // Whether `name` matches `pattern`. On a mismatch the last `*` is made to match one character more, which is enough: an
 // earlier
@@ -55,61 +50,69 @@ bool Matches(const char* pattern, const char* name) noexcept
     return *pattern == '\0';
 }
 
-// Cuts `path` at its last slash and opens the directory part.
-DIR* OpenDirectoryOf(char* path, const char*& namePattern) noexcept
+// Opens the folder of `pattern`, whose name part begins at `name`. `scratch` has room for kEntriesSize bytes.
+int OpenFolder(const char* pattern, const char* name, char* scratch) noexcept
 {
-    char* slash = std::strrchr(path, '/');
-    if (slash == nullptr)
+    if (name == pattern)
     {
-        namePattern = path;
-        return opendir(".");
+        return OpenFile(".", O_RDONLY | O_DIRECTORY);
     }
-    namePattern = slash + 1;
-    if (slash == path)
+    const auto length = static_cast<std::size_t>(name - pattern); // with the slash: "/" stays the root
+    if (length >= _WIN32_FIND_DATA::kEntriesSize)
     {
-        return opendir("/");
+        return -1;
     }
-    *slash = '\0';
-    return opendir(path);
+    std::memcpy(scratch, pattern, length);
+    scratch[length] = '\0';
+    return OpenFile(scratch, O_RDONLY | O_DIRECTORY);
 }
 
-void Fill(_WIN32_FIND_DATA* data, const dirent* entry) noexcept
+bool ReadEntries(_WIN32_FIND_DATA* data) noexcept
 {
-    std::memset(data, 0, sizeof *data);
-    data->dwFileAttributes = entry->d_type == DT_DIR ? FILE_ATTRIBUTE_DIRECTORY : 0;
-    const std::size_t length = strnlen(entry->d_name, MAX_PATH - 1);
-    std::memcpy(data->cFileName, entry->d_name, length);
+    data->m_entriesAt = 0;
+    data->m_entriesUsed =
+        static_cast<int>(syscall(SYS_getdents64, data->m_directory, data->m_entries, sizeof data->m_entries));
+    return data->m_entriesUsed > 0;
 }
 
 } // namespace
 
-void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data)
+void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data) noexcept
 {
-    const std::size_t size = std::strlen(pattern) + 1;
-    auto search = std::make_unique<Search>();
-    search->m_path = std::make_unique<char[]>(size);
-    std::memcpy(search->m_path.get(), pattern, size);
-    search->m_directory = OpenDirectoryOf(search->m_path.get(), search->m_namePattern);
-    if (search->m_directory == nullptr)
+    const char* const slash = std::strrchr(pattern, '/');
+    const char* const name = slash == nullptr ? pattern : slash + 1;
+    const std::size_t nameSize = std::strlen(name) + 1;
+    if (nameSize > _WIN32_FIND_DATA::kPatternSize)
     {
         return nullptr;
     }
-    if (FindNextFile(search.get(), data) == 0)
+    data->m_directory = OpenFolder(pattern, name, data->m_entries);
+    if (data->m_directory < 0)
     {
-        closedir(search->m_directory);
         return nullptr;
     }
-    return search.release();
+    std::memset(data, 0, offsetof(_WIN32_FIND_DATA, m_directory));
+    std::memcpy(data->m_pattern, name, nameSize);
+    data->m_entriesAt = 0;
+    data->m_entriesUsed = 0;
+    if (FindNextFile(data, data) == 0)
+    {
+        FindClose(data);
+        return nullptr;
+    }
+    return data;
 }
 
-int FindNextFile(void* handle, _WIN32_FIND_DATA* data) noexcept
+int FindNextFile(void*, _WIN32_FIND_DATA* data) noexcept
 {
-    const auto* search = static_cast<Search*>(handle);
-    while (const dirent* entry = readdir(search->m_directory))
+    while (data->m_entriesAt < data->m_entriesUsed || ReadEntries(data))
     {
-        if (Matches(search->m_namePattern, entry->d_name))
+        const auto* entry = reinterpret_cast<const dirent64*>(data->m_entries + data->m_entriesAt);
+        data->m_entriesAt += entry->d_reclen;
+        if (Matches(data->m_pattern, entry->d_name))
         {
-            Fill(data, entry);
+            data->dwFileAttributes = entry->d_type == DT_DIR ? FILE_ATTRIBUTE_DIRECTORY : 0;
+            std::memcpy(data->cFileName, entry->d_name, strnlen(entry->d_name, MAX_PATH - 1) + 1);
             return 1;
         }
     }
@@ -118,8 +121,7 @@ int FindNextFile(void* handle, _WIN32_FIND_DATA* data) noexcept
 
 void FindClose(void* handle) noexcept
 {
-    const std::unique_ptr<Search> search(static_cast<Search*>(handle));
-    closedir(search->m_directory);
+    CloseFile(static_cast<_WIN32_FIND_DATA*>(handle)->m_directory);
 }
 
 bool IsDirectory(const char* path) noexcept

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+struct iovec;
+
 namespace ZelvoWinAPI
 {
 
@@ -23,6 +25,7 @@ struct _CRITICAL_SECTION
 {
     std::atomic<std::uint32_t> m_ownerWord; // 0: free; else the owner's thread id, with kWaitersBit when others sleep on it
     std::uint32_t m_enterCount;             // how often the owner is inside beyond the first; touched by the owner only
+    std::atomic<std::uint32_t> m_givenUpOn; // the owner that somebody has waited for in vain
 };
 
 void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
@@ -32,6 +35,11 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
 void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
 void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
+
+// Enters the section if it is free or becomes free within the time. An owner that was waited for in vain once is not waited
+// for again. Async-signal-safe, also when the interrupted code of this thread is inside.
+//   returns whether the section was entered
+bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept;
 
 // In a forked child, whose forking thread held the section: makes that thread its owner under its new id and forgets the
 // waiters, who exist in the parent only.
@@ -49,6 +57,9 @@ int OpenFile(const char* path, int flags) noexcept;
 // One write(2). Returns the bytes written, or -1 with errno set.
 std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) noexcept;
 
+// One writev(2) of `count` pieces. Returns the bytes written, or -1 with errno set.
+std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept;
+
 void CloseFile(int descriptor) noexcept;
 
 // ---- File search ----
@@ -63,9 +74,13 @@ constexpr std::uint32_t FILE_ATTRIBUTE_DIRECTORY = 0x10;
 constexpr std::size_t MAX_PATH = 260; // holds the longest name of a Linux directory entry, 255 bytes
 
 // Of the fields before the name only the directory attribute is filled; the others are zero, as nobody here pays for a stat
-// of each entry.
+// of each entry. The fields behind the name belong to the search: it lives in the record and needs no heap, so that a dump
+// can search for its log file too.
 struct _WIN32_FIND_DATA
 {
+    static constexpr std::size_t kEntriesSize = 4096; // some hundred entries a system call; also holds the longest path
+    static constexpr std::size_t kPatternSize = 512;  // a pattern is a name of up to 255 bytes and wildcards
+
     std::uint32_t dwFileAttributes;
     _FILETIME ftCreationTime;
     _FILETIME ftLastAccessTime;
@@ -75,16 +90,22 @@ struct _WIN32_FIND_DATA
     std::uint32_t dwReserved0;
     std::uint32_t dwReserved1;
     char cFileName[MAX_PATH]; // name of the entry without its directory, NUL-terminated
+
+    int m_directory;
+    int m_entriesAt;   // bytes of m_entries that have been looked at
+    int m_entriesUsed; // bytes of m_entries that hold entries
+    char m_pattern[kPatternSize];
+    alignas(8) char m_entries[kEntriesSize];
 };
 
 static_assert(offsetof(_WIN32_FIND_DATA, cFileName) == 44, "the leading fields follow the Win32 record");
 
 // Starts a search. `pattern` is a path whose last component may hold `*`, which matches any run of characters, empty and
 // dots included; every other character stands for itself. Entries of any kind are found, "." and ".." included, in the order
-// of the directory.
-//   returns a handle for FindClose, with `data` holding the first entry; null when nothing matches or the directory cannot
-//   be read throws  std::bad_alloc
-void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data);
+// of the directory. `data` holds the first entry, and the search until FindClose: use the same record with FindNextFile.
+//   returns a handle for FindClose; null when nothing matches, the directory cannot be read, or the pattern is too long to
+//   match signals async-signal-safe
+void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data) noexcept;
 
 // Returns non-zero with the next entry in `data`, 0 when there is none left.
 int FindNextFile(void* handle, _WIN32_FIND_DATA* data) noexcept;

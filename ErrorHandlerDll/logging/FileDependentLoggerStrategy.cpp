@@ -38,8 +38,5 @@ QV::BaseString<char> FileDependentLoggerStrategy::GetFileSearchMask(const QV::Ba
                                                                     const QV::BaseString<char>& wildcard)
 {
     const LogFileName name = LogFileName::Split(fileName);
-    QV::BaseString<char> mask(name.m_stem);
-    mask.Append(wildcard);
-    mask.Append(name.m_extension);
-    return mask;
+    return QV::BaseString<char>::Join(name.m_stem, wildcard, name.m_extension);
 }

@@ -10,22 +10,30 @@ namespace
 
 constexpr const char* kDefaultFileName = "ZelvoReader.log";
 constexpr unsigned int kDefaultFlushInterval = 100;
+constexpr const char* kAppendMode = "a+t";
 
 } // namespace
 
 FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDefaultFlushInterval)
 {
+    m_clock.WarmUp();
     ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection);
 }
 
 FileLogger::~FileLogger()
 {
-    EnterCriticalSection();
+    // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
+    if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
+    {
+        m_enabled.store(false);
+        m_destroyed.store(true);
+        m_file.FlushInEmergency();
+        return;
+    }
     m_enabled.store(false);
     m_destroyed.store(true);
     CloseLogFile();
-    delete m_strategy;
-    m_strategy = nullptr;
+    DeleteStrategy();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
 }
 
@@ -36,6 +44,7 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
     {
         return;
     }
+    const BusyScope busy(m_busy);
     if (std::strcmp(fileName.GetData(), m_logFileName.GetData()) != 0)
     {
         CloseLogFile();
@@ -46,6 +55,13 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
     m_enabled.store(enable, std::memory_order_relaxed);
 }
 
+void FileLogger::Shutdown()
+{
+    const LoggerSection section(*this);
+    const BusyScope busy(m_busy);
+    CloseLogFile();
+}
+
 void FileLogger::SetOptions(LoggingSettings* settings)
 {
     const LoggerSection section(*this);
@@ -53,9 +69,9 @@ void FileLogger::SetOptions(LoggingSettings* settings)
     {
         return;
     }
+    const BusyScope busy(m_busy);
     m_flushInterval = settings->flushInterval;
-    delete m_strategy;
-    m_strategy = nullptr;
+    DeleteStrategy();
     CloseLogFile();
     switch (settings->strategy)
     {
@@ -78,10 +94,11 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->logLevel = m_logLevel.load(std::memory_order_relaxed);
     settings->logMask = m_logMask.load(std::memory_order_relaxed);
     settings->flushInterval = m_flushInterval;
-    settings->strategy = m_strategy == nullptr ? LOGGING_STRATEGY_APPEND : m_strategy->GetType();
+    const FileLoggerStrategy* const strategy = m_strategy;
+    settings->strategy = strategy == nullptr ? LOGGING_STRATEGY_APPEND : strategy->GetType();
     // Only SetOptions makes strategies of this type, and it makes no other class for it.
     settings->maxFileSize = settings->strategy == LOGGING_STRATEGY_FILE_SIZE
-                                ? static_cast<const FileSizeLoggerStrategy*>(m_strategy)->GetMaxFileSize()
+                                ? static_cast<const FileSizeLoggerStrategy*>(strategy)->GetMaxFileSize()
                                 : 0;
     settings->reserved = m_reserved;
 }
@@ -113,11 +130,69 @@ void FileLogger::SetLogFileName(const QV::BaseString<char>& name)
     }
 }
 
+void FileLogger::FlushLogFile()
+{
+    if (QV::EmergencyScope::IsActive())
+    {
+        m_file.FlushInEmergency();
+        return;
+    }
+    const BusyScope busy(m_busy);
+    m_file.Flush();
+}
+
 bool FileLogger::PrepareOutputSource()
 {
-    if (m_strategy == nullptr) [[unlikely]]
+    if (m_strategy.load(std::memory_order_relaxed) == nullptr) [[unlikely]]
     {
-        m_strategy = new SimpleLoggerStrategy(this, "a+t", LOGGING_STRATEGY_APPEND);
+        m_strategy = new SimpleLoggerStrategy(this, kAppendMode, LOGGING_STRATEGY_APPEND);
     }
-    return m_strategy->PrepareOutputSource();
+    return m_strategy.load(std::memory_order_relaxed)->PrepareOutputSource();
+}
+
+// A dump must never find a strategy that is being deleted.
+void FileLogger::DeleteStrategy()
+{
+    delete m_strategy.exchange(nullptr);
+}
+
+bool FileLogger::WriteInEmergency(int level, std::string_view source, std::string_view message)
+{
+    const LoggerSection section(*this);
+    if (m_destroyed.load(std::memory_order_relaxed))
+    {
+        return true;
+    }
+    char fields[LineClock::kStampLength + kLevelFieldSize + kThreadFieldSize];
+    char levelBuffer[kLevelFieldSize];
+    const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
+    const std::string_view threadField = GetThreadField();
+    char* end = m_clock.WriteStampInEmergency(fields);
+    end += levelField.copy(end, levelField.size());
+    end += threadField.copy(end, threadField.size());
+
+    const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
+                                                        source, message, "\n"};
+    m_currentLineLength = parts[0].size() + source.size() + message.size() + 1;
+    m_file.FlushInEmergency();
+    if (!PrepareInEmergency())
+    {
+        return false;
+    }
+    m_file.WriteInEmergency(parts);
+    return true;
+}
+
+bool FileLogger::PrepareInEmergency()
+{
+    m_logFileName.Remeasure(); // the interrupted code may have been replacing it
+    if (FileLoggerStrategy* const strategy = m_strategy)
+    {
+        return strategy->PrepareOutputSource() && IsLogFileOpen();
+    }
+    if (!IsLogFileOpen())
+    {
+        m_file.Open(m_logFileName.GetData(), kAppendMode);
+    }
+    return IsLogFileOpen();
 }

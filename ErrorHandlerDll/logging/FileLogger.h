@@ -10,6 +10,7 @@
 #include "ErrorHandlerDll/logging/LineClock.h"
 #include "ErrorHandlerDll/logging/LogFile.h"
 #include "QV/BaseString.h"
+#include "QV/EmergencyScope.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <atomic>
@@ -28,6 +29,7 @@ public:
     virtual ~FileLogger();
 
     void Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName);
+    void Shutdown();
     void SetOptions(LoggingSettings* settings);
     void GetOptions(LoggingSettings* settings);
 
@@ -46,7 +48,18 @@ public:
     template <class Message>
     bool Write(int level, unsigned int mask, std::string_view source, const Message& message);
 
-    void EnterCriticalSection() { ZelvoWinAPI::EnterCriticalSection(&m_criticalSection); }
+    // Enters the section. In an emergency it is waited for no longer than kEmergencyWaitMs: its owner may be stopped for
+    // ever.
+    //   returns whether it was entered, which is always so but in an emergency; only then it must be left
+    bool EnterCriticalSection()
+    {
+        if (QV::EmergencyScope::IsActive()) [[unlikely]]
+        {
+            return ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs);
+        }
+        ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
+        return true;
+    }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
     // Around a fork: the child of a busy process must be able to log, and nothing buffered may be written by both.
@@ -59,17 +72,28 @@ public:
     bool IsLogFileOpen() const { return m_file.IsOpen(); }
     void OpenLogFile(const QV::BaseString<char>& mode);
     void CloseLogFile() { m_file.Close(); }
-    void FlushLogFile() { m_file.Flush(); }
+    void FlushLogFile();
     int GetFileSize() const { return m_file.GetSize(); }
     const QV::BaseString<char>& GetLogFileName() const { return m_logFileName; }
     void SetLogFileName(const QV::BaseString<char>& name);
     const QV::BaseString<char>& GetCurrentLine() const { return m_currentLine; }
+    std::size_t GetCurrentLineLength() const { return m_currentLineLength; }
+
+    // How long a dump waits for the section, and for the others that it can do without. A host's watchdog gives a dying
+    // process a few seconds as a rule.
+    static constexpr int kEmergencyWaitMs = 500;
 
 private:
     template <class Message>
     void CreateCurrentLine(int level, std::string_view source, const Message& message);
     bool WriteCurrentLineToFile();
     bool PrepareOutputSource();
+
+    // A line past the buffer, straight to the disk; async-signal-safe, whatever this or another thread was doing in the
+    // logger.
+    bool WriteInEmergency(int level, std::string_view source, std::string_view message);
+    bool PrepareInEmergency();
+    void DeleteStrategy();
 
     std::atomic<bool> m_enabled{false};
     ZelvoWinAPI::_CRITICAL_SECTION m_criticalSection;
@@ -81,8 +105,10 @@ private:
     LogFile m_file;
     unsigned int m_linesSinceFlush = 0;
     QV::BaseString<char> m_currentLine;
-    FileLoggerStrategy* m_strategy = nullptr;
+    std::size_t m_currentLineLength = 0; // also of a line that a dump writes, which is never composed in m_currentLine
+    std::atomic<FileLoggerStrategy*> m_strategy{nullptr}; // owned
     LineClock m_clock;
+    std::atomic<bool> m_busy{false};      // the section's owner is in the middle of something
     std::atomic<bool> m_destroyed{false}; // read by threads that come too late, guarded by the section
 };
 
@@ -90,13 +116,20 @@ private:
 class LoggerSection
 {
 public:
-    explicit LoggerSection(FileLogger& logger) : m_logger(logger) { m_logger.EnterCriticalSection(); }
-    ~LoggerSection() { m_logger.LeaveCriticalSection(); }
+    explicit LoggerSection(FileLogger& logger) : m_logger(logger), m_entered(logger.EnterCriticalSection()) {}
+    ~LoggerSection()
+    {
+        if (m_entered) [[likely]]
+        {
+            m_logger.LeaveCriticalSection();
+        }
+    }
     LoggerSection(const LoggerSection&) = delete;
     LoggerSection& operator=(const LoggerSection&) = delete;
 
 private:
     FileLogger& m_logger;
+    bool m_entered;
 };
 
 #include "ErrorHandlerDll/logging/FileLoggerWrite.h"

@@ -7,6 +7,33 @@
 
 #include <cerrno>
 
+// Says that the logger's state is in the middle of a change, for a scope. The caller holds the section.
+class BusyScope
+{
+public:
+    explicit BusyScope(std::atomic<bool>& busy) : m_busy(busy) { m_busy.store(true, std::memory_order_release); }
+    ~BusyScope() { m_busy.store(false, std::memory_order_release); }
+    BusyScope(const BusyScope&) = delete;
+    BusyScope& operator=(const BusyScope&) = delete;
+
+private:
+    std::atomic<bool>& m_busy;
+};
+
+// The text of a message that a dump or an interrupting signal handler logs.
+inline std::string_view ToText(std::string_view message)
+{
+    return message;
+}
+
+template <class Message>
+QV::BaseString<char> ToText(const Message& message)
+{
+    QV::BaseString<char> text;
+    message.copy(text.SetLength(message.size()), message.size());
+    return text;
+}
+
 template <class Message>
 bool FileLogger::Write(int level, unsigned int mask, std::string_view source, const Message& message)
 {
@@ -14,12 +41,23 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, co
     {
         return true;
     }
+    if (QV::EmergencyScope::IsActive()) [[unlikely]]
+    {
+        return WriteInEmergency(level, source, ToText(message));
+    }
     const int hostErrno = errno;
     bool written = true;
     {
         const LoggerSection section(*this);
-        if (!m_destroyed.load(std::memory_order_relaxed)) [[likely]]
+        if (m_busy.load(std::memory_order_relaxed)) [[unlikely]]
         {
+            // A signal handler that logs, while the code that it interrupted was here.
+            const QV::EmergencyScope emergency;
+            written = WriteInEmergency(level, source, ToText(message));
+        }
+        else if (!m_destroyed.load(std::memory_order_relaxed)) [[likely]]
+        {
+            const BusyScope busy(m_busy);
             CreateCurrentLine(level, source, message);
             written = PrepareOutputSource() && WriteCurrentLineToFile();
         }
@@ -39,6 +77,7 @@ void FileLogger::CreateCurrentLine(int level, std::string_view source, const Mes
         LineClock::kStampLength + levelField.size() + threadField.size() + source.size() + message.size() + 1;
 
     char* out = m_currentLine.SetLength(length);
+    m_currentLineLength = length;
     out = m_clock.WriteStamp(out);
     out += levelField.copy(out, levelField.size());
     out += threadField.copy(out, threadField.size());

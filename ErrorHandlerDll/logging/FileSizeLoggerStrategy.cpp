@@ -47,7 +47,7 @@ bool FileSizeLoggerStrategy::PrepareOutputSource()
             return true; // the line is lost, and the next one starts again with the search
         }
     }
-    const auto lineLength = static_cast<unsigned int>(m_logger->GetCurrentLine().GetLength());
+    const auto lineLength = static_cast<unsigned int>(m_logger->GetCurrentLineLength());
     if (m_currentFileSize + lineLength >= m_maxFileSize)
     {
         MoveToNextFile();
@@ -81,15 +81,8 @@ QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseStri
     char number[kNumberTextSize] = {};
     ZelvoWinAPI::itoa(fileID, number, 10);
 
-    QV::BaseString<char> result(name.m_stem);
-    if (!name.HasNumber())
-    {
-        result.Append(name.m_middle);
-    }
-    result.Append(".");
-    result.Append(number);
-    result.Append(name.m_extension);
-    return result;
+    const std::string_view kept = name.HasNumber() ? std::string_view() : name.m_middle;
+    return QV::BaseString<char>::Join(name.m_stem, kept, ".", number, name.m_extension);
 }
 
 void FileSizeLoggerStrategy::OpenHighestFile()

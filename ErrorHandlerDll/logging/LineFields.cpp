@@ -9,8 +9,6 @@ namespace
 
 constexpr std::string_view kLevelFields[] = {"ERROR      - ", "WARNING    - ", "DEBUG_LOW  - ", "DEBUG_HIGH - "};
 
-constexpr std::size_t kThreadFieldSize = 32; // "[ThreadID: -2147483648] - " and its NUL, rounded up
-
 struct ThreadField
 {
     std::uint32_t m_threadId; // the thread that the text is of; 0 while there is none

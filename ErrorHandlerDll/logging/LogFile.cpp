@@ -2,16 +2,22 @@
 
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 void LogFile::Open(const char* name, std::string_view mode)
 {
     const int how = mode.substr(0, 1) == "w" ? O_TRUNC : O_APPEND;
     m_descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | how);
+    if (IsOpen())
+    {
+        m_bufferPosition = lseek(m_descriptor, 0, SEEK_END);
+    }
 }
 
 void LogFile::Close()
@@ -29,94 +35,131 @@ void LogFile::Close()
     {
         CutTornLine();
     }
-    ZelvoWinAPI::CloseFile(m_descriptor);
-    m_descriptor = -1;
     m_used = 0;
     m_written = 0;
+    const int descriptor = m_descriptor;
+    m_descriptor = -1; // before it is closed: a dump must not take a number for ours that is somebody else's by then
+    ZelvoWinAPI::CloseFile(descriptor);
 }
 
-void LogFile::Append(std::string_view line)
+void LogFile::AppendToFullBuffer(std::string_view line)
 {
-    if (line.size() > kBufferSize - m_used) [[unlikely]]
+    Flush();
+    const std::size_t used = m_used;
+    if (line.size() <= kBufferSize - used)
     {
-        Flush();
-        if (line.size() > kBufferSize - m_used)
-        {
-            WriteThrough(line);
-            return;
-        }
+        Append(line);
     }
-    std::memcpy(m_buffer + m_used, line.data(), line.size());
-    m_used += line.size();
+    else if (used == 0)
+    {
+        WriteThrough(line);
+    }
 }
 
 void LogFile::Flush()
 {
-    while (m_written < m_used)
+    const std::size_t used = m_used.load(std::memory_order_relaxed);
+    m_flushing.store(true, std::memory_order_release);
+    if (WriteBuffered(m_written.load(std::memory_order_relaxed), used))
     {
-        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(m_descriptor, m_buffer + m_written, m_used - m_written);
-        if (count <= 0)
+        // In this order: without bytes in the buffer the other numbers say nothing.
+        m_used.store(0, std::memory_order_release);
+        m_written.store(0, std::memory_order_release);
+        if (m_bufferPosition != kUnknownPosition)
         {
-            return;
+            m_bufferPosition += static_cast<std::int64_t>(used);
         }
-        m_written += static_cast<std::size_t>(count);
     }
-    m_used = 0;
-    m_written = 0;
+    m_flushing.store(false, std::memory_order_release);
 }
 
-// A line longer than the whole buffer.
+// Writes the bytes [written, used) of the buffer and notes how far it got. Returns whether all of them are in the file.
+bool LogFile::WriteBuffered(std::size_t written, std::size_t used)
+{
+    while (written < used)
+    {
+        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(m_descriptor, m_buffer + written, used - written);
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (count <= 0)
+        {
+            return false;
+        }
+        written += static_cast<std::size_t>(count);
+        m_written.store(written, std::memory_order_release);
+    }
+    return true;
+}
+
+// A line longer than the whole buffer, which is empty.
 void LogFile::WriteThrough(std::string_view line)
 {
-    if (m_used > 0)
-    {
-        return; // the lines before it could not be written: it is dropped, as they come first
-    }
     std::size_t written = 0;
     while (written < line.size())
     {
         const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(m_descriptor, line.data() + written, line.size() - written);
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
         if (count <= 0)
         {
             break;
         }
         written += static_cast<std::size_t>(count);
     }
+    if (m_bufferPosition != kUnknownPosition)
+    {
+        m_bufferPosition += static_cast<std::int64_t>(written);
+    }
     if (written > 0 && written < line.size())
     {
-        m_buffer[m_used++] = '\n'; // ends the torn line, so that the next one starts on its own
+        Append("\n"); // ends the torn line, so that the next one starts on its own
     }
+}
+
+// Whether the bytes [from, to) of the buffer stand in the file right before the position `end`.
+bool LogFile::FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const
+{
+    char bytes[256];
+    std::int64_t position = end - static_cast<std::int64_t>(to - from);
+    if (position < 0)
+    {
+        return false;
+    }
+    while (from < to)
+    {
+        const std::size_t size = to - from < sizeof bytes ? to - from : sizeof bytes;
+        if (pread(m_descriptor, bytes, size, position) != static_cast<ssize_t>(size) ||
+            std::memcmp(bytes, m_buffer + from, size) != 0)
+        {
+            return false;
+        }
+        from += size;
+        position += static_cast<std::int64_t>(size);
+    }
+    return true;
 }
 
 // The file ends in the first part of a line whose rest is lost now: takes that part back, provided the file still ends in
 // it.
 void LogFile::CutTornLine() const
 {
-    std::size_t lineStart = m_written;
+    const std::size_t written = m_written;
+    std::size_t lineStart = written;
     while (lineStart > 0 && m_buffer[lineStart - 1] != '\n')
     {
         --lineStart;
     }
-    const std::size_t torn = m_written - lineStart;
     struct stat status = {};
-    if (torn == 0 || fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_size < static_cast<off_t>(torn))
+    if (lineStart < written && fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+        FileHoldsBefore(status.st_size, lineStart, written))
     {
-        return;
+        // When this fails too, nothing more can be done.
+        static_cast<void>(!ftruncate(m_descriptor, status.st_size - static_cast<off_t>(written - lineStart)));
     }
-    const off_t end = status.st_size - static_cast<off_t>(torn);
-    char tail[256];
-    for (std::size_t done = 0; done < torn;)
-    {
-        const std::size_t size = torn - done < sizeof tail ? torn - done : sizeof tail;
-        const ssize_t count = pread(m_descriptor, tail, size, end + static_cast<off_t>(done));
-        if (count != static_cast<ssize_t>(size) || std::memcmp(tail, m_buffer + lineStart + done, size) != 0)
-        {
-            return;
-        }
-        done += size;
-    }
-    static_cast<void>(!ftruncate(m_descriptor, end)); // when this fails too, nothing more can be done
 }
 
 int LogFile::GetSize() const
@@ -125,11 +168,81 @@ int LogFile::GetSize() const
     {
         return -1;
     }
-    struct stat status = {};
-    if (fstat(m_descriptor, &status) != 0)
-    {
-        return -1;
-    }
-    const off_t size = status.st_size + static_cast<off_t>(m_used - m_written);
+    const std::int64_t start = m_bufferPosition == kUnknownPosition ? 0 : m_bufferPosition;
+    const std::int64_t size = start + static_cast<std::int64_t>(m_used.load(std::memory_order_relaxed));
     return size > INT_MAX ? INT_MAX : static_cast<int>(size);
+}
+
+// How many of the `used` bytes in the buffer are in the file. In the middle of a flush the file itself is asked: its
+// position has moved if and only if the write was made.
+std::size_t LogFile::WrittenSoFar(std::size_t used) const
+{
+    const std::size_t noted = m_written.load(std::memory_order_acquire);
+    if (!m_flushing.load(std::memory_order_acquire))
+    {
+        return noted;
+    }
+    const std::int64_t position = lseek(m_descriptor, 0, SEEK_CUR);
+    const std::int64_t moved = position - m_bufferPosition;
+    if (m_bufferPosition != kUnknownPosition && moved >= static_cast<std::int64_t>(noted) &&
+        moved <= static_cast<std::int64_t>(used))
+    {
+        return static_cast<std::size_t>(moved);
+    }
+    return FileHoldsBefore(position, noted, used) ? used : noted; // other processes write to the file, too
+}
+
+void LogFile::FlushInEmergency()
+{
+    const std::size_t used = m_used.load(std::memory_order_acquire);
+    if (!IsOpen() || used == 0)
+    {
+        return;
+    }
+    const std::size_t written = WrittenSoFar(used);
+    if (written < used)
+    {
+        WriteBuffered(written, used);
+    }
+    else
+    {
+        m_written.store(used, std::memory_order_release);
+    }
+    m_flushing.store(false, std::memory_order_release);
+}
+
+void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts])
+{
+    iovec pieces[kMaxParts];
+    std::size_t left = 0;
+    for (int i = 0; i < kMaxParts; ++i)
+    {
+        pieces[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
+        left += parts[i].size();
+    }
+    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
+    iovec* piece = pieces;
+    while (left > 0)
+    {
+        std::ptrdiff_t count = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + kMaxParts - piece));
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (count <= 0)
+        {
+            return;
+        }
+        left -= static_cast<std::size_t>(count);
+        if (left == 0)
+        {
+            return;
+        }
+        for (; count > 0 && static_cast<std::size_t>(count) >= piece->iov_len; ++piece)
+        {
+            count -= static_cast<std::ptrdiff_t>(piece->iov_len);
+        }
+        piece->iov_base = static_cast<char*>(piece->iov_base) + count;
+        piece->iov_len -= static_cast<std::size_t>(count);
+    }
 }

@@ -1,12 +1,15 @@
 // The open log file: a descriptor and a buffer of whole lines. The caller holds the logger's critical section.
 //
-// The buffer is our own and not stdio's for two reasons. A host's fflush(nullptr) on another thread would empty a stream
-// that we fill without its lock, and write lines twice; and a stream whose write fails throws its buffer away, where this
-// one keeps the bytes and writes them with the next flush.
+// The buffer is our own and not stdio's for three reasons. A host's fflush(nullptr) on another thread would empty a stream
+// that we fill without its lock, and write lines twice. A stream whose write fails throws its buffer away, where this one
+// keeps the bytes and writes them with the next flush. And a dump can tell from its state, at any instruction at which the
+// code below was interrupted, which bytes are in the file.
 #ifndef ERRORHANDLERDLL_LOGGING_LOGFILE_H
 #define ERRORHANDLERDLL_LOGGING_LOGFILE_H
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 class LogFile
@@ -29,21 +32,49 @@ public:
 
     // Takes a line, which ends in its line feed. A line that does not fit behind the buffered ones is preceded by a flush,
     // so that every write carries whole lines. While nothing can be written, the lines that do not fit are dropped.
-    void Append(std::string_view line);
+    void Append(std::string_view line)
+    {
+        const std::size_t used = m_used.load(std::memory_order_relaxed);
+        if (line.size() > kBufferSize - used) [[unlikely]]
+        {
+            AppendToFullBuffer(line);
+            return;
+        }
+        __builtin_memcpy(m_buffer + used, line.data(), line.size());
+        m_used.store(used + line.size(), std::memory_order_release); // only now the line is there
+    }
 
     // Writes what is buffered. On failure the rest is kept for the next flush.
     void Flush();
 
-    // Size in bytes, buffered lines included, as a 32-bit count (INT_MAX for what is larger); -1 when no file is open.
+    // Size in bytes as of the opening plus what was written since, buffered lines included, as a 32-bit count (INT_MAX for
+    // what is larger); -1 when no file is open.
     int GetSize() const;
 
+    // ---- For a dump; async-signal-safe, whatever the code above was doing when it was interrupted ----
+
+    // Writes what is buffered and not yet in the file, once.
+    void FlushInEmergency();
+
+    // Writes a line of several parts at once, past the buffer.
+    static constexpr int kMaxParts = 4;
+    void WriteInEmergency(const std::string_view (&parts)[kMaxParts]);
+
 private:
+    static constexpr std::int64_t kUnknownPosition = -1;
+
+    void AppendToFullBuffer(std::string_view line);
     void WriteThrough(std::string_view line);
+    bool WriteBuffered(std::size_t written, std::size_t used);
+    std::size_t WrittenSoFar(std::size_t used) const;
+    bool FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const;
     void CutTornLine() const;
 
     int m_descriptor = -1;
-    std::size_t m_used = 0;    // bytes in the buffer
-    std::size_t m_written = 0; // how many of them are in the file already, after a write that failed half-way
+    std::atomic<std::size_t> m_used{0};    // bytes in the buffer
+    std::atomic<std::size_t> m_written{0}; // how many of them are in the file already
+    std::atomic<bool> m_flushing{false};   // m_written may be out of date
+    std::int64_t m_bufferPosition = 0; // where in the file the first byte of the buffer goes, if nobody else writes to it
     char m_buffer[kBufferSize];
 };
 

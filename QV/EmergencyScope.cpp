@@ -1,0 +1,8 @@
+#include "QV/EmergencyScope.h"
+
+namespace QV
+{
+
+constinit thread_local int EmergencyScope::sDepth = 0;
+
+} // namespace QV
