@@ -1,0 +1,412 @@
+#include "CallFrameInfo.h"
+
+#include "DwarfCursor.h"
+#include "DwarfExpression.h"
+#include "FrameTable.h"
+
+namespace Crash
+{
+namespace
+{
+
+// One frame in another remembers its state while an early exit is described; compilers nest this once or twice.
+constexpr unsigned kMaxRemembered = 4;
+
+constexpr unsigned kMaxInstructions = 1u << 18; // per frame; ends what damage makes endless
+
+enum class Rule : std::uint8_t
+{
+    UNCHANGED, // the caller's value is still in the register
+    UNDEFINED,
+    AT_OFFSET,     // saved at the frame address plus a number
+    OFFSET,        // the frame address plus a number itself
+    REGISTER,      // in another register
+    AT_EXPRESSION, // saved at the address that an expression gives
+    EXPRESSION,    // the value that an expression gives
+};
+
+// Where the caller's registers are, for one range of instructions. Expressions are kept as the distance of their block from
+// the start of the tables: 32 bits per register keep the walk's use of stack small.
+struct Row
+{
+    std::int32_t operands[FrameRegisters::kCount];
+    Rule rules[FrameRegisters::kCount];
+    bool isFrameExpression; // how the frame address (CFA) is given
+    std::uint8_t frameRegister;
+    std::int32_t frameOperand;
+};
+
+enum Instruction : std::uint8_t
+{
+    NOP = 0x00,
+    SET_LOC = 0x01,
+    ADVANCE_LOC1 = 0x02,
+    ADVANCE_LOC2 = 0x03,
+    ADVANCE_LOC4 = 0x04,
+    OFFSET_EXTENDED = 0x05,
+    RESTORE_EXTENDED = 0x06,
+    UNDEFINED = 0x07,
+    SAME_VALUE = 0x08,
+    REGISTER = 0x09,
+    REMEMBER_STATE = 0x0a,
+    RESTORE_STATE = 0x0b,
+    DEF_CFA = 0x0c,
+    DEF_CFA_REGISTER = 0x0d,
+    DEF_CFA_OFFSET = 0x0e,
+    DEF_CFA_EXPRESSION = 0x0f,
+    EXPRESSION = 0x10,
+    OFFSET_EXTENDED_SF = 0x11,
+    DEF_CFA_SF = 0x12,
+    DEF_CFA_OFFSET_SF = 0x13,
+    VAL_OFFSET = 0x14,
+    VAL_OFFSET_SF = 0x15,
+    VAL_EXPRESSION = 0x16,
+    GNU_ARGS_SIZE = 0x2e,
+    GNU_NEGATIVE_OFFSET_EXTENDED = 0x2f,
+    // These three hold an operand in the low six bits.
+    ADVANCE_LOC = 0x40,
+    OFFSET = 0x80,
+    RESTORE = 0xc0,
+};
+
+// Runs the instructions of an entry up to the row that covers the address.
+class RowBuilder
+{
+public:
+    RowBuilder(MemoryReader& reader, const FrameEntry& entry, std::uintptr_t address, std::uintptr_t base) noexcept
+        : m_reader(reader), m_entry(entry), m_address(address), m_base(base), m_location(entry.codeStart), m_row{}
+    {
+    }
+
+    bool Build() noexcept
+    {
+        if (!Run(m_entry.commonInstructions, m_entry.commonEnd))
+            return false;
+        m_initial = m_row;
+        return Run(m_entry.instructions, m_entry.end);
+    }
+
+    const Row& Result() const noexcept { return m_row; }
+
+private:
+    bool Run(std::uintptr_t start, std::uintptr_t end) noexcept
+    {
+        DwarfCursor cursor(m_reader, start, end);
+        for (unsigned count = 0; cursor.HasMore() && !m_failed && m_location <= m_address; ++count)
+        {
+            if (count == kMaxInstructions)
+                return false;
+            Execute(cursor, cursor.Take<std::uint8_t>());
+        }
+        return !m_failed && !cursor.HasFailed();
+    }
+
+    void Advance(std::uint64_t delta) noexcept { m_location += delta * m_entry.codeAlignment; }
+
+    std::int64_t Scaled(std::int64_t offset) const noexcept { return offset * m_entry.dataAlignment; }
+
+    std::int64_t ScaledUnsigned(DwarfCursor& cursor) const noexcept
+    {
+        return Scaled(static_cast<std::int64_t>(cursor.TakeUnsigned()));
+    }
+
+    std::int32_t Narrow(std::int64_t value) noexcept
+    {
+        const auto narrow = static_cast<std::int32_t>(value);
+        if (narrow != value)
+            m_failed = true;
+        return narrow;
+    }
+
+    // Registers beyond those of the integer unit (vector registers, say) do not matter to a walk.
+    void SetRule(std::uint64_t number, Rule rule, std::int64_t operand) noexcept
+    {
+        if (number >= FrameRegisters::kCount)
+            return;
+        m_row.rules[number] = rule;
+        m_row.operands[number] = Narrow(operand);
+    }
+
+    std::int64_t TakeBlock(DwarfCursor& cursor) noexcept
+    {
+        const auto distance = static_cast<std::int64_t>(cursor.Position() - m_base);
+        cursor.Skip(cursor.TakeUnsigned());
+        return distance;
+    }
+
+    void Restore(std::uint64_t number) noexcept
+    {
+        if (number < FrameRegisters::kCount)
+            SetRule(number, m_initial.rules[number], m_initial.operands[number]);
+    }
+
+    void SetFrame(std::uint64_t number, std::int64_t offset) noexcept
+    {
+        SetFrameRegister(number);
+        SetFrameOffset(offset);
+    }
+
+    void SetFrameRegister(std::uint64_t number) noexcept
+    {
+        m_row.isFrameExpression = false;
+        m_row.frameRegister = static_cast<std::uint8_t>(number);
+        if (number >= FrameRegisters::kCount)
+            m_failed = true;
+    }
+
+    void SetFrameOffset(std::int64_t offset) noexcept { m_row.frameOperand = Narrow(offset); }
+
+    void Remember() noexcept
+    {
+        if (m_rememberedCount == kMaxRemembered)
+            m_failed = true;
+        else
+            m_remembered[m_rememberedCount++] = m_row;
+    }
+
+    void RestoreRemembered() noexcept
+    {
+        if (m_rememberedCount == 0)
+            m_failed = true;
+        else
+            m_row = m_remembered[--m_rememberedCount];
+    }
+
+    void Execute(DwarfCursor& cursor, std::uint8_t instruction) noexcept
+    {
+        const std::uint8_t operand = instruction & 0x3f;
+        switch (instruction & 0xc0)
+        {
+        case ADVANCE_LOC:
+            Advance(operand);
+            break;
+        case OFFSET:
+            SetRule(operand, Rule::AT_OFFSET, ScaledUnsigned(cursor));
+            break;
+        case RESTORE:
+            Restore(operand);
+            break;
+        default:
+            if (!ExecuteFrame(cursor, instruction) && !ExecuteLocation(cursor, instruction))
+                ExecuteRule(cursor, instruction);
+        }
+    }
+
+    bool ExecuteLocation(DwarfCursor& cursor, std::uint8_t instruction) noexcept
+    {
+        switch (instruction)
+        {
+        case NOP:
+            return true;
+        case SET_LOC:
+            m_location = cursor.TakeEncoded(m_entry.pointerEncoding, m_base);
+            return true;
+        case ADVANCE_LOC1:
+            Advance(cursor.Take<std::uint8_t>());
+            return true;
+        case ADVANCE_LOC2:
+            Advance(cursor.Take<std::uint16_t>());
+            return true;
+        case ADVANCE_LOC4:
+            Advance(cursor.Take<std::uint32_t>());
+            return true;
+        case GNU_ARGS_SIZE:
+            cursor.TakeUnsigned(); // only matters to exceptions
+            return true;
+        case REMEMBER_STATE:
+            Remember();
+            return true;
+        case RESTORE_STATE:
+            RestoreRemembered();
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    bool ExecuteFrame(DwarfCursor& cursor, std::uint8_t instruction) noexcept
+    {
+        std::uint64_t number;
+        switch (instruction)
+        {
+        case DEF_CFA:
+            number = cursor.TakeUnsigned();
+            SetFrame(number, static_cast<std::int64_t>(cursor.TakeUnsigned()));
+            return true;
+        case DEF_CFA_SF:
+            number = cursor.TakeUnsigned();
+            SetFrame(number, Scaled(cursor.TakeSigned()));
+            return true;
+        case DEF_CFA_REGISTER:
+            SetFrameRegister(cursor.TakeUnsigned());
+            return true;
+        case DEF_CFA_OFFSET:
+            SetFrameOffset(static_cast<std::int64_t>(cursor.TakeUnsigned()));
+            return true;
+        case DEF_CFA_OFFSET_SF:
+            SetFrameOffset(Scaled(cursor.TakeSigned()));
+            return true;
+        case DEF_CFA_EXPRESSION:
+            m_row.isFrameExpression = true;
+            m_row.frameOperand = Narrow(TakeBlock(cursor));
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    void ExecuteRule(DwarfCursor& cursor, std::uint8_t instruction) noexcept
+    {
+        if (!TakesRegister(instruction))
+        {
+            m_failed = true;
+            return;
+        }
+        const std::uint64_t number = cursor.TakeUnsigned();
+        switch (instruction)
+        {
+        case OFFSET_EXTENDED:
+            return SetRule(number, Rule::AT_OFFSET, ScaledUnsigned(cursor));
+        case OFFSET_EXTENDED_SF:
+            return SetRule(number, Rule::AT_OFFSET, Scaled(cursor.TakeSigned()));
+        case GNU_NEGATIVE_OFFSET_EXTENDED:
+            return SetRule(number, Rule::AT_OFFSET, -ScaledUnsigned(cursor));
+        case VAL_OFFSET:
+            return SetRule(number, Rule::OFFSET, ScaledUnsigned(cursor));
+        case VAL_OFFSET_SF:
+            return SetRule(number, Rule::OFFSET, Scaled(cursor.TakeSigned()));
+        case UNDEFINED:
+            return SetRule(number, Rule::UNDEFINED, 0);
+        case SAME_VALUE:
+            return SetRule(number, Rule::UNCHANGED, 0);
+        case REGISTER:
+            return SetRule(number, Rule::REGISTER, static_cast<std::int64_t>(cursor.TakeUnsigned()));
+        case EXPRESSION:
+            return SetRule(number, Rule::AT_EXPRESSION, TakeBlock(cursor));
+        case VAL_EXPRESSION:
+            return SetRule(number, Rule::EXPRESSION, TakeBlock(cursor));
+        default:
+            return Restore(number);
+        }
+    }
+
+    static bool TakesRegister(std::uint8_t instruction) noexcept
+    {
+        return (instruction >= OFFSET_EXTENDED && instruction <= REGISTER) || instruction == EXPRESSION ||
+               instruction == OFFSET_EXTENDED_SF || (instruction >= VAL_OFFSET && instruction <= VAL_EXPRESSION) ||
+               instruction == GNU_NEGATIVE_OFFSET_EXTENDED;
+    }
+
+    MemoryReader& m_reader;
+    const FrameEntry& m_entry;
+    const std::uintptr_t m_address;
+    const std::uintptr_t m_base;
+    std::uintptr_t m_location;
+    Row m_row;
+    Row m_initial;
+    Row m_remembered[kMaxRemembered];
+    unsigned m_rememberedCount = 0;
+    bool m_failed = false;
+};
+
+// Applies a row to the registers of a frame.
+class RowReader
+{
+public:
+    RowReader(MemoryReader& reader, const Row& row, const FrameRegisters& registers, std::uintptr_t base) noexcept
+        : m_reader(reader), m_row(row), m_registers(registers), m_base(base)
+    {
+    }
+
+    bool ComputeFrame() noexcept
+    {
+        if (m_row.isFrameExpression)
+            return EvaluateExpression(m_reader, Block(m_row.frameOperand), m_registers, 0, m_frame);
+        if (!m_registers.Get(m_row.frameRegister, m_frame))
+            return false;
+        m_frame += static_cast<std::uint64_t>(std::int64_t{m_row.frameOperand});
+        return true;
+    }
+
+    std::uint64_t Frame() const noexcept { return m_frame; }
+
+    bool GetCallerValue(unsigned number, std::uint64_t& value) noexcept
+    {
+        const std::int32_t operand = m_row.operands[number];
+        const std::uint64_t atOffset = m_frame + static_cast<std::uint64_t>(std::int64_t{operand});
+        switch (m_row.rules[number])
+        {
+        case Rule::UNCHANGED:
+            return m_registers.Get(number, value);
+        case Rule::AT_OFFSET:
+            return m_reader.Read(atOffset, value);
+        case Rule::OFFSET:
+            value = atOffset;
+            return true;
+        case Rule::REGISTER:
+            return m_registers.Get(static_cast<std::uint64_t>(operand), value);
+        case Rule::EXPRESSION:
+            return EvaluateExpression(m_reader, Block(operand), m_registers, m_frame, value);
+        case Rule::AT_EXPRESSION:
+            return EvaluateExpression(m_reader, Block(operand), m_registers, m_frame, value) && m_reader.Read(value, value);
+        case Rule::UNDEFINED:
+            break;
+        }
+        return false;
+    }
+
+private:
+    std::uintptr_t Block(std::int32_t distance) const noexcept
+    {
+        return m_base + static_cast<std::uintptr_t>(std::int64_t{distance});
+    }
+
+    MemoryReader& m_reader;
+    const Row& m_row;
+    const FrameRegisters& m_registers;
+    const std::uintptr_t m_base;
+    std::uint64_t m_frame = 0;
+};
+
+UnwindResult ApplyRow(MemoryReader& reader, const FrameEntry& entry, const Row& row, std::uintptr_t base,
+                      FrameRegisters& registers) noexcept
+{
+    RowReader rowReader(reader, row, registers, base);
+    if (row.rules[entry.returnRegister] == Rule::UNDEFINED)
+        return UnwindResult::END_OF_STACK;
+    if (!rowReader.ComputeFrame())
+        return UnwindResult::NO_TABLES;
+
+    FrameRegisters caller;
+    for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
+    {
+        std::uint64_t value;
+        // Returning removes the frame, so the caller's stack begins where the frame ends unless the tables say otherwise.
+        if (number == FrameRegisters::kStackPointer && row.rules[number] == Rule::UNCHANGED)
+            caller.Set(number, rowReader.Frame());
+        else if (rowReader.GetCallerValue(number, value))
+            caller.Set(number, value);
+    }
+    std::uint64_t returnAddress;
+    if (!caller.Get(entry.returnRegister, returnAddress) || !caller.IsKnown(FrameRegisters::kStackPointer))
+        return UnwindResult::NO_TABLES;
+    caller.Set(FrameRegisters::kProgramCounter, returnAddress);
+    registers = caller;
+    return entry.isSignalFrame ? UnwindResult::INTERRUPTED : UnwindResult::UNWOUND;
+}
+
+} // namespace
+
+UnwindResult UnwindFrame(MemoryReader& reader, std::uintptr_t unwindHeader, std::uintptr_t address,
+                         FrameRegisters& registers) noexcept
+{
+    FrameEntry entry;
+    if (!FindFrameEntry(reader, unwindHeader, address, entry))
+        return UnwindResult::NO_TABLES;
+    RowBuilder builder(reader, entry, address, unwindHeader);
+    if (!builder.Build())
+        return UnwindResult::NO_TABLES;
+    return ApplyRow(reader, entry, builder.Result(), unwindHeader, registers);
+}
+
+} // namespace Crash

@@ -1,0 +1,71 @@
+// Takes the numbers of unwind tables one after the other. A failed read gives 0 and is remembered: callers check once, at
+// the end of what belongs together.
+#ifndef ERRORHANDLERDLL_CRASH_DWARFCURSOR_H
+#define ERRORHANDLERDLL_CRASH_DWARFCURSOR_H
+
+#include <cstdint>
+
+#include "SafeMemory.h"
+
+namespace Crash
+{
+
+class DwarfCursor
+{
+public:
+    // [position, end) is what may be read.
+    DwarfCursor(MemoryReader& reader, std::uintptr_t position, std::uintptr_t end) noexcept
+        : m_reader(reader), m_position(position), m_end(end)
+    {
+    }
+
+    template <class T>
+    T Take() noexcept
+    {
+        T value{};
+        if (m_failed || m_position > m_end || m_end - m_position < sizeof(T) || !m_reader.Read(m_position, value))
+            return Fail<T>();
+        m_position += sizeof(T);
+        return value;
+    }
+
+    std::uint64_t TakeUnsigned() noexcept; // LEB128
+    std::int64_t TakeSigned() noexcept;    // LEB128
+
+    // A pointer in the encoding that the tables name (DW_EH_PE_*); `dataBase` is what data-relative ones count from.
+    std::uintptr_t TakeEncoded(std::uint8_t encoding, std::uintptr_t dataBase) noexcept;
+
+    void Skip(std::uint64_t size) noexcept;
+    void MoveTo(std::uintptr_t position) noexcept { m_position = position; }
+    bool HasMore() const noexcept { return !m_failed && m_position < m_end; }
+    bool HasFailed() const noexcept { return m_failed; }
+    std::uintptr_t Position() const noexcept { return m_position; }
+
+private:
+    template <class T>
+    T Fail() noexcept
+    {
+        m_failed = true;
+        return T{};
+    }
+
+    std::uint64_t TakeLeb(unsigned& bits, bool& negative) noexcept;
+
+    MemoryReader& m_reader;
+    std::uintptr_t m_position;
+    std::uintptr_t m_end;
+    bool m_failed = false;
+};
+
+namespace PointerEncoding
+{
+constexpr std::uint8_t kAbsolute = 0x00;
+constexpr std::uint8_t kOmitted = 0xff;
+constexpr std::uint8_t kSigned4 = 0x0b;
+constexpr std::uint8_t kDataRelative = 0x30;
+constexpr std::uint8_t kFormatMask = 0x0f;
+} // namespace PointerEncoding
+
+} // namespace Crash
+
+#endif

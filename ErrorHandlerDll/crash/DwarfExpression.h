@@ -1,0 +1,21 @@
+// The small stack machine by which unwind tables describe what no simple offset can, such as the frame of a signal handler.
+#ifndef ERRORHANDLERDLL_CRASH_DWARFEXPRESSION_H
+#define ERRORHANDLERDLL_CRASH_DWARFEXPRESSION_H
+
+#include <cstdint>
+
+#include "FrameRegisters.h"
+#include "SafeMemory.h"
+
+namespace Crash
+{
+
+// Evaluates the expression at `block` (its length in LEB128, then the operations) with `initial` on the stack.
+//   returns false when it is damaged, needs an unknown register or reads unreadable memory
+//   signals async-signal-safe
+bool EvaluateExpression(MemoryReader& reader, std::uintptr_t block, const FrameRegisters& registers, std::uint64_t initial,
+                        std::uint64_t& result) noexcept;
+
+} // namespace Crash
+
+#endif

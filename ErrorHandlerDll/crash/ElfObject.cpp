@@ -1,0 +1,96 @@
+#include "ElfObject.h"
+
+#include <cerrno>
+#include <cstring>
+#include <elf.h>
+#include <sys/auxv.h>
+
+namespace Crash
+{
+namespace
+{
+
+constexpr std::uintptr_t kPageSize = 4096;
+constexpr unsigned kMaxProgramHeaders = 256; // real objects have about a dozen
+
+struct ProgramHeaders
+{
+    std::uintptr_t address = 0;
+    std::uintptr_t count = 0;
+};
+
+// An executable that is not position-independent has load address 0, which says nothing about where its header is; the
+// kernel tells the program where its program headers are.
+ProgramHeaders FindExecutableHeaders() noexcept
+{
+    const int hostErrno = errno;
+    const ProgramHeaders headers{getauxval(AT_PHDR), getauxval(AT_PHNUM)};
+    errno = hostErrno;
+    return headers;
+}
+
+ProgramHeaders FindHeaders(MemoryReader& reader, const Module& module) noexcept
+{
+    if (module.isExecutable)
+        return FindExecutableHeaders();
+    Elf64_Ehdr header;
+    if (!reader.Read(module.loadAddress, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+        header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_phentsize != sizeof(Elf64_Phdr))
+        return {};
+    return {module.loadAddress + header.e_phoff, header.e_phnum};
+}
+
+void Extend(std::uintptr_t& start, std::uintptr_t& end, std::uintptr_t from, std::uintptr_t to) noexcept
+{
+    if (end == 0 || from < start)
+        start = from;
+    if (to > end)
+        end = to;
+}
+
+void NoteSegment(ElfObject& object, const Elf64_Phdr& segment) noexcept
+{
+    const std::uintptr_t from = object.module.loadAddress + segment.p_vaddr;
+    const std::uintptr_t to = from + segment.p_memsz;
+    if (segment.p_type == PT_GNU_EH_FRAME)
+        object.unwindHeader = from;
+    if (segment.p_type != PT_LOAD || to < from)
+        return;
+    Extend(object.start, object.end, from & ~(kPageSize - 1), to);
+    if ((segment.p_flags & PF_X) != 0)
+        Extend(object.codeStart, object.codeEnd, from, to);
+}
+
+bool Describe(MemoryReader& reader, ElfObject& object) noexcept
+{
+    const ProgramHeaders headers = FindHeaders(reader, object.module);
+    if (headers.count > kMaxProgramHeaders)
+        return false;
+    for (std::uintptr_t i = 0; i < headers.count; ++i)
+    {
+        Elf64_Phdr segment;
+        if (!reader.Read(headers.address + i * sizeof(segment), segment))
+            return false;
+        NoteSegment(object, segment);
+    }
+    return true;
+}
+
+} // namespace
+
+bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
+{
+    ModuleList modules(reader);
+    Module module;
+    while (modules.Next(module))
+    {
+        object = ElfObject{};
+        object.module = module;
+        if (Describe(reader, object) && object.Contains(address))
+            return true;
+    }
+    object = ElfObject{};
+    return false;
+}
+
+} // namespace Crash

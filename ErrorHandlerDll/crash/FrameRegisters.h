@@ -1,0 +1,42 @@
+// The registers of one stack frame, numbered as unwind tables number them on x86-64.
+#ifndef ERRORHANDLERDLL_CRASH_FRAMEREGISTERS_H
+#define ERRORHANDLERDLL_CRASH_FRAMEREGISTERS_H
+
+#include <cstdint>
+
+namespace Crash
+{
+
+struct FrameRegisters
+{
+    static constexpr unsigned kBasePointer = 6;
+    static constexpr unsigned kStackPointer = 7;
+    static constexpr unsigned kProgramCounter = 16;
+    static constexpr unsigned kCount = 17;
+
+    std::uint64_t values[kCount];
+    std::uint32_t known = 0; // one bit each: a callee does not preserve all registers of its caller
+
+    bool IsKnown(std::uint64_t number) const noexcept { return number < kCount && (known >> number & 1) != 0; }
+
+    bool Get(std::uint64_t number, std::uint64_t& value) const noexcept
+    {
+        if (!IsKnown(number))
+            return false;
+        value = values[number];
+        return true;
+    }
+
+    void Set(unsigned number, std::uint64_t value) noexcept
+    {
+        values[number] = value;
+        known |= 1u << number;
+    }
+
+    std::uint64_t ProgramCounter() const noexcept { return values[kProgramCounter]; }
+    std::uint64_t StackPointer() const noexcept { return values[kStackPointer]; }
+};
+
+} // namespace Crash
+
+#endif

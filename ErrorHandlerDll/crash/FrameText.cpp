@@ -1,0 +1,130 @@
+#include "FrameText.h"
+
+#include <cerrno>
+#include <cstdint>
+
+#include "ElfObject.h"
+#include "SafeMemory.h"
+#include "SymbolTable.h"
+
+namespace Crash
+{
+namespace
+{
+
+constexpr unsigned kHexDigits = 2 * sizeof(std::uintptr_t);
+constexpr std::size_t kTailSize = 64; // "+0x" and " [0x" with 16 digits each need 43
+
+// Appends to a fixed buffer; what does not fit is dropped.
+class Text
+{
+public:
+    Text(char* out, std::size_t size) noexcept : m_out(out), m_size(size) { m_out[0] = '\0'; }
+
+    void Append(const char* text) noexcept
+    {
+        for (; *text != '\0' && m_length + 1 < m_size; ++text)
+            m_out[m_length++] = *text;
+        m_out[m_length] = '\0';
+    }
+
+    void AppendHex(std::uintptr_t value) noexcept
+    {
+        char digits[kHexDigits + 1];
+        char* first = digits + kHexDigits;
+        *first = '\0';
+        do
+        {
+            *--first = "0123456789abcdef"[value % 16];
+            value /= 16;
+        } while (value != 0);
+        Append(first);
+    }
+
+    // A string of this process that may be unreadable, leaving at least `reserve` characters free.
+    void AppendFrom(MemoryReader& reader, std::uintptr_t address, std::size_t reserve) noexcept
+    {
+        if (m_size - m_length > reserve + 1)
+            m_length += reader.ReadString(address, m_out + m_length, m_size - m_length - reserve);
+    }
+
+    std::size_t Length() const noexcept { return m_length; }
+
+private:
+    char* m_out;
+    std::size_t m_size;
+    std::size_t m_length = 0;
+};
+
+// The C library prints zero as a pointer and with "%#x" in ways of its own.
+void AppendPointer(Text& text, std::uintptr_t value) noexcept
+{
+    text.Append(value == 0 ? "(nil)" : "0x");
+    if (value != 0)
+        text.AppendHex(value);
+}
+
+void AppendOffset(Text& text, std::uintptr_t offset) noexcept
+{
+    text.Append(offset == 0 ? "+0" : "+0x");
+    if (offset != 0)
+        text.AppendHex(offset);
+}
+
+void AppendAddress(Text& text, std::uintptr_t address) noexcept
+{
+    text.Append("[");
+    AppendPointer(text, address);
+    text.Append("]");
+}
+
+// The linker's list has no name for the program itself; its text is that of the command line.
+std::uintptr_t FindPath(const Module& module) noexcept
+{
+    return module.isExecutable ? reinterpret_cast<std::uintptr_t>(program_invocation_name) : module.name;
+}
+
+bool HasText(MemoryReader& reader, std::uintptr_t address) noexcept
+{
+    char first;
+    return reader.Read(address, first) && first != '\0';
+}
+
+void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
+{
+    Symbol symbol;
+    const bool hasSymbol = FindSymbol(reader, object, address, symbol);
+    const std::uintptr_t origin = hasSymbol ? symbol.start : object.module.loadAddress;
+
+    char tailBuffer[kTailSize];
+    Text tail(tailBuffer, sizeof(tailBuffer));
+    if (origin != 0)
+        AppendOffset(tail, address - origin);
+    tail.Append(") ");
+    AppendAddress(tail, address);
+
+    text.AppendFrom(reader, FindPath(object.module), tail.Length() + 1);
+    text.Append("(");
+    if (hasSymbol)
+        text.AppendFrom(reader, symbol.name, tail.Length());
+    text.Append(tailBuffer);
+}
+
+} // namespace
+
+int FormatFrame(const void* frame, char* out, int size) noexcept
+{
+    if (size <= 0)
+        return 0;
+    const auto address = reinterpret_cast<std::uintptr_t>(frame);
+    Text text(out, static_cast<std::size_t>(size));
+    MemoryReader reader;
+    ElfObject object;
+    if (FindObject(reader, address, object) && HasText(reader, FindPath(object.module)))
+        AppendInObject(text, reader, object, address);
+    else
+        AppendAddress(text, address);
+    return static_cast<int>(text.Length());
+}
+
+} // namespace Crash

@@ -1,0 +1,23 @@
+// The call stack as backtrace() gives it, but walked by this library itself: no lock of the loader, no heap, and every byte
+// is read in a way that survives a smashed stack or damaged tables. Damage ends the walk early.
+#ifndef ERRORHANDLERDLL_CRASH_STACKWALK_H
+#define ERRORHANDLERDLL_CRASH_STACKWALK_H
+
+#include <ucontext.h>
+
+namespace Crash
+{
+
+// Stores the return addresses of the calling thread, innermost first; frame 0 lies in the function that calls this.
+// In a signal handler the trampoline and the interrupted function follow the handler's own frames. Where backtrace() has to
+// stop (a call through a null or wild pointer, code without unwind tables) the walk goes on if the stack shows how.
+//   returns the number of frames stored, at most `capacity`
+//   signals async-signal-safe; below 3 KiB of stack
+int WalkStack(void** frames, int capacity) noexcept;
+
+// The same from an interrupted context: frame 0 is its program counter, the others are return addresses.
+int WalkStack(const ucontext_t* context, void** frames, int capacity) noexcept;
+
+} // namespace Crash
+
+#endif

@@ -1,0 +1,181 @@
+#include "SymbolTable.h"
+
+#include <elf.h>
+
+namespace Crash
+{
+namespace
+{
+
+constexpr unsigned kMaxDynamicEntries = 512;
+constexpr std::uint32_t kMaxSymbols = 1u << 21;
+constexpr std::uint32_t kSymbolsAtATime = 20; // one system call each; 480 bytes of stack
+
+struct Tables
+{
+    std::uintptr_t symbols = 0;
+    std::uintptr_t strings = 0;
+    std::uint64_t stringsSize = 0;
+    std::uintptr_t gnuHash = 0;
+    std::uintptr_t hash = 0;
+};
+
+// Indices [first, end) of the symbols that count.
+struct Range
+{
+    std::uint32_t first = 0;
+    std::uint32_t end = 0;
+};
+
+// The linker has relocated these addresses in place, except where the section cannot be written to.
+std::uintptr_t Relocated(const ElfObject& object, std::uintptr_t address) noexcept
+{
+    return address < object.module.loadAddress ? address + object.module.loadAddress : address;
+}
+
+bool ReadTables(MemoryReader& reader, const ElfObject& object, Tables& tables) noexcept
+{
+    for (unsigned i = 0; i < kMaxDynamicEntries; ++i)
+    {
+        Elf64_Dyn entry;
+        if (!reader.Read(object.module.dynamic + i * sizeof(entry), entry) || entry.d_tag == DT_NULL)
+            break;
+        if (entry.d_tag == DT_SYMTAB)
+            tables.symbols = Relocated(object, entry.d_un.d_ptr);
+        else if (entry.d_tag == DT_STRTAB)
+            tables.strings = Relocated(object, entry.d_un.d_ptr);
+        else if (entry.d_tag == DT_STRSZ)
+            tables.stringsSize = entry.d_un.d_val;
+        else if (entry.d_tag == DT_GNU_HASH)
+            tables.gnuHash = Relocated(object, entry.d_un.d_ptr);
+        else if (entry.d_tag == DT_HASH)
+            tables.hash = Relocated(object, entry.d_un.d_ptr);
+    }
+    return tables.symbols != 0 && tables.strings != 0;
+}
+
+// This table covers the symbols from `symbolOffset` on, without a count: the last chain that a bucket begins ends with them.
+bool ReadGnuRange(MemoryReader& reader, std::uintptr_t table, Range& range) noexcept
+{
+    struct
+    {
+        std::uint32_t bucketCount;
+        std::uint32_t symbolOffset;
+        std::uint32_t filterSize;
+        std::uint32_t filterShift;
+    } header;
+    if (!reader.Read(table, header) || header.bucketCount > kMaxSymbols || header.filterSize > kMaxSymbols)
+        return false;
+    const std::uintptr_t buckets = table + sizeof(header) + header.filterSize * sizeof(std::uint64_t);
+    const std::uintptr_t chains = buckets + header.bucketCount * sizeof(std::uint32_t);
+    std::uint32_t last = 0;
+    for (std::uint32_t i = 0; i < header.bucketCount; ++i)
+    {
+        std::uint32_t first;
+        if (!reader.Read(buckets + i * sizeof(first), first))
+            return false;
+        last = first > last ? first : last;
+    }
+    range = {header.symbolOffset, header.symbolOffset};
+    if (last < header.symbolOffset)
+        return true;
+    for (; last < kMaxSymbols; ++last)
+    {
+        std::uint32_t value;
+        if (!reader.Read(chains + std::uintptr_t{last - header.symbolOffset} * sizeof(value), value))
+            return false;
+        range.end = last + 1;
+        if ((value & 1) != 0)
+            return true;
+    }
+    return false;
+}
+
+bool ReadHashRange(MemoryReader& reader, std::uintptr_t table, Range& range) noexcept
+{
+    return reader.Read(table + sizeof(std::uint32_t), range.end) && range.end < kMaxSymbols;
+}
+
+bool ReadRange(MemoryReader& reader, const Tables& tables, Range& range) noexcept
+{
+    if (tables.gnuHash != 0)
+        return ReadGnuRange(reader, tables.gnuHash, range);
+    if (tables.hash != 0)
+        return ReadHashRange(reader, tables.hash, range);
+    // Without a hash table nothing gives the number of symbols; the strings usually follow them.
+    if (tables.strings > tables.symbols && (tables.strings - tables.symbols) / sizeof(Elf64_Sym) < kMaxSymbols)
+        range.end = static_cast<std::uint32_t>((tables.strings - tables.symbols) / sizeof(Elf64_Sym));
+    return true;
+}
+
+// The other table also lists symbols that other objects cannot see.
+bool IsVisible(const Elf64_Sym& symbol) noexcept
+{
+    const unsigned binding = ELF64_ST_BIND(symbol.st_info);
+    const unsigned visibility = ELF64_ST_VISIBILITY(symbol.st_other);
+    return (binding == STB_GLOBAL || binding == STB_WEAK) && visibility != STV_HIDDEN && visibility != STV_INTERNAL;
+}
+
+bool IsAddress(const Elf64_Sym& symbol) noexcept
+{
+    return (symbol.st_shndx != SHN_UNDEF || symbol.st_value != 0) && symbol.st_shndx != SHN_ABS &&
+           ELF64_ST_TYPE(symbol.st_info) != STT_TLS;
+}
+
+bool Covers(const Elf64_Sym& symbol, std::uintptr_t offset) noexcept
+{
+    const bool isPoint = symbol.st_shndx == SHN_UNDEF || symbol.st_size == 0;
+    return offset >= symbol.st_value &&
+           ((isPoint && offset == symbol.st_value) || offset < symbol.st_value + symbol.st_size);
+}
+
+// Remembers the best match while the symbols pass by.
+struct Search
+{
+    const Tables& tables;
+    std::uintptr_t offset; // of the address in the object's own count
+    std::uintptr_t value = 0;
+    std::uintptr_t name = 0;
+    bool found = false;
+
+    void Look(const Elf64_Sym& symbol) noexcept
+    {
+        if (!IsAddress(symbol) || !Covers(symbol, offset) || (found && symbol.st_value <= value) ||
+            symbol.st_name >= tables.stringsSize || (tables.gnuHash == 0 && !IsVisible(symbol)))
+            return;
+        found = true;
+        value = symbol.st_value;
+        name = tables.strings + symbol.st_name;
+    }
+};
+
+void LookAtAll(const Tables& tables, const Range& range, Search& search) noexcept
+{
+    Elf64_Sym symbols[kSymbolsAtATime];
+    for (std::uint32_t first = range.first; first < range.end; first += kSymbolsAtATime)
+    {
+        const std::uint32_t rest = range.end - first;
+        const std::uint32_t count = rest < kSymbolsAtATime ? rest : kSymbolsAtATime;
+        const std::uintptr_t address = tables.symbols + first * sizeof(Elf64_Sym);
+        if (!ReadMemory(reinterpret_cast<const void*>(address), symbols, count * sizeof(Elf64_Sym)))
+            return;
+        for (std::uint32_t i = 0; i < count; ++i)
+            search.Look(symbols[i]);
+    }
+}
+
+} // namespace
+
+bool FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address, Symbol& symbol) noexcept
+{
+    Tables tables;
+    Range range;
+    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
+        return false;
+    Search search{tables, address - object.module.loadAddress};
+    LookAtAll(tables, range, search);
+    symbol = {search.name, object.module.loadAddress + search.value};
+    return search.found;
+}
+
+} // namespace Crash

@@ -1,0 +1,148 @@
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <string>
+#include <sys/auxv.h>
+#include <vector>
+
+#include "ErrorHandlerDll/crash/FrameText.h"
+#include "ErrorHandlerDll/crash/ModuleList.h"
+#include "ErrorHandlerDll/crash/StackWalk.h"
+
+namespace
+{
+
+std::string PlatformText(void* address)
+{
+    char** texts = backtrace_symbols(&address, 1);
+    std::string text = texts[0];
+    std::free(texts);
+    return text;
+}
+
+std::string OurText(const void* address)
+{
+    char text[4096];
+    errno = ERANGE;
+    const int length = Crash::FormatFrame(address, text, sizeof(text));
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
+    return text;
+}
+
+std::vector<void*> AddressesOfAllKinds()
+{
+    std::vector<void*> addresses(100);
+    addresses.resize(static_cast<std::size_t>(Crash::WalkStack(addresses.data(), 100)));
+    static int variable;
+    const auto vdso = reinterpret_cast<char*>(getauxval(AT_SYSINFO_EHDR));
+    for (const void* address :
+         {reinterpret_cast<const void*>(&PlatformText), reinterpret_cast<const void*>(&std::printf),
+          reinterpret_cast<const void*>(&std::time), static_cast<const void*>(&variable),
+          static_cast<const void*>(&addresses), static_cast<const void*>(addresses.data()),
+          static_cast<const void*>(nullptr), reinterpret_cast<const void*>(~std::uintptr_t{0}),
+          reinterpret_cast<const void*>(1), static_cast<const void*>(vdso), static_cast<const void*>(vdso + 0xa00),
+          static_cast<const void*>(stdout), static_cast<const void*>(&environ)})
+        addresses.push_back(const_cast<void*>(address));
+    for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
+        addresses.push_back(reinterpret_cast<void*>(module->l_addr));
+    // Starts, middles and ends of functions and the gaps between them.
+    for (const char* name :
+         {"qsort", "fopen", "_ZSt9terminatev", "_ZNSt9bad_allocD1Ev", "memcpy", "errno", "__libc_start_main"})
+        if (auto* start = static_cast<char*>(dlsym(RTLD_DEFAULT, name)); start != nullptr)
+            for (int offset = -40; offset < 4000; offset += 13)
+                addresses.push_back(start + offset);
+    return addresses;
+}
+
+TEST(FrameText, EqualsBacktraceSymbols)
+{
+    for (void* address : AddressesOfAllKinds())
+        EXPECT_EQ(OurText(address), PlatformText(address));
+}
+
+TEST(FrameText, KeepsOffsetAndAddressWhenCut)
+{
+    char text[4096];
+    auto* address = reinterpret_cast<char*>(dlsym(RTLD_DEFAULT, "_ZNSt9bad_allocD1Ev")) + 1;
+    const std::string whole = OurText(address);
+    const std::string tail = whole.substr(whole.rfind('+'));
+    for (int size = 0; size < 100; ++size)
+    {
+        text[size] = '!';
+        const int length = Crash::FormatFrame(address, text, size);
+        EXPECT_EQ(text[size], '!') << size;
+        EXPECT_EQ(length, size == 0 ? 0 : static_cast<int>(std::strlen(text))) << size;
+        if (static_cast<std::size_t>(size) > tail.size() + 2 && static_cast<std::size_t>(length) < whole.size())
+        {
+            EXPECT_EQ(std::string(text).substr(static_cast<std::size_t>(length) - tail.size()), tail) << size;
+        }
+    }
+}
+
+struct Listed
+{
+    std::vector<std::string> lines;
+    bool damaged = false;
+};
+
+Listed ListModules()
+{
+    Listed listed;
+    Crash::MemoryReader reader;
+    Crash::ModuleList modules(reader);
+    Crash::Module module;
+    while (modules.Next(module))
+    {
+        char name[4096];
+        reader.ReadString(module.name, name, sizeof(name));
+        listed.lines.push_back(std::to_string(module.loadAddress) + ' ' + name);
+    }
+    listed.damaged = modules.IsDamaged();
+    return listed;
+}
+
+TEST(ModuleList, FollowsTheLinkersList)
+{
+    std::vector<std::string> expected;
+    for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
+        expected.push_back(std::to_string(module->l_addr) + ' ' + module->l_name);
+    const Listed listed = ListModules();
+    EXPECT_EQ(listed.lines, expected);
+    EXPECT_FALSE(listed.damaged);
+}
+
+TEST(ModuleList, EndsWhenTheListIsDamaged)
+{
+    link_map* const first = _r_debug.r_map;
+    link_map* const third = first->l_next->l_next;
+    link_map* const fourth = third->l_next;
+    for (link_map* wrong : {third, first, first->l_next, reinterpret_cast<link_map*>(0x10)})
+    {
+        third->l_next = wrong;
+        const Listed listed = ListModules();
+        void* frames[20];
+        const int count = Crash::WalkStack(frames, 20);
+        third->l_next = fourth;
+        EXPECT_TRUE(listed.damaged);
+        EXPECT_GE(listed.lines.size(), 3u);
+        EXPECT_LE(listed.lines.size(), 9u);
+        EXPECT_GE(count, 1);
+    }
+    _r_debug.r_map = nullptr;
+    const Listed listed = ListModules();
+    void* frames[20];
+    const int count = Crash::WalkStack(frames, 20);
+    _r_debug.r_map = first;
+    EXPECT_TRUE(listed.damaged);
+    EXPECT_EQ(count, 1);
+}
+
+} // namespace

@@ -1,0 +1,443 @@
+#include <algorithm>
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <memory>
+#include <random>
+#include <string>
+#include <sys/mman.h>
+#include <thread>
+#include <ucontext.h>
+#include <vector>
+
+#include "ErrorHandlerDll/crash/StackWalk.h"
+
+// The sanitizers replace backtrace() by one with another frame in it.
+extern "C" int __backtrace(void** frames, int capacity);
+
+namespace
+{
+
+constexpr int kCapacity = 100;
+
+struct Trace
+{
+    void* frames[kCapacity];
+    int count = 0;
+};
+
+using Walk = int (*)(void**, int);
+const volatile Walk gWalks[2] = {__backtrace, Crash::WalkStack};
+
+// One and the same call calls both, so that even frame 0 must be equal.
+__attribute__((noinline)) void CaptureBoth(Trace (&traces)[2], int capacity)
+{
+    for (int i = 0; i < 2; ++i)
+    {
+        asm volatile("" : "+r"(i)); // or the compiler would make two calls of the loop
+        traces[i].count = gWalks[i](traces[i].frames, capacity);
+    }
+}
+
+bool AreEqual(const Trace& left, const Trace& right, int offset = 0)
+{
+    return left.count - offset == right.count && std::equal(right.frames, right.frames + right.count, left.frames + offset);
+}
+
+std::string Print(const Trace& trace)
+{
+    std::string text;
+    for (int i = 0; i < trace.count; ++i)
+    {
+        char line[32];
+        std::snprintf(line, sizeof(line), "\n  %p", trace.frames[i]);
+        text += line;
+    }
+    return text;
+}
+
+int gCompared;
+
+__attribute__((noinline)) void Compare(int capacity)
+{
+    Trace traces[2];
+    errno = ERANGE;
+    CaptureBoth(traces, capacity);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_TRUE(AreEqual(traces[0], traces[1])) << "backtrace" << Print(traces[0]) << "\nwalk" << Print(traces[1]);
+    EXPECT_GE(traces[0].count, std::min(capacity, 3));
+    ++gCompared;
+}
+
+__attribute__((noinline)) void CompareHere()
+{
+    Compare(kCapacity);
+    asm volatile("");
+}
+
+int CompareElements(const void* left, const void* right)
+{
+    CompareHere();
+    return *static_cast<const int*>(left) - *static_cast<const int*>(right);
+}
+
+__attribute__((noinline)) int Recurse(int depth)
+{
+    volatile char locals[24] = {};
+    if (depth == 0)
+        CompareHere();
+    else
+        locals[0] = static_cast<char>(Recurse(depth - 1));
+    return locals[0] + 1;
+}
+
+struct CompareOnDestruction
+{
+    ~CompareOnDestruction() { CompareHere(); }
+};
+
+__attribute__((noinline)) void ThrowThrough()
+{
+    const CompareOnDestruction object;
+    throw 1;
+}
+
+// A frame that is aligned beyond what the caller gives, of a size known only at run time.
+__attribute__((noinline)) void Realign(std::size_t size)
+{
+    alignas(128) volatile char aligned[128];
+    volatile char* dynamic = static_cast<volatile char*>(__builtin_alloca(size));
+    aligned[0] = 1;
+    dynamic[0] = 1;
+    CompareHere();
+    dynamic[size - 1] = aligned[1];
+}
+
+TEST(StackWalk, EqualsBacktrace)
+{
+    const struct
+    {
+        const char* name;
+        std::function<void()> run;
+    } cases[] = {
+        {"plain", CompareHere},
+        {"recursion",
+         []
+         {
+             Recurse(30);
+         }},
+        {"more frames than fit",
+         []
+         {
+             Recurse(300);
+         }},
+        {"room for two",
+         []
+         {
+             Compare(2);
+         }},
+        {"no room",
+         []
+         {
+             Compare(0);
+         }},
+        {"qsort",
+         []
+         {
+             int values[] = {3, 1, 2};
+             std::qsort(values, 3, sizeof(int), CompareElements);
+         }},
+        {"std::sort",
+         []
+         {
+             std::vector<int> values{3, 1, 2, 5, 4};
+             std::sort(values.begin(), values.end(), [](int left, int right) { return CompareHere(), left < right; });
+         }},
+        {"loader callback",
+         []
+         {
+             dl_iterate_phdr([](dl_phdr_info*, std::size_t, void*) { return CompareHere(), 1; }, nullptr);
+         }},
+        {"unwinding",
+         []
+         {
+             try
+             {
+                 ThrowThrough();
+             }
+             catch (int)
+             {
+                 CompareHere();
+             }
+         }},
+        {"loaded library",
+         []
+         {
+             void* library = dlopen(CALLBACK_PLUGIN, RTLD_NOW);
+             ASSERT_NE(library, nullptr) << dlerror();
+             reinterpret_cast<void (*)(void (*)())>(dlsym(library, "CallBack"))(CompareHere);
+             dlclose(library);
+         }},
+        {"realigned frame",
+         []
+         {
+             Realign(300);
+         }},
+        {"thread",
+         []
+         {
+             std::thread(CompareHere).join();
+         }},
+        {"signal handler",
+         []
+         {
+             std::signal(SIGUSR1, [](int) { CompareHere(); });
+             std::raise(SIGUSR1);
+             std::signal(SIGUSR1, SIG_DFL);
+         }},
+        {"nested signal handlers",
+         []
+         {
+             std::signal(SIGUSR1, [](int) { CompareHere(); });
+             std::signal(SIGUSR2, [](int) { std::raise(SIGUSR1); });
+             std::raise(SIGUSR2);
+             std::signal(SIGUSR1, SIG_DFL);
+             std::signal(SIGUSR2, SIG_DFL);
+         }},
+    };
+    for (const auto& row : cases)
+    {
+        SCOPED_TRACE(row.name);
+        const int before = gCompared;
+        row.run();
+        EXPECT_GT(gCompared, before);
+    }
+}
+
+// These calls are interrupted at instructions all over: prologues, epilogues, the linker's lazy binding, the kernel's page.
+
+constexpr int kEveryStep = 200; // compared one by one; of what follows one in kStride, or the test would take minutes
+constexpr int kStride = 97;
+
+volatile std::sig_atomic_t gStepping;
+volatile std::sig_atomic_t gSteps;
+volatile std::sig_atomic_t gDifferences;
+Trace gFirstDifference[3];
+
+void CompareAtStep(int, siginfo_t*, void* context)
+{
+    constexpr greg_t kTrapFlag = 0x100;
+    auto& flags = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL];
+    flags = gStepping != 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
+
+    gSteps = gSteps + 1;
+    if (gSteps > kEveryStep && gSteps % kStride != 0)
+        return;
+
+    static Trace traces[2];
+    static Trace interrupted;
+    CaptureBoth(traces, kCapacity);
+    interrupted.count = Crash::WalkStack(static_cast<ucontext_t*>(context), interrupted.frames, kCapacity);
+    const int handlerFrames = 3; // CaptureBoth, this function, the trampoline
+    if (AreEqual(traces[0], traces[1]) && AreEqual(traces[0], interrupted, handlerFrames))
+        return;
+    if (gDifferences == 0)
+    {
+        gFirstDifference[0] = traces[0];
+        gFirstDifference[1] = traces[1];
+        gFirstDifference[2] = interrupted;
+    }
+    gDifferences = gDifferences + 1;
+}
+
+void StepThrough(void (*run)(), int flags)
+{
+    struct sigaction action = {};
+    struct sigaction old;
+    action.sa_sigaction = CompareAtStep;
+    action.sa_flags = SA_SIGINFO | flags;
+    ASSERT_EQ(sigaction(SIGTRAP, &action, &old), 0);
+    gSteps = 0;
+    gDifferences = 0;
+    gStepping = 1;
+    std::raise(SIGTRAP);
+    run();
+    gStepping = 0;
+    asm volatile("nop");
+    sigaction(SIGTRAP, &old, nullptr);
+    EXPECT_GT(gSteps, 50);
+    EXPECT_EQ(gDifferences, 0) << "of " << gSteps << " steps, first:\nbacktrace" << Print(gFirstDifference[0]) << "\nwalk"
+                               << Print(gFirstDifference[1]) << "\ninterrupted" << Print(gFirstDifference[2]);
+}
+
+void StepSorting()
+{
+    int values[] = {3, 1, 2};
+    std::qsort(values, 3, sizeof(int),
+               [](const void* left, const void* right)
+               { return *static_cast<const int*>(left) - *static_cast<const int*>(right); });
+}
+
+void StepFormatting()
+{
+    char text[64];
+    std::snprintf(text, sizeof(text), "%d %s %.2f", 5, "five", 5.0);
+}
+
+void StepHeap()
+{
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < 4; ++i)
+        texts.emplace_back(i * 2000 + 40, 'x');
+}
+
+void StepClock()
+{
+    timespec time;
+    clock_gettime(CLOCK_REALTIME, &time);
+    std::time(nullptr);
+}
+
+void StepException()
+{
+    try
+    {
+        throw 5;
+    }
+    catch (int)
+    {
+    }
+}
+
+TEST(StackWalk, EqualsBacktraceAtEveryInstruction)
+{
+    Trace warmUp[2];
+    CaptureBoth(warmUp, kCapacity); // the first backtrace() of a process loads its unwinder
+    for (void (*run)() : {StepSorting, StepFormatting, StepHeap, StepClock, StepException})
+        std::thread(StepThrough, run, 0).join(); // a thread's stack is short: fewer frames to compare
+}
+
+TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
+{
+    const auto memory = std::make_unique<unsigned char[]>(65536);
+    stack_t stack = {};
+    stack_t old;
+    stack.ss_sp = memory.get();
+    stack.ss_size = 65536;
+    ASSERT_EQ(sigaltstack(&stack, &old), 0);
+    StepThrough(StepSorting, SA_ONSTACK);
+    sigaltstack(&old, nullptr);
+}
+
+Trace gFaultTrace;
+sigjmp_buf gAfterFault;
+
+void WalkAtFault(int, siginfo_t*, void* context)
+{
+    gFaultTrace.count = Crash::WalkStack(static_cast<ucontext_t*>(context), gFaultTrace.frames, kCapacity);
+    siglongjmp(gAfterFault, 1);
+}
+
+__attribute__((noinline)) void CallAddress(std::uintptr_t address, Trace (&traces)[2])
+{
+    CaptureBoth(traces, kCapacity);
+    void (*volatile target)() = reinterpret_cast<void (*)()>(address);
+    if (sigsetjmp(gAfterFault, 1) == 0)
+        target();
+}
+
+TEST(StackWalk, GoesOnAfterACallThroughABadPointer)
+{
+    struct sigaction action = {};
+    struct sigaction old;
+    action.sa_sigaction = WalkAtFault;
+    action.sa_flags = SA_SIGINFO;
+    ASSERT_EQ(sigaction(SIGSEGV, &action, &old), 0);
+    static const int data = 0;
+    for (std::uintptr_t address : {std::uintptr_t{0}, std::uintptr_t{0x1234}, reinterpret_cast<std::uintptr_t>(&data)})
+    {
+        Trace traces[2];
+        gFaultTrace.count = 0;
+        CallAddress(address, traces);
+        // The trace at the fault has the bad address where the other has CaptureBoth, and another line of CallAddress.
+        ASSERT_GT(gFaultTrace.count, 2) << std::hex << address;
+        EXPECT_EQ(gFaultTrace.frames[0], reinterpret_cast<void*>(address));
+        gFaultTrace.frames[0] = traces[0].frames[0];
+        EXPECT_LT(static_cast<char*>(gFaultTrace.frames[1]) - static_cast<char*>(traces[0].frames[1]), 256);
+        gFaultTrace.frames[1] = traces[0].frames[1];
+        EXPECT_TRUE(AreEqual(gFaultTrace, traces[0])) << Print(gFaultTrace) << "\nexpected" << Print(traces[0]);
+    }
+    sigaction(SIGSEGV, &old, nullptr);
+}
+
+// push %rbp; mov %rsp, %rbp; call *%rdi; pop %rbp; ret
+constexpr unsigned char kGeneratedCode[] = {0x55, 0x48, 0x89, 0xe5, 0xff, 0xd7, 0x5d, 0xc3};
+
+Trace gGeneratedTrace;
+
+void CaptureGenerated()
+{
+    gGeneratedTrace.count = Crash::WalkStack(gGeneratedTrace.frames, kCapacity);
+}
+
+TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
+{
+    void* code = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(code, MAP_FAILED);
+    std::memcpy(code, kGeneratedCode, sizeof(kGeneratedCode));
+    ASSERT_EQ(mprotect(code, 4096, PROT_READ | PROT_EXEC), 0);
+    auto* call = reinterpret_cast<void (*)(void (*)())>(code);
+    Trace direct;
+    direct.count = Crash::WalkStack(direct.frames, kCapacity);
+    call(CaptureGenerated);
+    // Two frames more: CaptureGenerated and the generated code.
+    ASSERT_EQ(gGeneratedTrace.count, direct.count + 2) << Print(gGeneratedTrace) << "\ndirect" << Print(direct);
+    EXPECT_EQ(gGeneratedTrace.frames[1], static_cast<char*>(code) + 6);
+    EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGeneratedTrace.frames + 3));
+    munmap(code, 4096);
+}
+
+TEST(StackWalk, EndsOnDamagedStacks)
+{
+    Trace here;
+    here.count = Crash::WalkStack(here.frames, kCapacity);
+    std::vector<std::uint64_t> stack(4096);
+    const auto bottom = reinterpret_cast<std::uint64_t>(stack.data());
+    std::mt19937_64 random(1);
+    std::uint64_t stackPointers[] = {
+        0, 8, bottom, bottom + 3, ~std::uint64_t{0}, ~std::uint64_t{0} - 7, std::uint64_t{1} << 47};
+    for (int round = 0; round < 500; ++round)
+    {
+        // Words that lead on: code, the stack itself, or anything.
+        for (auto& word : stack)
+        {
+            const std::uint64_t code =
+                reinterpret_cast<std::uint64_t>(here.frames[random() % static_cast<unsigned>(here.count)]);
+            const std::uint64_t choices[] = {code, code + random() % 4096, bottom + random() % 32768 / 8 * 8, random(), 0};
+            word = choices[random() % 5];
+        }
+        ucontext_t context = {};
+        for (auto& value : context.uc_mcontext.gregs)
+            value = static_cast<greg_t>(stack[random() % stack.size()]);
+        context.uc_mcontext.gregs[REG_RSP] =
+            static_cast<greg_t>(round % 4 == 0 ? stackPointers[random() % 7] : bottom + random() % 4096 * 8);
+        Trace trace;
+        trace.count = Crash::WalkStack(&context, trace.frames, kCapacity);
+        ASSERT_GE(trace.count, 1);
+        ASSERT_LE(trace.count, kCapacity);
+        ASSERT_EQ(trace.frames[0], reinterpret_cast<void*>(context.uc_mcontext.gregs[REG_RIP]));
+    }
+    Trace none;
+    EXPECT_EQ(Crash::WalkStack(reinterpret_cast<const ucontext_t*>(16), none.frames, kCapacity), 0);
+}
+
+} // namespace
