@@ -1,12 +1,27 @@
-// A C++17 host: the headers compile, the library links, and what was set is read back.
+// A C++17 host: the headers compile, the library links, and settings and errors come back over the boundary.
+#include <ErrorHandlerDll/CheckedRaise.h>
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
+#include <ErrorHandlerDll/ExceptionHandler.h>
+#include <ErrorHandlerDll/HalvikException.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 
-int main()
+namespace
+{
+
+std::string ReadText(const std::string& name)
+{
+    std::ostringstream text;
+    text << std::ifstream(name).rdbuf();
+    return text.str();
+}
+
+bool LogsIntoNumberedFile()
 {
     std::remove("cpp_host.1.log");
     LoggingSettings settings = {};
@@ -17,13 +32,35 @@ int main()
     LogMessage(ZR_LOG_DEBUG_HIGH, 1, "CppHost - ", "a line");
     const std::string name = GetLogFilename();
     ShutdownLogging();
+    return name == "cpp_host.1.log" && ReadText(name).find("] - CppHost - a line\n") != std::string::npos;
+}
 
-    std::ostringstream text;
-    text << std::ifstream(name).rdbuf();
-    if (name != "cpp_host.1.log" || text.str().find("] - CppHost - a line\n") == std::string::npos)
+// The type of the exception is hidden in the library, and the last error is data of the library: a wrong export or a wrong
+// binding shows here and nowhere else.
+bool CatchesWhatTheLibraryThrows()
+{
+    const auto code = static_cast<ZelvoReaderErrorCode>(ZR_CUSTOM_ERROR_FIRST + 7);
+    try
     {
-        std::fprintf(stderr, "CppHost: unexpected log %s: %s\n", name.c_str(), text.str().c_str());
-        return 1;
+        RaiseError(code, "CppHost - ");
     }
-    std::puts("CppHost: passed");
+    catch (HalvikException* exception)
+    {
+        ExceptionHandler::HandleHalvikException("CppHost - ", exception);
+        const bool handled = exception->GetHandled() && exception->GetErrorCode() == code;
+        delete exception;
+        return handled && ExceptionHandler::m_lastErrorCode == code &&
+               std::strcmp(ExceptionHandler::m_lastErrorString, "Unknown error code 65543") == 0;
+    }
+    return false;
+}
+
+} // namespace
+
+int main()
+{
+    const bool logs = LogsIntoNumberedFile();
+    const bool catches = CatchesWhatTheLibraryThrows();
+    std::printf("CppHost: log %s, errors %s\n", logs ? "passed" : "FAILED", catches ? "passed" : "FAILED");
+    return logs && catches ? 0 : 1;
 }
