@@ -7,6 +7,7 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
 
 #include <functional>
 
@@ -172,6 +173,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoKeeper keeper;
+    const QV::EmergencyScope emergency; // as a rule this is called in a signal handler, too
     const ZelvoReaderErrorCode code = exception.GetExceptionCode();
     ErrorText message;
     try
@@ -179,7 +181,10 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         TRACE_ENTRY();
         CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
         RecordError(code, message);
-        WriteErrorBlock([&] { exception.DumpExceptionContext(functionName); });
+        {
+            const Crash::DumpScope dump;
+            WriteErrorBlock([&] { exception.DumpExceptionContext(functionName); });
+        }
         CallErrorCallback();
         TRACE_EXIT();
     }

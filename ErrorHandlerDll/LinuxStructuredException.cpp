@@ -1,17 +1,18 @@
-// Fatal signals as objects, and the dump of their context.
+// Fatal signals as objects, and the dump of their context. The dump runs in a signal handler, in a thread that was
+// interrupted anywhere: nothing below may take the heap, a lock without a bound, or memory at its word. See
+// crash/DumpScope.h.
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
-#include "ErrorHandlerDll/MemoryProbe.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/FrameText.h"
+#include "ErrorHandlerDll/crash/ModuleList.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/crash/StandardOutput.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <execinfo.h>
 #include <iterator>
-#include <link.h>
-#include <memory>
 
 namespace
 {
@@ -19,13 +20,14 @@ namespace
 constexpr std::size_t kDumpLineSize = 512;
 constexpr std::size_t kModuleLineSize = 310; // what readers of dumps are used to; longer paths are cut
 
+constexpr std::size_t kFrameLineSize = 4096; // a path, and of a long symbol what the stack of a signal handler has room for
+
 constexpr const char* kCallStackIndent = "     ";
+constexpr const char* kFaultInDump = "  A fault ended this part of the dump";
 
 constexpr std::uintptr_t kMemoryDumpLines = 20;
 constexpr std::size_t kMemoryDumpBytes = 16; // a line
 constexpr std::size_t kHexWidth = 3;         // two digits and a blank
-
-using FrameTexts = std::unique_ptr<char*, decltype(&std::free)>;
 
 // One for the process, overwritten by each call of GetErrorMessage.
 ErrorText gErrorMessage;
@@ -40,13 +42,36 @@ void LogLine(const char* text, const char* source = "")
 
 void Print(const char* line)
 {
-    std::puts(line);
+    Crash::StandardOutput::PrintLine(line);
 }
 
 void PrintAndLog(const char* line, const char* source = "")
 {
     Print(line);
     LogLine(line, source);
+}
+
+template <class Part>
+void RunPart(const Part& part)
+{
+    if (!Crash::DumpScope::Run(part))
+    {
+        PrintAndLog(kFaultInDump);
+    }
+}
+
+// The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
+void CopyContext(ucontext_t& copy, const ucontext_t* context)
+{
+    constexpr std::size_t kKernelPart = offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long);
+    if (!Crash::ReadMemory(context, &copy, sizeof copy))
+    {
+        std::memset(&copy, 0, sizeof copy);
+        if (!Crash::ReadMemory(context, &copy, kKernelPart))
+        {
+            std::memset(&copy, 0, sizeof copy);
+        }
+    }
 }
 
 void DumpRegisters(const ucontext_t& context)
@@ -66,22 +91,24 @@ void DumpRegisters(const ucontext_t& context)
 // One line of memory: address, hex column, character column.
 void LogMemoryLine(std::uintptr_t address)
 {
+    unsigned char bytes[kMemoryDumpBytes];
+    bool readable[kMemoryDumpBytes];
+    Crash::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
+
     char hex[kMemoryDumpBytes * kHexWidth + 1];
     char characters[kMemoryDumpBytes + 1] = "";
     for (std::size_t i = 0; i < kMemoryDumpBytes; ++i)
     {
-        bool isReadable = false;
-        const unsigned char byte = GetMemoryContents(reinterpret_cast<unsigned char*>(address + i), isReadable);
         char* const hexByte = hex + i * kHexWidth;
-        if (isReadable)
+        if (readable[i])
         {
-            FormatFixedText(hexByte, kHexWidth + 1, "%02x ", byte);
+            FormatFixedText(hexByte, kHexWidth + 1, "%02x ", bytes[i]);
         }
         else
         {
             std::memcpy(hexByte, "?? ", kHexWidth + 1);
         }
-        characters[i] = isReadable && byte >= 0x20 && byte <= 0x7F ? static_cast<char>(byte) : '.';
+        characters[i] = readable[i] && bytes[i] >= 0x20 && bytes[i] <= 0x7F ? static_cast<char>(bytes[i]) : '.';
     }
     char line[kDumpLineSize];
     FormatFixedText(line, sizeof line, "    %p  %s  %s", reinterpret_cast<void*>(address), hex, characters);
@@ -91,8 +118,16 @@ void LogMemoryLine(std::uintptr_t address)
 } // namespace
 
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
-    : m_context(*context), m_signalInfo(*info), m_signal(signal), m_stackFrameCount(backtrace(m_stackFrames, kMaxFrames))
+    : m_signal(signal), m_stackFrameCount(0)
 {
+    Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
+    const Crash::DumpScope dump;
+    CopyContext(m_context, context);
+    if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
+    {
+        std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
+    }
+    m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
     DumpExceptionContext("StructuredException::StructuredException");
 }
 
@@ -136,28 +171,29 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
-    const ErrnoKeeper keeper;
+    const Crash::DumpScope dump;
     try
     {
         TRACE_ENTRY();
         char line[kDumpLineSize];
         FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
                         static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
-        std::printf("%s\n%s\n", functionName == nullptr ? "" : functionName, line);
+        Print(functionName == nullptr ? "" : functionName);
+        Print(line);
         LogLine(line, functionName);
 
         FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
         PrintAndLog(line);
 
         Print("GenerateCallStack...");
-        GenerateCallStack();
+        RunPart([this] { GenerateCallStack(); });
         Print("Finished GenerateCallStack");
 
-        DumpRegisters(m_context);
+        RunPart([this] { DumpRegisters(m_context); });
 
         LogLine("");
         Print("GenerateModuleAddresses...");
-        GenerateModuleAddresses();
+        RunPart([this] { GenerateModuleAddresses(); });
         Print("Finished GenerateModuleAddresses");
         TRACE_EXIT();
     }
@@ -170,16 +206,17 @@ void StructuredException::DumpExceptionContext(const char* functionName)
 
 void StructuredException::GenerateCallStack()
 {
-    const ErrnoKeeper keeper;
+    const Crash::DumpScope dump;
     try
     {
         TRACE_ENTRY();
         LogLine("  Call stack:");
         Print("Call stack");
-        const FrameTexts texts(backtrace_symbols(m_stackFrames, static_cast<int>(m_stackFrameCount)), std::free);
-        for (std::int64_t i = 0; texts && i < m_stackFrameCount; ++i)
+        for (std::int64_t i = 0; i < m_stackFrameCount; ++i)
         {
-            PrintAndLog(texts.get()[i], kCallStackIndent);
+            char line[kFrameLineSize];
+            Crash::FormatFrame(m_stackFrames[i], line, sizeof line);
+            PrintAndLog(line, kCallStackIndent);
         }
         TRACE_EXIT();
     }
@@ -192,17 +229,25 @@ void StructuredException::GenerateCallStack()
 
 void StructuredException::GenerateModuleAddresses()
 {
-    const ErrnoKeeper keeper;
+    const Crash::DumpScope dump;
     try
     {
         TRACE_ENTRY();
         LogLine("");
         LogLine("  Modules list:");
-        for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
+        Crash::MemoryReader reader;
+        Crash::ModuleList modules(reader);
+        for (Crash::Module module = {}; modules.Next(module);)
         {
+            char path[kModuleLineSize];
             char line[kModuleLineSize];
-            FormatFixedText(line, sizeof line, "    (%lx) %s", module->l_addr, module->l_name);
+            reader.ReadString(module.name, path, sizeof path);
+            FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
             PrintAndLog(line);
+        }
+        if (modules.IsDamaged())
+        {
+            PrintAndLog("    The list of modules is damaged");
         }
         LogLine("");
         Print("Done");
@@ -217,7 +262,7 @@ void StructuredException::GenerateModuleAddresses()
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
-    const ErrnoKeeper keeper;
+    const Crash::DumpScope dump;
     try
     {
         TRACE_ENTRY();

@@ -71,6 +71,11 @@ bool TryTake(std::atomic<std::uint32_t>& word, std::uint32_t owner) noexcept
     }
 }
 
+std::uint32_t Owner(const _CRITICAL_SECTION* section) noexcept
+{
+    return section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit;
+}
+
 // Takes the section when it is free, or counts one entry more when this thread owns it.
 bool TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 {
@@ -78,7 +83,7 @@ bool TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
     {
         return true;
     }
-    if ((section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit) == self)
+    if (Owner(section) == self)
     {
         ++section->m_enterCount;
         return true;
@@ -135,7 +140,7 @@ bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
         {
             return true;
         }
-        owner = section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit;
+        owner = Owner(section);
         if (owner != 0 && owner == section->m_givenUpOn.load(std::memory_order_relaxed))
         {
             return false;
@@ -159,6 +164,11 @@ void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept
     {
         Futex(section->m_ownerWord, FUTEX_WAKE, 1);
     }
+}
+
+bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
+{
+    return Owner(section) == GetCurrentThreadId();
 }
 
 void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept

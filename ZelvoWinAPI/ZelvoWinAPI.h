@@ -41,6 +41,9 @@ void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
 //   returns whether the section was entered
 bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept;
 
+// Whether the calling thread is inside.
+bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept;
+
 // In a forked child, whose forking thread held the section: makes that thread its owner under its new id and forgets the
 // waiters, who exist in the parent only.
 void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept;

@@ -103,6 +103,14 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->reserved = m_reserved;
 }
 
+void FileLogger::RestoreSectionDepth(unsigned int depth)
+{
+    if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
+    {
+        m_criticalSection.m_enterCount = depth;
+    }
+}
+
 void FileLogger::BeforeFork()
 {
     EnterCriticalSection();

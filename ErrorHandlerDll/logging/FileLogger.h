@@ -62,6 +62,10 @@ public:
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
+    // How deep the calling thread is in the section, for code that leaves scopes by a jump.
+    unsigned int GetSectionDepth() const { return m_criticalSection.m_enterCount; }
+    void RestoreSectionDepth(unsigned int depth);
+
     // Around a fork: the child of a busy process must be able to log, and nothing buffered may be written by both.
     void BeforeFork();
     void AfterForkInParent() { LeaveCriticalSection(); }

@@ -1,0 +1,108 @@
+#include "ErrorHandlerDll/crash/DumpScope.h"
+
+#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/crash/StandardOutput.h"
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
+
+#include <ctime>
+
+namespace Crash
+{
+
+namespace
+{
+
+constinit ZelvoWinAPI::_CRITICAL_SECTION gDumpSection = {};
+
+// Writing to a closed pipe or beyond the file size limit of the process raises these; a dump must not end the process
+// earlier.
+constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ};
+
+} // namespace
+
+constinit thread_local int DumpScope::sDepth = 0;
+constinit thread_local const DumpScope::Place* DumpScope::sPlace = nullptr;
+
+DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
+{
+    if (m_isOutermost)
+    {
+        HoldBackSignals();
+        // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
+        m_hasDumpSection = ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, FileLogger::kEmergencyWaitMs);
+        m_hasLog = gFileLogger.EnterCriticalSection();
+        StandardOutput::Prepare();
+    }
+}
+
+DumpScope::~DumpScope()
+{
+    --sDepth;
+    if (m_hasLog)
+    {
+        gFileLogger.LeaveCriticalSection();
+    }
+    if (m_hasDumpSection)
+    {
+        ZelvoWinAPI::LeaveCriticalSection(&gDumpSection);
+    }
+    if (m_isOutermost)
+    {
+        ReleaseSignals();
+    }
+}
+
+void DumpScope::HoldBackSignals() noexcept
+{
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : kSignalsOfWriting)
+    {
+        sigaddset(&held, signal);
+    }
+    sigpending(&m_pendingBefore);
+    pthread_sigmask(SIG_BLOCK, &held, &m_hostMask);
+}
+
+void DumpScope::ReleaseSignals() noexcept
+{
+    sigset_t pending;
+    sigpending(&pending);
+    for (const int signal : kSignalsOfWriting)
+    {
+        if (sigismember(&pending, signal) == 1 && sigismember(&m_pendingBefore, signal) == 0)
+        {
+            sigset_t taken;
+            sigemptyset(&taken);
+            sigaddset(&taken, signal);
+            const timespec noWait = {};
+            sigtimedwait(&taken, nullptr, &noWait);
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &m_hostMask, nullptr);
+}
+
+void DumpScope::LeaveFaultyPart() noexcept
+{
+    if (sPlace != nullptr)
+    {
+        siglongjmp(sPlace->m_context, 1);
+    }
+}
+
+DumpScope::Place::Place() noexcept : m_outer(sPlace), m_sectionDepth(gFileLogger.GetSectionDepth())
+{
+    sPlace = this;
+}
+
+DumpScope::Place::~Place()
+{
+    sPlace = m_outer;
+}
+
+void DumpScope::Place::Restore() const noexcept
+{
+    gFileLogger.RestoreSectionDepth(m_sectionDepth);
+}
+
+} // namespace Crash

@@ -1,0 +1,81 @@
+// "This thread dumps." Everything on the road of a crash dump stands inside one: strings take their memory from the reserve,
+// the logger writes without waiting for what may never come, and the dumps of several threads come one after the other.
+// Async-signal- safe; scopes nest.
+#ifndef ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
+#define ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
+
+#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "QV/EmergencyScope.h"
+
+#include <csetjmp>
+#include <csignal>
+
+namespace Crash
+{
+
+class DumpScope
+{
+public:
+    // Waits for another thread's dump and for the logger's section, for each a bounded time, and goes on without them then.
+    DumpScope() noexcept;
+    ~DumpScope();
+    DumpScope(const DumpScope&) = delete;
+    DumpScope& operator=(const DumpScope&) = delete;
+
+    // Runs a part of the dump that may fault, on a corrupt process. The fault reaches the host's signal handler again (when
+    // that is installed with SA_NODEFER), which builds another StructuredException: its constructor calls LeaveFaultyPart.
+    //   returns false when a fault ended the part
+    template <class Part>
+    static bool Run(const Part& part)
+    {
+        const Place place;
+        if (sigsetjmp(place.m_context, 1) != 0)
+        {
+            place.Restore();
+            return false;
+        }
+        part();
+        return true;
+    }
+
+    // Goes back to the Run of this thread that is under way. Returns when there is none.
+    static void LeaveFaultyPart() noexcept;
+
+private:
+    // Where a fault leads to. The innermost one counts.
+    class Place
+    {
+    public:
+        Place() noexcept;
+        ~Place();
+        Place(const Place&) = delete;
+        Place& operator=(const Place&) = delete;
+
+        // The fault skipped the scopes that would have left the logger's section.
+        void Restore() const noexcept;
+
+        mutable sigjmp_buf m_context;
+
+    private:
+        const Place* m_outer;
+        unsigned int m_sectionDepth;
+    };
+
+    void HoldBackSignals() noexcept;
+    void ReleaseSignals() noexcept;
+
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local int sDepth;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local const Place* sPlace;
+
+    const ErrnoKeeper m_errno;
+    const QV::EmergencyScope m_emergency;
+    bool m_isOutermost;
+    bool m_hasDumpSection = false;
+    bool m_hasLog = false;
+    sigset_t m_hostMask;
+    sigset_t m_pendingBefore;
+};
+
+} // namespace Crash
+
+#endif

@@ -1,0 +1,110 @@
+#include "ErrorHandlerDll/crash/StandardOutput.h"
+
+#include "ErrorHandlerDll/logging/FileLogger.h"
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <poll.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+
+namespace Crash::StandardOutput
+{
+
+namespace
+{
+
+constinit std::atomic<bool> gIsGivenUp = false;
+constinit std::atomic<bool> gMayBlock = true;
+
+// A pipe that is ready takes this many bytes without blocking.
+constexpr std::size_t kUnblockedSize = PIPE_BUF;
+
+bool WaitUntilReady(int descriptor) noexcept
+{
+    pollfd watched = {descriptor, POLLOUT, 0};
+    if (gMayBlock.load(std::memory_order_relaxed) && poll(&watched, 1, FileLogger::kEmergencyWaitMs) <= 0)
+    {
+        gIsGivenUp.store(true, std::memory_order_relaxed);
+        return false;
+    }
+    return true;
+}
+
+void Write(int descriptor, std::string_view text) noexcept
+{
+    while (!text.empty() && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
+    {
+        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(descriptor, text.data(), std::min(text.size(), kUnblockedSize));
+        if (count < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (count <= 0)
+        {
+            return;
+        }
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+} // namespace
+
+void Prepare() noexcept
+{
+    const int descriptor = stdout->_fileno;
+    if (descriptor < 0)
+    {
+        return;
+    }
+    struct stat status = {};
+    gMayBlock.store(fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode), std::memory_order_relaxed);
+
+    // Whoever else holds the stream's lock writes the buffer himself; this thread may hold it, too, in the middle of a
+    // printf.
+    if (ftrylockfile(stdout) == 0)
+    {
+        const char* const start = stdout->_IO_write_base;
+        const char* const end = stdout->_IO_write_ptr;
+        if (start != nullptr && start < end && end <= stdout->_IO_buf_end)
+        {
+            Write(descriptor, std::string_view(start, static_cast<std::size_t>(end - start)));
+            __fpurge(stdout);
+        }
+        funlockfile(stdout);
+    }
+}
+
+void PrintLine(std::string_view line) noexcept
+{
+    const int descriptor = stdout->_fileno;
+    if (descriptor < 0)
+    {
+        if (ftrylockfile(stdout) == 0)
+        {
+            fwrite_unlocked(line.data(), 1, line.size(), stdout);
+            putc_unlocked('\n', stdout);
+            funlockfile(stdout);
+        }
+        return;
+    }
+    const iovec pieces[] = {{const_cast<char*>(line.data()), line.size()}, {const_cast<char*>("\n"), 1}};
+    std::size_t written = 0;
+    if (line.size() < kUnblockedSize && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
+    {
+        const std::ptrdiff_t count = ZelvoWinAPI::WritePieces(descriptor, pieces, 2);
+        written = count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    if (written <= line.size()) // too long for one write, or interrupted
+    {
+        Write(descriptor, line.substr(written));
+        Write(descriptor, "\n");
+    }
+}
+
+} // namespace Crash::StandardOutput

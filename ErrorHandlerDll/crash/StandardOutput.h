@@ -1,0 +1,20 @@
+// Standard output for a dump: past stdio, whose lock and buffer the interrupted code may hold. Async-signal-safe inside a
+// DumpScope, unless the host has made standard output a stream without a descriptor.
+#ifndef ERRORHANDLERDLL_CRASH_STANDARDOUTPUT_H
+#define ERRORHANDLERDLL_CRASH_STANDARDOUTPUT_H
+
+#include <string_view>
+
+namespace Crash::StandardOutput
+{
+
+// Writes what stdio still buffers for the host, so that the dump comes behind it. Called once for each dump.
+void Prepare() noexcept;
+
+// Writes the text and a line feed at once. A reader that does not read is waited for half a second in the life of the
+// process; after that standard output is given up.
+void PrintLine(std::string_view line) noexcept;
+
+} // namespace Crash::StandardOutput
+
+#endif
