@@ -1,0 +1,14 @@
+#!/bin/sh
+# Every relative link of README.md, CONTRIBUTING.md and the pages here leads to something: CheckLinks.sh SOURCE_FOLDER
+set -eu
+cd "$1"
+status=0
+for page in README.md CONTRIBUTING.md docs/*.md; do
+    for link in $(sed 's/`[^`]*`//g' "$page" | grep -o '](\(.[^):]*\))' | sed 's/^](//; s/)$//; s/#.*//'); do
+        if [ ! -e "$(dirname "$page")/$link" ]; then
+            echo "$page: $link leads nowhere" >&2
+            status=1
+        fi
+    done
+done
+exit $status
