@@ -5,7 +5,6 @@
 #include <ErrorHandlerDll/LinuxStructuredException.h>
 
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <sys/mman.h>
 
@@ -85,7 +84,8 @@ int main(int argc, char**)
     {
         return Overflow(0);
     }
-    volatile std::uintptr_t address = 16; // volatile: else the compiler knows better than to write there
-    *reinterpret_cast<volatile int*>(address) = 1;
+    // A page that nobody may touch: a bad pointer that compiler and checkers cannot see through.
+    void* const page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile int*>(page) = 1;
     return 1;
 }

@@ -27,7 +27,7 @@ def resolve(tool, path, addresses):
     """For each address a list of (function, "file:line") from the innermost inlined function outwards; parts may be empty."""
     kind, program = tool
     if kind == "llvm-symbolizer":
-        command = [program, f"--obj={path}", "--inlining", "--demangle"]
+        command = [program, f"--obj={path}", "--inlining", "--demangle", "--relativenames"]
     else:
         command = [program, "-a", "-f", "-i", "-C", "-e", path]
     output = _run(command + [hex(a) for a in addresses])
