@@ -45,6 +45,11 @@ std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) no
     return syscall(SYS_write, descriptor, bytes, size);
 }
 
+std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int64_t position) noexcept
+{
+    return syscall(SYS_pread64, descriptor, bytes, size, position);
+}
+
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept
 {
     return syscall(SYS_writev, descriptor, pieces, count);

@@ -60,6 +60,9 @@ int OpenFile(const char* path, int flags) noexcept;
 // One write(2). Returns the bytes written, or -1 with errno set.
 std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) noexcept;
 
+// One pread(2). Returns the bytes read, or -1 with errno set.
+std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int64_t position) noexcept;
+
 // One writev(2) of `count` pieces. Returns the bytes written, or -1 with errno set.
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept;
 

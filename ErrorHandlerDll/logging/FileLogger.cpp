@@ -125,7 +125,10 @@ void FileLogger::AfterForkInChild()
 
 void FileLogger::OpenLogFile(const QV::BaseString<char>& mode)
 {
-    CloseLogFile();
+    if (IsLogFileOpen()) // one that was lost keeps its lines for this opening
+    {
+        CloseLogFile();
+    }
     m_file.Open(m_logFileName.GetData(), mode);
 }
 

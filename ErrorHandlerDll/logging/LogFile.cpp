@@ -12,7 +12,9 @@
 
 void LogFile::Open(const char* name, std::string_view mode)
 {
-    const int how = mode.substr(0, 1) == "w" ? O_TRUNC : O_APPEND;
+    const bool empties = mode.substr(0, 1) == "w" && !m_isLost;
+    const int how = empties ? O_TRUNC : O_APPEND;
+    m_isLost = false;
     m_descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | how);
     if (IsOpen())
     {
@@ -22,24 +24,24 @@ void LogFile::Open(const char* name, std::string_view mode)
 
 void LogFile::Close()
 {
-    if (!IsOpen())
-    {
-        return;
-    }
     Flush();
-    if (m_used > 0)
+    if (IsOpen() && m_used > 0)
     {
         Flush(); // one failing call must not cost a line
     }
-    if (m_used > 0)
+    if (IsOpen() && m_used > 0)
     {
         CutTornLine();
     }
     m_used = 0;
     m_written = 0;
+    m_isLost = false;
     const int descriptor = m_descriptor;
     m_descriptor = -1; // before it is closed: a dump must not take a number for ours that is somebody else's by then
-    ZelvoWinAPI::CloseFile(descriptor);
+    if (descriptor >= 0)
+    {
+        ZelvoWinAPI::CloseFile(descriptor);
+    }
 }
 
 void LogFile::AppendToFullBuffer(std::string_view line)
@@ -69,6 +71,11 @@ void LogFile::Flush()
         {
             m_bufferPosition += static_cast<std::int64_t>(used);
         }
+    }
+    else if (errno == EBADF)
+    {
+        m_descriptor = -1;
+        m_isLost = true;
     }
     m_flushing.store(false, std::memory_order_release);
 }
@@ -132,7 +139,7 @@ bool LogFile::FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to
     while (from < to)
     {
         const std::size_t size = to - from < sizeof bytes ? to - from : sizeof bytes;
-        if (pread(m_descriptor, bytes, size, position) != static_cast<ssize_t>(size) ||
+        if (ZelvoWinAPI::ReadFile(m_descriptor, bytes, size, position) != static_cast<std::ptrdiff_t>(size) ||
             std::memcmp(bytes, m_buffer + from, size) != 0)
         {
             return false;

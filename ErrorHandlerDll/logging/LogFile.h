@@ -44,7 +44,8 @@ public:
         m_used.store(used + line.size(), std::memory_order_release); // only now the line is there
     }
 
-    // Writes what is buffered. On failure the rest is kept for the next flush.
+    // Writes what is buffered. On failure the rest is kept for the next flush. A host that has closed all descriptors, as
+    // daemons do, leaves the file not open, and the buffer for when it is opened again.
     void Flush();
 
     // Size in bytes as of the opening plus what was written since, buffered lines included, as a 32-bit count (INT_MAX for
@@ -71,7 +72,8 @@ private:
     void CutTornLine() const;
 
     int m_descriptor = -1;
-    std::atomic<std::size_t> m_used{0};    // bytes in the buffer
+    bool m_isLost = false;              // the host closed the descriptor; when the file is opened again, it is not emptied
+    std::atomic<std::size_t> m_used{0}; // bytes in the buffer
     std::atomic<std::size_t> m_written{0}; // how many of them are in the file already
     std::atomic<bool> m_flushing{false};   // m_written may be out of date
     std::int64_t m_bufferPosition = 0; // where in the file the first byte of the buffer goes, if nobody else writes to it
