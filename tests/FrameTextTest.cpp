@@ -52,7 +52,8 @@ std::vector<void*> AddressesOfAllKinds()
           static_cast<const void*>(stdout), static_cast<const void*>(&environ)})
         addresses.push_back(const_cast<void*>(address));
     for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
-        addresses.push_back(reinterpret_cast<void*>(module->l_addr));
+        for (unsigned offset = 0; offset < 128; offset += 8) // thread-local symbols have values as small as these
+            addresses.push_back(reinterpret_cast<void*>(module->l_addr + offset));
     // Starts, middles and ends of functions and the gaps between them.
     for (const char* name :
          {"qsort", "fopen", "_ZSt9terminatev", "_ZNSt9bad_allocD1Ev", "memcpy", "errno", "__libc_start_main"})
@@ -64,6 +65,12 @@ std::vector<void*> AddressesOfAllKinds()
 
 TEST(FrameText, EqualsBacktraceSymbols)
 {
+    void* library = dlopen(CALLBACK_PLUGIN, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    void* onlySymbol = dlsym(library, "CallBack");
+    EXPECT_EQ(OurText(onlySymbol), PlatformText(onlySymbol));
+    EXPECT_NE(OurText(onlySymbol).find("(CallBack+0)"), std::string::npos);
+    dlclose(library);
     for (void* address : AddressesOfAllKinds())
         EXPECT_EQ(OurText(address), PlatformText(address));
 }

@@ -326,15 +326,27 @@ TEST(StackWalk, EqualsBacktraceAtEveryInstruction)
         std::thread(StepThrough, run, 0).join(); // a thread's stack is short: fewer frames to compare
 }
 
+void StepOnAlternateStack(unsigned char* memory, std::size_t size)
+{
+    stack_t stack = {};
+    stack.ss_sp = memory;
+    stack.ss_size = size;
+    ASSERT_EQ(sigaltstack(&stack, nullptr), 0);
+    StepThrough(StepSorting, SA_ONSTACK);
+    stack.ss_flags = SS_DISABLE;
+    sigaltstack(&stack, nullptr);
+}
+
 TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
 {
-    const auto memory = std::make_unique<unsigned char[]>(65536);
-    stack_t stack = {};
+    // The memory lies above the stack of the thread: there the caller of the trampoline is found further down.
+    unsigned char memory[65536];
+    std::thread(StepOnAlternateStack, memory, sizeof(memory)).join();
+    // And below.
+    const auto lower = std::make_unique<unsigned char[]>(sizeof(memory));
     stack_t old;
-    stack.ss_sp = memory.get();
-    stack.ss_size = 65536;
-    ASSERT_EQ(sigaltstack(&stack, &old), 0);
-    StepThrough(StepSorting, SA_ONSTACK);
+    ASSERT_EQ(sigaltstack(nullptr, &old), 0);
+    StepOnAlternateStack(lower.get(), sizeof(memory));
     sigaltstack(&old, nullptr);
 }
 

@@ -10,7 +10,7 @@ namespace
 {
 
 // One frame in another remembers its state while an early exit is described; compilers nest this once or twice.
-constexpr unsigned kMaxRemembered = 4;
+constexpr unsigned kMaxRemembered = 3;
 
 constexpr unsigned kMaxInstructions = 1u << 18; // per frame; ends what damage makes endless
 

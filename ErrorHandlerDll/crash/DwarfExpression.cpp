@@ -7,7 +7,7 @@ namespace Crash
 namespace
 {
 
-constexpr unsigned kStackDepth = 16; // the deepest expressions in use need four
+constexpr unsigned kStackDepth = 10; // the deepest expressions in use need four
 constexpr unsigned kMaxSteps = 1000; // expressions can jump backwards; this ends those that never stop
 constexpr std::size_t kMaxLength = 4096;
 

@@ -9,7 +9,7 @@ namespace Crash
 // "path() [0x401b3f]" or "[0x401b3f]".
 //   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address
 //   returns the length of the text; it is always terminated (size > 0)
-//   signals async-signal-safe; about 2 KiB of stack
+//   signals async-signal-safe; about 2.3 KiB of stack
 int FormatFrame(const void* frame, char* out, int size) noexcept;
 
 } // namespace Crash
