@@ -164,7 +164,7 @@ void Inner(const Settings& settings)
         return; // nothing below depends on the file system
     }
     measure("filtered call", Operation::FILTERED, 200000);
-    for (const std::size_t size : {64, 1024, 65536})
+    for (const std::size_t size : {64u, 1024u, 65536u})
     {
         for (Contestant& contestant : contestants)
         {
