@@ -1,0 +1,96 @@
+// Writes a log with every form of entry, for the readers of logs to be tried on: WriteLog FILE gives FILE's numbered series.
+#include <ErrorHandlerDll/ErrorHandlerDll.h>
+#include <ErrorHandlerDll/ExceptionHandler.h>
+#include <ErrorHandlerDll/HalvikException.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
+
+#include <csignal>
+#include <cstdio>
+#include <ucontext.h>
+
+namespace
+{
+
+void OnSignal(int signal, siginfo_t* info, void* context)
+{
+    StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+    ExceptionHandler::HandleStructuredException("WriteLog::OnSignal - ", exception, false);
+}
+
+void LogEachForm()
+{
+    const int levels[] = {ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, 5, -1, 1234567, -1234567};
+    for (const int level : levels)
+    {
+        LogFormatted(level, 1, "Camera(120) : Open() - ", "level %d", level);
+    }
+    LogMessage(ZR_LOG_ERROR, 1, "src/v1.2/Chip reader.cpp(7) : Chip::Send<int>() - ", "path, blank and class in the source");
+    LogMessage(ZR_LOG_ERROR, 1, "Reader::Open - ", "source of another form");
+    LogMessage(ZR_LOG_ERROR, 1, "", "f(1) : no source, a message that resembles one");
+    LogMessage(ZR_LOG_ERROR, 1, "Camera(120) : Open() - ", "quotes \" ' back\\slash, tab\t, 100 %, M\xC3\xBCnchen");
+    LogMessage(ZR_LOG_ERROR, 1, "", "");
+    LogMessage(ZR_LOG_ERROR, 1, "Camera(121) : Open() - ", "");
+    LogMessage(ZR_LOG_WARNING, 1, "Camera(130) : Read() - ",
+               "line feeds\n\n  in the message - [ThreadID: 1] - \n03/12/26 ends");
+}
+
+void LogDumps()
+{
+    unsigned char bytes[2048]; // as text more than 8 kB, where some readers cut by default
+    for (unsigned int i = 0; i < sizeof bytes; ++i)
+    {
+        bytes[i] = static_cast<unsigned char>(16 + 5 * i);
+    }
+    const int lengths[] = {0, 1, 16, 48, sizeof bytes};
+    for (const int length : lengths)
+    {
+        LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, 1, "Chip(9) : Receive() - ", "reply", bytes, length);
+    }
+}
+
+void ReportError()
+{
+    try
+    {
+        RaiseError(ZR_ERROR_UNKNOWN_CODE, "Camera(140) : Scan() - ");
+    }
+    catch (HalvikException* exception)
+    {
+        ExceptionHandler::HandleHalvikException("Camera::Scan - ", exception);
+        ExceptionHandler::HandleHalvikException("Kit::Scan - ", exception);
+        delete exception;
+    }
+}
+
+void ReportSignal()
+{
+    struct sigaction action = {};
+    action.sa_sigaction = OnSignal;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGFPE, &action, nullptr);
+    std::raise(SIGFPE);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2)
+    {
+        std::fputs("usage: WriteLog FILE\n", stderr);
+        return 2;
+    }
+    LoggingSettings settings = {};
+    GetLoggingOptions(&settings);
+    settings.strategy = LOGGING_STRATEGY_FILE_SIZE;
+    settings.maxFileSize = 4096;
+    InitialiseLogging(true, 10000000, ZR_LOG_ALL_CATEGORIES, argv[1]);
+    SetLoggingOptions(&settings);
+
+    LogEachForm();
+    LogDumps();
+    ReportError();
+    ReportSignal();
+    LogMessage(ZR_LOG_ERROR, 1, "WriteLog(1) : main() - ", "last entry");
+    ShutdownLogging();
+}
