@@ -1,0 +1,100 @@
+#!/bin/bash
+# Builds the Debian packages, has lintian look for errors, installs them on this machine (dpkg -i, as root), builds and runs a
+# C11 and a C++17 host against them by CMake and by pkg-config, and purges them again.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+work=$(mktemp -d)
+installed=()
+if [ "$(id -u)" -eq 0 ]; then asRoot=(); else asRoot=(sudo -n); fi
+
+fail() {
+    echo "packages: $*" >&2
+    exit 1
+}
+quietly() {
+    "$@" >"$work/log" 2>&1 || {
+        cat "$work/log" >&2
+        fail "failed: $*"
+    }
+}
+cleanUp() {
+    if [ ${#installed[@]} -ne 0 ]; then
+        "${asRoot[@]}" dpkg --purge "${installed[@]}" >"$work/purge" 2>&1 || cat "$work/purge" >&2
+    fi
+    rm -rf "$work"
+}
+trap cleanUp EXIT
+
+folder=build/package/packages
+rm -rf "$folder"
+tools/build.sh package
+quietly cpack --preset package
+archives=("$folder"/*.deb)
+names=()
+for archive in "${archives[@]}"; do
+    name=$(dpkg-deb -f "$archive" Package)
+    state=$(dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null || true)
+    [ "${state:-not-installed}" = not-installed ] || fail "$name is installed on this machine; purge it first"
+    names+=("$name")
+done
+echo "Built ${names[*]}"
+
+lintianOptions=(--fail-on error --tag-display-limit 0)
+[ "$(id -u)" -ne 0 ] || lintianOptions+=(--allow-root)
+quietly lintian "${lintianOptions[@]}" "${archives[@]}"
+echo "lintian: no errors, $(grep -c '^W:' "$work/log" || true) warnings"
+
+installed=("${names[@]}")
+quietly "${asRoot[@]}" dpkg -i "${archives[@]}"
+library=$(dpkg -L liberrorhandlerdll | grep '/libErrorHandlerDll\.so$')
+
+# The debug information belongs to the library that was installed, and the library carries none itself.
+buildId=$(readelf -n "$library" | sed -n 's/^ *Build ID: //p')
+debugFile=/usr/lib/debug/.build-id/${buildId:0:2}/${buildId:2}.debug
+readelf -S "$library" | grep -q '\.debug_info' && fail "$library carries debug information"
+readelf -S "$debugFile" | grep -q '\.debug_info' || fail "$debugFile carries no debug information"
+symbolised=$(addr2line -e "$debugFile" "0x$(nm -D "$library" | awk '$3 == "LogMessage" { print $1 }')")
+case $symbolised in
+./ErrorHandlerDll/*.cpp:[0-9]*) echo "LogMessage is at $symbolised" ;;
+*) fail "LogMessage is not found in $debugFile: $symbolised" ;;
+esac
+
+# From the archive, not from the machine: small installations of Debian leave documentation out.
+quietly dpkg-deb -x "$folder"/liberrorhandlerdll-dev_*.deb "$work/tree"
+man -M "$work/tree/usr/share/man" LogMessage | grep -q 'LogMessage(3)' || fail "man LogMessage shows no page"
+find "$work/tree/usr/share/man" -name '*.gz' >"$work/pages"
+while read -r page; do
+    warnings=$(man --warnings -E UTF-8 -l "$page" 2>&1 >/dev/null)
+    [ -z "$warnings" ] || fail "$page: $warnings"
+done <"$work/pages"
+echo "$(wc -l <"$work/pages") man pages"
+
+runHosts() # FOLDER
+{
+    local host loaded
+    for host in CHost CppHost; do
+        loaded=$(ldd "$1/$host" | awk '$1 == "libErrorHandlerDll.so" { print $3 }')
+        [ "$loaded" -ef "$library" ] || fail "$host loads '$loaded' instead of $library"
+        (cd "$work" && "$1/$host")
+    done
+}
+echo "CMake:"
+quietly cmake -S tests/consumer -B "$work/cmake"
+quietly cmake --build "$work/cmake"
+runHosts "$work/cmake"
+echo "pkg-config:"
+read -ra compilerFlags <<<"$(pkg-config --cflags ErrorHandlerDll)"
+read -ra libraries <<<"$(pkg-config --libs ErrorHandlerDll)"
+mkdir "$work/pkg-config"
+quietly gcc -std=c11 "${compilerFlags[@]}" tests/consumer/CHost.c -o "$work/pkg-config/CHost" "${libraries[@]}"
+quietly g++ -std=c++17 "${compilerFlags[@]}" tests/consumer/CppHost.cpp -o "$work/pkg-config/CppHost" "${libraries[@]}"
+runHosts "$work/pkg-config"
+
+files=$(dpkg -L "${names[@]}" | sort -u)
+installed=()
+quietly "${asRoot[@]}" dpkg --purge "${names[@]}"
+for file in $files; do
+    [ -d "$file" ] || [ ! -e "$file" ] || fail "$file is left behind by the purge"
+done
+echo "Purged without a trace"
