@@ -1,0 +1,164 @@
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "support/Allocations.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+namespace
+{
+
+ZelvoReaderErrorCode Code(unsigned int value)
+{
+    return static_cast<ZelvoReaderErrorCode>(value);
+}
+
+std::string TextOf(unsigned int code)
+{
+    char buffer[200];
+    int length = sizeof buffer;
+    EXPECT_EQ(ZR_ERROR_NONE, GetErrorString(Code(code), buffer, &length));
+    EXPECT_EQ(static_cast<int>(std::strlen(buffer)) + 1, length);
+    return buffer;
+}
+
+class ErrorRegistry : public testing::Test
+{
+protected:
+    void TearDown() override { ResetErrorMessages(); }
+};
+
+} // namespace
+
+TEST_F(ErrorRegistry, EachRangeHasItsTextAndItsSize)
+{
+    const struct
+    {
+        unsigned int code;
+        const char* text;
+    } rows[] = {
+        {0, "No error occurred"},
+        {16, "An unknown error occurred"},
+        {159, "An unknown error occurred"},
+        {165, "An unknown error occurred"},
+        {169, "Error with Plugable  %s : %s"},
+        {195, "Unknown error code %d"},
+        {196, "Invalid error code"},
+        {0xFFFF, "Invalid error code"},
+        {0x10000, "Undefined custom error code"},
+        {0x1FFFF, "Undefined custom error code"},
+        {0x20000, "Invalid error code"},
+        {0xC0000000, "Invalid error code"},
+        {0xC0000001, " (c0000001) occurred at %08X"},
+        {0xFFFFFFFF, " (ffffffff) occurred at %08X"},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.code);
+        const int needed = static_cast<int>(std::strlen(row.text)) + 1;
+        for (const int size : {-1, 0, needed - 1, needed, needed + 10})
+        {
+            SCOPED_TRACE(size);
+            std::string buffer(100, '#');
+            int length = size;
+            const bool fits = size >= needed;
+            EXPECT_EQ(fits ? ZR_ERROR_NONE : ZR_ERROR_STRING_BUFFER_TOO_SMALL,
+                      GetErrorString(Code(row.code), buffer.data(), &length));
+            EXPECT_EQ(needed, length);
+            const std::string copied = fits ? std::string(row.text) + '\0' : std::string();
+            EXPECT_EQ(copied + std::string(100 - copied.size(), '#'), buffer);
+        }
+    }
+}
+
+TEST_F(ErrorRegistry, RegistrationsAreRefusedOutsideTheirRangeAndWithoutText)
+{
+    const struct
+    {
+        bool (*add)(ZelvoReaderErrorCode, const char*);
+        unsigned int code;
+        const char* text;
+        bool accepted;
+    } rows[] = {
+        {SetErrorMessage, 0, "X", true},
+        {SetErrorMessage, 16, "X", true},
+        {SetErrorMessage, 195, "X", true},
+        {SetErrorMessage, 196, "X", false},
+        {SetErrorMessage, 0x10001, "X", false},
+        {SetErrorMessage, 0xFFFFFFFF, "X", false},
+        {SetErrorMessage, 5, nullptr, false},
+        {AddCustomErrorMessage, 0xFFFF, "X", false},
+        {AddCustomErrorMessage, 0x10001, "X", true},
+        {AddCustomErrorMessage, 0x1FFFE, "X", true},
+        {AddCustomErrorMessage, 0x20000, "X", false},
+        {AddCustomErrorMessage, 5, "X", false},
+        {AddCustomErrorMessage, 0x10002, nullptr, false},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.code);
+        const std::string before = TextOf(row.code);
+        EXPECT_EQ(row.accepted, row.add(Code(row.code), row.text));
+        EXPECT_EQ(row.accepted ? row.text : before, TextOf(row.code));
+    }
+}
+
+TEST_F(ErrorRegistry, KeepsThePointerAndResetsOnlyOverrides)
+{
+    char text[] = "first";
+    EXPECT_TRUE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text));
+    EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), "replaced"));
+    EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), text));
+    std::strcpy(text, "then");
+    EXPECT_EQ("then", TextOf(ZR_ERROR_ALREADY_INITIALISED));
+    EXPECT_TRUE(ResetErrorMessages());
+    EXPECT_EQ("Already initialised", TextOf(ZR_ERROR_ALREADY_INITIALISED));
+    EXPECT_EQ("then", TextOf(0x10010));
+    EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), "static"));
+}
+
+TEST_F(ErrorRegistry, LookupDoesNotAllocate)
+{
+    SetErrorMessage(ZR_ERROR_NOT_INITIALISED, "X");
+    char buffer[100];
+    const long before = Allocations::tCount;
+    for (const unsigned int code : {1u, 4u, 300u, 0x10000u, 0xC0000005u})
+    {
+        int length = sizeof buffer;
+        GetErrorString(Code(code), buffer, &length);
+    }
+    EXPECT_EQ(before, Allocations::tCount);
+}
+
+namespace
+{
+
+// Constructed before the library's objects, and so destroyed after them.
+struct LateObject
+{
+    bool m_checks = false;
+    ~LateObject()
+    {
+        if (m_checks)
+        {
+            const bool isCatalogue = TextOf(ZR_ERROR_ALREADY_INITIALISED) == "Already initialised";
+            _exit(isCatalogue && !AddCustomErrorMessage(Code(0x10001), "X") && ResetErrorMessages() ? 0 : 1);
+        }
+    }
+};
+
+LateObject gLateObject __attribute__((init_priority(101)));
+
+} // namespace
+
+TEST_F(ErrorRegistry, GivesTheCatalogueAfterItsMapsAreGone)
+{
+    const auto exitWithOverride = []
+    {
+        SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, "override");
+        gLateObject.m_checks = true;
+        std::exit(2);
+    };
+    EXPECT_EXIT(exitWithOverride(), testing::ExitedWithCode(0), "");
+}
