@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -31,13 +30,11 @@ public:
     // The lines that have reached the file: level, '|', source and message. Source line numbers read N.
     std::vector<std::string> GetFlushedLines() const
     {
-        static const std::regex kPrefix(R"(^.{24}(\S+(?: \d+)?) +- \[ThreadID: \d+\] - )");
-        static const std::regex kSourceLine(R"(\.cpp\(\d+\))");
         std::vector<std::string> lines;
         std::ifstream file(m_folder / "reader.log");
         for (std::string line; std::getline(file, line);)
         {
-            lines.push_back(std::regex_replace(std::regex_replace(line, kPrefix, "$1|"), kSourceLine, ".cpp(N)"));
+            lines.push_back(WithoutVaryingFields(line));
         }
         return lines;
     }
@@ -49,6 +46,21 @@ public:
     }
 
 private:
+    static std::string WithoutVaryingFields(const std::string& line)
+    {
+        constexpr std::size_t kLevelAt = 24;
+        const std::string afterThread = "] - ";
+        const std::size_t levelEnd = line.find_last_not_of(' ', line.find(" - [ThreadID: ", kLevelAt) - 1) + 1;
+        std::string text = line.substr(line.find(afterThread, levelEnd) + afterThread.size());
+        const std::string beforeNumber = ".cpp(";
+        if (const std::size_t found = text.find(beforeNumber); found != std::string::npos)
+        {
+            const std::size_t number = found + beforeNumber.size();
+            text.replace(number, text.find(')', number) - number, "N");
+        }
+        return line.substr(kLevelAt, levelEnd - kLevelAt) + "|" + text;
+    }
+
     std::filesystem::path m_folder;
 };
 
