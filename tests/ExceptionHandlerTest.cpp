@@ -276,6 +276,10 @@ TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
         const Handled propagated(ExceptionHandler::GenericHandleException("", kHostCode, message, true, nullptr, nullptr));
         EXPECT_EQ(text, propagated->GetErrorString());
         EXPECT_STREQ("wiped", ExceptionHandler::m_lastErrorString);
+
+        ExceptionHandler::SetLastErrorString("outer inner");
+        ExceptionHandler::SetLastErrorString(message);
+        ExpectLastError(kHostCode, text);
     }
     ExceptionHandler::SetLastErrorString(nullptr);
     ExpectLastError(kHostCode, "");
