@@ -1,0 +1,70 @@
+#include "support/Faults.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <fcntl.h>
+#include <sys/syscall.h>
+
+namespace
+{
+
+long Fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+// Bytes that may be written now, or -1 with errno set.
+long Limit(long size)
+{
+    if (!Faults::gWrites.empty())
+    {
+        const Faults::WriteFault fault = Faults::gWrites.front();
+        Faults::gWrites.pop_front();
+        if (fault.m_error != 0)
+        {
+            return Fail(fault.m_error);
+        }
+        size = std::min(size, fault.m_bytes);
+    }
+    if (Faults::gDiskSpace >= 0)
+    {
+        size = std::min(size, Faults::gDiskSpace);
+        Faults::gDiskSpace -= size;
+        return size > 0 ? size : Fail(ENOSPC);
+    }
+    return size;
+}
+
+} // namespace
+
+extern "C" long __real_syscall(long number, ...);
+extern "C" long __wrap_syscall(long number, ...);
+
+long __wrap_syscall(long number, ...)
+{
+    long arguments[6];
+    va_list list;
+    va_start(list, number);
+    for (long& argument : arguments)
+    {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    if (number == SYS_openat && (arguments[2] & O_DIRECTORY) != 0)
+    {
+        ++Faults::gSearches;
+    }
+    else if (number == SYS_openat && !Faults::gOpenErrors.empty())
+    {
+        const int error = Faults::gOpenErrors.front();
+        Faults::gOpenErrors.pop_front();
+        return Fail(error);
+    }
+    else if (number == SYS_write && (arguments[2] = Limit(arguments[2])) < 0)
+    {
+        return -1;
+    }
+    return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+}

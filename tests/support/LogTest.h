@@ -1,0 +1,136 @@
+// What tests of the log share: a folder of their own, the log switched on in it, log lines read back, child processes.
+#ifndef TESTS_SUPPORT_LOGTEST_H
+#define TESTS_SUPPORT_LOGTEST_H
+
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+class TemporaryFolder
+{
+public:
+    TemporaryFolder()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "ErrorHandlerDll.XXXXXX").string();
+        m_path = mkdtemp(name.data());
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(m_path); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::string operator/(const std::string& name) const { return (m_path / name).string(); }
+
+private:
+    std::filesystem::path m_path;
+};
+
+inline std::string ReadFile(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+struct LogLine
+{
+    std::string m_stamp; // year first, so that stamps sort as texts
+    std::string m_level;
+    int m_thread;
+    std::string m_text; // source and message
+};
+
+// Reads a log whose entries have one line each. A line that is no whole entry fails the test.
+inline std::vector<LogLine> ParseLog(const std::string& text)
+{
+    std::vector<LogLine> lines;
+    EXPECT_TRUE(text.empty() || text.back() == '\n') << "torn at the end: " << text.substr(text.rfind('\n') + 1);
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+    {
+        int digits[7];
+        int thread = 0;
+        int textAt = 0;
+        char level[14] = "";
+        const int fields =
+            std::sscanf(line.c_str(), "%2d/%2d/%2d %2d:%2d:%2d.%3d - %13c[ThreadID: %d] - %n", digits, digits + 1,
+                        digits + 2, digits + 3, digits + 4, digits + 5, digits + 6, level, &thread, &textAt);
+        if (fields != 9 || textAt == 0 || line.find("ThreadID", static_cast<std::size_t>(textAt)) != std::string::npos)
+        {
+            ADD_FAILURE() << "no whole line: " << line;
+            continue;
+        }
+        const std::string stamp = line.substr(6, 2) + line.substr(3, 2) + line.substr(0, 2) + line.substr(8, 13);
+        lines.push_back({stamp, level, thread, line.substr(static_cast<std::size_t>(textAt))});
+    }
+    return lines;
+}
+
+// Runs `body`, whose result is the exit status, in a child process that is killed when it hangs.
+//   returns the exit status, or -1 when a signal ended the child
+template <class Body>
+int RunChild(Body body, pid_t* childId = nullptr)
+{
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        alarm(60);
+        const std::string command = "exit " + std::to_string(body());
+        // Not _exit: memory checkers would find what belonged to the threads of the parent.
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    if (childId != nullptr)
+    {
+        *childId = child;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class LogTest : public testing::Test
+{
+protected:
+    LogTest() { Start("app.log"); }
+    ~LogTest() override
+    {
+        SetOptions(LOGGING_STRATEGY_APPEND);
+        InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log");
+    }
+
+    void Start(const std::string& name) const
+    {
+        InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, ZR_LOG_ALL_CATEGORIES, (m_folder / name).c_str());
+    }
+    static void SetOptions(int strategy, unsigned int maxFileSize = 0, unsigned int flushInterval = 100)
+    {
+        LoggingSettings settings = {-5, 0, flushInterval, static_cast<ZelvoReaderLoggingStrategy>(strategy), maxFileSize, 0};
+        SetLoggingOptions(&settings);
+    }
+    static bool Log(const std::string& message) { return LogMessage(ZR_LOG_ERROR, 1, "", message.c_str()); }
+
+    std::string OnDisk(const std::string& name = "app.log") const { return ReadFile(m_folder / name); }
+    std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
+    {
+        ShutdownLogging();
+        std::vector<std::string> texts;
+        for (const LogLine& line : ParseLog(OnDisk(name)))
+        {
+            texts.push_back(line.m_text);
+        }
+        return texts;
+    }
+
+    TemporaryFolder m_folder;
+};
+
+#endif
