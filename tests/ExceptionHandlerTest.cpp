@@ -261,7 +261,7 @@ TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
     {
         std::strcpy(message, "wiped");
     };
-    for (const std::size_t offset : {0, 6})
+    for (const std::size_t offset : {std::size_t{0}, std::size_t{6}})
     {
         const std::string text = std::string("outer inner").substr(offset);
         ExceptionHandler::SetErrorCallback(Record, &m_report);
