@@ -80,7 +80,7 @@ CopyResult CopyDirectly(long thread, const void* address, void* out, std::size_t
 
 CopyResult CopyThroughPipe(const void* address, void* out, std::size_t size) noexcept
 {
-    int ends[2];
+    int ends[2] = {-1, -1}; // filled by the kernel, out of the analyser's sight
     if (SystemCall(SYS_pipe2, ToArgument(ends), O_CLOEXEC | O_NONBLOCK) != 0)
         return CopyResult::NOT_AVAILABLE;
     CopyResult result = CopyResult::NOT_AVAILABLE;
