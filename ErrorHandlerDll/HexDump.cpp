@@ -3,7 +3,7 @@
 #include "QV/Convert.h"
 
 #include <algorithm>
-#include <cstring>
+#include <emmintrin.h>
 
 namespace
 {
@@ -18,12 +18,28 @@ constexpr bool IsShown(unsigned char byte)
     return byte >= 0x20 && byte <= 0x7E && byte != '%';
 }
 
+// Sixteen characters at once; a byte from 0x80 up is negative here.
+char* WriteFullCharacterColumn(char* out, const unsigned char* bytes)
+{
+    const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+    const __m128i printable =
+        _mm_and_si128(_mm_cmpgt_epi8(row, _mm_set1_epi8(0x1F)), _mm_cmplt_epi8(row, _mm_set1_epi8(0x7F)));
+    const __m128i shown = _mm_andnot_si128(_mm_cmpeq_epi8(row, _mm_set1_epi8('%')), printable);
+    const __m128i characters = _mm_or_si128(_mm_and_si128(shown, row), _mm_andnot_si128(shown, _mm_set1_epi8('.')));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), characters);
+    return out + kBytesPerRow;
+}
+
 char* WriteRow(char* out, const unsigned char* bytes, std::size_t count)
 {
     char* const columnEnd = out + kHexColumnWidth;
     char* const hexEnd = QV::Convert::ToHexStringA(out, bytes, count);
-    std::memset(hexEnd, ' ', static_cast<std::size_t>(columnEnd - hexEnd));
+    std::fill(hexEnd, columnEnd, ' ');
     out = columnEnd + kColumnSeparator.copy(columnEnd, kColumnSeparator.size());
+    if (count == kBytesPerRow)
+    {
+        return WriteFullCharacterColumn(out, bytes);
+    }
     return std::transform(bytes, bytes + count, out,
                           [](unsigned char byte) { return IsShown(byte) ? static_cast<char>(byte) : '.'; });
 }

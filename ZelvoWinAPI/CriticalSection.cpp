@@ -12,10 +12,11 @@
 namespace ZelvoWinAPI
 {
 
+using Detail::kWaitersBit;
+using Detail::TryTake;
+
 namespace
 {
-
-constexpr std::uint32_t kWaitersBit = 0x80000000u;
 
 // A section is held for less than a microsecond as a rule: waiting that long awake is cheaper than two system calls.
 constexpr int kSpins = 100;
@@ -24,17 +25,9 @@ constexpr int kSpins = 100;
 constexpr long kPollIntervalNs = 1000000;
 constexpr int kPollsPerMs = 1;
 
-thread_local std::uint32_t tThreadId = 0;
-
 void ForgetThreadId() noexcept
 {
-    tThreadId = 0;
-}
-
-[[gnu::noinline]] std::uint32_t AskThreadId() noexcept
-{
-    tThreadId = static_cast<std::uint32_t>(syscall(SYS_gettid));
-    return tThreadId;
+    Detail::tThreadId = 0;
 }
 
 void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) noexcept
@@ -44,13 +37,7 @@ void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value)
     errno = savedErrno;
 }
 
-bool TryTake(std::atomic<std::uint32_t>& word, std::uint32_t owner) noexcept
-{
-    std::uint32_t expected = 0;
-    return word.compare_exchange_strong(expected, owner, std::memory_order_acquire, std::memory_order_relaxed);
-}
-
-[[gnu::noinline]] void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
+void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
 {
     for (int spin = 0; spin < kSpins; ++spin)
     {
@@ -93,10 +80,31 @@ bool TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 
 } // namespace
 
-std::uint32_t GetCurrentThreadId() noexcept
+namespace Detail
 {
-    return tThreadId != 0 ? tThreadId : AskThreadId();
+
+constinit thread_local std::uint32_t tThreadId = 0;
+
+std::uint32_t AskThreadId() noexcept
+{
+    tThreadId = static_cast<std::uint32_t>(syscall(SYS_gettid));
+    return tThreadId;
 }
+
+void EnterTakenSection(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+{
+    if (!TryEnter(section, self))
+    {
+        Wait(section->m_ownerWord, self);
+    }
+}
+
+void WakeWaiter(std::atomic<std::uint32_t>& ownerWord) noexcept
+{
+    Futex(ownerWord, FUTEX_WAKE, 1);
+}
+
+} // namespace Detail
 
 void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
@@ -118,15 +126,6 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
     if ((old & kWaitersBit) != 0)
     {
         Futex(section->m_ownerWord, FUTEX_WAKE, INT_MAX);
-    }
-}
-
-void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
-{
-    const std::uint32_t self = GetCurrentThreadId();
-    if (!TryEnter(section, self)) [[unlikely]]
-    {
-        Wait(section->m_ownerWord, self);
     }
 }
 
@@ -152,20 +151,6 @@ bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
     return false;
 }
 
-void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept
-{
-    if (section->m_enterCount > 0)
-    {
-        --section->m_enterCount;
-        return;
-    }
-    const std::uint32_t old = section->m_ownerWord.exchange(0, std::memory_order_release);
-    if ((old & kWaitersBit) != 0) [[unlikely]]
-    {
-        Futex(section->m_ownerWord, FUTEX_WAKE, 1);
-    }
-}
-
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
 {
     return Owner(section) == GetCurrentThreadId();
@@ -173,7 +158,7 @@ bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
 
 void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
-    section->m_ownerWord.store(AskThreadId(), std::memory_order_relaxed);
+    section->m_ownerWord.store(Detail::AskThreadId(), std::memory_order_relaxed);
 }
 
 } // namespace ZelvoWinAPI

@@ -15,7 +15,7 @@ namespace ZelvoWinAPI
 // ---- Threads ----
 
 // The kernel's thread id, cached per thread, right in a forked child too.
-std::uint32_t GetCurrentThreadId() noexcept;
+inline std::uint32_t GetCurrentThreadId() noexcept;
 
 // ---- Critical sections ----
 
@@ -33,8 +33,9 @@ void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
 // Leaves the section free. A thread that comes too late may still enter and leave it.
 void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
-void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
-void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
+// Two atomic operations and no call, when nobody else is inside.
+inline void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
+inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
 // Enters the section if it is free or becomes free within the time. An owner that was waited for in vain once is not waited
 // for again. Async-signal-safe, also when the interrupted code of this thread is inside.
@@ -128,5 +129,7 @@ bool IsDirectory(const char* path) noexcept;
 char* itoa(int value, char* buffer, int radix) noexcept;
 
 } // namespace ZelvoWinAPI
+
+#include "ZelvoWinAPI/CriticalSection.h"
 
 #endif

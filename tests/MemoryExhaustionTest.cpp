@@ -60,12 +60,6 @@ const struct
      {
          delete ExceptionHandler::HandleBadAllocException("F", gOutOfMemory, true);
      }},
-    {"HandleHalvikException",
-     []
-     {
-         HalvikException error(ZR_ERROR_OCR, "text", "at");
-         ExceptionHandler::HandleHalvikException("F", &error);
-     }},
 };
 
 // Returns whether memory ran out.
@@ -116,6 +110,13 @@ TEST(MemoryExhaustion, IsHandledWithoutMemory)
     ExceptionHandler::SetLastErrorString("");
     EXPECT_FALSE(RunOutOfMemory([] { ExceptionHandler::HandleBadAllocException("F", gOutOfMemory, false); }, 0));
     EXPECT_STREQ("Memory allocation error - std::bad_alloc", ExceptionHandler::m_lastErrorString);
+    EXPECT_FALSE(RunOutOfMemory(
+        []
+        {
+            HalvikException error(ZR_ERROR_OCR, "text", "at");
+            ExceptionHandler::HandleHalvikException("F", &error);
+        },
+        0));
 
     // The last error stays that of the error when only the exception to throw on cannot be made.
     EXPECT_TRUE(RunOutOfMemory([] { ExceptionHandler::HandleBadAllocException("F", gOutOfMemory, true); }, 0));

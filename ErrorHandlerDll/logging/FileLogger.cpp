@@ -177,10 +177,9 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     char fields[LineClock::kStampLength + kLevelFieldSize + kThreadFieldSize];
     char levelBuffer[kLevelFieldSize];
     const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
-    const std::string_view threadField = GetThreadField();
     char* end = m_clock.WriteStampInEmergency(fields);
-    end += levelField.copy(end, levelField.size());
-    end += threadField.copy(end, threadField.size());
+    end = CopyLevelField(end, levelField);
+    end = CopyThreadField(end, GetThreadField());
 
     const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
                                                         source, message, "\n"};

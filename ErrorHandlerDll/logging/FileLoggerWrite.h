@@ -35,7 +35,7 @@ QV::BaseString<char> ToText(const Message& message)
 }
 
 template <class Message>
-bool FileLogger::Write(int level, unsigned int mask, std::string_view source, const Message& message)
+bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Message message)
 {
     if (!CanWrite(level, mask))
     {
@@ -58,47 +58,57 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, co
         else if (!m_destroyed.load(std::memory_order_relaxed)) [[likely]]
         {
             const BusyScope busy(m_busy);
-            CreateCurrentLine(level, source, message);
-            written = PrepareOutputSource() && WriteCurrentLineToFile();
+            written = WriteLine(level, source, message);
         }
     }
     errno = hostErrno;
     return written;
 }
 
-// All fields are measured first, so that the line is allocated once, and not at all when it is as long as the one before.
+// All fields are measured first: then the output is made ready for a line of that length, and the line is composed where it
+// will be written from. That costs no allocation and one copy.
 template <class Message>
-void FileLogger::CreateCurrentLine(int level, std::string_view source, const Message& message)
+bool FileLogger::WriteLine(int level, std::string_view source, const Message& message)
 {
     char levelBuffer[kLevelFieldSize];
     const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
-    const std::string_view threadField = GetThreadField();
-    const std::size_t length =
-        LineClock::kStampLength + levelField.size() + threadField.size() + source.size() + message.size() + 1;
-
-    char* out = m_currentLine.SetLength(length);
-    m_currentLineLength = length;
-    out = m_clock.WriteStamp(out);
-    out += levelField.copy(out, levelField.size());
-    out += threadField.copy(out, threadField.size());
-    out += source.copy(out, source.size());
-    out += message.copy(out, message.size());
-    *out = '\n';
-}
-
-inline bool FileLogger::WriteCurrentLineToFile()
-{
-    if (!m_file.IsOpen())
+    const ThreadField& threadField = GetThreadField();
+    m_currentLineLength =
+        LineClock::kStampLength + levelField.size() + threadField.m_length + source.size() + message.size() + 1;
+    if (!PrepareOutputSource() || !m_file.IsOpen())
     {
         return false;
     }
-    m_file.Append(m_currentLine);
+    const auto compose = [&](char* out)
+    {
+        out = m_clock.WriteStamp(out);
+        out = CopyLevelField(out, levelField);
+        out = CopyThreadField(out, threadField);
+        out += source.copy(out, source.size());
+        out += message.copy(out, message.size());
+        *out = '\n';
+    };
+    if (char* const place = m_file.Reserve(m_currentLineLength)) [[likely]]
+    {
+        compose(place);
+        m_file.Commit(m_currentLineLength);
+    }
+    else if (m_currentLineLength > LogFile::kBufferSize)
+    {
+        compose(m_currentLine.SetLength(m_currentLineLength));
+        m_file.WriteLongLine(m_currentLine);
+    }
+    CountLine();
+    return true;
+}
+
+inline void FileLogger::CountLine()
+{
     if (++m_linesSinceFlush > m_flushInterval)
     {
         m_file.Flush();
         m_linesSinceFlush = 0;
     }
-    return true;
 }
 
 #endif

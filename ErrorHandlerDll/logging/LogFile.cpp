@@ -44,18 +44,11 @@ void LogFile::Close()
     }
 }
 
-void LogFile::AppendToFullBuffer(std::string_view line)
+char* LogFile::ReserveAfterFlush(std::size_t length)
 {
     Flush();
     const std::size_t used = m_used;
-    if (line.size() <= kBufferSize - used)
-    {
-        Append(line);
-    }
-    else if (used == 0)
-    {
-        WriteThrough(line);
-    }
+    return length <= kBufferSize - used ? m_buffer + used : nullptr;
 }
 
 void LogFile::Flush()
@@ -100,9 +93,12 @@ bool LogFile::WriteBuffered(std::size_t written, std::size_t used)
     return true;
 }
 
-// A line longer than the whole buffer, which is empty.
-void LogFile::WriteThrough(std::string_view line)
+void LogFile::WriteLongLine(std::string_view line)
 {
+    if (m_used > 0)
+    {
+        return; // the lines before it cannot be written, and they come first
+    }
     std::size_t written = 0;
     while (written < line.size())
     {
@@ -123,7 +119,8 @@ void LogFile::WriteThrough(std::string_view line)
     }
     if (written > 0 && written < line.size())
     {
-        Append("\n"); // ends the torn line, so that the next one starts on its own
+        m_buffer[0] = '\n'; // ends the torn line, so that the next one starts on its own
+        Commit(1);
     }
 }
 

@@ -30,19 +30,23 @@ public:
     // Flushes and closes. What cannot be written now is lost.
     void Close();
 
-    // Takes a line, which ends in its line feed. A line that does not fit behind the buffered ones is preceded by a flush,
-    // so that every write carries whole lines. While nothing can be written, the lines that do not fit are dropped.
-    void Append(std::string_view line)
+    // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. A line that does not
+    // fit behind the buffered ones is preceded by a flush, so that every write carries whole lines.
+    //   returns null for a line that is too long for the buffer, and while nothing can be written and the buffer is full:
+    //   the
+    //           line is dropped then
+    char* Reserve(std::size_t length)
     {
         const std::size_t used = m_used.load(std::memory_order_relaxed);
-        if (line.size() > kBufferSize - used) [[unlikely]]
-        {
-            AppendToFullBuffer(line);
-            return;
-        }
-        __builtin_memcpy(m_buffer + used, line.data(), line.size());
-        m_used.store(used + line.size(), std::memory_order_release); // only now the line is there
+        return length <= kBufferSize - used ? m_buffer + used : ReserveAfterFlush(length);
     }
+    void Commit(std::size_t length)
+    {
+        m_used.store(m_used.load(std::memory_order_relaxed) + length, std::memory_order_release); // only now it is there
+    }
+
+    // Writes a line longer than kBufferSize, after what is buffered.
+    void WriteLongLine(std::string_view line);
 
     // Writes what is buffered. On failure the rest is kept for the next flush. A host that has closed all descriptors, as
     // daemons do, leaves the file not open, and the buffer for when it is opened again.
@@ -64,8 +68,7 @@ public:
 private:
     static constexpr std::int64_t kUnknownPosition = -1;
 
-    void AppendToFullBuffer(std::string_view line);
-    void WriteThrough(std::string_view line);
+    char* ReserveAfterFlush(std::size_t length);
     bool WriteBuffered(std::size_t written, std::size_t used);
     std::size_t WrittenSoFar(std::size_t used) const;
     bool FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const;
