@@ -24,6 +24,12 @@ const int gForkHandlers = pthread_atfork([] { gFileLogger.BeforeFork(); }, [] { 
 // Most messages fit: then they are formatted once, without the heap.
 constexpr int kMessageBufferSize = 1024;
 
+// Apart from LogMessage, whose filtered calls then need no stack frame: 22 instructions instead of 36.
+[[gnu::noinline]] bool WriteTexts(int level, unsigned int mask, const char* source, const char* message)
+{
+    return gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(message));
+}
+
 [[gnu::format(printf, 4, 0)]] bool WriteFormatted(int level, unsigned int mask, std::string_view source, const char* format,
                                                   va_list& arguments)
 {
@@ -67,7 +73,7 @@ bool LogMessage(int level, unsigned int mask, const char* source, const char* me
     {
         return true;
     }
-    return gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(message));
+    return WriteTexts(level, mask, source, message);
 }
 
 bool LogFormatted(int level, unsigned int mask, const char* source, const char* format, ...)
