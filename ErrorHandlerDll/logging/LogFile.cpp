@@ -14,10 +14,10 @@ void LogFile::Open(const char* name, std::string_view mode)
 {
     const bool empties = mode.substr(0, 1) == "w" && !m_isLost;
     const int how = empties ? O_TRUNC : O_APPEND;
-    m_isLost = false;
     m_descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | how);
     if (IsOpen())
     {
+        m_isLost = false;
         m_bufferPosition = lseek(m_descriptor, 0, SEEK_END);
     }
 }

@@ -33,7 +33,7 @@ class StructuredException;
 //            returned exception itself cannot be allocated it stays that of the error. The log's lock is never left held.
 //   threads  any thread; the last error is one for the process, written without a lock
 //   errno    left as it was
-//   signals  not async-signal-safe
+//   signals  not async-signal-safe, but for HandleStructuredException without propagate; see LinuxStructuredException.h
 class ExceptionHandler
 {
 public:
