@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
@@ -21,19 +23,41 @@ namespace
 
 constinit std::atomic<bool> gIsGivenUp = false;
 constinit std::atomic<bool> gMayBlock = true;
+constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
 
 // A pipe that is ready takes this many bytes without blocking.
 constexpr std::size_t kUnblockedSize = PIPE_BUF;
 
+// Negative for a stream without one. Takes no lock; the field itself is garbage in a memory stream.
+int GetDescriptor() noexcept
+{
+    return fileno(stdout);
+}
+
+std::int64_t NowMs() noexcept
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it.
 bool WaitUntilReady(int descriptor) noexcept
 {
-    pollfd watched = {descriptor, POLLOUT, 0};
-    if (gMayBlock.load(std::memory_order_relaxed) && poll(&watched, 1, FileLogger::kEmergencyWaitMs) <= 0)
+    if (!gMayBlock.load(std::memory_order_relaxed))
     {
-        gIsGivenUp.store(true, std::memory_order_relaxed);
-        return false;
+        return true;
     }
-    return true;
+    int result = 0;
+    do
+    {
+        pollfd watched = {descriptor, POLLOUT, 0};
+        const std::int64_t start = NowMs();
+        result = poll(&watched, 1, std::max(gWaitLeftMs.load(std::memory_order_relaxed), 0));
+        gWaitLeftMs.fetch_sub(static_cast<int>(NowMs() - start), std::memory_order_relaxed);
+    } while (result < 0 && errno == EINTR && gWaitLeftMs.load(std::memory_order_relaxed) > 0);
+    gIsGivenUp.store(result <= 0, std::memory_order_relaxed);
+    return result > 0;
 }
 
 void Write(int descriptor, std::string_view text) noexcept
@@ -57,7 +81,7 @@ void Write(int descriptor, std::string_view text) noexcept
 
 void Prepare() noexcept
 {
-    const int descriptor = stdout->_fileno;
+    const int descriptor = GetDescriptor();
     if (descriptor < 0)
     {
         return;
@@ -82,7 +106,7 @@ void Prepare() noexcept
 
 void PrintLine(std::string_view line) noexcept
 {
-    const int descriptor = stdout->_fileno;
+    const int descriptor = GetDescriptor();
     if (descriptor < 0)
     {
         if (ftrylockfile(stdout) == 0)
