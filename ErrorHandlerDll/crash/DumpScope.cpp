@@ -14,6 +14,10 @@ namespace
 
 constinit ZelvoWinAPI::_CRITICAL_SECTION gDumpSection = {};
 
+// Another thread's dump may itself have to wait for the log and for standard output. All waits together stay below the three
+// seconds that a host's watchdog gives a dying process.
+constexpr int kOtherDumpWaitMs = 3 * FileLogger::kEmergencyWaitMs;
+
 // Writing to a closed pipe or beyond the file size limit of the process raises these; a dump must not end the process
 // earlier.
 constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ};
@@ -29,9 +33,9 @@ DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
     {
         HoldBackSignals();
         // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
-        m_hasDumpSection = ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, FileLogger::kEmergencyWaitMs);
+        m_hasDumpSection = ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, kOtherDumpWaitMs);
         m_hasLog = gFileLogger.EnterCriticalSection();
-        StandardOutput::Prepare();
+        Run([] { StandardOutput::Prepare(); });
     }
 }
 

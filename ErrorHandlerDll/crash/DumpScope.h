@@ -1,6 +1,6 @@
 // "This thread dumps." Everything on the road of a crash dump stands inside one: strings take their memory from the reserve,
 // the logger writes without waiting for what may never come, and the dumps of several threads come one after the other.
-// Async-signal- safe; scopes nest.
+// Async-signal-safe; scopes nest.
 #ifndef ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
 #define ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
 

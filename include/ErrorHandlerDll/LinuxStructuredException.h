@@ -18,15 +18,17 @@ struct SignalHandlers;
 // The members that dump write to the log (level ZR_LOG_ERROR, all categories) and, whether or not logging is on, to standard
 // output. When one of them fails, what was thrown leaves it, and the last error is ZR_ERROR_IN_EXCEPTION_HANDLER.
 //
-//   signals  The constructor, the members that dump and ExceptionHandler::HandleStructuredException (with propagate
-//            false) are async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader or this
-//            library. They take no heap and wait for no lock longer than half a second. When they return, every line is in
-//            the file: _exit or a kill -9 right after loses nothing, nor any line that was logged before.
-//   stack    at most 16 KiB beyond the signal frame: an alternate stack (sigaltstack) of MINSIGSTKSZ + 16 KiB is enough
-//   faults   A fault inside a dump (a corrupt process) reaches the host's handler again if that was installed with
-//            SA_NODEFER: the StructuredException that it builds goes back to the dump under way, which says so and goes on.
-//   output   What stdio buffers for standard output is written first. A reader that does not read is waited for half a
-//            second.
+//   signals  The constructor, the members that dump and ExceptionHandler::HandleStructuredException (propagate false) are
+//            async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader or this library. They
+//            take no heap, and wait for another thread's dump at most a second and a half, for the log and for standard
+//            output half a second each. When they return, every line is in the file: _exit or a kill -9 right after loses
+//            nothing, nor any line that was logged before.
+//   stack    at most 16 KiB beyond the signal frame: an alternate stack (sigaltstack) of MINSIGSTKSZ + 16 KiB is enough,
+//            with MINSIGSTKSZ as sysconf(_SC_MINSIGSTKSZ) tells it
+//   faults   A fault inside a dump (a corrupt process) reaches the host's handler again if that has SA_NODEFER: the
+//            StructuredException that it builds goes back to the dump under way, which says so and goes on.
+//   output   What stdio buffers for standard output is written first. A reader who does not read, or slowly, is waited for
+//            half a second in all.
 class StructuredException
 {
 public:
