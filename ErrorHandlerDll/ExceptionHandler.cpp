@@ -7,6 +7,7 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
 
 #include <functional>
@@ -182,8 +183,12 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
         RecordError(code, message);
         {
-            const Crash::DumpScope dump;
-            WriteErrorBlock([&] { exception.DumpExceptionContext(functionName); });
+            const Crash::DumpScope dump; // keeps the lines together
+            if (gFileLogger.IsEnabled())
+            {
+                Crash::LogLine(kBlockSeparator);
+                exception.DumpExceptionContext(functionName);
+            }
         }
         CallErrorCallback();
         TRACE_EXIT();

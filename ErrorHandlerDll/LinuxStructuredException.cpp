@@ -4,6 +4,7 @@
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
 #include "ErrorHandlerDll/FunctionTrace.h"
+#include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
 #include "ErrorHandlerDll/crash/FrameText.h"
 #include "ErrorHandlerDll/crash/ModuleList.h"
@@ -13,6 +14,8 @@
 
 #include <cstring>
 #include <iterator>
+
+using Crash::LogLine;
 
 namespace
 {
@@ -34,11 +37,6 @@ ErrorText gErrorMessage;
 
 // The names of SIGSEGV's si_code values.
 constexpr const char* kExceptionNames[] = {"", "SEGV_MAPERR", "SEGV_ACCERR"};
-
-void LogLine(const char* text, const char* source = "")
-{
-    LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
-}
 
 void Print(const char* line)
 {

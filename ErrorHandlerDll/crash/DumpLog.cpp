@@ -1,0 +1,27 @@
+#include "ErrorHandlerDll/crash/DumpLog.h"
+
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
+
+#include <atomic>
+
+namespace Crash
+{
+
+namespace
+{
+
+constinit std::atomic<bool> gLogIsDamaged = false;
+
+} // namespace
+
+void LogLine(const char* text, const char* source)
+{
+    if (!gLogIsDamaged.load(std::memory_order_relaxed) &&
+        !DumpScope::Run([=] { LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text); }))
+    {
+        gLogIsDamaged.store(true, std::memory_order_relaxed);
+    }
+}
+
+} // namespace Crash

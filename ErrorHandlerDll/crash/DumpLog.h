@@ -1,0 +1,14 @@
+// A dump's lines for the log.
+#ifndef ERRORHANDLERDLL_CRASH_DUMPLOG_H
+#define ERRORHANDLERDLL_CRASH_DUMPLOG_H
+
+namespace Crash
+{
+
+// Logs a line at level ZR_LOG_ERROR, all categories. When that faults, because what is damaged is the logger itself, the
+// line is lost, and the dumps of this process go on without the log. Async-signal-safe; inside a DumpScope only.
+void LogLine(const char* text, const char* source = "");
+
+} // namespace Crash
+
+#endif
