@@ -3,6 +3,7 @@
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
 
+#include <climits>
 #include <cstring>
 
 namespace
@@ -167,7 +168,7 @@ void FileLogger::DeleteStrategy()
     delete m_strategy.exchange(nullptr);
 }
 
-bool FileLogger::WriteInEmergency(int level, std::string_view source, std::string_view message)
+bool FileLogger::WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted)
 {
     const LoggerSection section(*this);
     if (m_destroyed.load(std::memory_order_relaxed))
@@ -184,10 +185,14 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
                                                         source, message, "\n"};
     m_currentLineLength = parts[0].size() + source.size() + message.size() + 1;
-    m_file.FlushInEmergency();
-    if (!PrepareInEmergency())
+    // What is being flushed right now the interrupted code writes itself when it goes on, to the same file.
+    if (interrupted == Interrupted::FOR_EVER || !m_file.IsFlushing())
     {
-        return false;
+        m_file.FlushInEmergency();
+        if (!PrepareInEmergency())
+        {
+            return false;
+        }
     }
     m_file.WriteInEmergency(parts);
     return true;
@@ -196,6 +201,10 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
 bool FileLogger::PrepareInEmergency()
 {
     m_logFileName.Remeasure(); // the interrupted code may have been replacing it
+    if (m_logFileName.GetLength() >= PATH_MAX)
+    {
+        return IsLogFileOpen(); // no such file can be opened, and its name does not fit the reserve
+    }
     if (FileLoggerStrategy* const strategy = m_strategy)
     {
         return strategy->PrepareOutputSource() && IsLogFileOpen();

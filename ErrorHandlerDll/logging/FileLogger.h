@@ -96,7 +96,12 @@ private:
 
     // A line past the buffer, straight to the disk; async-signal-safe, whatever this or another thread was doing in the
     // logger.
-    bool WriteInEmergency(int level, std::string_view source, std::string_view message);
+    enum class Interrupted
+    {
+        FOR_EVER, // a dump: what was interrupted is lost
+        GOES_ON,  // a signal handler that logs and returns
+    };
+    bool WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted);
     bool PrepareInEmergency();
     void DeleteStrategy();
 

@@ -20,7 +20,19 @@ private:
     std::atomic<bool>& m_busy;
 };
 
-// The text of a message that a dump or an interrupting signal handler logs.
+// The text of a message that a dump or an interrupting signal handler logs, provided that there is memory for it: in an
+// emergency nobody may throw, for that takes the heap.
+inline bool HasRoomFor(std::string_view)
+{
+    return true;
+}
+
+template <class Message>
+bool HasRoomFor(const Message& message)
+{
+    return message.size() < QV::Memory::kReserveBlockSize;
+}
+
 inline std::string_view ToText(std::string_view message)
 {
     return message;
@@ -43,7 +55,7 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Me
     }
     if (QV::EmergencyScope::IsActive()) [[unlikely]]
     {
-        return WriteInEmergency(level, source, ToText(message));
+        return HasRoomFor(message) && WriteInEmergency(level, source, ToText(message), Interrupted::FOR_EVER);
     }
     const int hostErrno = errno;
     bool written = true;
@@ -53,7 +65,7 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Me
         {
             // A signal handler that logs, while the code that it interrupted was here.
             const QV::EmergencyScope emergency;
-            written = WriteInEmergency(level, source, ToText(message));
+            written = HasRoomFor(message) && WriteInEmergency(level, source, ToText(message), Interrupted::GOES_ON);
         }
         else if (!m_destroyed.load(std::memory_order_relaxed)) [[likely]]
         {

@@ -1,5 +1,6 @@
 #include "ErrorHandlerDll/logging/LineFields.h"
 
+#include <atomic>
 #include <cstdio>
 
 constinit thread_local ThreadField tThreadField = {};
@@ -15,5 +16,6 @@ void MakeThreadField(std::uint32_t threadId)
 {
     const int length = std::snprintf(tThreadField.m_text, kThreadFieldSize, "[ThreadID: %d] - ", static_cast<int>(threadId));
     tThreadField.m_length = static_cast<std::uint32_t>(length);
+    std::atomic_signal_fence(std::memory_order_release);
     tThreadField.m_threadId = threadId;
 }

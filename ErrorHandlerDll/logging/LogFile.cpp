@@ -178,7 +178,7 @@ int LogFile::GetSize() const
 }
 
 // How many of the `used` bytes in the buffer are in the file. In the middle of a flush the file itself is asked: its
-// position has moved if and only if the write was made.
+// position moves with each write. The bytes are compared all the same: a forked child shares the position.
 std::size_t LogFile::WrittenSoFar(std::size_t used) const
 {
     const std::size_t noted = m_written.load(std::memory_order_acquire);
@@ -189,7 +189,7 @@ std::size_t LogFile::WrittenSoFar(std::size_t used) const
     const std::int64_t position = lseek(m_descriptor, 0, SEEK_CUR);
     const std::int64_t moved = position - m_bufferPosition;
     if (m_bufferPosition != kUnknownPosition && moved >= static_cast<std::int64_t>(noted) &&
-        moved <= static_cast<std::int64_t>(used))
+        moved <= static_cast<std::int64_t>(used) && FileHoldsBefore(position, noted, static_cast<std::size_t>(moved)))
     {
         return static_cast<std::size_t>(moved);
     }

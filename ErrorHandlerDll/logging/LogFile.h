@@ -58,7 +58,10 @@ public:
 
     // ---- For a dump; async-signal-safe, whatever the code above was doing when it was interrupted ----
 
-    // Writes what is buffered and not yet in the file, once.
+    // Whether the code that was interrupted is in the middle of a flush.
+    bool IsFlushing() const { return m_flushing.load(std::memory_order_acquire); }
+
+    // Writes what is buffered and not yet in the file, once. A flush that was interrupted must not go on afterwards.
     void FlushInEmergency();
 
     // Writes a line of several parts at once, past the buffer.
