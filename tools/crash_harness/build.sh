@@ -1,8 +1,8 @@
 #!/bin/sh
 # Builds the host of the crash harness against the library in FOLDER: tools/crash_harness/build.sh FOLDER
 set -eu
-cd "$(dirname "$0")"
 library=$(cd "$1" && pwd)
+cd "$(dirname "$0")"
 folder=$library/crash_harness
 mkdir -p "$folder"
 # Without optimisation of calls: the cases must be what they look like.

@@ -1,0 +1,219 @@
+// What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: tools/crash_harness.
+#include "ErrorHandlerDll/ExceptionHandler.h"
+#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "support/LogTest.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+
+namespace
+{
+
+constexpr std::size_t kPageSize = 4096;
+
+// In assembler, so that neither the compiler nor a sanitizer sees the fault coming.
+void Fault()
+{
+    asm volatile("movb $1, 16" ::: "memory");
+}
+
+void InstallHandler(int signal, void (*handler)(int, siginfo_t*, void*))
+{
+    struct sigaction action = {};
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    sigaction(signal, &action, nullptr);
+}
+
+void DumpAndExit(int signal, siginfo_t* info, void* context)
+{
+    StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+    ExceptionHandler::HandleStructuredException("Handler", exception, false);
+    _exit(0);
+}
+
+void Dump()
+{
+    ucontext_t context = {};
+    siginfo_t info = {};
+    StructuredException exception(SIGSEGV, &context, &info);
+}
+
+long Count(const std::string& text, const std::string& part)
+{
+    long count = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+    {
+        ++count;
+    }
+    return count;
+}
+
+class CrashDumpTest : public LogTest
+{
+protected:
+    // Runs `body` in a child process, whose standard output goes to a file.
+    template <class Body>
+    int RunPrinting(Body body)
+    {
+        return RunChild(
+            [&]
+            {
+                static_cast<void>(!std::freopen((m_folder / "stdout").c_str(), "w", stdout));
+                return body();
+            });
+    }
+    std::string Printed() const { return ReadFile(m_folder / "stdout"); }
+};
+
+} // namespace
+
+TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
+{
+    const int status = RunPrinting(
+        []
+        {
+            InstallHandler(SIGSEGV, DumpAndExit);
+            const Crash::DumpScope dump;
+            const unsigned int depth = gFileLogger.GetSectionDepth();
+            for (int i = 0; i < 3; ++i)
+            {
+                const bool finished = Crash::DumpScope::Run(
+                    []
+                    {
+                        gFileLogger.EnterCriticalSection();
+                        Crash::DumpScope::Run(Fault); // the innermost place counts
+                        Fault();
+                    });
+                if (finished || gFileLogger.GetSectionDepth() != depth)
+                {
+                    return 1;
+                }
+            }
+            Dump();
+            return Crash::DumpScope::Run([] {}) ? 0 : 2;
+        });
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(1, Count(OnDisk(), "  Modules list:")); // that of the dump alone: the faults made none of their own
+    EXPECT_EQ(1, Count(Printed(), "Finished GenerateModuleAddresses"));
+}
+
+TEST_F(CrashDumpTest, ADamagedLogLeavesStandardOutput)
+{
+    const int status = RunPrinting(
+        []
+        {
+            InstallHandler(SIGSEGV, DumpAndExit);
+            std::memset(static_cast<void*>(&gFileLogger), 1, 64); // section, name; it still says that it is enabled
+            Fault();
+            return 1;
+        });
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(2, Count(Printed(), "  Fault address:  0x10"));
+    EXPECT_EQ(2, Count(Printed(), "reg[22] = "));
+    EXPECT_EQ(2, Count(Printed(), "Done\nFinished GenerateModuleAddresses\n"));
+}
+
+TEST_F(CrashDumpTest, PrintsToAStreamWithoutADescriptor)
+{
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const standard = stdout;
+    stdout = open_memstream(&text, &size);
+    std::fputs("before\n", stdout);
+    Dump();
+    std::fclose(stdout);
+    stdout = standard;
+    const std::string printed(text, size);
+    std::free(text);
+    EXPECT_TRUE(printed.starts_with("before\nStructuredException::StructuredException\nStructured exception "));
+    EXPECT_TRUE(printed.ends_with("Done\nFinished GenerateModuleAddresses\n"));
+    EXPECT_EQ(23, Count(printed, "\nreg["));
+}
+
+TEST_F(CrashDumpTest, StaysTheBeginningOfTheLogThatItOpened)
+{
+    const std::string header = "StructuredException::StructuredExceptionStructured exception ";
+    for (const auto strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_FILE_SIZE})
+    {
+        Start("other.log");
+        SetOptions(strategy, 1000000);
+        const std::string name = std::to_string(strategy) + ".1.log";
+        Start(name);
+        testing::internal::CaptureStdout();
+        Dump();
+        testing::internal::GetCapturedStdout();
+        Log("after");
+        const std::vector<std::string> texts = ClosedTexts(name);
+        ASSERT_LT(30u, texts.size());
+        EXPECT_TRUE(texts.front().starts_with(header)) << texts.front();
+        EXPECT_EQ("after", texts.back());
+    }
+}
+
+namespace
+{
+
+unsigned char* gHiddenPage = nullptr;
+
+void LogAndShowPage(int, siginfo_t*, void*)
+{
+    LogMessage(ZR_LOG_ERROR, 1, "", "from the handler");
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "too long for a handler", reinterpret_cast<unsigned char*>(&gFileLogger),
+                             4000);
+    mprotect(gHiddenPage, kPageSize, PROT_READ);
+}
+
+} // namespace
+
+TEST_F(CrashDumpTest, AHandlerMayLogWhileItsThreadIsLogging)
+{
+    for (const auto strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
+    {
+        const std::string name = std::to_string(strategy) + ".1.log";
+        SetOptions(strategy, 1000000);
+        Start(name);
+        gHiddenPage = static_cast<unsigned char*>(mmap(nullptr, kPageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        const int status = RunChild(
+            []
+            {
+                InstallHandler(SIGSEGV, LogAndShowPage);
+                Log("before");
+                LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "interrupted", gHiddenPage, 1);
+                Log("after");
+                ShutdownLogging();
+                return 0;
+            });
+        munmap(gHiddenPage, kPageSize);
+        EXPECT_EQ(0, status);
+        const std::string log = OnDisk(name);
+        const char* const order[] = {"before\n", "from the handler\n", "interrupted\n00 ", "after\n"};
+        std::size_t last = 0;
+        for (const char* const text : order)
+        {
+            EXPECT_EQ(1, Count(log, text)) << log;
+            EXPECT_LE(last, log.find(text)) << log;
+            last = log.find(text);
+        }
+    }
+}
+
+// The name is longer than any path, so no file can be opened; building the next name must not throw in a handler.
+TEST_F(CrashDumpTest, ANameTooLongForAnyFileLeavesStandardOutput)
+{
+    const int status = RunPrinting(
+        [&]
+        {
+            SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
+            InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, std::string(10000, 'x').c_str());
+            InstallHandler(SIGSEGV, DumpAndExit);
+            Fault();
+            return 1;
+        });
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(2, Count(Printed(), "Done\nFinished GenerateModuleAddresses\n"));
+}
