@@ -185,21 +185,26 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
                                                         source, message, "\n"};
     m_currentLineLength = parts[0].size() + source.size() + message.size() + 1;
-    // What is being flushed right now the interrupted code writes itself when it goes on, to the same file.
-    if (interrupted == Interrupted::FOR_EVER || !m_file.IsFlushing())
+    if (!PrepareInEmergency(interrupted))
     {
-        m_file.FlushInEmergency();
-        if (!PrepareInEmergency())
-        {
-            return false;
-        }
+        return false;
     }
     m_file.WriteInEmergency(parts);
     return true;
 }
 
-bool FileLogger::PrepareInEmergency()
+bool FileLogger::PrepareInEmergency(Interrupted interrupted)
 {
+    if (interrupted == Interrupted::GOES_ON)
+    {
+        // Names and files are the interrupted code's, and what it is flushing right now it writes itself.
+        if (IsLogFileOpen() && !m_file.IsFlushing())
+        {
+            m_file.FlushInEmergency();
+        }
+        return IsLogFileOpen();
+    }
+    m_file.FlushInEmergency();
     m_logFileName.Remeasure(); // the interrupted code may have been replacing it
     if (m_logFileName.GetLength() >= PATH_MAX)
     {

@@ -99,10 +99,10 @@ private:
     enum class Interrupted
     {
         FOR_EVER, // a dump: what was interrupted is lost
-        GOES_ON,  // a signal handler that logs and returns
+        GOES_ON,  // a signal handler that logs and returns; between two files its line is dropped
     };
     bool WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted);
-    bool PrepareInEmergency();
+    bool PrepareInEmergency(Interrupted interrupted);
     void DeleteStrategy();
 
     std::atomic<bool> m_enabled{false};

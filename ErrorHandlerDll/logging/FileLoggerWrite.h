@@ -85,8 +85,9 @@ bool FileLogger::WriteLine(int level, std::string_view source, const Message& me
     char levelBuffer[kLevelFieldSize];
     const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
     const ThreadField& threadField = GetThreadField();
-    m_currentLineLength =
+    const std::size_t length =
         LineClock::kStampLength + levelField.size() + threadField.m_length + source.size() + message.size() + 1;
+    m_currentLineLength = length; // for the strategy; a signal handler that logs in between changes it
     if (!PrepareOutputSource() || !m_file.IsOpen())
     {
         return false;
@@ -100,14 +101,14 @@ bool FileLogger::WriteLine(int level, std::string_view source, const Message& me
         out += message.copy(out, message.size());
         *out = '\n';
     };
-    if (char* const place = m_file.Reserve(m_currentLineLength)) [[likely]]
+    if (char* const place = m_file.Reserve(length)) [[likely]]
     {
         compose(place);
-        m_file.Commit(m_currentLineLength);
+        m_file.Commit(length);
     }
-    else if (m_currentLineLength > LogFile::kBufferSize)
+    else if (length > LogFile::kBufferSize)
     {
-        compose(m_currentLine.SetLength(m_currentLineLength));
+        compose(m_currentLine.SetLength(length));
         m_file.WriteLongLine(m_currentLine);
     }
     CountLine();

@@ -14,7 +14,8 @@ namespace Backend
 // it.
 void Start(std::string_view strategy);
 
-void Log(int worker, std::uint64_t number);
+// Returns whether the line is in the log.
+bool Log(int worker, std::uint64_t number);
 
 // Hex bytes, where the library can log them inside its lock; otherwise returns false.
 bool LogBytes(const unsigned char* bytes, int length);

@@ -36,10 +36,10 @@ void Backend::Start(std::string_view strategy)
     InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "host.log");
 }
 
-void Backend::Log(int worker, std::uint64_t number)
+bool Backend::Log(int worker, std::uint64_t number)
 {
-    LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %llu.", worker,
-                 static_cast<unsigned long long>(number));
+    return LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %llu.", worker,
+                        static_cast<unsigned long long>(number));
 }
 
 bool Backend::LogBytes(const unsigned char* bytes, int length)

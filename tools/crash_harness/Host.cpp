@@ -47,8 +47,10 @@ void LogNext(int worker)
 {
     std::atomic<std::uint64_t>& returned = gRecord->m_returned[worker];
     const std::uint64_t number = returned.load(std::memory_order_relaxed) + 1;
-    Backend::Log(worker, number);
-    returned.store(number);
+    if (Backend::Log(worker, number))
+    {
+        returned.store(number);
+    }
 }
 
 void PrintNext()
@@ -80,6 +82,15 @@ void UseSignalStack()
     stack.ss_sp = tStack;
     stack.ss_size = gStackSize;
     sigaltstack(&stack, nullptr);
+}
+
+// The handler of a signal that is not fatal, as a host may have one to note that it was asked for something.
+void LogFromHandler(int)
+{
+    for (int i = 0; i < 3; ++i)
+    {
+        LogNext(1);
+    }
 }
 
 [[noreturn]] void StopForEver()
@@ -202,16 +213,20 @@ void Work(int worker)
 
 void RunWorkers()
 {
+    static pthread_barrier_t barrier;
+    pthread_barrier_init(&barrier, nullptr, static_cast<unsigned int>(gWorkers));
     for (int i = 1; i < gWorkers; ++i)
     {
         std::thread(
             [i]
             {
                 UseSignalStack();
+                pthread_barrier_wait(&barrier);
                 Work(i);
             })
             .detach();
     }
+    pthread_barrier_wait(&barrier);
     gRecord->m_ready = 1;
     Work(0);
 }
@@ -571,6 +586,7 @@ int main(int argc, char** argv)
     }
     Backend::Start(argv[3]);
     Backend::InstallHandlers();
+    std::signal(SIGUSR1, LogFromHandler);
     UseSignalStack();
     if (std::getenv("SILENT_BEFORE") == nullptr)
     {

@@ -79,7 +79,7 @@ def inject_at_random(process, record, _):
     thread.stop()
     thread.step(random.randint(1, 60))
     record.note_before()
-    thread.fault()
+    thread.send()
     thread.release()
     return ()
 
@@ -93,11 +93,11 @@ def inject_beside_stopped(process, record, _):
     owner.stop()
     owner.step(random.randint(1, 60))
     record.note_before()
-    victim.fault()
+    victim.send()
     return (owner,)
 
 
-def inject_at_step(process, record, step):
+def inject_at_step(process, record, step, number=signal.SIGSEGV):
     wait_until(lambda: record["ready"], process)
     thread = tracer.Thread(process.pid, process.pid)
     thread.seize()
@@ -106,9 +106,16 @@ def inject_at_step(process, record, step):
     if step is None:
         return thread.count_steps(200000)
     thread.step(step)
-    thread.fault()
+    thread.send(number)
+    if number != signal.SIGSEGV:
+        thread.go_on_to_breakpoint()
     thread.release()
     return ()
+
+
+def interrupt_at_step(process, record, step):
+    """A handler logs and returns; the fault comes later."""
+    return inject_at_step(process, record, step, signal.SIGUSR1)
 
 
 def open_output(kind, folder):
@@ -300,6 +307,10 @@ def deterministic_cases():
 def step_cases():
     yield Case("inside Write that flushes", "step", inject=inject_at_step, env={"LINES_BEFORE": "100", "SILENT_BEFORE": "1"})
     yield Case("inside Write that rotates", "step", "rotate", inject=inject_at_step, env={"SILENT_BEFORE": "1"})
+    yield Case("handler logs inside Write that flushes", "step", inject=interrupt_at_step,
+               env={"LINES_BEFORE": "100", "SILENT_BEFORE": "1"})
+    yield Case("handler logs inside Write that rotates", "step", "rotate", inject=interrupt_at_step,
+               env={"SILENT_BEFORE": "1"})
 
 
 def random_cases():

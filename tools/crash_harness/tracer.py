@@ -8,7 +8,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
 _libc.ptrace.restype = ctypes.c_long
 
-_SINGLESTEP, _DETACH, _GETSIGINFO, _SEIZE, _INTERRUPT = 9, 17, 0x4202, 0x4206, 0x4207
+_CONT, _SINGLESTEP, _DETACH, _GETSIGINFO, _SEIZE, _INTERRUPT = 7, 9, 17, 0x4202, 0x4206, 0x4207
 _SI_KERNEL = 0x80
 _WALL = 0x40000000
 _SYS_TGKILL = 234
@@ -59,6 +59,13 @@ class Thread:
                 return count
         raise Gone("no second breakpoint")
 
+    def go_on_to_breakpoint(self):
+        """Passes on what signals arrive before."""
+        number = 0
+        while number != signal.SIGTRAP:
+            _ptrace(_CONT, self.thread, number)
+            number = self._wait()
+
     def _stopped_by_breakpoint(self):
         information = (ctypes.c_int * 32)()
         _ptrace(_GETSIGINFO, self.thread, ctypes.addressof(information))
@@ -68,9 +75,9 @@ class Thread:
         if self._wait() != signal.SIGTRAP:
             raise Gone("no breakpoint")
 
-    def fault(self):
-        """The thread takes SIGSEGV before its next instruction."""
-        _libc.syscall(_SYS_TGKILL, self.process, self.thread, signal.SIGSEGV)
+    def send(self, number=signal.SIGSEGV):
+        """The thread takes the signal before its next instruction."""
+        _libc.syscall(_SYS_TGKILL, self.process, self.thread, number)
 
     def release(self):
         if self.seized:
