@@ -36,19 +36,23 @@ rsyslogd=$(PATH=$PATH:/usr/sbin command -v rsyslogd)
     cat "$work/check" >&2
     exit 1
 }
-"$rsyslogd" -n -f "$work/rsyslog.conf" -i "$work/pid" >"$work/daemon" 2>&1 &
-daemon=$!
-
-# File by file, so that the order of the messages is that of the entries. The limit only ends a run that has gone wrong.
+# File by file, the first one before the start, so that the order of the messages is that of the entries. The limit only ends a
+# run that has gone wrong.
 received() { if [ -e "$work/entries.json" ]; then wc -l <"$work/entries.json"; else echo 0; fi; }
 shipped=0
 for number in "${!files[@]}"; do
     shipped=$((shipped + $(grep -c '^../../.. ..:..:......' "${files[number]}")))
     cp "${files[number]}" "$work/new"
     mv "$work/new" "$work/shipped.$((number + 1)).log"
-    for ((tenths = 0; tenths < 600 && $(received) < shipped; ++tenths)); do
+    if [ -z "$daemon" ]; then
+        "$rsyslogd" -n -f "$work/rsyslog.conf" -i "$work/pid" >"$work/daemon" 2>&1 &
+        daemon=$!
+    fi
+    for ((tenths = 0; tenths < 600; ++tenths)); do
+        [ "$(received)" -lt "$shipped" ] || break
         sleep 0.1
     done
+    [ "$(received)" -ge "$shipped" ] || break
 done
 stopDaemon
 [ "$(received)" -eq "$expected" ] || {
