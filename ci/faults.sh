@@ -3,6 +3,11 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-tools/build.sh faults
+tools/build.sh faults faults_short
 programs=build/faults/tools/fault_harness
-"$programs/faults_calls_library"
+status=0
+for program in faults_memory faults_calls_library faults_disk_library faults_processes_library faults_unwind; do
+    "$programs/$program" || status=1
+done
+"$programs/faults_unload" build/faults/libErrorHandlerDll.so || status=1
+exit $status
