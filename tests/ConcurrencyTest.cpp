@@ -182,6 +182,24 @@ TEST_F(ConcurrencyTest, ForkedChildrenLogBesideTheirParent)
     }
 }
 
+TEST_F(ConcurrencyTest, AForkInsideAGroupLeavesTheSectionToTheChild)
+{
+    const auto body = []
+    {
+        LogCounting(1, 1);
+        gFileLogger.LeaveCriticalSection();
+        std::thread(LogCounting, 2, 1).join();
+        ShutdownLogging();
+        return 0;
+    };
+    gFileLogger.EnterCriticalSection();
+    LogCounting(0, 1);
+    EXPECT_EQ(0, RunChild(body));
+    gFileLogger.LeaveCriticalSection();
+    ShutdownLogging();
+    ExpectEveryLineOnce(ParseLog(OnDisk()), {{0, 1}, {1, 1}, {2, 1}});
+}
+
 TEST_F(ConcurrencyTest, LinesAfterTheEndAreDropped)
 {
     const auto body = [this]

@@ -46,7 +46,9 @@ public:
 void Fill(const std::string& path, std::size_t size)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path) << std::string(size, '.');
+    std::ofstream file(path);
+    file.close();
+    std::filesystem::resize_file(path, size);
 }
 
 // Logs a line of so many bytes.
@@ -188,6 +190,7 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
                  1000,
                  {100},
                  {{"2147483647.", 5}, {"99999999999.", 5}, {"1.", 100}}},
+                {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
                 {"the last number grows on",
                  {{"2147483646.", 950}},
                  1000,
@@ -255,6 +258,16 @@ TEST_F(FileSizeRotation, ContinuesFromTheHighestNumberAfterEachStart)
         }
     }
     EXPECT_EQ(kLines, line);
+}
+
+TEST_F(FileSizeRotation, AnUnchangedNameStaysWhereItIs)
+{
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
+    Log("x");
+    const char* const name = GetLogFilename();
+    ShutdownLogging();
+    Log("x");
+    EXPECT_EQ(static_cast<const void*>(name), GetLogFilename());
 }
 
 TEST_F(FileSizeRotation, SearchesTenThousandFilesOnce)

@@ -88,10 +88,10 @@ TEST(Library, CallsItsOwnFunctionsNotTheHosts)
     const TemporaryFolder folder;
     const Library library;
     library.Find<decltype(InitialiseLogging)>("InitialiseLogging")(true, 3, 1, (folder / "app.log").c_str());
-    EXPECT_TRUE(library.Find<decltype(LogFormatted)>("LogFormatted")(0, 1, "", "%s", "formatted"));
-    EXPECT_TRUE(library.Find<decltype(LogMessageAndBufferAsHex)>("LogMessageAndBufferAsHex")(0, 1, "", "hex", nullptr, 0));
-    EXPECT_TRUE(library.Find<decltype(LogMessage)>("LogMessage")(0, 1, "", "plain"));
+    library.Find<decltype(LogWarning)>("LogWarning")(0, "", "text");
     EXPECT_EQ(0, gHostLines);
+    library.Find<decltype(ShutdownLogging)>("ShutdownLogging")();
+    EXPECT_EQ(1u, ParseLog(ReadFile(folder / "app.log")).size());
 }
 
 #ifndef INSTRUMENTED_BUILD // sanitizers and coverage add initialisers of their own

@@ -12,21 +12,26 @@ using LogFaultsTest = LogTest;
 
 TEST_F(LogFaultsTest, FailingWritesCostNothing)
 {
-    const std::deque<Faults::WriteFault> rows[] = {{{1, 0}, {7, 0}, {100, 0}},
-                                                   {{0, EINTR}, {0, EINTR}},
-                                                   {{0, EIO}, {30, 0}, {0, ENOSPC}, {1, 0}, {0, EAGAIN}},
-                                                   {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}};
-    for (const auto& faults : rows)
+    const struct
     {
-        SetOptions(LOGGING_STRATEGY_OVERWRITE, 0, 0);
-        Faults::gWrites = faults;
+        unsigned int flushInterval;
+        std::deque<Faults::WriteFault> faults;
+    } rows[] = {{0, {{1, 0}, {7, 0}, {100, 0}}},
+                {0, {{0, EINTR}, {0, EINTR}}},
+                {0, {{0, EIO}, {30, 0}, {0, ENOSPC}, {1, 0}, {0, EAGAIN}}},
+                {0, {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}},
+                {100, {{25, 0}, {0, EIO}}}}; // when it is closed
+    for (const auto& row : rows)
+    {
+        SetOptions(LOGGING_STRATEGY_OVERWRITE, 0, row.flushInterval);
+        Faults::gWrites = row.faults;
         std::vector<std::string> expected;
         for (int i = 0; i < 10; ++i)
         {
             expected.push_back("line " + std::to_string(i));
             EXPECT_TRUE(Log(expected.back()));
         }
-        EXPECT_EQ(expected, ClosedTexts()) << "row " << &faults - rows;
+        EXPECT_EQ(expected, ClosedTexts()) << "row " << &row - rows;
     }
 }
 
@@ -89,16 +94,21 @@ TEST_F(LogFaultsTest, StartsTheNextLineOnItsOwnAfterALongOneFailed)
     Log("next");
     ShutdownLogging();
     const std::string text = OnDisk();
-    EXPECT_EQ(std::vector<std::string>{"next"},
-              [&]
-              {
-                  std::vector<std::string> last;
-                  for (const LogLine& line : ParseLog(text.substr(text.rfind('\n', text.size() - 2) + 1)))
-                  {
-                      last.push_back(line.m_text);
-                  }
-                  return last;
-              }());
+    const std::vector<LogLine> lines = ParseLog(text.substr(text.find('\n') + 1));
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("next", lines[0].m_text);
+}
+
+TEST_F(LogFaultsTest, ALongLineDoesNotOvertakeTheOnesBefore)
+{
+    Log("first");
+    Faults::gWrites = {{10, 0}, {0, EIO}};
+    Log(std::string(200000, 'x'));
+    Log("last");
+    const std::vector<std::string> texts = ClosedTexts();
+    ASSERT_LE(2u, texts.size());
+    EXPECT_EQ("first", texts.front());
+    EXPECT_EQ("last", texts.back());
 }
 
 TEST_F(LogFaultsTest, OpensAsSoonAsItCan)

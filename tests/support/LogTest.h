@@ -82,7 +82,7 @@ int RunChild(Body body, pid_t* childId = nullptr)
     const pid_t child = fork();
     if (child == 0)
     {
-        alarm(60);
+        alarm(30);
         const std::string command = "exit " + std::to_string(body());
         // Not _exit: memory checkers would find what belonged to the threads of the parent.
         execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
