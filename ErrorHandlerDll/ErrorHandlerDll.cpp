@@ -58,7 +58,7 @@ void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fi
 const char* GetLogFilename(void)
 {
     const LoggerSection section(gFileLogger);
-    return gFileLogger.GetLogFileName().GetData();
+    return gFileLogger.IsDestroyed() ? "" : gFileLogger.GetLogFileName().GetData();
 }
 
 void ShutdownLogging(void)

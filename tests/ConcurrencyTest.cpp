@@ -65,8 +65,8 @@ void LogAtExit()
         GetLoggingOptions(&settings);
         SetLoggingOptions(&settings);
         InitialiseLogging(true, 3, 1, "late.log");
-        const bool dropped = LogMessage(0, 1, "", "late") && LogFormatted(0, 1, "", "%s", "late") &&
-                             LogMessageAndBufferAsHex(0, 1, "", "late", nullptr, 0);
+        const bool dropped = *GetLogFilename() == '\0' && LogMessage(0, 1, "", "late") &&
+                             LogFormatted(0, 1, "", "%s", "late") && LogMessageAndBufferAsHex(0, 1, "", "late", nullptr, 0);
         ShutdownLogging();
         _exit(dropped ? kLateLinesWereDropped : 1);
     }

@@ -34,6 +34,7 @@ public:
     void GetOptions(LoggingSettings* settings);
 
     bool IsEnabled() const { return m_enabled.load(std::memory_order_relaxed); }
+    bool IsDestroyed() const { return m_destroyed.load(std::memory_order_relaxed); }
 
     // The filter. Reads without the section: an entry that is being logged while the settings change may be taken by either.
     bool CanWrite(int level, unsigned int mask) const
