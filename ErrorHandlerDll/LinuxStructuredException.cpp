@@ -210,10 +210,11 @@ void StructuredException::GenerateCallStack()
         TRACE_ENTRY();
         LogLine("  Call stack:");
         Print("Call stack");
+        Crash::MemoryReader reader;
         for (std::int64_t i = 0; i < m_stackFrameCount; ++i)
         {
             char line[kFrameLineSize];
-            Crash::FormatFrame(m_stackFrames[i], line, sizeof line);
+            Crash::FormatFrame(reader, m_stackFrames[i], line, sizeof line);
             PrintAndLog(line, kCallStackIndent);
         }
         TRACE_EXIT();

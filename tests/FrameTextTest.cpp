@@ -30,8 +30,9 @@ std::string PlatformText(void* address)
 std::string OurText(const void* address)
 {
     char text[4096];
+    Crash::MemoryReader reader;
     errno = ERANGE;
-    const int length = Crash::FormatFrame(address, text, sizeof(text));
+    const int length = Crash::FormatFrame(reader, address, text, sizeof(text));
     EXPECT_EQ(errno, ERANGE);
     EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
     return text;
@@ -84,7 +85,8 @@ TEST(FrameText, KeepsOffsetAndAddressWhenCut)
     for (int size = 0; size < 100; ++size)
     {
         text[size] = '!';
-        const int length = Crash::FormatFrame(address, text, size);
+        Crash::MemoryReader reader;
+        const int length = Crash::FormatFrame(reader, address, text, size);
         EXPECT_EQ(text[size], '!') << size;
         EXPECT_EQ(length, size == 0 ? 0 : static_cast<int>(std::strlen(text))) << size;
         if (static_cast<std::size_t>(size) > tail.size() + 2 && static_cast<std::size_t>(length) < whole.size())

@@ -26,11 +26,13 @@ constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ};
 
 constinit thread_local int DumpScope::sDepth = 0;
 constinit thread_local const DumpScope::Place* DumpScope::sPlace = nullptr;
+constinit thread_local DumpScope* DumpScope::sOutermost = nullptr;
 
 DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
 {
     if (m_isOutermost)
     {
+        sOutermost = this;
         HoldBackSignals();
         // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
         m_hasDumpSection = ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, kOtherDumpWaitMs);
@@ -53,6 +55,7 @@ DumpScope::~DumpScope()
     if (m_isOutermost)
     {
         ReleaseSignals();
+        sOutermost = nullptr;
     }
 }
 
@@ -66,6 +69,7 @@ void DumpScope::HoldBackSignals() noexcept
     }
     sigpending(&m_pendingBefore);
     pthread_sigmask(SIG_BLOCK, &held, &m_hostMask);
+    sigorset(&m_dumpMask, &m_hostMask, &held);
 }
 
 void DumpScope::ReleaseSignals() noexcept
@@ -106,6 +110,7 @@ DumpScope::Place::~Place()
 
 void DumpScope::Place::Restore() const noexcept
 {
+    pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
     gFileLogger.RestoreSectionDepth(m_sectionDepth);
 }
 

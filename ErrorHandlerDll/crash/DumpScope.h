@@ -29,7 +29,7 @@ public:
     static bool Run(const Part& part)
     {
         const Place place;
-        if (sigsetjmp(place.m_context, 1) != 0)
+        if (sigsetjmp(place.m_context, 0) != 0) // the mask is restored below: saving it costs a system call each time
         {
             place.Restore();
             return false;
@@ -51,7 +51,8 @@ private:
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
 
-        // The fault skipped the scopes that would have left the logger's section.
+        // The fault skipped the scopes that would have left the logger's section, and the return of the handler that would
+        // have set the signal mask back.
         void Restore() const noexcept;
 
         mutable sigjmp_buf m_context;
@@ -66,6 +67,7 @@ private:
 
     [[gnu::tls_model("initial-exec")]] static constinit thread_local int sDepth;
     [[gnu::tls_model("initial-exec")]] static constinit thread_local const Place* sPlace;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local DumpScope* sOutermost;
 
     const ErrnoKeeper m_errno;
     const QV::EmergencyScope m_emergency;
@@ -73,6 +75,7 @@ private:
     bool m_hasDumpSection = false;
     bool m_hasLog = false;
     sigset_t m_hostMask;
+    sigset_t m_dumpMask;
     sigset_t m_pendingBefore;
 };
 

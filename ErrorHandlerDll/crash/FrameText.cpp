@@ -112,13 +112,12 @@ void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, s
 
 } // namespace
 
-int FormatFrame(const void* frame, char* out, int size) noexcept
+int FormatFrame(MemoryReader& reader, const void* frame, char* out, int size) noexcept
 {
     if (size <= 0)
         return 0;
     const auto address = reinterpret_cast<std::uintptr_t>(frame);
     Text text(out, static_cast<std::size_t>(size));
-    MemoryReader reader;
     ElfObject object;
     if (FindObject(reader, address, object) && HasText(reader, FindPath(object.module)))
         AppendInObject(text, reader, object, address);

@@ -2,6 +2,8 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 #define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 
+#include "SafeMemory.h"
+
 namespace Crash
 {
 
@@ -9,8 +11,9 @@ namespace Crash
 // "path() [0x401b3f]" or "[0x401b3f]".
 //   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address
 //   returns the length of the text; it is always terminated (size > 0)
-//   signals async-signal-safe; about 2.3 KiB of stack
-int FormatFrame(const void* frame, char* out, int size) noexcept;
+//   reader  for all frames of a stack the same one: most of them lie in a few objects
+//   signals async-signal-safe; about 1 KiB of stack
+int FormatFrame(MemoryReader& reader, const void* frame, char* out, int size) noexcept;
 
 } // namespace Crash
 

@@ -127,6 +127,38 @@ bool ReadWithinPage(long thread, const void* address, void* out, std::size_t siz
     return result == CopyResult::COPIED;
 }
 
+// Lines of the one reader that has them. As many as the tables of the common run-time libraries take.
+struct Page
+{
+    std::uintptr_t address;
+    unsigned char bytes[kPageSize];
+};
+
+constexpr std::size_t kPageCount = 64;
+Page gPages[kPageCount];
+constinit std::atomic<bool> gPagesAreTaken{false};
+
+// The bytes from `address` to the end of its line, from the cache `lines` or read into it.
+template <class AnyLine, std::size_t count>
+const unsigned char* FetchLine(long thread, AnyLine (&lines)[count], std::uintptr_t address, std::size_t& available) noexcept
+{
+    constexpr std::size_t kSize = sizeof lines[0].bytes;
+    const std::uintptr_t start = address & ~(kSize - 1);
+    const std::size_t offset = address - start;
+    AnyLine& line = lines[start / kSize % count];
+    available = kSize - offset;
+    if (line.address != start)
+    {
+        line.address = start;
+        if (!ReadWithinPage(thread, reinterpret_cast<const void*>(start), line.bytes, kSize))
+        {
+            line.address = kNoLine;
+            return nullptr;
+        }
+    }
+    return line.bytes + offset;
+}
+
 // The part of `size` bytes at `address` that lies in its page.
 std::size_t PieceSize(std::uintptr_t address, std::size_t size) noexcept
 {
@@ -166,23 +198,31 @@ void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, st
     }
 }
 
-MemoryReader::MemoryReader() noexcept : m_thread(CurrentThread())
+MemoryReader::MemoryReader() noexcept
+    : m_thread(CurrentThread()), m_hasPages(!gPagesAreTaken.exchange(true, std::memory_order_acquire))
 {
-    for (Line& line : m_lines)
-        line.address = kNoLine;
+    if (m_hasPages)
+    {
+        for (Page& page : gPages)
+            page.address = kNoLine;
+    }
+    else
+    {
+        for (Line& line : m_lines)
+            line.address = kNoLine;
+    }
 }
 
-const MemoryReader::Line* MemoryReader::Fetch(std::uintptr_t address) noexcept
+// A reader that a jump out of a faulty part of a dump has skipped keeps the pages; the others then do without.
+MemoryReader::~MemoryReader()
 {
-    const std::uintptr_t start = address & ~(kLineSize - 1);
-    Line& line = m_lines[start / kLineSize % kLineCount];
-    if (line.address == start)
-        return &line;
-    line.address = start;
-    if (ReadWithinPage(m_thread, reinterpret_cast<const void*>(start), line.bytes, kLineSize))
-        return &line;
-    line.address = kNoLine;
-    return nullptr;
+    if (m_hasPages)
+        gPagesAreTaken.store(false, std::memory_order_release);
+}
+
+const unsigned char* MemoryReader::Fetch(std::uintptr_t address, std::size_t& available) noexcept
+{
+    return m_hasPages ? FetchLine(m_thread, gPages, address, available) : FetchLine(m_thread, m_lines, address, available);
 }
 
 bool MemoryReader::Read(std::uintptr_t address, void* out, std::size_t size) noexcept
@@ -190,12 +230,12 @@ bool MemoryReader::Read(std::uintptr_t address, void* out, std::size_t size) noe
     auto* to = static_cast<unsigned char*>(out);
     while (size > 0)
     {
-        const Line* line = Fetch(address);
-        if (line == nullptr)
+        std::size_t piece = 0;
+        const unsigned char* bytes = Fetch(address, piece);
+        if (bytes == nullptr)
             return false;
-        const std::size_t offset = address % kLineSize;
-        const std::size_t piece = size < kLineSize - offset ? size : kLineSize - offset;
-        std::memcpy(to, line->bytes + offset, piece);
+        piece = size < piece ? size : piece;
+        std::memcpy(to, bytes, piece);
         to += piece;
         address += piece;
         size -= piece;

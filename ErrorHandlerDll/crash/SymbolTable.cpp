@@ -9,7 +9,7 @@ namespace
 
 constexpr unsigned kMaxDynamicEntries = 512;
 constexpr std::uint32_t kMaxSymbols = 1u << 21;
-constexpr std::uint32_t kSymbolsAtATime = 20; // one system call each; 480 bytes of stack
+constexpr std::uint32_t kSymbolsAtATime = 20; // 480 bytes of stack
 
 struct Tables
 {
@@ -149,7 +149,7 @@ struct Search
     }
 };
 
-void LookAtAll(const Tables& tables, const Range& range, Search& search) noexcept
+void LookAtAll(MemoryReader& reader, const Tables& tables, const Range& range, Search& search) noexcept
 {
     Elf64_Sym symbols[kSymbolsAtATime];
     for (std::uint32_t first = range.first; first < range.end; first += kSymbolsAtATime)
@@ -157,7 +157,7 @@ void LookAtAll(const Tables& tables, const Range& range, Search& search) noexcep
         const std::uint32_t rest = range.end - first;
         const std::uint32_t count = rest < kSymbolsAtATime ? rest : kSymbolsAtATime;
         const std::uintptr_t address = tables.symbols + first * sizeof(Elf64_Sym);
-        if (!ReadMemory(reinterpret_cast<const void*>(address), symbols, count * sizeof(Elf64_Sym)))
+        if (!reader.Read(address, symbols, count * sizeof(Elf64_Sym)))
             return;
         for (std::uint32_t i = 0; i < count; ++i)
             search.Look(symbols[i]);
@@ -173,7 +173,7 @@ bool FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t ad
     if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
         return false;
     Search search{tables, address - object.module.loadAddress};
-    LookAtAll(tables, range, search);
+    LookAtAll(reader, tables, range, search);
     symbol = {search.name, object.module.loadAddress + search.value};
     return search.found;
 }
