@@ -31,7 +31,7 @@ struct Verdict
 // Reads all regular files of the folder.
 Verdict Judge(const std::filesystem::path& folder);
 
-// A folder under /dev/shm that is removed with its contents.
+// A folder in the one that FAULTS_FOLDER names, or else in /dev/shm, that is removed with its contents.
 class ScratchFolder
 {
 public:

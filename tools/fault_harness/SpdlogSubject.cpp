@@ -11,7 +11,7 @@ namespace
 
 constexpr std::size_t kMaxFiles = 50; // more than a case makes, so that none is removed
 
-std::shared_ptr<spdlog::logger> gLogger;
+spdlog::logger* gLogger = nullptr; // never deleted: late lines must find it
 std::atomic<int> gLines{0};
 
 } // namespace
@@ -34,7 +34,7 @@ void Open(const std::string& folder, std::size_t maxFileSize)
     {
         sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(folder + "/app.log");
     }
-    gLogger = std::make_shared<spdlog::logger>("faults", sink);
+    gLogger = new spdlog::logger("faults", sink);
     gLogger->set_pattern("%D %H:%M:%S.%e - %-10l - [ThreadID: %t] - %v");
     gLogger->set_error_handler([](const std::string&) {});
 }
