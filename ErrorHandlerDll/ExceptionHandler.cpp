@@ -174,6 +174,11 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoKeeper keeper;
+    if (Crash::DumpScope::IsBeyondHelp())
+    {
+        RecordHandlerFailure();
+        return nullptr;
+    }
     const QV::EmergencyScope emergency; // as a rule this is called in a signal handler, too
     const ZelvoReaderErrorCode code = exception.GetExceptionCode();
     ErrorText message;

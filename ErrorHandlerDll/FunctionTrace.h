@@ -22,6 +22,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/crash/DumpLog.h"
 
 // Macros, because Clang 14 has no std::source_location.
 #define TRACE_ENTRY() WriteFunctionTrace(__FILE__, __LINE__, __func__, "[Entering]")
@@ -38,7 +39,14 @@ inline void WriteFunctionTrace(const char* file, int line, const char* function,
     {
         char prefix[kTracePrefixSize];
         FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", file, line, function);
-        LogMessage(kTraceLevel, kTraceMask, prefix, message);
+        if (QV::EmergencyScope::IsActive())
+        {
+            Crash::LogLine(kTraceLevel, kTraceMask, prefix, message);
+        }
+        else
+        {
+            LogMessage(kTraceLevel, kTraceMask, prefix, message);
+        }
     }
 }
 

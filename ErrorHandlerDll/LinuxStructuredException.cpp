@@ -119,11 +119,17 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
     : m_signal(signal), m_stackFrameCount(0)
 {
     Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
+    const bool isBeyondHelp = Crash::DumpScope::IsBeyondHelp();
     const Crash::DumpScope dump;
     CopyContext(m_context, context);
     if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
     {
         std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
+    }
+    if (isBeyondHelp)
+    {
+        Print(kFaultInDump);
+        return;
     }
     m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
     DumpExceptionContext("StructuredException::StructuredException");

@@ -16,6 +16,7 @@ public:
     EmergencyScope& operator=(const EmergencyScope&) = delete;
 
     static bool IsActive() noexcept { return sDepth > 0; }
+    static int GetDepth() noexcept { return sDepth; }
 
 private:
     // In the static block of thread-local storage: the first access in a thread must not allocate.

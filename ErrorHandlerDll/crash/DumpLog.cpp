@@ -17,8 +17,12 @@ constinit std::atomic<bool> gLogIsDamaged = false;
 
 void LogLine(const char* text, const char* source)
 {
-    if (!gLogIsDamaged.load(std::memory_order_relaxed) &&
-        !DumpScope::Run([=] { LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text); }))
+    LogLine(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
+}
+
+void LogLine(int level, unsigned int mask, const char* source, const char* text)
+{
+    if (!gLogIsDamaged.load(std::memory_order_relaxed) && !DumpScope::Run([=] { LogMessage(level, mask, source, text); }))
     {
         gLogIsDamaged.store(true, std::memory_order_relaxed);
     }

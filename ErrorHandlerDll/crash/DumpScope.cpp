@@ -18,6 +18,8 @@ constinit ZelvoWinAPI::_CRITICAL_SECTION gDumpSection = {};
 // seconds that a host's watchdog gives a dying process.
 constexpr int kOtherDumpWaitMs = 3 * FileLogger::kEmergencyWaitMs;
 
+constexpr int kMostCallbacksThatFault = 3;
+
 // Writing to a closed pipe or beyond the file size limit of the process raises these; a dump must not end the process
 // earlier.
 constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ};
@@ -98,6 +100,11 @@ void DumpScope::LeaveFaultyPart() noexcept
     }
 }
 
+bool DumpScope::IsBeyondHelp() noexcept
+{
+    return sDepth > 0 || QV::EmergencyScope::GetDepth() >= kMostCallbacksThatFault;
+}
+
 DumpScope::Place::Place() noexcept : m_outer(sPlace), m_sectionDepth(gFileLogger.GetSectionDepth())
 {
     sPlace = this;
@@ -110,7 +117,10 @@ DumpScope::Place::~Place()
 
 void DumpScope::Place::Restore() const noexcept
 {
-    pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
+    if (sOutermost != nullptr)
+    {
+        pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
+    }
     gFileLogger.RestoreSectionDepth(m_sectionDepth);
 }
 

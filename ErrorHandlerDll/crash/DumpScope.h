@@ -41,6 +41,10 @@ public:
     // Goes back to the Run of this thread that is under way. Returns when there is none.
     static void LeaveFaultyPart() noexcept;
 
+    // Whether this thread has faulted in a dump where no Run was under way, or time and again in the host's callback:
+    // another dump would only fault there again.
+    static bool IsBeyondHelp() noexcept;
+
 private:
     // Where a fault leads to. The innermost one counts.
     class Place

@@ -26,12 +26,12 @@ FileLogger::~FileLogger()
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
     if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
     {
-        m_enabled.store(false);
+        m_filterLevel.store(kDisabled);
         m_destroyed.store(true);
         m_file.FlushInEmergency();
         return;
     }
-    m_enabled.store(false);
+    m_filterLevel.store(kDisabled);
     m_destroyed.store(true);
     CloseLogFile();
     DeleteStrategy();
@@ -53,7 +53,7 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
     }
     m_logLevel.store(level, std::memory_order_relaxed);
     m_logMask.store(mask, std::memory_order_relaxed);
-    m_enabled.store(enable, std::memory_order_relaxed);
+    m_filterLevel.store(enable ? level + kLevelBias : kDisabled, std::memory_order_relaxed);
 }
 
 void FileLogger::Shutdown()

@@ -33,13 +33,13 @@ public:
     void SetOptions(LoggingSettings* settings);
     void GetOptions(LoggingSettings* settings);
 
-    bool IsEnabled() const { return m_enabled.load(std::memory_order_relaxed); }
+    bool IsEnabled() const { return m_filterLevel.load(std::memory_order_relaxed) != kDisabled; }
     bool IsDestroyed() const { return m_destroyed.load(std::memory_order_relaxed); }
 
     // The filter. Reads without the section: an entry that is being logged while the settings change may be taken by either.
     bool CanWrite(int level, unsigned int mask) const
     {
-        return IsEnabled() && level <= m_logLevel.load(std::memory_order_relaxed) &&
+        return level + kLevelBias <= m_filterLevel.load(std::memory_order_relaxed) &&
                (mask & m_logMask.load(std::memory_order_relaxed)) != 0;
     }
 
@@ -106,7 +106,11 @@ private:
     bool PrepareInEmergency(Interrupted interrupted);
     void DeleteStrategy();
 
-    std::atomic<bool> m_enabled{false};
+    // Enabled and level in one word, so that the filter is one comparison. Off is zero, which lies below every biased level:
+    // so is a logger that is not constructed yet.
+    static constexpr std::int64_t kLevelBias = std::int64_t{1} << 32;
+    static constexpr std::int64_t kDisabled = 0;
+    std::atomic<std::int64_t> m_filterLevel{kDisabled};
     ZelvoWinAPI::_CRITICAL_SECTION m_criticalSection;
     QV::BaseString<char> m_logFileName;
     std::atomic<int> m_logLevel{0};
