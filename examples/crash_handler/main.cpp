@@ -18,15 +18,11 @@ constexpr std::size_t kSignalStackSize = 256 * 1024;
 
 void HandleFatalSignal(int signal, siginfo_t* info, void* context)
 {
-    // The default action first: a fault within the dump then ends the process at once.
-    for (const int fatal : kFatalSignals)
-    {
-        std::signal(fatal, SIG_DFL);
-    }
+    // All of it is in the log and printed when the constructor returns. Nothing is flushed or shut down behind it: that
+    // would wait for whoever holds the log or the stream.
     const StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
-    ShutdownLogging();
-    std::fflush(stdout);
-    raise(signal); // blocked while the handler runs: it is delivered when the handler returns
+    std::signal(signal, SIG_DFL);
+    raise(signal);
 }
 
 // The alternate stack belongs to one thread: every thread of a host calls this when it starts.
@@ -47,12 +43,8 @@ bool InstallHandlers()
 {
     struct sigaction action = {};
     action.sa_sigaction = HandleFatalSignal;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER; // a fault within the dump goes back to the dump
     sigemptyset(&action.sa_mask);
-    for (const int fatal : kFatalSignals)
-    {
-        sigaddset(&action.sa_mask, fatal); // none interrupts the handler of another
-    }
     for (const int fatal : kFatalSignals)
     {
         if (sigaction(fatal, &action, nullptr) != 0)

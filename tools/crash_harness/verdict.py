@@ -1,6 +1,7 @@
 """What a crash left behind: whole dumps, lost lines, doubled lines."""
 
 import glob
+import os
 import re
 
 _LINE = re.compile(r"\d\d/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} - ERROR      - \[ThreadID: (\d+)\] - (.*)", re.S)
@@ -55,7 +56,7 @@ class Verdict:
         files = glob.glob(folder + "/host*.log")
         files.sort(key=lambda name: (len(name), name))
         self.log_lines = [line for name in files for line in read_text(name).split("\n")[:-1]]
-        torn = [name for name in files if not ("\n" + read_text(name)).endswith("\n")]
+        self.torn_end = [name for name in files if not ("\n" + read_text(name)).endswith("\n")]
         parsed = [_LINE.fullmatch(line) for line in self.log_lines]
         bodies = [m[2] if m else "\0" for m in parsed]
         self.log_shape = _letters(bodies, _LOG_LETTERS)
@@ -74,5 +75,20 @@ class Verdict:
         self.doubled = sorted(key for key, count in logged.items() if count > 1)
         self.lost = [(worker, number) for worker, last in enumerate(record["before"])
                      for number in range(1, last + 1) if (worker, number) not in logged]
-        self.torn = torn or self.log_shape.count("?")
+        self.torn_inside = self.log_shape.count("?")
         self.printed = self.out_shape.count("o")
+
+
+class PeerVerdict:
+    """For other libraries: a stack trace of some lines behind its headline, and the lines before it."""
+
+    def __init__(self, folder, record):
+        paths = [path for path in glob.glob(folder + "/*") if not os.path.islink(path) and os.path.isfile(path)]
+        texts = [read_text(path) for path in paths if not path.endswith((".so", "/record", "/stdout"))]
+        traces = [re.split(r"(?i)stack trace|\*\*\* SIG", text, maxsplit=1) for text in texts]
+        self.whole = any(len(parts) == 2 and parts[1].count("\n") >= 3 for parts in traces)
+        numbers = [match for text in texts for match in re.findall(r"worker (\d+) line (\d+)\.", text)]
+        logged = {(int(worker), int(number)) for worker, number in numbers}
+        self.doubled = len(numbers) - len(logged)
+        self.lost = sum((worker, number) not in logged for worker, last in enumerate(record["before"])
+                        for number in range(1, last + 1))
