@@ -104,6 +104,9 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
 
 TEST_F(CrashDumpTest, ADamagedLogLeavesStandardOutput)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer follows the damaged pointers itself, and faults where nobody can go on";
+#endif
     const int status = RunPrinting(
         []
         {
