@@ -8,10 +8,12 @@ below it. Exits 1 when a deterministic case failed.
 """
 
 import argparse
+import collections
 import fcntl
 import mmap
 import os
 import random
+import re
 import shutil
 import signal
 import struct
@@ -177,11 +179,8 @@ class Harness:
                     return held
                 start = time.monotonic()
             while process.poll() is None:
-                for thread in held:  # ends with its process, but only for its tracer
-                    try:
-                        os.waitpid(thread.thread, 0x40000000 | os.WNOHANG)
-                    except ChildProcessError:
-                        pass
+                for thread in held:
+                    thread.reap(os.WNOHANG)
                 if time.monotonic() - start > TIME_LIMIT + 0.2:
                     process.kill()
                     return self.describe(case, "hang", folder, record)
@@ -193,10 +192,7 @@ class Harness:
             if process:
                 process.kill()
                 for thread in held if isinstance(held, tuple) else ():
-                    try:
-                        os.waitpid(thread.thread, 0x40000000)
-                    except ChildProcessError:
-                        pass
+                    thread.reap()
                 process.wait()
             for item in kept:
                 if isinstance(item, int):
@@ -258,6 +254,9 @@ class Harness:
         missed = sum(result is not None and result.startswith("not injected") for result in results)
         count = len(results) - missed
         print(f"{case.name:34} {count - len(bad):5} of {count:5}  {100 * (count - len(bad)) / max(count, 1):6.2f} %", flush=True)
+        kinds = collections.Counter(re.sub(r"^\d+ ", "", text.split(" [")[0].split(";")[0].split(" from ")[0]) for text in bad)
+        if bad:
+            print("    " + ", ".join(f"{kind}: {number}" for kind, number in kinds.items()))
         for text in bad[:4]:
             print(f"    - {text}")
         if missed and count == 0:

@@ -79,6 +79,15 @@ class Thread:
         """The thread takes the signal before its next instruction."""
         _libc.syscall(_SYS_TGKILL, self.process, self.thread, number)
 
+    def reap(self, options=0):
+        """A stopped thread ends with its process, but only when its tracer has noticed. The first thread is the process itself,
+        whose status belongs to those who started it."""
+        if self.thread != self.process:
+            try:
+                os.waitpid(self.thread, _WALL | options)
+            except ChildProcessError:
+                pass
+
     def release(self):
         if self.seized:
             self.seized = False
