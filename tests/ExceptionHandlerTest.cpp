@@ -1,7 +1,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/HalvikException.h"
-#include "support/CapturedLog.h"
+#include "support/LogTest.h"
 
 #include <cerrno>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "support/Allocations.h"
-#include "support/CapturedLog.h"
+#include "support/LogTest.h"
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -22,44 +22,16 @@ std::bad_alloc gOutOfMemory;
 
 const struct
 {
-    const char* name;
     void (*run)();
+    const char* name;
 } kOperations[] = {
-    {"SetErrorMessage",
-     []
-     {
-         SetErrorMessage(ZR_ERROR_OCR, "X");
-     }},
-    {"AddCustomErrorMessage",
-     []
-     {
-         AddCustomErrorMessage(kCustom, "X");
-     }},
-    {"RaiseError",
-     []
-     {
-         RaiseError(ZR_ERROR_OCR, "at", kLongText.c_str());
-     }},
-    {"LogWarning",
-     []
-     {
-         LogWarning(0, "at", kLongText.c_str());
-     }},
-    {"HandleUnknownException",
-     []
-     {
-         delete ExceptionHandler::HandleUnknownException("F", true);
-     }},
-    {"HandleSTDException",
-     []
-     {
-         delete ExceptionHandler::HandleSTDException("F", gLongError, true);
-     }},
-    {"HandleBadAllocException",
-     []
-     {
-         delete ExceptionHandler::HandleBadAllocException("F", gOutOfMemory, true);
-     }},
+    {[] { SetErrorMessage(ZR_ERROR_OCR, "X"); }, "SetErrorMessage"},
+    {[] { AddCustomErrorMessage(kCustom, "X"); }, "AddCustomErrorMessage"},
+    {[] { RaiseError(ZR_ERROR_OCR, "at", kLongText.c_str()); }, "RaiseError"},
+    {[] { LogWarning(0, "at", kLongText.c_str()); }, "LogWarning"},
+    {[] { delete ExceptionHandler::HandleUnknownException("F", true); }, "HandleUnknownException"},
+    {[] { delete ExceptionHandler::HandleSTDException("F", gLongError, true); }, "HandleSTDException"},
+    {[] { delete ExceptionHandler::HandleBadAllocException("F", gOutOfMemory, true); }, "HandleBadAllocException"},
 };
 
 // Returns whether memory ran out.

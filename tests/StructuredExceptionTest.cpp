@@ -2,20 +2,19 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "support/CapturedLog.h"
+#include "support/LogTest.h"
+#include "support/Pages.h"
 
 #include <algorithm>
 #include <cinttypes>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <memory>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -23,11 +22,9 @@ namespace
 
 using Lines = std::vector<std::string>;
 
-constexpr std::size_t kPageSize = 4096;
-
-StructuredException MakeException(int signal, int code, void* address)
+StructuredException MakeException(int signal, int code, std::uintptr_t address)
 {
-    static ucontext_t context;
+    ucontext_t context{};
     for (int i = 0; i < NGREG; ++i)
     {
         context.uc_mcontext.gregs[i] = i % 2 == 0 ? i : -i;
@@ -35,12 +32,12 @@ StructuredException MakeException(int signal, int code, void* address)
     siginfo_t info{};
     info.si_signo = signal;
     info.si_code = code;
-    info.si_addr = address;
+    info.si_addr = reinterpret_cast<void*>(address);
     return StructuredException(signal, &context, &info);
 }
 
 // The exception without the dump that its construction prints.
-StructuredException MakeQuietly(int signal, int code, void* address)
+StructuredException MakeQuietly(int signal, int code, std::uintptr_t address)
 {
     testing::internal::CaptureStdout();
     const StructuredException exception = MakeException(signal, code, address);
@@ -48,12 +45,13 @@ StructuredException MakeQuietly(int signal, int code, void* address)
     return exception;
 }
 
-Lines Split(const std::string& text)
+Lines GetPrintedLines()
 {
+    std::istringstream text(testing::internal::GetCapturedStdout());
     Lines lines;
-    for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+    for (std::string line; std::getline(text, line);)
     {
-        lines.push_back(text.substr(start, end - start));
+        lines.push_back(line);
     }
     return lines;
 }
@@ -62,38 +60,31 @@ Lines Split(const std::string& text)
 Lines Between(const Lines& lines, const std::string& first, const std::string& last)
 {
     const auto begin = std::find(lines.begin(), lines.end(), first);
-    const auto end = std::find(begin, lines.end(), last);
-    return begin == lines.end() ? Lines{} : Lines(begin + 1, end);
+    return begin == lines.end() ? Lines{} : Lines(begin + 1, std::find(begin, lines.end(), last));
 }
 
-Lines RegisterLines()
+Lines WithPrefix(const std::string& prefix, Lines lines)
 {
-    Lines lines;
-    for (long long i = 0; i < 23; ++i)
+    for (std::string& line : lines)
     {
-        char line[100];
-        std::snprintf(line, sizeof line, "reg[%02lld] = 0x%llx", i, static_cast<unsigned long long>(i % 2 == 0 ? i : -i));
-        lines.push_back(line);
+        line.insert(0, prefix);
     }
     return lines;
 }
 
-Lines Join(std::initializer_list<Lines> parts, const std::string& prefix = "")
+Lines Join(std::initializer_list<Lines> parts)
 {
     Lines joined;
     for (const Lines& part : parts)
     {
-        for (const std::string& line : part)
-        {
-            joined.push_back(prefix + line);
-        }
+        joined.insert(joined.end(), part.begin(), part.end());
     }
     return joined;
 }
 
-Lines Indented(Lines lines)
+std::string Trace(const char* function, const char* what)
 {
-    return Join({lines}, "     ");
+    return std::string("Level 5|ErrorHandlerDll/LinuxStructuredException.cpp(N) : ") + function + "() - [" + what + "]";
 }
 
 } // namespace
@@ -114,11 +105,10 @@ TEST(StructuredException, DescribesTheSignal)
         {SIGSEGV, 0x80, 0, "Segmentation fault", "Segmentation fault (00000080) occurred at (nil)"},
         {SIGABRT, -6, 1, "Unknown", "Unknown (fffffffa) occurred at 0x1"},
     };
-    StructuredException first = MakeQuietly(SIGUSR1, 0, nullptr);
-    const char* const shared = first.GetErrorMessage();
+    const char* const shared = MakeQuietly(SIGUSR1, 0, 0).GetErrorMessage();
     for (const auto& row : rows)
     {
-        StructuredException exception = MakeQuietly(row.signal, row.code, reinterpret_cast<void*>(row.address));
+        StructuredException exception = MakeQuietly(row.signal, row.code, row.address);
         EXPECT_STREQ(row.name, exception.GetExceptionString());
         EXPECT_EQ(row.code, exception.GetExceptionCode());
         exception.GetErrorMessage();
@@ -129,214 +119,124 @@ TEST(StructuredException, DescribesTheSignal)
     {
         EXPECT_STREQ(names[code + 1], StructuredException::GetExceptionName(code));
     }
-    StructuredException::RegisterHandler(nullptr);
-    StructuredException::UnRegisterHandler(nullptr);
 }
 
 TEST(StructuredException, DumpsToStandardOutputAndLog)
 {
+    Lines registers;
+    for (long long i = 0; i < 23; ++i)
+    {
+        char line[100];
+        std::snprintf(line, sizeof line, "reg[%02lld] = 0x%llx", i, static_cast<unsigned long long>(i % 2 == 0 ? i : -i));
+        registers.push_back(line);
+    }
+    const std::string constructor = "StructuredException::StructuredException";
     const std::string headline = "Structured exception Segmentation fault (code 00000002) occurred at 0x1234";
     for (const bool logs : {true, false})
     {
-        const CapturedLog log(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, logs);
+        const CapturedLog log(5, ZR_LOG_ALL_CATEGORIES, logs);
         testing::internal::CaptureStdout();
-        MakeException(SIGSEGV, 2, reinterpret_cast<void*>(0x1234));
-        const Lines printed = Split(testing::internal::GetCapturedStdout());
+        MakeException(SIGSEGV, 2, 0x1234);
+        const Lines printed = GetPrintedLines();
 
         const Lines frames = Between(printed, "Call stack", "Finished GenerateCallStack");
         const Lines modules = Between(printed, "GenerateModuleAddresses...", "Done");
         ASSERT_FALSE(frames.empty());
         ASSERT_FALSE(modules.empty());
         EXPECT_TRUE(modules[0].starts_with("    (") && modules[0].ends_with(") ")) << modules[0];
-        EXPECT_EQ(Join({{"StructuredException::StructuredException", headline, "  Fault address:  0x1234",
-                         "GenerateCallStack...", "Call stack"},
+        EXPECT_EQ(Join({{constructor, headline, "  Fault address:  0x1234", "GenerateCallStack...", "Call stack"},
                         frames,
                         {"Finished GenerateCallStack", "Registers..."},
-                        RegisterLines(),
+                        registers,
                         {"GenerateModuleAddresses..."},
                         modules,
                         {"Done", "Finished GenerateModuleAddresses"}}),
                   printed);
         const Lines logged =
-            Join({{"StructuredException::StructuredException" + headline, "  Fault address:  0x1234", "  Call stack:"},
-                  Indented(frames),
-                  {"", "  Registers:"},
-                  RegisterLines(),
-                  {"", "", "  Modules list:"},
-                  modules,
-                  {""}},
-                 "ERROR|");
+            Join({{Trace("DumpExceptionContext", "Entering"), "ERROR|" + constructor + headline,
+                   "ERROR|  Fault address:  0x1234", Trace("GenerateCallStack", "Entering"), "ERROR|  Call stack:"},
+                  WithPrefix("ERROR|     ", frames),
+                  {Trace("GenerateCallStack", "Exiting"), "ERROR|", "ERROR|  Registers:"},
+                  WithPrefix("ERROR|", registers),
+                  {"ERROR|", Trace("GenerateModuleAddresses", "Entering"), "ERROR|", "ERROR|  Modules list:"},
+                  WithPrefix("ERROR|", modules),
+                  {"ERROR|", Trace("GenerateModuleAddresses", "Exiting"), Trace("DumpExceptionContext", "Exiting")}});
         EXPECT_EQ(logs ? logged : Lines{}, log.GetLines());
     }
 }
 
 TEST(StructuredException, IsHandledLikeAnyOtherError)
 {
-    StructuredException exception = MakeQuietly(SIGBUS, 2, nullptr);
-    const CapturedLog log(5);
+    StructuredException exception = MakeQuietly(SIGBUS, 2, 0);
+    const CapturedLog log(ZR_LOG_ERROR);
     testing::internal::CaptureStdout();
     const std::unique_ptr<HalvikException> propagated(ExceptionHandler::HandleStructuredException("F - ", exception, true));
-    EXPECT_FALSE(testing::internal::GetCapturedStdout().empty());
+    EXPECT_EQ("F - ", GetPrintedLines()[0]);
     EXPECT_EQ(2, ExceptionHandler::m_lastErrorCode);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", ExceptionHandler::m_lastErrorString);
     ASSERT_TRUE(propagated);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", propagated->GetErrorString());
     EXPECT_EQ(2, propagated->GetErrorCode());
     EXPECT_TRUE(propagated->GetHandled());
-
     const Lines lines = log.GetLines();
-    const auto trace = [](const std::string& file, const std::string& function, const std::string& what)
-    {
-        return "Level 5|ErrorHandlerDll/" + file + ".cpp(N) : " + function + "() - [" + what + "]";
-    };
-    const std::string dump = "LinuxStructuredException";
-    Lines frame; // what is left without the lines of the lists
-    for (const std::string& line : lines)
-    {
-        if (line.starts_with("Level 5|") || line == "ERROR|----------------------" || line.starts_with("ERROR|F - "))
-        {
-            frame.push_back(line);
-        }
-    }
-    EXPECT_EQ((Lines{trace("ExceptionHandler", "HandleStructuredException", "Entering"), "ERROR|----------------------",
-                     trace(dump, "DumpExceptionContext", "Entering"),
-                     "ERROR|F - Structured exception Bus error (code 00000002) occurred at (nil)",
-                     trace(dump, "GenerateCallStack", "Entering"), trace(dump, "GenerateCallStack", "Exiting"),
-                     trace(dump, "GenerateModuleAddresses", "Entering"), trace(dump, "GenerateModuleAddresses", "Exiting"),
-                     trace(dump, "DumpExceptionContext", "Exiting"),
-                     trace("ExceptionHandler", "HandleStructuredException", "Exiting")}),
-              frame);
+    EXPECT_EQ(
+        (Lines{"ERROR|----------------------", "ERROR|F - Structured exception Bus error (code 00000002) occurred at (nil)",
+               "ERROR|  Fault address:  (nil)"}),
+        Lines(lines.begin(), lines.begin() + 3));
 }
 
 TEST(StructuredException, KeepsModuleLinesWithinTheirLimit)
 {
-    StructuredException exception = MakeQuietly(SIGSEGV, 1, nullptr);
+    StructuredException exception = MakeQuietly(SIGSEGV, 1, 0);
     link_map* const executable = _r_debug.r_map;
     char* const name = executable->l_name;
     char prefix[50];
-    const std::size_t room =
-        309 - static_cast<std::size_t>(std::snprintf(prefix, sizeof prefix, "    (%lx) ", executable->l_addr));
-    const struct
+    const auto room = static_cast<std::size_t>(309 - std::snprintf(prefix, sizeof prefix, "    (%lx) ", executable->l_addr));
+    const std::string paths[] = {std::string(room, 'x'), std::string(4000, 'x'), std::string(room - 1, 'x') + "\u00E9"};
+    const std::size_t shown[] = {room, room, room - 1};
+    for (int i = 0; i < 3; ++i)
     {
-        std::string path;
-        std::size_t shown;
-    } rows[] = {
-        {std::string(room, 'x'), room},
-        {std::string(room + 1, 'x'), room},
-        {std::string(4000, 'x'), room},
-        {std::string(room - 1, 'x') + "\u00E9", room - 1},
-    };
-    for (const auto& row : rows)
-    {
-        std::string path = row.path;
+        std::string path = paths[i];
         executable->l_name = path.data();
         testing::internal::CaptureStdout();
         exception.GenerateModuleAddresses();
         executable->l_name = name;
-        EXPECT_EQ(prefix + row.path.substr(0, row.shown), Split(testing::internal::GetCapturedStdout())[0]);
+        EXPECT_EQ(prefix + paths[i].substr(0, shown[i]), GetPrintedLines()[0]);
     }
 }
 
-namespace
+TEST(StructuredException, DumpsMemoryThatMayBeUnreadable)
 {
-
-// A readable page with a page behind it that cannot be read.
-class PagePair
-{
-public:
-    enum Second
+    const Pages pages(Pages::NO_ACCESS);
+    std::memcpy(pages.Border() - 8, "ABC\0\x1F\x20\x7F\x80", 8);
+    const std::string unreadable = "?? ?? ?? ?? ?? ?? ?? ?? ";
+    const struct
     {
-        NO_ACCESS,
-        UNMAPPED,
-        PAST_END_OF_FILE
+        std::uintptr_t address;
+        std::string hex; // of the first eight bytes; the rest is unreadable
+        std::string characters;
+    } rows[] = {
+        {reinterpret_cast<std::uintptr_t>(pages.Border()) - 8, "41 42 43 00 1f 20 7f 80 ", "ABC.. \x7F."},
+        {0, unreadable, "........"},
+        {UINTPTR_MAX - 100, unreadable, "........"},
     };
-
-    explicit PagePair(Second second)
+    StructuredException exception = MakeQuietly(SIGSEGV, 1, 0);
+    for (const auto& row : rows)
     {
-        char name[] = "/tmp/ErrorHandlerDll.XXXXXX";
-        const int file = mkstemp(name);
-        unlink(name);
-        EXPECT_EQ(0, ftruncate(file, kPageSize));
-        m_start = static_cast<unsigned char*>(mmap(nullptr, 2 * kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-        close(file);
-        if (second == NO_ACCESS)
-        {
-            mprotect(m_start + kPageSize, kPageSize, PROT_NONE);
-        }
-        else if (second == UNMAPPED)
-        {
-            munmap(m_start + kPageSize, kPageSize);
-        }
-    }
-    PagePair(const PagePair&) = delete;
-    PagePair& operator=(const PagePair&) = delete;
-    ~PagePair() { munmap(m_start, 2 * kPageSize); }
-
-    unsigned char* GetBoundary() const { return m_start + kPageSize; }
-
-private:
-    unsigned char* m_start;
-};
-
-std::string MemoryLine(std::uintptr_t address, const std::string& hex, const std::string& characters)
-{
-    char start[50];
-    std::snprintf(start, sizeof start, "ERROR|    %p  ", reinterpret_cast<void*>(address));
-    return start + hex + "  " + characters;
-}
-
-std::string Repeat(const std::string& text, int count)
-{
-    std::string repeated;
-    for (int i = 0; i < count; ++i)
-    {
-        repeated += text;
-    }
-    return repeated;
-}
-
-Lines DumpMemory(std::uintptr_t address)
-{
-    static StructuredException exception = MakeQuietly(SIGSEGV, 1, nullptr);
-    const CapturedLog log(ZR_LOG_ERROR);
-    testing::internal::CaptureStdout();
-    exception.GenerateStackDump(reinterpret_cast<unsigned char*>(address));
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    return log.GetLines();
-}
-
-} // namespace
-
-TEST(StructuredException, MemoryDumpEndsWhereMemoryDoes)
-{
-    for (const auto second : {PagePair::NO_ACCESS, PagePair::UNMAPPED, PagePair::PAST_END_OF_FILE})
-    {
-        const PagePair pages(second);
-        unsigned char* const start = pages.GetBoundary() - 8;
-        std::memcpy(start, "ABC\0\x1F\x20\x7F\x80", 8);
-        const auto address = reinterpret_cast<std::uintptr_t>(start);
-
-        Lines expected = {"ERROR|  Raw stack dump:", MemoryLine(address, "41 42 43 00 1f 20 7f 80 " + Repeat("?? ", 8),
-                                                                "ABC.. \x7F." + std::string(8, '.'))};
-        for (std::uintptr_t i = 1; i < 20; ++i)
-        {
-            expected.push_back(MemoryLine(address + 16 * i, Repeat("?? ", 16), std::string(16, '.')));
-        }
-        expected.push_back("ERROR|");
-        EXPECT_EQ(expected, DumpMemory(address));
-    }
-}
-
-TEST(StructuredException, MemoryDumpTakesAnyAddress)
-{
-    for (const std::uintptr_t address : {std::uintptr_t{0}, UINTPTR_MAX - 100, UINTPTR_MAX, UINTPTR_MAX / 2})
-    {
-        const Lines lines = DumpMemory(address);
-        ASSERT_EQ(22u, lines.size());
+        Lines expected = {"ERROR|  Raw stack dump:"};
         for (std::uintptr_t i = 0; i < 20; ++i)
         {
-            EXPECT_EQ(MemoryLine(address + 16 * i, Repeat("?? ", 16), std::string(16, '.')), lines[i + 1]);
+            char address[50];
+            std::snprintf(address, sizeof address, "ERROR|    %p  ", reinterpret_cast<void*>(row.address + 16 * i));
+            expected.push_back(address + (i == 0 ? row.hex : unreadable) + unreadable + "  " +
+                               (i == 0 ? row.characters : "........") + "........");
         }
+        expected.push_back("ERROR|");
+        const CapturedLog log(ZR_LOG_ERROR);
+        testing::internal::CaptureStdout();
+        exception.GenerateStackDump(reinterpret_cast<unsigned char*>(row.address));
+        EXPECT_EQ("", testing::internal::GetCapturedStdout());
+        EXPECT_EQ(expected, log.GetLines());
     }
 }
 
@@ -371,6 +271,12 @@ void RunIllegalInstruction(std::uintptr_t)
     asm volatile("ud2");
 }
 
+void CallAddress(std::uintptr_t address)
+{
+    reinterpret_cast<void (*)()>(address)();
+    asm volatile(""); // keeps the call from becoming a jump
+}
+
 void FaultOnAlternateStack(void (*fault)(std::uintptr_t), std::uintptr_t address)
 {
     static char stack[256 * 1024];
@@ -388,51 +294,66 @@ void FaultOnAlternateStack(void (*fault)(std::uintptr_t), std::uintptr_t address
     fault(address);
 }
 
+// The addresses in the frames of the dump, from that of the interrupted instruction on.
+std::vector<std::uintptr_t> InterruptedFrames(const Lines& dump)
+{
+    std::uintptr_t instruction = UINTPTR_MAX;
+    std::vector<std::uintptr_t> frames;
+    for (const std::string& line : dump)
+    {
+        std::sscanf(line.c_str(), "ERROR|reg[16] = 0x%" SCNxPTR, &instruction);
+        if (line.starts_with("ERROR|     ") && line.ends_with("]"))
+        {
+            frames.push_back(std::strtoull(line.c_str() + line.rfind('[') + 1, nullptr, 16));
+        }
+    }
+    frames.erase(frames.begin(), std::find(frames.begin(), frames.end(), instruction));
+    return frames;
+}
+
 } // namespace
 
 TEST(StructuredException, RealFaultsAreDumpedAsTheyWere)
 {
-    const PagePair noAccess(PagePair::NO_ACCESS);
-    const PagePair pastEnd(PagePair::PAST_END_OF_FILE);
+    const Pages noAccess(Pages::NO_ACCESS);
+    const Pages pastEnd(Pages::PAST_END_OF_FILE);
+    static const int data = 0;
     const struct
     {
         void (*fault)(std::uintptr_t);
         std::uintptr_t address; // 0: that of the instruction
-        const char* signal;
-        const char* code;
+        const char* text;
     } rows[] = {
-        {ReadByte, reinterpret_cast<std::uintptr_t>(noAccess.GetBoundary()), "Segmentation fault", "00000002"},
-        {WriteByte, 16, "Segmentation fault", "00000001"},
-        {ReadByte, reinterpret_cast<std::uintptr_t>(pastEnd.GetBoundary()), "Bus error", "00000002"},
-        {DivideByZero, 0, "Floating Point Exception", "00000001"},
-        {RunIllegalInstruction, 0, "Illegal Instruction", "00000002"},
+        {ReadByte, reinterpret_cast<std::uintptr_t>(noAccess.Border()), "Segmentation fault (code 00000002)"},
+        {WriteByte, 16, "Segmentation fault (code 00000001)"},
+        {ReadByte, reinterpret_cast<std::uintptr_t>(pastEnd.Border()), "Bus error (code 00000002)"},
+        {DivideByZero, 0, "Floating Point Exception (code 00000001)"},
+        {RunIllegalInstruction, 0, "Illegal Instruction (code 00000002)"},
+        {CallAddress, 0x1234, "Segmentation fault (code 00000001)"},
+        {CallAddress, reinterpret_cast<std::uintptr_t>(&data), "Segmentation fault (code 00000002)"},
     };
+    std::vector<std::uintptr_t> callers; // of the function that faults: the same in each row
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.signal);
+        SCOPED_TRACE(row.text);
         const CapturedLog log(ZR_LOG_ERROR);
         EXPECT_EXIT(FaultOnAlternateStack(row.fault, row.address), testing::ExitedWithCode(0), "");
         const Lines lines = log.GetLines();
+        std::vector<std::uintptr_t> frames = InterruptedFrames(lines);
+        ASSERT_LT(3u, frames.size());
 
-        // The interrupted instruction lies in the function that faulted, and is one of the frames.
-        std::uintptr_t instruction = 0;
-        for (const std::string& line : lines)
-        {
-            std::sscanf(line.c_str(), "ERROR|reg[16] = 0x%" SCNxPTR, &instruction);
-        }
-        EXPECT_LT(instruction - reinterpret_cast<std::uintptr_t>(row.fault), 200u);
         char text[200];
-        std::snprintf(text, sizeof text, "[0x%" PRIxPTR "]", instruction);
-        const auto isFrame = [&](const std::string& line)
-        {
-            return line.starts_with("ERROR|     ") && line.ends_with(text);
-        };
-        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), isFrame));
-
-        ASSERT_LT(2u, lines.size());
-        const std::uintptr_t address = row.address == 0 ? instruction : row.address;
-        std::snprintf(text, sizeof text, "Structured exception %s (code %s) occurred at 0x%" PRIxPTR, row.signal, row.code,
-                      address);
+        std::snprintf(text, sizeof text, "Structured exception %s occurred at 0x%" PRIxPTR, row.text,
+                      row.address == 0 ? frames[0] : row.address);
         EXPECT_EQ(std::string("ERROR|StructuredException::StructuredException") + text, lines[0]);
+        if (row.fault == CallAddress)
+        {
+            EXPECT_EQ(row.address, frames[0]);
+            frames.erase(frames.begin());
+        }
+        EXPECT_LT(frames[0] - reinterpret_cast<std::uintptr_t>(row.fault), 200u);
+        frames.erase(frames.begin());
+        callers = callers.empty() ? frames : callers;
+        EXPECT_EQ(callers, frames);
     }
 }

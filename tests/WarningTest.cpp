@@ -1,5 +1,5 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "support/CapturedLog.h"
+#include "support/LogTest.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>

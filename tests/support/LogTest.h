@@ -61,15 +61,17 @@ inline std::vector<LogLine> ParseLog(const std::string& text)
         int textAt = 0;
         char level[14] = "";
         const int fields =
-            std::sscanf(line.c_str(), "%2d/%2d/%2d %2d:%2d:%2d.%3d - %13c[ThreadID: %d] - %n", digits, digits + 1,
-                        digits + 2, digits + 3, digits + 4, digits + 5, digits + 6, level, &thread, &textAt);
-        if (fields != 9 || textAt == 0 || line.find("ThreadID", static_cast<std::size_t>(textAt)) != std::string::npos)
+            std::sscanf(line.c_str(), "%2d/%2d/%2d %2d:%2d:%2d.%3d - %13c[ThreadID: %d] -%n", digits, digits + 1, digits + 2,
+                        digits + 3, digits + 4, digits + 5, digits + 6, level, &thread, &textAt);
+        // A blank in the format would also skip those that the text starts with.
+        const std::size_t blankAt = static_cast<std::size_t>(textAt);
+        if (fields != 9 || line[blankAt] != ' ' || line.find("ThreadID", blankAt) != std::string::npos)
         {
             ADD_FAILURE() << "no whole line: " << line;
             continue;
         }
         const std::string stamp = line.substr(6, 2) + line.substr(3, 2) + line.substr(0, 2) + line.substr(8, 13);
-        lines.push_back({stamp, level, thread, line.substr(static_cast<std::size_t>(textAt))});
+        lines.push_back({stamp, level, thread, line.substr(blankAt + 1)});
     }
     return lines;
 }
@@ -130,6 +132,43 @@ protected:
         return texts;
     }
 
+    TemporaryFolder m_folder;
+};
+
+// Switches the log on into a folder of its own.
+class CapturedLog
+{
+public:
+    explicit CapturedLog(int level = ZR_LOG_DEBUG_HIGH, unsigned int mask = ZR_LOG_ALL_CATEGORIES, bool enable = true)
+    {
+        InitialiseLogging(enable, level, mask, (m_folder / "reader.log").c_str());
+    }
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+    ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
+
+    // The lines that have reached the file: level, '|', source and message. Source line numbers read N.
+    std::vector<std::string> GetFlushedLines() const
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : ParseLog(ReadFile(m_folder / "reader.log")))
+        {
+            std::string text = line.m_text;
+            if (const std::size_t number = text.find(".cpp("); number != std::string::npos)
+            {
+                text.replace(number, text.find(')', number) - number, ".cpp(N");
+            }
+            lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
+        }
+        return lines;
+    }
+    std::vector<std::string> GetLines() const
+    {
+        ShutdownLogging();
+        return GetFlushedLines();
+    }
+
+private:
     TemporaryFolder m_folder;
 };
 
