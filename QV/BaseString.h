@@ -92,8 +92,8 @@ public:
         {
             length += view.size();
         }
-        BaseString result;
-        Char* out = result.SetLength(length);
+        BaseString result(OfLength{length});
+        Char* out = result.m_data;
         for (const View& view : views)
         {
             Copy(out, view);
@@ -117,16 +117,27 @@ public:
     }
     [[gnu::format(printf, 1, 0)]] static BaseString FormatV(const char* format, va_list& arguments)
     {
-        BaseString result;
         const int length = Str::GetFormattedLength(format, arguments);
+        BaseString result(OfLength{static_cast<std::size_t>(length > 0 ? length : 0)});
         if (length > 0)
         {
-            Str::FormatArgs(result.SetLength(static_cast<std::size_t>(length)), length + 1, format, arguments);
+            Str::FormatArgs(result.m_data, length + 1, format, arguments);
         }
         return result;
     }
 
 private:
+    struct OfLength
+    {
+        std::size_t length;
+    };
+
+    // A string whose characters the caller fills: one allocation, where an empty string made longer would take two.
+    explicit BaseString(OfLength size) : m_data(Allocate(size.length)), m_length(static_cast<int>(size.length))
+    {
+        m_data[m_length] = Char();
+    }
+
     // Lengths are signed 32-bit counts; a longer text cannot be kept, which to the caller is memory that cannot be had.
     static Char* Allocate(std::size_t length)
     {
