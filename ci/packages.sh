@@ -49,11 +49,12 @@ installed=("${names[@]}")
 quietly "${asRoot[@]}" dpkg -i "${archives[@]}"
 library=$(dpkg -L liberrorhandlerdll | grep '/libErrorHandlerDll\.so$')
 
-# The debug information belongs to the library that was installed, and the library carries none itself.
+# The debug information belongs to the library that was installed, and the library carries none itself. Not grep -q: it leaves
+# before the writer has ended, whose status then counts as a failure.
 buildId=$(readelf -n "$library" | sed -n 's/^ *Build ID: //p')
 debugFile=/usr/lib/debug/.build-id/${buildId:0:2}/${buildId:2}.debug
-readelf -S "$library" | grep -q '\.debug_info' && fail "$library carries debug information"
-readelf -S "$debugFile" | grep -q '\.debug_info' || fail "$debugFile carries no debug information"
+readelf -S "$library" | grep '\.debug_info' >"$work/found" && fail "$library carries debug information"
+readelf -S "$debugFile" | grep '\.debug_info' >"$work/found" || fail "$debugFile carries no debug information"
 symbolised=$(addr2line -e "$debugFile" "0x$(nm -D "$library" | awk '$3 == "LogMessage" { print $1 }')")
 case $symbolised in
 ./ErrorHandlerDll/*.cpp:[0-9]*) echo "LogMessage is at $symbolised" ;;
@@ -62,7 +63,7 @@ esac
 
 # From the archive, not from the machine: small installations of Debian leave documentation out.
 quietly dpkg-deb -x "$folder"/liberrorhandlerdll-dev_*.deb "$work/tree"
-man -M "$work/tree/usr/share/man" LogMessage | grep -q 'LogMessage(3)' || fail "man LogMessage shows no page"
+man -M "$work/tree/usr/share/man" LogMessage | grep 'LogMessage(3)' >"$work/found" || fail "man LogMessage shows no page"
 find "$work/tree/usr/share/man" -name '*.gz' >"$work/pages"
 while read -r page; do
     warnings=$(man --warnings -E UTF-8 -l "$page" 2>&1 >/dev/null)
