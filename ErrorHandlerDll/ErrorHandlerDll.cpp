@@ -18,8 +18,13 @@ FileLogger gFileLogger;
 namespace
 {
 
-const int gForkHandlers = pthread_atfork([] { gFileLogger.BeforeFork(); }, [] { gFileLogger.AfterForkInParent(); },
-                                         [] { gFileLogger.AfterForkInChild(); });
+const int gForkHandlers = pthread_atfork(
+    []
+    {
+        const ErrnoKeeper keeper;
+        gFileLogger.BeforeFork();
+    },
+    [] { gFileLogger.AfterForkInParent(); }, [] { gFileLogger.AfterForkInChild(); });
 
 // Most messages fit: then they are formatted once, without the heap.
 constexpr int kMessageBufferSize = 1024;

@@ -114,8 +114,20 @@ void FileLogger::RestoreSectionDepth(unsigned int depth)
 
 void FileLogger::BeforeFork()
 {
-    EnterCriticalSection();
-    FlushLogFile();
+    // A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a
+    // change.
+    if (EnterCriticalSection() && !m_busy.load(std::memory_order_relaxed))
+    {
+        FlushLogFile();
+    }
+}
+
+void FileLogger::AfterForkInParent()
+{
+    if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
+    {
+        LeaveCriticalSection();
+    }
 }
 
 void FileLogger::AfterForkInChild()

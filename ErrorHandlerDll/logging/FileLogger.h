@@ -70,7 +70,7 @@ public:
 
     // Around a fork: the child of a busy process must be able to log, and nothing buffered may be written by both.
     void BeforeFork();
-    void AfterForkInParent() { LeaveCriticalSection(); }
+    void AfterForkInParent();
     void AfterForkInChild();
 
     // ---- What the strategies use, and the exception handler around its blocks. The caller holds the section. ----
