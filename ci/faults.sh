@@ -6,7 +6,8 @@ cd "$(dirname "$0")/.."
 tools/build.sh faults faults_short
 programs=build/faults/tools/fault_harness
 status=0
-for program in faults_memory faults_calls_library faults_disk_library faults_processes_library faults_unwind; do
+for program in faults_memory faults_calls_library faults_disk_library faults_processes_library faults_kills_library \
+    faults_unwind; do
     "$programs/$program" || status=1
 done
 "$programs/faults_soak" || status=1

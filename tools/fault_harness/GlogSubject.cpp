@@ -33,7 +33,7 @@ void Open(const std::string& folder, std::size_t)
 bool Log(const char* text)
 {
     LOG(INFO) << text;
-    if (++gLines % kLinesPerFlush == 0)
+    if (++gLines % gLinesPerFlush == 0)
     {
         google::FlushLogFiles(google::GLOG_INFO);
     }

@@ -13,7 +13,7 @@ const bool kRotates = true;
 void Open(const std::string& folder, std::size_t maxFileSize)
 {
     LoggingSettings settings = {};
-    settings.flushInterval = kLinesPerFlush - 1;
+    settings.flushInterval = static_cast<unsigned int>(gLinesPerFlush) - 1;
     settings.strategy = maxFileSize > 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
     settings.maxFileSize = static_cast<std::uint32_t>(maxFileSize);
     InitialiseLogging(true, ZR_LOG_WARNING, 1, (folder + "/app.log").c_str());

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -116,12 +117,17 @@ Verdict Judge(const std::filesystem::path& folder)
         }
         std::ostringstream bytes;
         bytes << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-        const std::string text = bytes.str();
-        verdict.m_openEnds += !text.empty() && text.back() != '\n' ? 1 : 0;
-        std::istringstream lines(text);
+        std::istringstream lines(bytes.str());
         for (std::string line; std::getline(lines, line);)
         {
-            JudgeLine(line, verdict, seen);
+            if (lines.eof())
+            {
+                ++verdict.m_openEnds;
+            }
+            else
+            {
+                JudgeLine(line, verdict, seen);
+            }
         }
     }
     return verdict;
@@ -169,6 +175,16 @@ int RunChild(const std::function<void()>& body, unsigned int timeoutSeconds)
     int status = -1;
     waitpid(child, &status, 0);
     return status;
+}
+
+std::string Figures(const char* format, ...)
+{
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
 }
 
 bool Report(const std::string& name, bool kept, const std::string& figures)

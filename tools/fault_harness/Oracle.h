@@ -20,7 +20,7 @@ struct Verdict
     int m_lines = 0;
     int m_torn = 0;     // neither a whole line nor one of the subject's own
     int m_doubled = 0;  // whole lines that are there once already
-    int m_openEnds = 0; // files that end without a line feed
+    int m_openEnds = 0; // files that end without a line feed; what stands behind the last one counts nowhere else
     std::string m_firstTorn;
 
     bool IsWhole() const { return m_torn == 0 && m_doubled == 0 && m_openEnds == 0; }
@@ -51,6 +51,9 @@ void* SharedMemory(std::size_t size);
 
 // Runs `body` in a child that is killed when it hangs. Returns the wait status.
 int RunChild(const std::function<void()>& body, unsigned int timeoutSeconds = 30);
+
+// Formats the figures of a row.
+std::string Figures(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Writes one row of the result. A row of a peer never fails.
 //   returns whether the program may go on to succeed

@@ -1,14 +1,12 @@
-// Processes that are killed, fork, share a file, end while their threads log, cancel them, interrupt them by signals, close
+// Processes that fork, share a file, end while their threads log, cancel them, interrupt them by signals, close
 // the standard descriptors, and execute others. faults_processes_SUBJECT [N [CASE]]: N times as many rounds as in the short
 // form, of one case or of all.
 #include "Oracle.h"
 #include "Subject.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +14,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <pthread.h>
-#include <random>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -25,69 +22,15 @@
 namespace
 {
 
-constexpr std::size_t kMaxFileSize = 200000;
 int gScale = 1;
 std::atomic<bool> gStop{false};
 
-void LogUntilStopped(int writer, std::atomic<int>* taken)
+void LogUntilStopped(int writer)
 {
     for (int i = 0; !gStop; ++i)
     {
-        if (Subject::Log(LineText(writer, i).c_str()) && taken != nullptr)
-        {
-            taken->store(i + 1);
-        }
+        Subject::Log(LineText(writer, i).c_str());
     }
-}
-
-std::string Figures(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Figures(const char* format, ...)
-{
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
-}
-
-// No more lost than is flushed at once, and nothing torn but the last line, where the kernel stops a write between two
-// pages: a few in a hundred. How many exactly takes more rounds to tell than the short form has.
-bool Killed(bool rotating)
-{
-    constexpr int kWriters = 2;
-    const int rounds = 40 * gScale;
-    std::mt19937 random(1);
-    auto* taken = static_cast<std::atomic<int>*>(SharedMemory(sizeof(std::atomic<int>) * kWriters));
-    int wholeEnds = 0;
-    int torn = 0;
-    int doubled = 0;
-    int mostLost = 0;
-    for (int round = 0; round < rounds; ++round)
-    {
-        const ScratchFolder folder;
-        taken[0] = taken[1] = 0;
-        const pid_t child = fork();
-        if (child == 0)
-        {
-            Subject::Open(folder.Path(), rotating ? kMaxFileSize : 0);
-            std::thread other(LogUntilStopped, 1, &taken[1]);
-            LogUntilStopped(0, &taken[0]);
-        }
-        usleep(static_cast<unsigned int>(5000 + random() % 25000));
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        const Verdict verdict = Judge(folder.Path());
-        wholeEnds += verdict.m_openEnds == 0 ? 1 : 0;
-        torn += verdict.m_torn - verdict.m_openEnds;
-        doubled += verdict.m_doubled;
-        mostLost = std::max(mostLost, verdict.Lost(0, taken[0]) + verdict.Lost(1, taken[1]));
-    }
-    return Report(rotating ? "killed, rotating" : "killed, appended",
-                  wholeEnds * 100 >= rounds * (gScale > 1 ? 95 : 85) && torn == 0 && doubled == 0 &&
-                      mostLost <= Subject::kLinesPerFlush,
-                  Figures("whole ending in %d of %d, at most %d lines lost, %d torn inside, %d doubled", wholeEnds, rounds,
-                          mostLost, torn, doubled));
 }
 
 // Children of a process whose other threads log write lines of their own and end without a word.
@@ -214,7 +157,6 @@ bool Ended()
     int crashed = 0;
     int torn = 0;
     int lost = 0;
-    auto* taken = static_cast<std::atomic<int>*>(SharedMemory(sizeof(std::atomic<int>) * kThreads));
     for (int round = 0; round < rounds; ++round)
     {
         const ScratchFolder folder;
@@ -222,10 +164,9 @@ bool Ended()
         {
             gLogsLate = true;
             Subject::Open(folder.Path(), 0);
-            std::fill(taken, taken + kThreads, 0);
             for (int i = 0; i < kThreads; ++i)
             {
-                std::thread(LogUntilStopped, i, static_cast<std::atomic<int>*>(nullptr)).detach();
+                std::thread(LogUntilStopped, i).detach();
             }
             for (int i = 0; i < 5; ++i)
             {
@@ -245,7 +186,7 @@ bool Ended()
 
 void* LogForEver(void* writer)
 {
-    LogUntilStopped(*static_cast<int*>(writer), nullptr);
+    LogUntilStopped(*static_cast<int*>(writer));
     return nullptr;
 }
 
@@ -400,17 +341,7 @@ struct Case
     bool (*m_run)();
 };
 
-constexpr Case kCases[] = {{"killed",
-                            []
-                            {
-                                return Killed(false);
-                            }},
-                           {"killed-rotating",
-                            []
-                            {
-                                return !Subject::kRotates || Killed(true);
-                            }},
-                           {"shared", Shared},
+constexpr Case kCases[] = {{"shared", Shared},
                            {"ended", Ended},
                            {"cancelled", Cancelled},
                            {"interrupted", Interrupted},

@@ -42,7 +42,7 @@ void Open(const std::string& folder, std::size_t maxFileSize)
 bool Log(const char* text)
 {
     gLogger->warn(text);
-    if (++gLines % kLinesPerFlush == 0)
+    if (++gLines % gLinesPerFlush == 0)
     {
         gLogger->flush();
     }

@@ -13,7 +13,7 @@ extern const char* const kName;
 extern const bool kIsLibrary; // whose promises make a case fail; a peer's figures are only shown
 extern const bool kRotates;   // to files whose names it chooses by size
 
-constexpr int kLinesPerFlush = 10;
+inline int gLinesPerFlush = 10; // taken when a log is started
 
 // Starts a log in the folder: one file that is appended to, or files that are changed at a size.
 void Open(const std::string& folder, std::size_t maxFileSize);
