@@ -2,7 +2,7 @@
 
 #include "ErrorHandlerDll/FixedText.h"
 
-HalvikException::HalvikException(ZelvoReaderErrorCode code, const char* message, const char* location)
+HalvikException::HalvikException(ZelvoReaderErrorCode code, const char* message, const char* location) noexcept
     : m_errorCode(code), m_handled(false)
 {
     CopyFixedText(m_errorString, sizeof m_errorString, message);

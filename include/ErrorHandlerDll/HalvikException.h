@@ -21,7 +21,7 @@
 class HalvikException
 {
 public:
-    ERRORHANDLERDLL_API HalvikException(ZelvoReaderErrorCode code, const char* message, const char* location);
+    ERRORHANDLERDLL_API HalvikException(ZelvoReaderErrorCode code, const char* message, const char* location) noexcept;
 
     ERRORHANDLERDLL_API ZelvoReaderErrorCode GetErrorCode();
 
