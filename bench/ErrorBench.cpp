@@ -50,7 +50,12 @@ Case MakeCase(const char* subject, Operation operation)
             }};
 }
 
+} // namespace
+
 // ---- The limits: the least that does the same work ----
+//
+// Not in an unnamed namespace: the compiler would fit the functions, and the frames of their callers, to the only arguments
+// that they are called with, which it cannot do with a library's.
 
 struct TextTable
 {
@@ -155,6 +160,9 @@ private:
     std::size_t m_used = 0;
     char m_block[4096] = "";
 };
+
+namespace
+{
 
 // ---- The scenarios ----
 

@@ -63,6 +63,9 @@ char* PutHex(char* out, const unsigned char* bytes, int count)
     return out;
 }
 
+} // namespace
+
+// Not in the unnamed namespace: the compiler would fit LineAt to the only arguments that it is called with.
 class LimitLog final : public LogAdapter<LimitLog>
 {
 public:
@@ -197,6 +200,9 @@ private:
     std::size_t m_used = 0;
     char m_buffer[kBufferSize + 67 * 4200]; // room for a whole dump of 64 KiB behind the lines
 };
+
+namespace
+{
 
 const Registration<LimitLog> gRegistration;
 
