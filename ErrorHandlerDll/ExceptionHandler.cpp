@@ -11,6 +11,7 @@
 #include "ErrorHandlerDll/crash/DumpScope.h"
 
 #include <functional>
+#include <string_view>
 
 // Plain zero and no construction: they are valid before any code of the library has run, and in signal handlers.
 ZelvoReaderErrorCallback ExceptionHandler::m_errorCallback;
@@ -22,7 +23,7 @@ namespace
 {
 
 constexpr const char* kBlockSeparator = "----------------------";
-constexpr std::size_t kCaughtTextSize = kErrorTextSize + sizeof "[caught]: ";
+constexpr std::string_view kCaughtPrefix = "[caught]: ";
 
 void RecordError(ZelvoReaderErrorCode code, const char* message)
 {
@@ -223,8 +224,9 @@ void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikExc
             WriteErrorBlock(
                 [=]
                 {
-                    char caughtText[kCaughtTextSize];
-                    FormatFixedText(caughtText, sizeof caughtText, "[caught]: %s", exception->GetErrorString());
+                    char caughtText[kCaughtPrefix.size() + kErrorTextSize];
+                    kCaughtPrefix.copy(caughtText, kCaughtPrefix.size()); // printf would be a quarter of a handling
+                    CopyFixedText(caughtText + kCaughtPrefix.size(), kErrorTextSize, exception->GetErrorString());
                     LogErrorLine(exception->GetLocationString(), exception->GetErrorString());
                     LogErrorLine(functionName, caughtText);
                 });
