@@ -26,16 +26,22 @@ FileLogger::~FileLogger()
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
     if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
     {
-        m_filterLevel.store(kDisabled);
+        Disable();
         m_destroyed.store(true);
         m_file.FlushInEmergency();
         return;
     }
-    m_filterLevel.store(kDisabled);
+    Disable();
     m_destroyed.store(true);
     CloseLogFile();
     DeleteStrategy();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
+}
+
+void FileLogger::Disable()
+{
+    m_enabled.store(false);
+    m_filterMask.store(0);
 }
 
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
@@ -53,7 +59,8 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
     }
     m_logLevel.store(level, std::memory_order_relaxed);
     m_logMask.store(mask, std::memory_order_relaxed);
-    m_filterLevel.store(enable ? level + kLevelBias : kDisabled, std::memory_order_relaxed);
+    m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
+    m_enabled.store(enable, std::memory_order_relaxed);
 }
 
 void FileLogger::Shutdown()

@@ -33,14 +33,14 @@ public:
     void SetOptions(LoggingSettings* settings);
     void GetOptions(LoggingSettings* settings);
 
-    bool IsEnabled() const { return m_filterLevel.load(std::memory_order_relaxed) != kDisabled; }
+    bool IsEnabled() const { return m_enabled.load(std::memory_order_relaxed); }
     bool IsDestroyed() const { return m_destroyed.load(std::memory_order_relaxed); }
 
     // The filter. Reads without the section: an entry that is being logged while the settings change may be taken by either.
     bool CanWrite(int level, unsigned int mask) const
     {
-        return level + kLevelBias <= m_filterLevel.load(std::memory_order_relaxed) &&
-               (mask & m_logMask.load(std::memory_order_relaxed)) != 0;
+        return level <= m_logLevel.load(std::memory_order_relaxed) &&
+               (mask & m_filterMask.load(std::memory_order_relaxed)) != 0;
     }
 
     // Writes one entry. `message` is anything with size() and copy(out, size), like a string_view: it is copied once,
@@ -106,16 +106,17 @@ private:
     bool PrepareInEmergency(Interrupted interrupted);
     void DeleteStrategy();
 
-    // Enabled and level in one word, so that the filter is one comparison. Off is zero, which lies below every biased level:
-    // so is a logger that is not constructed yet.
-    static constexpr std::int64_t kLevelBias = std::int64_t{1} << 32;
-    static constexpr std::int64_t kDisabled = 0;
-    std::atomic<std::int64_t> m_filterLevel{kDisabled};
+    void Disable();
+
+    // Categories that are written: none while logging is off, and before the logger is constructed. So the filter looks at
+    // two words only.
+    std::atomic<unsigned int> m_filterMask{0};
+    std::atomic<int> m_logLevel{0};
     ZelvoWinAPI::_CRITICAL_SECTION m_criticalSection;
     QV::BaseString<char> m_logFileName;
-    std::atomic<int> m_logLevel{0};
     std::uint32_t m_reserved = 0;
     std::atomic<unsigned int> m_logMask{ZR_LOG_ALL_CATEGORIES};
+    std::atomic<bool> m_enabled{false};
     unsigned int m_flushInterval;
     LogFile m_file;
     unsigned int m_linesSinceFlush = 0;
