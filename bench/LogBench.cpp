@@ -2,7 +2,9 @@
 #include "bench/Harness.h"
 #include "bench/LogSubject.h"
 
+#include <algorithm>
 #include <barrier>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +19,7 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr std::size_t kLineLength = 110; // with the line feed
+constexpr const char* kStampShape = "99/99/99 99:99:99.999";
 constexpr std::size_t kShortestLine = 100, kLongestLine = 220;
 constexpr std::size_t kRotatedFileSize = std::size_t{1} << 20;
 
@@ -47,6 +50,7 @@ public:
             const std::size_t spread = i * 2654435761u % (kLongestLine - kShortestLine);
             m_work.varying[i] = text(kShortestLine + spread).substr(sourceLength);
         }
+        CheckLine();
     }
 
     LogSubject& Subject() { return m_subject; }
@@ -90,26 +94,46 @@ private:
         const std::string name = m_subject.Name();
         return name == "library" || name == "limit";
     }
-    std::size_t MeasurePrefix()
+    // What the subject makes of the message; the last line, as glog heads its files with lines of its own.
+    std::string WriteOneLine()
     {
-        const std::string probe(20, 'x');
-        m_work.message = probe;
         Start();
         m_subject.Close();
-        std::size_t length = 0;
+        std::string last;
         for (const auto& file : fs::directory_iterator(m_current))
         {
             std::ifstream stream(file.path());
             for (std::string line; std::getline(stream, line);)
             {
-                if (line.ends_with(probe))
+                if (line.ends_with(m_work.message))
                 {
-                    length = line.size() - probe.size();
+                    last = line;
                 }
             }
         }
-        fs::remove_all(m_current);
-        return length - (AddsSource() ? std::strlen(kSource) : 0);
+        Remove();
+        return last;
+    }
+    std::size_t MeasurePrefix()
+    {
+        m_work.message = std::string(20, 'x');
+        const std::size_t sourceLength = AddsSource() ? std::strlen(kSource) : 0;
+        return WriteOneLine().size() - m_work.message.size() - sourceLength;
+    }
+    // Peers must write the same bytes a line, and the same fields as far as they let one choose: a letter that a pattern
+    // does not know costs less than the field that it was to be.
+    void CheckLine()
+    {
+        const std::string line = WriteOneLine();
+        std::string stamp = line.substr(0, std::strlen(kStampShape));
+        std::replace_if(
+            stamp.begin(), stamp.end(), [](unsigned char c) { return std::isdigit(c) != 0; }, '9');
+        if (line.size() + 1 != kLineLength || (stamp != kStampShape && !m_subject.HasFormatOfItsOwn()))
+        {
+            std::fprintf(stderr, "bench_log: not the fields or the length that all write: %s: %s\n", m_subject.Name(),
+                         line.c_str());
+            std::exit(EXIT_FAILURE);
+        }
     }
 
     LogSubject& m_subject;

@@ -42,6 +42,9 @@ public:
     virtual ~LogSubject() = default;
     virtual const char* Name() const = 0;
 
+    // Whether the fields of its lines cannot be chosen.
+    virtual bool HasFormatOfItsOwn() const { return false; }
+
     // Starts a new log. `path` ends in ".log" and names a folder of its own, for subjects that make their names themselves.
     //   maxFileSize  where files are changed, in bytes; 0: one file
     virtual void Open(const std::string& path, std::size_t maxFileSize) = 0;

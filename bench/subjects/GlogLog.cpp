@@ -19,6 +19,7 @@ public:
     }
 
     const char* Name() const override { return "glog"; }
+    bool HasFormatOfItsOwn() const override { return true; }
     // Its files are named by the second: it cannot change them as often as the rotation scenario does.
     bool Can(Operation operation) const override { return operation != Operation::HEX && operation != Operation::ROTATION; }
 

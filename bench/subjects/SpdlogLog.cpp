@@ -28,7 +28,7 @@ public:
             sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
         }
         m_logger = std::make_shared<spdlog::logger>("bench", sink);
-        m_logger->set_pattern("%d/%m/%y %H:%M:%S.%e - %-10l - [ThreadID: %t] - %v");
+        m_logger->set_pattern("%d/%m/%C %H:%M:%S.%e - %-10l - [ThreadID: %t] - %v");
         m_logger->set_level(spdlog::level::warn);
     }
     void Close() override
