@@ -56,6 +56,7 @@ void RunPart(const Part& part)
     {
         PrintAndLog(kFaultInDump);
     }
+    Crash::DumpScope::WriteHeldLines();
 }
 
 // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
@@ -129,6 +130,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
     if (isBeyondHelp)
     {
         Print(kFaultInDump);
+        Crash::DumpScope::RecoverHeldLines();
         return;
     }
     m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
@@ -188,6 +190,7 @@ void StructuredException::DumpExceptionContext(const char* functionName)
 
         FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
         PrintAndLog(line);
+        Crash::DumpScope::WriteHeldLines();
 
         Print("GenerateCallStack...");
         RunPart([this] { GenerateCallStack(); });

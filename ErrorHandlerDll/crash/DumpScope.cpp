@@ -39,12 +39,24 @@ DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
         // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
         m_hasDumpSection = ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, kOtherDumpWaitMs);
         m_hasLog = gFileLogger.EnterCriticalSection();
+        if (m_hasDumpSection)
+        {
+            StandardOutput::HoldLines();
+        }
+        if (m_hasLog)
+        {
+            gFileLogger.HoldLines();
+        }
         Run([] { StandardOutput::Prepare(); });
     }
 }
 
 DumpScope::~DumpScope()
 {
+    if (m_isOutermost)
+    {
+        ReleaseLines();
+    }
     --sDepth;
     if (m_hasLog)
     {
@@ -59,6 +71,37 @@ DumpScope::~DumpScope()
         ReleaseSignals();
         sOutermost = nullptr;
     }
+}
+
+void DumpScope::ReleaseLines() const noexcept
+{
+    if (m_hasLog)
+    {
+        gFileLogger.ReleaseLines();
+    }
+    if (m_hasDumpSection)
+    {
+        StandardOutput::ReleaseLines();
+    }
+}
+
+void DumpScope::WriteHeldLines() noexcept
+{
+    if (sOutermost != nullptr && sOutermost->m_hasLog)
+    {
+        gFileLogger.WriteHeldLines();
+    }
+    StandardOutput::WriteHeldLines();
+}
+
+void DumpScope::RecoverHeldLines() noexcept
+{
+    if (sOutermost != nullptr && sOutermost->m_hasLog)
+    {
+        gFileLogger.RecoverHeldLines();
+    }
+    StandardOutput::RecoverHeldLines();
+    WriteHeldLines();
 }
 
 void DumpScope::HoldBackSignals() noexcept
@@ -122,6 +165,7 @@ void DumpScope::Place::Restore() const noexcept
         pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
     }
     gFileLogger.RestoreSectionDepth(m_sectionDepth);
+    RecoverHeldLines();
 }
 
 } // namespace Crash

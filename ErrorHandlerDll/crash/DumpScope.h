@@ -38,6 +38,12 @@ public:
         return true;
     }
 
+    // Writes the lines that this thread's dump holds back: at the end of each part, for who knows whether there is another.
+    static void WriteHeldLines() noexcept;
+
+    // The same after a fault in the dump, in the midst of which it is not known.
+    static void RecoverHeldLines() noexcept;
+
     // Goes back to the Run of this thread that is under way. Returns when there is none.
     static void LeaveFaultyPart() noexcept;
 
@@ -66,6 +72,7 @@ private:
         unsigned int m_sectionDepth;
     };
 
+    void ReleaseLines() const noexcept;
     void HoldBackSignals() noexcept;
     void ReleaseSignals() noexcept;
 

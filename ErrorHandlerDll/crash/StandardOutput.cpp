@@ -1,6 +1,7 @@
 #include "ErrorHandlerDll/crash/StandardOutput.h"
 
 #include "ErrorHandlerDll/logging/FileLogger.h"
+#include "ErrorHandlerDll/logging/HeldLines.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
@@ -24,6 +25,9 @@ namespace
 constinit std::atomic<bool> gIsGivenUp = false;
 constinit std::atomic<bool> gMayBlock = true;
 constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
+
+constinit HeldLines gHeldLines;
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool sHoldsLines = false;
 
 // A pipe that is ready takes this many bytes without blocking.
 constexpr std::size_t kUnblockedSize = PIPE_BUF;
@@ -104,6 +108,33 @@ void Prepare() noexcept
     }
 }
 
+void HoldLines() noexcept
+{
+    sHoldsLines = true;
+}
+
+void WriteHeldLines() noexcept
+{
+    if (sHoldsLines)
+    {
+        gHeldLines.Take([](std::string_view lines) { Write(GetDescriptor(), lines); });
+    }
+}
+
+void ReleaseLines() noexcept
+{
+    WriteHeldLines();
+    sHoldsLines = false;
+}
+
+void RecoverHeldLines() noexcept
+{
+    if (sHoldsLines)
+    {
+        gHeldLines.Recover();
+    }
+}
+
 void PrintLine(std::string_view line) noexcept
 {
     const int descriptor = GetDescriptor();
@@ -116,6 +147,19 @@ void PrintLine(std::string_view line) noexcept
             funlockfile(stdout);
         }
         return;
+    }
+    const std::string_view parts[] = {line, "\n"};
+    if (sHoldsLines)
+    {
+        if (gHeldLines.Append(parts))
+        {
+            return;
+        }
+        WriteHeldLines();
+        if (gHeldLines.Append(parts))
+        {
+            return;
+        }
     }
     const iovec pieces[] = {{const_cast<char*>(line.data()), line.size()}, {const_cast<char*>("\n"), 1}};
     std::size_t written = 0;

@@ -11,6 +11,13 @@ namespace Crash::StandardOutput
 // Writes what stdio still buffers for the host, so that the dump comes behind it. Called once for each dump.
 void Prepare() noexcept;
 
+// From here to ReleaseLines the lines of this thread wait for each other, so that many of them go out with one write. One
+// thread at a time.
+void HoldLines() noexcept;
+void WriteHeldLines() noexcept;
+void ReleaseLines() noexcept;
+void RecoverHeldLines() noexcept; // after a fault in the midst of one
+
 // Writes the text and a line feed at once. A reader that does not read is waited for half a second in the life of the
 // process; after that standard output is given up.
 void PrintLine(std::string_view line) noexcept;

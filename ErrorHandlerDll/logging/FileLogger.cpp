@@ -29,6 +29,7 @@ FileLogger::~FileLogger()
         Disable();
         m_destroyed.store(true);
         m_file.FlushInEmergency();
+        m_file.WriteHeldLines();
         return;
     }
     Disable();
@@ -111,6 +112,12 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->reserved = m_reserved;
 }
 
+void FileLogger::ReleaseLines()
+{
+    m_holdsLines.store(false, std::memory_order_relaxed);
+    m_file.WriteHeldLines();
+}
+
 void FileLogger::RestoreSectionDepth(unsigned int depth)
 {
     if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
@@ -166,6 +173,7 @@ void FileLogger::FlushLogFile()
     if (QV::EmergencyScope::IsActive())
     {
         m_file.FlushInEmergency();
+        m_file.WriteHeldLines();
         return;
     }
     const BusyScope busy(m_busy);
@@ -208,7 +216,9 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     {
         return false;
     }
-    m_file.WriteInEmergency(parts);
+    const bool holdsBack = m_holdsLines.load(std::memory_order_relaxed) &&
+                           ZelvoWinAPI::IsInCriticalSection(&m_criticalSection); // one without the section does not wait
+    m_file.WriteInEmergency(parts, holdsBack);
     return true;
 }
 

@@ -64,6 +64,13 @@ public:
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
+    // Lets the lines of a dump wait for each other, so that many of them go out with one write. The caller holds the section
+    // from here to ReleaseLines; its lines are in the file when WriteHeldLines or ReleaseLines returns. Async-signal-safe.
+    void HoldLines() { m_holdsLines.store(true, std::memory_order_relaxed); }
+    void WriteHeldLines() { m_file.WriteHeldLines(); }
+    void ReleaseLines();
+    void RecoverHeldLines() { m_file.RecoverHeldLines(); } // after a fault in the midst of one
+
     // How deep the calling thread is in the section, for code that leaves scopes by a jump.
     unsigned int GetSectionDepth() const { return m_criticalSection.m_enterCount; }
     void RestoreSectionDepth(unsigned int depth);
@@ -124,6 +131,7 @@ private:
     std::size_t m_currentLineLength = 0;
     std::atomic<FileLoggerStrategy*> m_strategy{nullptr}; // owned
     LineClock m_clock;
+    std::atomic<bool> m_holdsLines{false};
     std::atomic<bool> m_busy{false};      // the section's owner is in the middle of something
     std::atomic<bool> m_destroyed{false}; // read by threads that come too late, guarded by the section
 };

@@ -24,6 +24,7 @@ void LogFile::Open(const char* name, std::string_view mode)
 
 void LogFile::Close()
 {
+    WriteHeldLines();
     Flush();
     if (IsOpen() && m_used > 0)
     {
@@ -215,38 +216,57 @@ void LogFile::FlushInEmergency()
     m_flushing.store(false, std::memory_order_release);
 }
 
-void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts])
+void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack)
+{
+    if (holdsBack && m_heldLines.Append(parts))
+    {
+        return;
+    }
+    WriteHeldLines();
+    if (!holdsBack || !m_heldLines.Append(parts))
+    {
+        WritePastBuffer(parts);
+    }
+}
+
+void LogFile::WriteHeldLines()
+{
+    m_heldLines.Take([this](std::string_view lines) { WritePastBuffer({&lines, 1}); });
+}
+
+void LogFile::WritePastBuffer(std::span<const std::string_view> parts)
 {
     iovec pieces[kMaxParts];
+    int count = 0;
     std::size_t left = 0;
-    for (int i = 0; i < kMaxParts; ++i)
+    for (const std::string_view part : parts)
     {
-        pieces[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
-        left += parts[i].size();
+        pieces[count++] = {const_cast<char*>(part.data()), part.size()};
+        left += part.size();
     }
     m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
     iovec* piece = pieces;
     while (left > 0)
     {
-        std::ptrdiff_t count = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + kMaxParts - piece));
-        if (count < 0 && errno == EINTR)
+        std::ptrdiff_t written = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + count - piece));
+        if (written < 0 && errno == EINTR)
         {
             continue;
         }
-        if (count <= 0)
+        if (written <= 0)
         {
             return;
         }
-        left -= static_cast<std::size_t>(count);
+        left -= static_cast<std::size_t>(written);
         if (left == 0)
         {
             return;
         }
-        for (; count > 0 && static_cast<std::size_t>(count) >= piece->iov_len; ++piece)
+        for (; written > 0 && static_cast<std::size_t>(written) >= piece->iov_len; ++piece)
         {
-            count -= static_cast<std::ptrdiff_t>(piece->iov_len);
+            written -= static_cast<std::ptrdiff_t>(piece->iov_len);
         }
-        piece->iov_base = static_cast<char*>(piece->iov_base) + count;
-        piece->iov_len -= static_cast<std::size_t>(count);
+        piece->iov_base = static_cast<char*>(piece->iov_base) + written;
+        piece->iov_len -= static_cast<std::size_t>(written);
     }
 }

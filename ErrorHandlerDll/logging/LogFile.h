@@ -7,6 +7,8 @@
 #ifndef ERRORHANDLERDLL_LOGGING_LOGFILE_H
 #define ERRORHANDLERDLL_LOGGING_LOGFILE_H
 
+#include "ErrorHandlerDll/logging/HeldLines.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -64,14 +66,17 @@ public:
     // Writes what is buffered and not yet in the file, once. A flush that was interrupted must not go on afterwards.
     void FlushInEmergency();
 
-    // Writes a line of several parts at once, past the buffer.
+    // Writes a line of several parts at once, past the buffer; or holds it back, together with others, for WriteHeldLines.
     static constexpr int kMaxParts = 4;
-    void WriteInEmergency(const std::string_view (&parts)[kMaxParts]);
+    void WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack);
+    void WriteHeldLines();
+    void RecoverHeldLines() { m_heldLines.Recover(); }
 
 private:
     static constexpr std::int64_t kUnknownPosition = -1;
 
     char* ReserveAfterFlush(std::size_t length);
+    void WritePastBuffer(std::span<const std::string_view> parts);
     bool WriteBuffered(std::size_t written, std::size_t used);
     std::size_t WrittenSoFar(std::size_t used) const;
     bool FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const;
@@ -84,6 +89,7 @@ private:
     std::atomic<bool> m_flushing{false};   // m_written may be out of date
     std::int64_t m_bufferPosition = 0; // where in the file the first byte of the buffer goes, if nobody else writes to it
     char m_buffer[kBufferSize];
+    HeldLines m_heldLines;
 };
 
 #endif
