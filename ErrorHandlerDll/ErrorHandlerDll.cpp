@@ -4,6 +4,7 @@
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "QV/Str.h"
 
 #include <pthread.h>
@@ -17,6 +18,8 @@ FileLogger gFileLogger;
 
 namespace
 {
+
+const int gPermanentMemory = Crash::LearnPermanentMemory();
 
 const int gForkHandlers = pthread_atfork(
     []

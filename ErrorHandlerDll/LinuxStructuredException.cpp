@@ -6,6 +6,7 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/FrameSymbols.h"
 #include "ErrorHandlerDll/crash/FrameText.h"
 #include "ErrorHandlerDll/crash/ModuleList.h"
 #include "ErrorHandlerDll/crash/SafeMemory.h"
@@ -134,6 +135,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
         return;
     }
     m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
+    Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
     DumpExceptionContext("StructuredException::StructuredException");
 }
 

@@ -5,10 +5,12 @@
 #define ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 #include "QV/EmergencyScope.h"
 
 #include <csetjmp>
 #include <csignal>
+#include <optional>
 
 namespace Crash
 {
@@ -85,6 +87,7 @@ private:
     bool m_isOutermost;
     bool m_hasDumpSection = false;
     bool m_hasLog = false;
+    std::optional<MemoryReader::KeepingScope> m_keeping;
     sigset_t m_hostMask;
     sigset_t m_dumpMask;
     sigset_t m_pendingBefore;

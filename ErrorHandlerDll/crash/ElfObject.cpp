@@ -76,19 +76,39 @@ bool Describe(MemoryReader& reader, ElfObject& object) noexcept
     return true;
 }
 
-} // namespace
+// Objects do not overlap, so it is the one that begins last: as a rule, only its headers must be read.
+bool FindNearest(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
+{
+    object = ElfObject{};
+    ModuleList modules(reader);
+    for (Module module; modules.Next(module);)
+    {
+        if (module.loadAddress <= address && module.loadAddress >= object.module.loadAddress)
+            object.module = module;
+    }
+    return Describe(reader, object) && object.Contains(address);
+}
 
-bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
+// The segments of an object may lie far from its load address.
+bool FindAnywhere(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
 {
     ModuleList modules(reader);
-    Module module;
-    while (modules.Next(module))
+    for (Module module; modules.Next(module);)
     {
         object = ElfObject{};
         object.module = module;
         if (Describe(reader, object) && object.Contains(address))
             return true;
     }
+    return false;
+}
+
+} // namespace
+
+bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
+{
+    if (FindNearest(reader, address, object) || FindAnywhere(reader, address, object))
+        return true;
     object = ElfObject{};
     return false;
 }

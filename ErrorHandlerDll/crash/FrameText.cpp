@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "ElfObject.h"
+#include "FrameSymbols.h"
 #include "SafeMemory.h"
-#include "SymbolTable.h"
 
 namespace Crash
 {
@@ -92,8 +92,8 @@ bool HasText(MemoryReader& reader, std::uintptr_t address) noexcept
 
 void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
 {
-    Symbol symbol;
-    const bool hasSymbol = FindSymbol(reader, object, address, symbol);
+    const Symbol symbol = FindFrameSymbol(reader, object, address);
+    const bool hasSymbol = symbol.name != 0;
     const std::uintptr_t origin = hasSymbol ? symbol.start : object.module.loadAddress;
 
     char tailBuffer[kTailSize];

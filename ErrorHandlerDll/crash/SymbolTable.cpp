@@ -9,7 +9,6 @@ namespace
 
 constexpr unsigned kMaxDynamicEntries = 512;
 constexpr std::uint32_t kMaxSymbols = 1u << 21;
-constexpr std::uint32_t kSymbolsAtATime = 20; // 480 bytes of stack
 
 struct Tables
 {
@@ -69,13 +68,9 @@ bool ReadGnuRange(MemoryReader& reader, std::uintptr_t table, Range& range) noex
     const std::uintptr_t buckets = table + sizeof(header) + header.filterSize * sizeof(std::uint64_t);
     const std::uintptr_t chains = buckets + header.bucketCount * sizeof(std::uint32_t);
     std::uint32_t last = 0;
-    for (std::uint32_t i = 0; i < header.bucketCount; ++i)
-    {
-        std::uint32_t first;
-        if (!reader.Read(buckets + i * sizeof(first), first))
-            return false;
-        last = first > last ? first : last;
-    }
+    if (!reader.ReadTable<std::uint32_t>(buckets, header.bucketCount,
+                                         [&](std::uint32_t first) { last = first > last ? first : last; }))
+        return false;
     range = {header.symbolOffset, header.symbolOffset};
     if (last < header.symbolOffset)
         return true;
@@ -129,53 +124,37 @@ bool Covers(const Elf64_Sym& symbol, std::uintptr_t offset) noexcept
            ((isPoint && offset == symbol.st_value) || offset < symbol.st_value + symbol.st_size);
 }
 
-// Remembers the best match while the symbols pass by.
-struct Search
+// The best matches so far, while the symbols pass by.
+void Look(const Elf64_Sym& symbol, const Tables& tables, std::uintptr_t loadAddress,
+          std::span<SymbolSearch> searches) noexcept
 {
-    const Tables& tables;
-    std::uintptr_t offset; // of the address in the object's own count
-    std::uintptr_t value = 0;
-    std::uintptr_t name = 0;
-    bool found = false;
-
-    void Look(const Elf64_Sym& symbol) noexcept
+    if (!IsAddress(symbol))
+        return;
+    const std::uintptr_t start = loadAddress + symbol.st_value;
+    for (SymbolSearch& search : searches)
     {
-        if (!IsAddress(symbol) || !Covers(symbol, offset) || (found && symbol.st_value <= value) ||
-            symbol.st_name >= tables.stringsSize || (tables.gnuHash == 0 && !IsVisible(symbol)))
-            return;
-        found = true;
-        value = symbol.st_value;
-        name = tables.strings + symbol.st_name;
-    }
-};
-
-void LookAtAll(MemoryReader& reader, const Tables& tables, const Range& range, Search& search) noexcept
-{
-    Elf64_Sym symbols[kSymbolsAtATime];
-    for (std::uint32_t first = range.first; first < range.end; first += kSymbolsAtATime)
-    {
-        const std::uint32_t rest = range.end - first;
-        const std::uint32_t count = rest < kSymbolsAtATime ? rest : kSymbolsAtATime;
-        const std::uintptr_t address = tables.symbols + first * sizeof(Elf64_Sym);
-        if (!reader.Read(address, symbols, count * sizeof(Elf64_Sym)))
-            return;
-        for (std::uint32_t i = 0; i < count; ++i)
-            search.Look(symbols[i]);
+        const bool isBetter = search.symbol.name == 0 || start > search.symbol.start;
+        if (Covers(symbol, search.address - loadAddress) && isBetter && symbol.st_name < tables.stringsSize &&
+            (tables.gnuHash != 0 || IsVisible(symbol)))
+            search.symbol = {tables.strings + symbol.st_name, start};
     }
 }
 
 } // namespace
 
-bool FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address, Symbol& symbol) noexcept
+void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch> searches) noexcept
 {
+    for (SymbolSearch& search : searches)
+    {
+        search.searchedIn = object.module.dynamic;
+        search.symbol = {};
+    }
     Tables tables;
     Range range;
-    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
-        return false;
-    Search search{tables, address - object.module.loadAddress};
-    LookAtAll(reader, tables, range, search);
-    symbol = {search.name, object.module.loadAddress + search.value};
-    return search.found;
+    if (ReadTables(reader, object, tables) && ReadRange(reader, tables, range))
+        reader.ReadTable<Elf64_Sym>(tables.symbols + range.first * sizeof(Elf64_Sym), range.end - range.first,
+                                    [&](const Elf64_Sym& symbol)
+                                    { Look(symbol, tables, object.module.loadAddress, searches); });
 }
 
 } // namespace Crash

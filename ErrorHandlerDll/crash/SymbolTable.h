@@ -3,6 +3,7 @@
 #define ERRORHANDLERDLL_CRASH_SYMBOLTABLE_H
 
 #include <cstdint>
+#include <span>
 
 #include "ElfObject.h"
 #include "SafeMemory.h"
@@ -12,14 +13,22 @@ namespace Crash
 
 struct Symbol
 {
-    std::uintptr_t name = 0; // address of the text, to be read with care
+    std::uintptr_t name = 0; // address of the text, to be read with care; 0 when there is no symbol
     std::uintptr_t start = 0;
 };
 
-// Finds the symbol that covers `address`; of several the one that starts last.
-//   returns false when no symbol does or the tables cannot be read
+// What to find, and what was found.
+struct SymbolSearch
+{
+    std::uintptr_t address = 0;
+    std::uintptr_t searchedIn = 0; // dynamic section of the object that was searched; 0 before
+    Symbol symbol;
+};
+
+// Finds the symbols that cover the addresses, all of which lie in the object, in one pass over its table; of several symbols
+// the one that starts last.
 //   signals async-signal-safe
-bool FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address, Symbol& symbol) noexcept;
+void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch> searches) noexcept;
 
 } // namespace Crash
 
