@@ -5,10 +5,13 @@
 #include "ErrorHandlerDll/crash/DumpScope.h"
 #include "support/LogTest.h"
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+#include <thread>
 
 namespace
 {
@@ -51,6 +54,17 @@ long Count(const std::string& text, const std::string& part)
         ++count;
     }
     return count;
+}
+
+void ExpectOnceInOrder(const std::string& log, std::initializer_list<const char*> texts)
+{
+    std::size_t last = 0;
+    for (const char* const text : texts)
+    {
+        EXPECT_EQ(1, Count(log, text)) << log;
+        EXPECT_LE(last, log.find(text)) << log;
+        last = log.find(text);
+    }
 }
 
 class CrashDumpTest : public LogTest
@@ -161,7 +175,18 @@ TEST_F(CrashDumpTest, StaysTheBeginningOfTheLogThatItOpened)
 namespace
 {
 
+// A page that cannot be read until the handler of the fault shows it: a hex dump of it stops inside the logger.
 unsigned char* gHiddenPage = nullptr;
+
+void HidePage()
+{
+    gHiddenPage = static_cast<unsigned char*>(mmap(nullptr, kPageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+}
+
+void LogHiddenPage()
+{
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "interrupted", gHiddenPage, 1);
+}
 
 void LogAndShowPage(int, siginfo_t*, void*)
 {
@@ -180,29 +205,142 @@ TEST_F(CrashDumpTest, AHandlerMayLogWhileItsThreadIsLogging)
         const std::string name = std::to_string(strategy) + ".1.log";
         SetOptions(strategy, 1000000);
         Start(name);
-        gHiddenPage = static_cast<unsigned char*>(mmap(nullptr, kPageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         const int status = RunChild(
             []
             {
+                HidePage();
                 InstallHandler(SIGSEGV, LogAndShowPage);
                 Log("before");
-                LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "interrupted", gHiddenPage, 1);
+                LogHiddenPage();
                 Log("after");
                 ShutdownLogging();
                 return 0;
             });
-        munmap(gHiddenPage, kPageSize);
         EXPECT_EQ(0, status);
-        const std::string log = OnDisk(name);
-        const char* const order[] = {"before\n", "from the handler\n", "interrupted\n00 ", "after\n"};
-        std::size_t last = 0;
-        for (const char* const text : order)
-        {
-            EXPECT_EQ(1, Count(log, text)) << log;
-            EXPECT_LE(last, log.find(text)) << log;
-            last = log.find(text);
-        }
+        ExpectOnceInOrder(OnDisk(name), {"before\n", "from the handler\n", "interrupted\n00 ", "after\n"});
     }
+}
+
+namespace
+{
+
+bool LogText(const char* text)
+{
+    return LogMessage(ZR_LOG_ERROR, 1, "", text);
+}
+
+bool IsFreeForOthers()
+{
+    bool isFree = false;
+    std::thread(
+        [&isFree]
+        {
+            const QV::EmergencyScope emergency; // does not wait for ever
+            isFree = gFileLogger.EnterCriticalSection();
+            if (isFree)
+            {
+                gFileLogger.LeaveCriticalSection();
+            }
+        })
+        .join();
+    return isFree;
+}
+
+// Returns whether all is well in both processes.
+bool ForkAndLog(bool isFreeInChild)
+{
+    const unsigned int depth = gFileLogger.GetSectionDepth();
+    errno = ELIBBAD;
+    const pid_t child = fork();
+    const bool isKept = errno == ELIBBAD;
+    if (child == 0)
+    {
+        alarm(20);
+        _exit(isKept && IsFreeForOthers() == isFreeInChild && LogText("from the child") ? 0 : 1);
+    }
+    int status = 1;
+    waitpid(child, &status, 0);
+    return isKept && gFileLogger.GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
+}
+
+bool gForkWasGood = false;
+std::atomic<int> gStep{0};
+
+void ForkAndShowPage(int, siginfo_t*, void*)
+{
+    gForkWasGood = ForkAndLog(false);
+    mprotect(gHiddenPage, kPageSize, PROT_READ);
+}
+
+void WaitAndShowPage(int, siginfo_t*, void*)
+{
+    for (gStep = 1; gStep != 2;)
+    {
+        std::this_thread::yield();
+    }
+    mprotect(gHiddenPage, kPageSize, PROT_READ);
+}
+
+int LogAfterTheFork()
+{
+    const bool good = gForkWasGood && IsFreeForOthers() && LogText("after");
+    ShutdownLogging();
+    return good ? 0 : 1;
+}
+
+} // namespace
+
+TEST_F(CrashDumpTest, AHandlerMayForkWhileItsThreadIsLogging)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
+#endif
+    const int status = RunChild(
+        []
+        {
+            HidePage();
+            InstallHandler(SIGSEGV, ForkAndShowPage);
+            Log("before");
+            LogHiddenPage();
+            return LogAfterTheFork();
+        });
+    EXPECT_EQ(0, status);
+    ExpectOnceInOrder(OnDisk(), {"before\n", "from the child\n", "interrupted\n00 ", "after\n"});
+}
+
+TEST_F(CrashDumpTest, ACrashCallbackMayForkWhileAnotherThreadIsLogging)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
+#endif
+    const int status = RunPrinting(
+        []
+        {
+            HidePage();
+            InstallHandler(SIGSEGV, WaitAndShowPage);
+            Log("before");
+            std::thread other(
+                []
+                {
+                    const LoggerSection section(gFileLogger); // deeper than one: the child must not count down
+                    LogHiddenPage();
+                });
+            while (gStep != 1)
+            {
+                std::this_thread::yield();
+            }
+            ucontext_t context = {};
+            siginfo_t info = {};
+            StructuredException exception(SIGSEGV, &context, &info);
+            ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { gForkWasGood = ForkAndLog(true); },
+                                               nullptr);
+            ExceptionHandler::HandleStructuredException("Handler", exception, false);
+            gStep = 2;
+            other.join();
+            return LogAfterTheFork();
+        });
+    EXPECT_EQ(0, status);
+    ExpectOnceInOrder(OnDisk(), {"before\n", "from the child\n", "interrupted\n00 ", "after\n"});
 }
 
 // The name is longer than any path, so no file can be opened; building the next name must not throw in a handler.

@@ -301,6 +301,7 @@ TEST_F(FileLoggerTest, LeavesErrnoAlone)
                                            [] { Faults::gDiskSpace = 0; },
                                            [] { SetOptions(LOGGING_STRATEGY_APPEND); },
                                            [] { Log("disk full"); },
+                                           [] { EXPECT_EQ(0, RunChild([] { return errno == ELIBBAD ? 0 : 1; })); },
                                            []
                                            {
                                                ShutdownLogging();

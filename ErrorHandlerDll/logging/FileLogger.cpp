@@ -13,6 +13,8 @@ constexpr const char* kDefaultFileName = "ZelvoReader.log";
 constexpr unsigned int kDefaultFlushInterval = 100;
 constexpr const char* kAppendMode = "a+t";
 
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool tEnteredForFork = false;
+
 } // namespace
 
 FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDefaultFlushInterval)
@@ -126,11 +128,19 @@ void FileLogger::RestoreSectionDepth(unsigned int depth)
     }
 }
 
+// A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a change.
 void FileLogger::BeforeFork()
 {
-    // A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a
-    // change.
-    if (EnterCriticalSection() && !m_busy.load(std::memory_order_relaxed))
+    tEnteredForFork = EnterCriticalSection();
+    if (!tEnteredForFork)
+    {
+        return;
+    }
+    if (m_busy.load(std::memory_order_relaxed))
+    {
+        PrepareInEmergency(Interrupted::GOES_ON);
+    }
+    else
     {
         FlushLogFile();
     }
@@ -138,7 +148,7 @@ void FileLogger::BeforeFork()
 
 void FileLogger::AfterForkInParent()
 {
-    if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
+    if (tEnteredForFork)
     {
         LeaveCriticalSection();
     }
@@ -146,8 +156,15 @@ void FileLogger::AfterForkInParent()
 
 void FileLogger::AfterForkInChild()
 {
-    ZelvoWinAPI::AdoptCriticalSection(&m_criticalSection);
-    LeaveCriticalSection();
+    if (tEnteredForFork)
+    {
+        ZelvoWinAPI::AdoptCriticalSection(&m_criticalSection);
+        LeaveCriticalSection();
+    }
+    else
+    {
+        ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection); // its owner is no thread of the child
+    }
 }
 
 void FileLogger::OpenLogFile(const QV::BaseString<char>& mode)
