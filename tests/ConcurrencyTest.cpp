@@ -101,55 +101,6 @@ TEST_F(ConcurrencyTest, ThreadsAtFullSpeedLoseAndTearNothing)
     }
 }
 
-TEST_F(ConcurrencyTest, AGroupOfLinesStaysTogether)
-{
-    std::vector<std::thread> threads = StartWriters(1, 3000);
-    for (int group = 0; group < 300; ++group)
-    {
-        const LoggerSection section(gFileLogger);
-        Log("group begins");
-        std::this_thread::yield();
-        Log("group ends");
-    }
-    Join(threads);
-    const std::vector<std::string> texts = ClosedTexts();
-    EXPECT_EQ(3600u, texts.size());
-    for (std::size_t i = 1; i < texts.size(); ++i)
-    {
-        EXPECT_EQ(texts[i - 1] == "group begins", texts[i] == "group ends") << "line " << i;
-    }
-}
-
-TEST_F(ConcurrencyTest, SettingsMayChangeWhileOthersLog)
-{
-    constexpr int kCount = 4000;
-    std::vector<std::thread> threads = StartWriters(2, kCount);
-    for (int i = 0; i < 300; ++i)
-    {
-        SetOptions(i % 3 == 0 ? LOGGING_STRATEGY_FILE_SIZE : 7 * (i % 3), 20000, static_cast<unsigned int>(i % 50));
-        Start(i % 2 == 0 ? "app.log" : "other.log");
-        LoggingSettings settings = {};
-        GetLoggingOptions(&settings);
-        if (i % 5 == 0)
-        {
-            ShutdownLogging();
-        }
-        std::this_thread::yield();
-    }
-    Join(threads);
-    ShutdownLogging();
-    std::vector<LogLine> lines;
-    for (const auto& file : std::filesystem::directory_iterator(m_folder / ""))
-    {
-        for (const LogLine& line : ParseLog(ReadFile(file.path())))
-        {
-            lines.push_back(line);
-        }
-    }
-    std::sort(lines.begin(), lines.end(), [](const LogLine& a, const LogLine& b) { return a.m_text < b.m_text; });
-    ExpectEveryLineOnce(lines, {{0, kCount}, {1, kCount}});
-}
-
 TEST_F(ConcurrencyTest, ForkedChildrenLogBesideTheirParent)
 {
     constexpr int kCount = 3000;
@@ -213,30 +164,4 @@ TEST_F(ConcurrencyTest, LinesAfterTheEndAreDropped)
     EXPECT_EQ(kLateLinesWereDropped, RunChild(body));
     EXPECT_EQ(std::vector<std::string>{"in time"}, ClosedTexts());
     EXPECT_FALSE(std::filesystem::exists(m_folder / "late.log"));
-}
-
-TEST_F(ConcurrencyTest, AThreadMayLogThroughTheEndOfTheProcess)
-{
-    const auto body = []
-    {
-        std::atomic<int> logged{0};
-        std::thread(
-            [&logged]
-            {
-                for (;;)
-                {
-                    Log("x");
-                    ++logged;
-                }
-            })
-            .detach();
-        while (logged < 1000)
-        {
-            std::this_thread::yield();
-        }
-        std::exit(0);
-        return 1;
-    };
-    EXPECT_EQ(0, RunChild(body));
-    EXPECT_LE(1000u, ClosedTexts().size());
 }

@@ -39,11 +39,15 @@ void DumpAndExit(int signal, siginfo_t* info, void* context)
     _exit(0);
 }
 
-void Dump()
+void Dump(bool handles = false)
 {
     ucontext_t context = {};
     siginfo_t info = {};
     StructuredException exception(SIGSEGV, &context, &info);
+    if (handles)
+    {
+        ExceptionHandler::HandleStructuredException("Handler", exception, false);
+    }
 }
 
 long Count(const std::string& text, const std::string& part)
@@ -82,6 +86,8 @@ protected:
             });
     }
     std::string Printed() const { return ReadFile(m_folder / "stdout"); }
+
+    void ExpectGoodFork(void (*handler)(int, siginfo_t*, void*), void (*run)());
 };
 
 } // namespace
@@ -281,66 +287,59 @@ void WaitAndShowPage(int, siginfo_t*, void*)
     mprotect(gHiddenPage, kPageSize, PROT_READ);
 }
 
-int LogAfterTheFork()
+} // namespace
+
+void CrashDumpTest::ExpectGoodFork(void (*handler)(int, siginfo_t*, void*), void (*run)())
 {
-    const bool good = gForkWasGood && IsFreeForOthers() && LogText("after");
-    ShutdownLogging();
-    return good ? 0 : 1;
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
+#endif
+    const int status = RunPrinting(
+        [=]
+        {
+            HidePage();
+            InstallHandler(SIGSEGV, handler);
+            Log("before");
+            run();
+            const bool good = gForkWasGood && IsFreeForOthers() && Log("after");
+            ShutdownLogging();
+            return good ? 0 : 1;
+        });
+    EXPECT_EQ(0, status);
+    ExpectOnceInOrder(OnDisk(), {"before\n", "from the child\n", "interrupted\n00 ", "after\n"});
+}
+
+namespace
+{
+
+void CrashBesideALoggingThread()
+{
+    std::thread other(
+        []
+        {
+            const LoggerSection section(gFileLogger); // deeper than one: the child must not count down
+            LogHiddenPage();
+        });
+    while (gStep != 1)
+    {
+        std::this_thread::yield();
+    }
+    ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { gForkWasGood = ForkAndLog(true); }, nullptr);
+    Dump(true);
+    gStep = 2;
+    other.join();
 }
 
 } // namespace
 
 TEST_F(CrashDumpTest, AHandlerMayForkWhileItsThreadIsLogging)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
-#endif
-    const int status = RunChild(
-        []
-        {
-            HidePage();
-            InstallHandler(SIGSEGV, ForkAndShowPage);
-            Log("before");
-            LogHiddenPage();
-            return LogAfterTheFork();
-        });
-    EXPECT_EQ(0, status);
-    ExpectOnceInOrder(OnDisk(), {"before\n", "from the child\n", "interrupted\n00 ", "after\n"});
+    ExpectGoodFork(ForkAndShowPage, LogHiddenPage);
 }
 
 TEST_F(CrashDumpTest, ACrashCallbackMayForkWhileAnotherThreadIsLogging)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
-#endif
-    const int status = RunPrinting(
-        []
-        {
-            HidePage();
-            InstallHandler(SIGSEGV, WaitAndShowPage);
-            Log("before");
-            std::thread other(
-                []
-                {
-                    const LoggerSection section(gFileLogger); // deeper than one: the child must not count down
-                    LogHiddenPage();
-                });
-            while (gStep != 1)
-            {
-                std::this_thread::yield();
-            }
-            ucontext_t context = {};
-            siginfo_t info = {};
-            StructuredException exception(SIGSEGV, &context, &info);
-            ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { gForkWasGood = ForkAndLog(true); },
-                                               nullptr);
-            ExceptionHandler::HandleStructuredException("Handler", exception, false);
-            gStep = 2;
-            other.join();
-            return LogAfterTheFork();
-        });
-    EXPECT_EQ(0, status);
-    ExpectOnceInOrder(OnDisk(), {"before\n", "from the child\n", "interrupted\n00 ", "after\n"});
+    ExpectGoodFork(WaitAndShowPage, CrashBesideALoggingThread);
 }
 
 // The name is longer than any path, so no file can be opened; building the next name must not throw in a handler.

@@ -1,5 +1,4 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "support/Allocations.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -116,19 +115,6 @@ TEST_F(ErrorRegistry, KeepsThePointerAndResetsOnlyOverrides)
     EXPECT_EQ("Already initialised", TextOf(ZR_ERROR_ALREADY_INITIALISED));
     EXPECT_EQ("then", TextOf(0x10010));
     EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), "static"));
-}
-
-TEST_F(ErrorRegistry, LookupDoesNotAllocate)
-{
-    SetErrorMessage(ZR_ERROR_NOT_INITIALISED, "X");
-    char buffer[100];
-    const long before = Allocations::tCount;
-    for (const unsigned int code : {1u, 4u, 300u, 0x10000u, 0xC0000005u})
-    {
-        int length = sizeof buffer;
-        GetErrorString(Code(code), buffer, &length);
-    }
-    EXPECT_EQ(before, Allocations::tCount);
 }
 
 namespace

@@ -1,12 +1,8 @@
 // The log while the system fails: nothing torn, doubled or lost, and logging resumes by itself.
-#include "support/Allocations.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 
 #include <cerrno>
-#include <functional>
-#include <new>
-#include <thread>
 
 using LogFaultsTest = LogTest;
 
@@ -33,38 +29,6 @@ TEST_F(LogFaultsTest, FailingWritesCostNothing)
         }
         EXPECT_EQ(expected, ClosedTexts()) << "row " << &row - rows;
     }
-}
-
-// A full disk takes lines until the buffer is full too; what follows is dropped until there is room again.
-TEST_F(LogFaultsTest, ResumesWithoutASeamAfterAFullDisk)
-{
-    SetOptions(LOGGING_STRATEGY_APPEND, 0, 9);
-    Faults::gDiskSpace = 3000;
-    int line = 0;
-    const auto log = [&line](int count)
-    {
-        for (const int end = line + count; line < end; ++line)
-        {
-            Log(std::to_string(line));
-        }
-    };
-    log(3000);
-    Faults::gDiskSpace = -1;
-    log(500);
-
-    const std::vector<std::string> texts = ClosedTexts();
-    ASSERT_LT(1000u, texts.size());
-    int before = -1;
-    int gaps = 0;
-    for (const std::string& text : texts)
-    {
-        const int number = std::stoi(text);
-        EXPECT_LT(before, number);
-        gaps += number != before + 1 ? 1 : 0;
-        before = number;
-    }
-    EXPECT_EQ(3499, before);
-    EXPECT_EQ(1, gaps);
 }
 
 TEST_F(LogFaultsTest, ClosesOnAWholeLineWhenTheDiskIsFull)
@@ -131,54 +95,4 @@ TEST_F(LogFaultsTest, OpensAsSoonAsItCan)
         EXPECT_TRUE(Log("kept")); // the interrupted open is tried again at once
         EXPECT_EQ(std::vector<std::string>{"kept"}, ClosedTexts(folder + "/app.1.log"));
     }
-}
-
-TEST_F(LogFaultsTest, SurvivesEveryFailingAllocation)
-{
-    const unsigned char bytes[40] = {};
-    const std::string longText(3000, 'x');
-    const std::function<void()> calls[] = {[] { Log("message"); },
-                                           [&] { LogFormatted(0, 1, "", "%s", longText.c_str()); },
-                                           [&] { LogMessageAndBufferAsHex(9, 1, "", "no", bytes, 40); },
-                                           [this] { Start("again.log"); },
-                                           [] { SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000); },
-                                           []
-                                           {
-                                               SetOptions(LOGGING_STRATEGY_APPEND);
-                                           }};
-    std::size_t next = 0;
-    int failures = 0;
-    for (const auto& call : calls)
-    {
-        bool failed = true;
-        for (long n = 0; failed; ++n)
-        {
-            SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000); // the call opens the file, searches and rotates
-            Start("app.log");
-            Allocations::tFailAfter = n;
-            try
-            {
-                call();
-            }
-            catch (const std::bad_alloc&)
-            {
-                ++failures;
-            }
-            failed = Allocations::tFailAfter < 0;
-            Allocations::tFailAfter = -1;
-            std::thread([] { EXPECT_TRUE(Log("next")); }).join(); // another thread: the section is free
-            ++next;
-        }
-    }
-    EXPECT_LT(10, failures);
-    SetOptions(LOGGING_STRATEGY_APPEND);
-    std::size_t found = 0;
-    for (const auto& file : std::filesystem::directory_iterator(m_folder / ""))
-    {
-        for (const LogLine& line : ParseLog(ReadFile(file.path())))
-        {
-            found += line.m_text == "next" ? 1u : 0u;
-        }
-    }
-    EXPECT_EQ(next, found);
 }

@@ -19,12 +19,23 @@ constexpr auto kCustom = static_cast<ZelvoReaderErrorCode>(0x10040);
 const std::string kLongText(3000, 'x');
 std::runtime_error gLongError(kLongText);
 std::bad_alloc gOutOfMemory;
+std::string gOtherName; // of a log
+
+void RotateAt(unsigned int size)
+{
+    LoggingSettings settings = {0, 0, 100, LOGGING_STRATEGY_FILE_SIZE, size, 0};
+    SetLoggingOptions(&settings);
+}
 
 const struct
 {
     void (*run)();
     const char* name;
 } kOperations[] = {
+    {[] { LogMessage(ZR_LOG_ERROR, 1, "", "message"); }, "LogMessage"},
+    {[] { LogFormatted(ZR_LOG_ERROR, 1, "", "%s", kLongText.c_str()); }, "LogFormatted"},
+    {[] { InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, 1, gOtherName.c_str()); }, "InitialiseLogging"},
+    {[] { RotateAt(2000); }, "SetLoggingOptions"},
     {[] { SetErrorMessage(ZR_ERROR_OCR, "X"); }, "SetErrorMessage"},
     {[] { AddCustomErrorMessage(kCustom, "X"); }, "AddCustomErrorMessage"},
     {[] { RaiseError(ZR_ERROR_OCR, "at", kLongText.c_str()); }, "RaiseError"},
@@ -57,8 +68,11 @@ bool RunOutOfMemory(void (*run)(), int allocationsThatSucceed)
 
 } // namespace
 
-TEST(MemoryExhaustion, OnlyBadAllocLeavesAndTheLockIsFree)
+using EveryAllocation = LogTest;
+
+TEST_F(EveryAllocation, MayFailAndOnlyBadAllocLeavesAndTheLockIsFree)
 {
+    gOtherName = m_folder / "other.log";
     for (const auto& operation : kOperations)
     {
         SCOPED_TRACE(operation.name);
@@ -66,10 +80,21 @@ TEST(MemoryExhaustion, OnlyBadAllocLeavesAndTheLockIsFree)
         int failures = 0;
         for (bool isExhausted = true; isExhausted && failures < kEnough; failures += isExhausted)
         {
-            const CapturedLog log(5);
+            m_folder.Empty();
+            RotateAt(1000); // what logs has to open a file and to search, and a long text moves to another
+            InitialiseLogging(true, 5, ZR_LOG_ALL_CATEGORIES, (m_folder / "app.log").c_str());
             isExhausted = RunOutOfMemory(operation.run, failures);
-            std::thread([] { EXPECT_TRUE(LogMessage(ZR_LOG_ERROR, 1, "", "lock is free")); }).join();
-            EXPECT_EQ("ERROR|lock is free", log.GetLines().back());
+            std::thread([] { EXPECT_TRUE(Log("lock is free")); }).join();
+            ShutdownLogging();
+            int found = 0;
+            for (const auto& file : std::filesystem::directory_iterator(m_folder / ""))
+            {
+                for (const LogLine& line : ParseLog(ReadFile(file.path())))
+                {
+                    found += line.m_text == "lock is free" ? 1 : 0;
+                }
+            }
+            EXPECT_EQ(1, found);
         }
         EXPECT_LT(0, failures);
         EXPECT_LT(failures, kEnough);
@@ -87,6 +112,18 @@ TEST(MemoryExhaustion, IsHandledWithoutMemory)
         {
             HalvikException error(ZR_ERROR_OCR, "text", "at");
             ExceptionHandler::HandleHalvikException("F", &error);
+        },
+        0));
+
+    EXPECT_FALSE(RunOutOfMemory(
+        []
+        {
+            char text[100];
+            for (const unsigned int code : {1u, 300u, 0x10000u, 0xC0000005u})
+            {
+                int length = sizeof text;
+                GetErrorString(static_cast<ZelvoReaderErrorCode>(code), text, &length);
+            }
         },
         0));
 

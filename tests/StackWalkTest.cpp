@@ -97,14 +97,12 @@ __attribute__((noinline)) int Recurse(int depth)
     return locals[0] + 1;
 }
 
-struct CompareOnDestruction
-{
-    ~CompareOnDestruction() { CompareHere(); }
-};
-
 __attribute__((noinline)) void ThrowThrough()
 {
-    const CompareOnDestruction object;
+    struct CompareOnDestruction
+    {
+        ~CompareOnDestruction() { CompareHere(); }
+    } const object;
     throw 1;
 }
 
@@ -236,14 +234,6 @@ void StepThrough(void (*run)(), int flags)
                                << Print(gFirstDifference[1]) << "\ninterrupted" << Print(gFirstDifference[2]);
 }
 
-void StepSorting()
-{
-    int values[] = {3, 1, 2};
-    std::qsort(values, 3, sizeof(int),
-               [](const void* left, const void* right)
-               { return *static_cast<const int*>(left) - *static_cast<const int*>(right); });
-}
-
 void StepFormatting()
 {
     char text[64];
@@ -282,7 +272,7 @@ void StepOnAlternateStack(unsigned char* memory, std::size_t size)
     stack.ss_sp = memory;
     stack.ss_size = size;
     ASSERT_EQ(sigaltstack(&stack, nullptr), 0);
-    StepThrough(StepSorting, SA_ONSTACK);
+    StepThrough(StepFormatting, SA_ONSTACK);
     stack.ss_flags = SS_DISABLE;
     sigaltstack(&stack, nullptr);
 }
@@ -303,11 +293,11 @@ TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
 // push %rbp; mov %rsp, %rbp; call *%rdi; pop %rbp; ret
 constexpr unsigned char kGeneratedCode[] = {0x55, 0x48, 0x89, 0xe5, 0xff, 0xd7, 0x5d, 0xc3};
 
-Trace gGeneratedTrace;
+Trace gGenerated;
 
 void CaptureGenerated()
 {
-    gGeneratedTrace.count = Crash::WalkStack(gGeneratedTrace.frames, kCapacity);
+    gGenerated.count = Crash::WalkStack(gGenerated.frames, kCapacity);
 }
 
 TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
@@ -321,9 +311,9 @@ TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
     direct.count = Crash::WalkStack(direct.frames, kCapacity);
     call(CaptureGenerated);
     // Two frames more: CaptureGenerated and the generated code.
-    ASSERT_EQ(gGeneratedTrace.count, direct.count + 2) << Print(gGeneratedTrace) << "\ndirect" << Print(direct);
-    EXPECT_EQ(gGeneratedTrace.frames[1], static_cast<char*>(code) + 6);
-    EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGeneratedTrace.frames + 3));
+    ASSERT_EQ(gGenerated.count, direct.count + 2) << Print(gGenerated) << "\ndirect" << Print(direct);
+    EXPECT_EQ(gGenerated.frames[1], static_cast<char*>(code) + 6);
+    EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGenerated.frames + 3));
     munmap(code, 4096);
 }
 

@@ -152,13 +152,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
             entry = Component(
                 FileSizeLoggerStrategy::BuildLogFileName(Name(name.c_str()), data.ConsumeIntegral<int>()).GetData());
         }
-        if (IsUsable(entry) && std::ofstream(folder.Path() + "/" + entry).good() && Matches(mask, entry))
+        if (IsUsable(entry) && std::ofstream(folder / entry).good() && Matches(mask, entry))
         {
             const long long found = PlainNumber(entry);
             highest = found < INT_MAX ? std::max(highest, found) : highest;
         }
     }
-    const std::string path = folder.Path() + "/" + name;
+    const std::string path = folder / name;
     const std::string first = LogOnce(path, 1 << 30);
     FUZZ_CHECK(PlainNumber(Component(first)) == highest);
     FUZZ_CHECK(LogOnce(path, 1 << 30) == first);

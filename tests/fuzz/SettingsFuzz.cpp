@@ -31,9 +31,9 @@ std::vector<Step> Steps(FuzzedDataProvider& data)
 // Emptying files would lose lines as it should: that strategy has a value that counts as appending here.
 constexpr unsigned int kStrategies[] = {0, 2, 3, 0xFFFFFFFFu};
 
-void Run(const std::vector<Step>& steps, const std::string& folder, int thread)
+void Run(const std::vector<Step>& steps, const FuzzFolder& folder, int thread)
 {
-    static constexpr const char* kNames[] = {"/a.log", "/b", "/c.7.log", "/d..log"};
+    static constexpr const char* kNames[] = {"a.log", "b", "c.7.log", "d..log"};
     int number = 0;
     for (const Step& step : steps)
     {
@@ -41,7 +41,7 @@ void Run(const std::vector<Step>& steps, const std::string& folder, int thread)
         switch (step.m_kind)
         {
         case 0:
-            InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, 1, (folder + kNames[step.m_value % 4]).c_str());
+            InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, 1, (folder / kNames[step.m_value % 4]).c_str());
             break;
         case 1:
             settings.flushInterval = step.m_value >> 8;
@@ -67,12 +67,12 @@ void Run(const std::vector<Step>& steps, const std::string& folder, int thread)
     }
 }
 
-std::map<std::string, int> CountEntries(const std::string& folder)
+std::map<std::string, int> CountEntries(const FuzzFolder& folder)
 {
     std::map<std::string, int> entries;
-    for (const auto& file : std::filesystem::directory_iterator(folder))
+    for (const auto& file : std::filesystem::directory_iterator(folder / ""))
     {
-        std::istringstream lines(ReadAll(file.path()));
+        std::istringstream lines(ReadFile(file.path()));
         for (std::string line; std::getline(lines, line);)
         {
             const std::size_t mark = line.find(kMark);
@@ -92,9 +92,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     const std::vector<Step> steps[] = {Steps(data), Steps(data)};
     folder.Empty();
     SetStrategy(LOGGING_STRATEGY_APPEND, 0);
-    InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, 1, (folder.Path() + "/start.log").c_str());
-    std::thread other([&] { Run(steps[1], folder.Path(), 1); });
-    Run(steps[0], folder.Path(), 0);
+    InitialiseLogging(true, ZR_LOG_DEBUG_HIGH, 1, (folder / "start.log").c_str());
+    std::thread other([&] { Run(steps[1], folder, 1); });
+    Run(steps[0], folder, 0);
     other.join();
     ShutdownLogging();
 
@@ -106,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
             logged += step.m_kind > 4 ? 1 : 0;
         }
     }
-    const std::map<std::string, int> entries = CountEntries(folder.Path());
+    const std::map<std::string, int> entries = CountEntries(folder);
     FUZZ_CHECK(entries.size() == logged);
     for (const auto& [entry, count] : entries)
     {
