@@ -57,7 +57,6 @@ void RunPart(const Part& part)
     {
         PrintAndLog(kFaultInDump);
     }
-    Crash::DumpScope::WriteHeldLines();
 }
 
 // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
@@ -197,8 +196,10 @@ void StructuredException::DumpExceptionContext(const char* functionName)
         Print("GenerateCallStack...");
         RunPart([this] { GenerateCallStack(); });
         Print("Finished GenerateCallStack");
+        Crash::DumpScope::WriteHeldLines();
 
         RunPart([this] { DumpRegisters(m_context); });
+        Crash::DumpScope::WriteHeldLines();
 
         LogLine("");
         Print("GenerateModuleAddresses...");

@@ -8,12 +8,41 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <thread>
 
 namespace
 {
+
+alignas(Pages::kSize) char gOwnPages[3 * Pages::kSize]; // read in place, as they are the program's
+
+bool CheckOwnPages()
+{
+    char* const border = gOwnPages + Pages::kSize;
+    const auto address = reinterpret_cast<std::uintptr_t>(border);
+    mprotect(border, Pages::kSize, PROT_NONE);
+    bool isRight = true;
+    {
+        Crash::MemoryReader reader; // has the reserve
+        Crash::MemoryReader another;
+        for (Crash::MemoryReader* const each : {&reader, &another})
+        {
+            char bytes[8];
+            int count = 0;
+            const auto look = [&](char)
+            {
+                ++count;
+            };
+            isRight = isRight && each->Read(address - 8, bytes) && !each->Read(address - 7, bytes) &&
+                      each->ReadTable<char>(address - 3000, 3000, look) && count == 3000 &&
+                      !each->ReadTable<char>(address - 3000, 3001, look);
+        }
+    }
+    mprotect(border, Pages::kSize, PROT_READ | PROT_WRITE);
+    return isRight;
+}
 
 // Returns the number of the check that failed, 0 when all is well; also run where system calls are refused.
 int CheckAllKinds()
@@ -38,14 +67,20 @@ int CheckAllKinds()
             if (readable[i] != (i < 6) || bytes[i] != (i < 6 ? pages.Border()[i - 6] : 0))
                 return 3;
 
-        Crash::MemoryReader reader;
-        char text[32];
+        Crash::MemoryReader reader; // has the reserve
+        Crash::MemoryReader another;
         std::memcpy(pages.Border() - 4, "tail", 4);
         const auto border = reinterpret_cast<std::uintptr_t>(pages.Border());
-        if (reader.Read(border, text, 1) || reader.ReadString(border - 4, text, sizeof text) != 4 ||
-            std::strcmp(text, "tail") != 0)
-            return 4;
+        for (Crash::MemoryReader* const each : {&reader, &another})
+        {
+            char text[32];
+            if (each->Read(border, text, 1) || each->ReadString(border - 4, text, sizeof text) != 4 ||
+                std::strcmp(text, "tail") != 0)
+                return 4;
+        }
     }
+    if (!CheckOwnPages())
+        return 7;
     for (const std::uintptr_t address :
          {std::uintptr_t{0}, std::uintptr_t{4095}, std::uintptr_t{1} << 47, UINTPTR_MAX << 47, UINTPTR_MAX - 7, UINTPTR_MAX})
         if (Crash::ReadMemory(reinterpret_cast<const void*>(address), bytes, 16))

@@ -40,7 +40,7 @@ void ExpectFrames(std::span<void* const> frames) noexcept
     {
         const auto address = reinterpret_cast<std::uintptr_t>(frame);
         if (gExpectedCount < kMostFrames && FindExpected(address) == nullptr) // recursion repeats the same few
-            gExpected[gExpectedCount++] = {.address = address};
+            gExpected[gExpectedCount++] = {.address = address, .searchedIn = 0, .symbol = {}};
     }
 }
 
@@ -49,7 +49,7 @@ Symbol FindFrameSymbol(MemoryReader& reader, const ElfObject& object, std::uintp
     const SymbolSearch* expected = reader.HasReserve() ? FindExpected(address) : nullptr;
     if (expected == nullptr)
     {
-        SymbolSearch search = {.address = address};
+        SymbolSearch search = {.address = address, .searchedIn = 0, .symbol = {}};
         FindSymbols(reader, object, {&search, 1});
         return search.symbol;
     }

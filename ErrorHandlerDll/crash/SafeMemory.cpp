@@ -34,6 +34,8 @@ constexpr std::size_t kPageSize = 4096;
 
 constexpr std::size_t kSignalSetSize = 8; // what the kernel expects and reads
 
+constexpr std::size_t kStringPiece = 64; // most paths and symbols end in the first
+
 constexpr std::uintptr_t kNoLine = 1; // no multiple of the line size
 
 constinit std::atomic<bool> gDirectCopyRefused{false};
@@ -106,9 +108,15 @@ bool IsReadable(std::uintptr_t address) noexcept
 }
 
 // Out of the sanitizers' sight: they would report what the program has freed, and the gaps between its objects.
-void CopyBytes(const void* address, void* out, std::size_t size) noexcept
+__attribute__((no_sanitize("address", "thread"))) void CopyBytes(const void* address, void* out, std::size_t size) noexcept
 {
-    asm volatile("rep movsb" : "+S"(address), "+D"(out), "+c"(size) : : "memory");
+    using Word [[gnu::may_alias, gnu::aligned(1)]] = std::uint64_t;
+    const auto* from = static_cast<const volatile unsigned char*>(address); // volatile: not to become a call of memcpy
+    auto* to = static_cast<volatile unsigned char*>(out);
+    for (; size >= sizeof(Word); size -= sizeof(Word), from += sizeof(Word), to += sizeof(Word))
+        *reinterpret_cast<volatile Word*>(to) = *reinterpret_cast<const volatile Word*>(from);
+    for (; size > 0; --size)
+        *to++ = *from++;
 }
 
 bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
@@ -139,7 +147,7 @@ bool ReadWithinPage(long thread, const void* address, void* out, std::size_t siz
 class Reserve
 {
 public:
-    static constexpr std::size_t kLineSize = 2048;
+    static constexpr std::size_t kLineSize = 4096;
     static constexpr std::size_t kTableBufferSize = 8192;
 
     void Forget() noexcept
@@ -147,7 +155,10 @@ public:
         m_count = 0;
         m_next = 0;
         m_latest = 0;
+        m_readablePages.Forget();
     }
+
+    ReadablePages& Readable() noexcept { return m_readablePages; }
 
     // The line at `start`, from the cache or read into it; null when it cannot be read.
     const unsigned char* Fetch(long thread, std::uintptr_t start) noexcept
@@ -185,14 +196,15 @@ private:
     std::size_t m_count = 0;
     std::size_t m_next = 0;
     std::size_t m_latest = 0;
+    ReadablePages m_readablePages;
     std::uintptr_t m_addresses[kLineCount] = {};
     alignas(kPageSize) unsigned char m_tableBuffer[kTableBufferSize] = {};
     alignas(kPageSize) unsigned char m_lines[kLineCount][kLineSize] = {};
 };
 
+constexpr long kNoThread = 0;
 constinit Reserve gReserve;
 constinit std::atomic<bool> gReserveIsTaken{false};
-constexpr long kNoThread = 0;
 constinit std::atomic<long> gKeepingThread{kNoThread};
 
 // The part of `size` bytes at `address` that lies in its page.
@@ -269,8 +281,6 @@ MemoryReader::~MemoryReader()
 
 void MemoryReader::ForgetLines() noexcept
 {
-    for (std::uintptr_t& page : m_readablePages)
-        page = 0;
     for (std::uintptr_t& address : m_addresses)
         address = kNoLine;
 }
@@ -296,13 +306,13 @@ const unsigned char* MemoryReader::Fetch(std::uintptr_t address, std::size_t& av
 // Needs no copy: a look at each page is a tenth of what reading it costs.
 const unsigned char* MemoryReader::FetchInPlace(std::uintptr_t address, std::size_t& available) noexcept
 {
+    ReadablePages& pages = m_hasReserve ? gReserve.Readable() : m_readablePages;
     const std::uintptr_t page = address / kPageSize;
-    std::uintptr_t& seen = m_readablePages[page % kPageCount];
-    if (seen != page)
+    if (!pages.Contain(page))
     {
         if (!IsReadable(address))
             return nullptr;
-        seen = page;
+        pages.Add(page);
     }
     available = kPageSize - address % kPageSize;
     return reinterpret_cast<const unsigned char*>(address);
@@ -358,8 +368,18 @@ bool MemoryReader::Read(std::uintptr_t address, void* out, std::size_t size) noe
 std::size_t MemoryReader::ReadString(std::uintptr_t address, char* out, std::size_t size) noexcept
 {
     std::size_t length = 0;
-    while (length + 1 < size && Read(address + length, out[length]) && out[length] != '\0')
-        ++length;
+    while (length + 1 < size)
+    {
+        std::size_t piece = 0;
+        const unsigned char* const bytes = Fetch(address + length, piece);
+        if (bytes == nullptr)
+            break;
+        piece = std::min({piece, size - 1 - length, kStringPiece});
+        CopyBytes(bytes, out + length, piece);
+        if (const void* const end = std::memchr(out + length, '\0', piece))
+            return static_cast<std::size_t>(static_cast<const char*>(end) - out);
+        length += piece;
+    }
     out[length] = '\0';
     return length;
 }

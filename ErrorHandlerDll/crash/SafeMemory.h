@@ -22,8 +22,26 @@ bool ReadMemory(const void* address, void* out, std::size_t size) noexcept;
 //   signals   async-signal-safe
 void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, std::size_t size) noexcept;
 
+// Pages of permanent memory that have been seen to be readable.
+class ReadablePages
+{
+public:
+    void Forget() noexcept
+    {
+        for (std::uintptr_t& page : m_pages)
+            page = 0;
+    }
+    bool Contain(std::uintptr_t page) const noexcept { return m_pages[page % kCount] == page; }
+    void Add(std::uintptr_t page) noexcept { m_pages[page % kCount] = page; }
+
+private:
+    static constexpr std::size_t kCount = 32;
+
+    std::uintptr_t m_pages[kCount] = {};
+};
+
 // Reads small pieces that lie close together, such as unwind tables and stack words, at one system call per line instead of
-// one per piece. What it has read may be out of date: use a new one for each task. 1.1 KiB, meant to live on the stack.
+// one per piece. What it has read may be out of date: use a new one for each task. 1.4 KiB, meant to live on the stack.
 //
 // One reader at a time has the reserve: more and longer lines, and a buffer for tables, in static memory.
 class MemoryReader
@@ -85,8 +103,7 @@ public:
 
 private:
     static constexpr std::size_t kLineSize = 128; // divides the page size, so a line is readable as a whole or not at all
-    static constexpr std::size_t kPageCount = 16;
-    static constexpr std::size_t kLineCount = 8; // a walk uses two lines of stack and two or three of tables at a time
+    static constexpr std::size_t kLineCount = 8;  // a walk uses two lines of stack and two or three of tables at a time
 
     // The bytes from `address` to the end of its line, `available` of them; null when they cannot be read.
     const unsigned char* Fetch(std::uintptr_t address, std::size_t& available) noexcept;
@@ -99,7 +116,7 @@ private:
 
     long m_thread; // asked once: the kernel's calls are what reading costs
     bool m_hasReserve;
-    std::uintptr_t m_readablePages[kPageCount]; // of permanent memory
+    ReadablePages m_readablePages;
     std::uintptr_t m_addresses[kLineCount];
     unsigned char m_lines[kLineCount][kLineSize];
 };
