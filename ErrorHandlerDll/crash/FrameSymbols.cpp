@@ -58,7 +58,7 @@ Symbol FindFrameSymbol(MemoryReader& reader, const ElfObject& object, std::uintp
         SearchAllIn(reader, object);
         expected = FindExpected(address);
     }
-    return expected->symbol;
+    return expected == nullptr ? Symbol{} : expected->symbol; // a fault may have ended an earlier search half-way
 }
 
 } // namespace Crash
