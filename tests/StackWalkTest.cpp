@@ -195,7 +195,10 @@ void CompareAtStep(int, siginfo_t*, void* context)
     flags = gStepping != 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
 
     gSteps = gSteps + 1;
-    if (gSteps > kEveryStep && gSteps % kStride != 0)
+    const auto counter = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP];
+    const auto* const code = reinterpret_cast<const unsigned char*>(counter);
+    const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
+    if (gSteps > kEveryStep && gSteps % kStride != 0 && !jumps)
         return;
 
     static Trace traces[2];

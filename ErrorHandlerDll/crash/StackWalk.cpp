@@ -56,12 +56,15 @@ public:
         if (!Locate(CallAddress()) || m_object.unwindHeader == 0)
             return UnwindResult::NO_TABLES;
         const std::uint64_t stackPointer = m_registers.StackPointer();
+        const bool wasInterrupted = m_interrupted;
         const UnwindResult result = UnwindFrame(m_reader, m_object.unwindHeader, CallAddress(), m_registers);
         if (result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED)
             m_interrupted = result == UnwindResult::INTERRUPTED;
         // Only a signal moves to another stack; otherwise a caller's frame lies above, or the walk would go round in
-        // circles.
-        if (result == UnwindResult::UNWOUND && m_registers.StackPointer() <= stackPointer)
+        // circles. But the interrupted function may have given up its frame: an unwinder jumps to where it resumes so.
+        const std::uint64_t callersStackPointer = m_registers.StackPointer();
+        if (result == UnwindResult::UNWOUND &&
+            (callersStackPointer < stackPointer || (callersStackPointer == stackPointer && !wasInterrupted)))
             return UnwindResult::END_OF_STACK;
         return result;
     }
