@@ -27,7 +27,7 @@ constinit std::atomic<bool> gMayBlock = true;
 constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
 
 constinit HeldLines gHeldLines;
-[[gnu::tls_model("initial-exec")]] constinit thread_local bool sHoldsLines = false;
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool tHoldsLines = false;
 
 // A pipe that is ready takes this many bytes without blocking.
 constexpr std::size_t kUnblockedSize = PIPE_BUF;
@@ -64,15 +64,26 @@ bool WaitUntilReady(int descriptor) noexcept
     return result > 0;
 }
 
+// Writes the beginning of the text. Returns how many bytes; not above zero when nothing more can be written.
+std::ptrdiff_t WriteSome(int descriptor, std::string_view text) noexcept
+{
+    std::ptrdiff_t count = 0;
+    do
+    {
+        if (gIsGivenUp.load(std::memory_order_relaxed) || !WaitUntilReady(descriptor))
+        {
+            return 0;
+        }
+        count = ZelvoWinAPI::WriteFile(descriptor, text.data(), std::min(text.size(), kUnblockedSize));
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
 void Write(int descriptor, std::string_view text) noexcept
 {
-    while (!text.empty() && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
+    while (!text.empty())
     {
-        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(descriptor, text.data(), std::min(text.size(), kUnblockedSize));
-        if (count < 0 && errno == EINTR)
-        {
-            continue;
-        }
+        const std::ptrdiff_t count = WriteSome(descriptor, text);
         if (count <= 0)
         {
             return;
@@ -110,26 +121,26 @@ void Prepare() noexcept
 
 void HoldLines() noexcept
 {
-    sHoldsLines = true;
+    tHoldsLines = true;
 }
 
 void WriteHeldLines() noexcept
 {
-    if (sHoldsLines)
+    if (tHoldsLines)
     {
-        gHeldLines.Take([](std::string_view lines) { Write(GetDescriptor(), lines); });
+        gHeldLines.Take([](std::string_view lines) { return WriteSome(GetDescriptor(), lines); });
     }
 }
 
 void ReleaseLines() noexcept
 {
     WriteHeldLines();
-    sHoldsLines = false;
+    tHoldsLines = false;
 }
 
 void RecoverHeldLines() noexcept
 {
-    if (sHoldsLines)
+    if (tHoldsLines)
     {
         gHeldLines.Recover();
     }
@@ -149,7 +160,7 @@ void PrintLine(std::string_view line) noexcept
         return;
     }
     const std::string_view parts[] = {line, "\n"};
-    if (sHoldsLines)
+    if (tHoldsLines)
     {
         if (gHeldLines.Append(parts))
         {

@@ -60,6 +60,10 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
         CloseLogFile();
         SetLogFileName(fileName);
     }
+    if (!enable)
+    {
+        m_filterMask.store(0, std::memory_order_relaxed); // first: the new level may let more lines pass
+    }
     m_logLevel.store(level, std::memory_order_relaxed);
     m_logMask.store(mask, std::memory_order_relaxed);
     m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
@@ -139,6 +143,7 @@ void FileLogger::BeforeFork()
     if (m_busy.load(std::memory_order_relaxed))
     {
         PrepareInEmergency(Interrupted::GOES_ON);
+        m_file.WriteHeldLines();
     }
     else
     {
@@ -156,6 +161,7 @@ void FileLogger::AfterForkInParent()
 
 void FileLogger::AfterForkInChild()
 {
+    m_holdsLines.store(false, std::memory_order_relaxed); // a dump does not go on in the child
     if (tEnteredForFork)
     {
         ZelvoWinAPI::AdoptCriticalSection(&m_criticalSection);
@@ -164,6 +170,7 @@ void FileLogger::AfterForkInChild()
     else
     {
         ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection); // its owner is no thread of the child
+        m_file.ForgetHeldLines();
     }
 }
 

@@ -1,10 +1,13 @@
 // Whole lines of a dump that wait to be written together. One thread holds lines at a time; a signal handler that interrupts
-// it, and a thread that ends the process, may come in between. Async-signal-safe.
+// it, a thread that dumps without the section, and one that ends the process may come in between. Async-signal-safe.
 #ifndef ERRORHANDLERDLL_LOGGING_HELDLINES_H
 #define ERRORHANDLERDLL_LOGGING_HELDLINES_H
 
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
+
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -23,46 +26,78 @@ public:
         {
             length += part.size();
         }
-        if (length > kSize || m_isInUse.exchange(true, std::memory_order_acquire))
+        if (length > kSize || !Enter())
         {
             return false;
         }
-        const bool fits = length <= kSize - m_size;
+        const bool fits = m_end <= kSize && length <= kSize - m_end;
         if (fits)
         {
-            char* end = m_bytes + m_size;
+            char* end = m_bytes + m_end;
             for (const std::string_view part : parts)
             {
                 end += part.copy(end, part.size());
             }
-            m_size += length;
+            m_end += length;
         }
-        m_isInUse.store(false, std::memory_order_release);
+        Leave();
         return fits;
     }
 
-    // Calls write(lines) unless there are none, or they are in use, and forgets them.
+    // Hands the lines to write(text), which returns how many bytes of them it has written, until all are gone, or until it
+    // writes none: the rest is lost then. Does nothing while the lines are in use.
     template <class Write>
     void Take(const Write& write) noexcept
     {
-        if (m_isInUse.exchange(true, std::memory_order_acquire))
+        if (!Enter())
         {
             return;
         }
-        if (m_size > 0)
+        while (m_start < m_end && m_end <= kSize)
         {
-            write(std::string_view(m_bytes, m_size));
-            m_size = 0;
+            const std::ptrdiff_t count = write(std::string_view(m_bytes + m_start, m_end - m_start));
+            if (count <= 0)
+            {
+                break;
+            }
+            m_start += static_cast<std::size_t>(count); // at once: a jump out of here must not write them again
         }
-        m_isInUse.store(false, std::memory_order_release);
+        m_start = 0;
+        m_end = 0;
+        Leave();
     }
 
-    // After a fault in one of the above that will not be returned to.
-    void Recover() noexcept { m_isInUse.store(false, std::memory_order_release); }
+    // After a fault of this thread in one of the above, to which it will not return.
+    void Recover() noexcept
+    {
+        if (m_user.load(std::memory_order_relaxed) == ZelvoWinAPI::GetCurrentThreadId())
+        {
+            Leave();
+        }
+    }
+
+    // In a forked child: the lines are the parent's to write.
+    void Forget() noexcept
+    {
+        m_start = 0;
+        m_end = 0;
+        Leave();
+    }
 
 private:
-    std::atomic<bool> m_isInUse{false};
-    std::size_t m_size = 0;
+    static constexpr std::uint32_t kNobody = 0;
+
+    bool Enter() noexcept
+    {
+        std::uint32_t user = kNobody;
+        return m_user.compare_exchange_strong(user, ZelvoWinAPI::GetCurrentThreadId(), std::memory_order_acquire,
+                                              std::memory_order_relaxed);
+    }
+    void Leave() noexcept { m_user.store(kNobody, std::memory_order_release); }
+
+    std::atomic<std::uint32_t> m_user{kNobody};
+    std::size_t m_start = 0; // what lies before it has been written
+    std::size_t m_end = 0;
     char m_bytes[kSize] = {};
 };
 

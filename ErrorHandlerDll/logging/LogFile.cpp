@@ -231,7 +231,17 @@ void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool 
 
 void LogFile::WriteHeldLines()
 {
-    m_heldLines.Take([this](std::string_view lines) { WritePastBuffer({&lines, 1}); });
+    m_heldLines.Take(
+        [this](std::string_view lines)
+        {
+            m_bufferPosition = kUnknownPosition;
+            std::ptrdiff_t count = 0;
+            do
+            {
+                count = ZelvoWinAPI::WriteFile(m_descriptor, lines.data(), lines.size());
+            } while (count < 0 && errno == EINTR);
+            return count;
+        });
 }
 
 void LogFile::WritePastBuffer(std::span<const std::string_view> parts)

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 class LogFile
@@ -71,6 +72,7 @@ public:
     void WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack);
     void WriteHeldLines();
     void RecoverHeldLines() { m_heldLines.Recover(); }
+    void ForgetHeldLines() { m_heldLines.Forget(); }
 
 private:
     static constexpr std::int64_t kUnknownPosition = -1;
