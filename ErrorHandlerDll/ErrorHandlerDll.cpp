@@ -10,8 +10,9 @@
 #include <pthread.h>
 
 // Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
-// them in the order of definition when the library is loaded, and destroys them in reverse. The logger is the last and so
-// goes first: the log is flushed and closed before anything else is gone. Do not move any of them to another file.
+// them in the order of definition when the library is loaded, and destroys them in reverse. The logger is the last with
+// a destructor and so goes first: the log is flushed and closed before anything else is gone. Do not move any of them to
+// another file.
 MessageMap gCustomErrorStrings;
 MessageMap gOverriddenErrorStrings;
 FileLogger gFileLogger;
@@ -75,7 +76,7 @@ void ShutdownLogging(void)
     gFileLogger.Shutdown();
 }
 
-// Aligned to a line of the instruction cache, which then holds all of a filtered call: 3.7 ns instead of 4.2.
+// Aligned to a line of the instruction cache, which then holds all of a filtered call: a tenth of its time.
 [[gnu::aligned(64)]] bool LogMessage(int level, unsigned int mask, const char* source, const char* message)
 {
     if (!gFileLogger.CanWrite(level, mask))

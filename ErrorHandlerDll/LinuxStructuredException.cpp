@@ -129,12 +129,17 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
     }
     if (isBeyondHelp)
     {
-        Print(kFaultInDump);
         Crash::DumpScope::RecoverHeldLines();
+        Print(kFaultInDump);
+        Crash::DumpScope::WriteHeldLines();
         return;
     }
-    m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
-    Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
+    RunPart(
+        [this]
+        {
+            m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
+            Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
+        });
     DumpExceptionContext("StructuredException::StructuredException");
 }
 

@@ -18,6 +18,9 @@ public:
     static bool IsActive() noexcept { return sDepth > 0; }
     static int GetDepth() noexcept { return sDepth; }
 
+    // For code that leaves scopes by a jump.
+    static void RestoreDepth(int depth) noexcept { sDepth = depth; }
+
 private:
     // In the static block of thread-local storage: the first access in a thread must not allocate.
     [[gnu::tls_model("initial-exec")]] static constinit thread_local int sDepth;

@@ -2,6 +2,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
 #include "support/LogTest.h"
 
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <thread>
 
@@ -105,6 +107,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                 const bool finished = Crash::DumpScope::Run(
                     []
                     {
+                        const Crash::DumpScope inner; // skipped by the jump
                         gFileLogger.EnterCriticalSection();
                         Crash::DumpScope::Run(Fault); // the innermost place counts
                         Fault();
@@ -113,6 +116,10 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                 {
                     return 1;
                 }
+            }
+            if (Crash::DumpScope::IsBeyondHelp())
+            {
+                return 2;
             }
             Dump();
             return 0;
@@ -331,6 +338,92 @@ void CrashBesideALoggingThread()
 }
 
 } // namespace
+
+TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
+#endif
+    const int status = RunPrinting(
+        []
+        {
+            std::thread other(
+                []
+                {
+                    const Crash::DumpScope dump;
+                    Crash::LogLine("held by the parent");
+                    for (gStep = 1; gStep != 2;)
+                    {
+                        std::this_thread::yield();
+                    }
+                });
+            while (gStep != 1)
+            {
+                std::this_thread::yield();
+            }
+            bool good = false;
+            {
+                const QV::EmergencyScope emergency; // as in an error callback
+                good = ForkAndLog(true);
+            }
+            gStep = 2;
+            other.join();
+            return good ? 0 : 1;
+        });
+    EXPECT_EQ(0, status);
+    ExpectOnceInOrder(OnDisk(), {"from the child\n", "held by the parent\n"});
+}
+
+// A pipe that keeps what is written to it apart shows which lines go out together.
+TEST_F(CrashDumpTest, EachPartIsWrittenAtItsEnd)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_DIRECT));
+    const int status = RunChild(
+        [&]
+        {
+            dup2(ends[1], STDOUT_FILENO);
+            Dump();
+            return 0;
+        });
+    EXPECT_EQ(0, status);
+    for (const char* const last : {"  Fault address:  (nil)\n", "Finished GenerateCallStack\n", "reg[22] = 0x0\n"})
+    {
+        std::string written;
+        do
+        {
+            char bytes[4096];
+            const ssize_t size = read(ends[0], bytes, sizeof bytes);
+            ASSERT_GT(size, 0);
+            written.assign(bytes, static_cast<std::size_t>(size));
+        } while (written.size() > 3000 && !written.ends_with(last)); // a call stack may take several writes
+        EXPECT_TRUE(written.ends_with(last)) << written;
+    }
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(CrashDumpTest, ADumpMovesFromFileToFile)
+{
+    const int status = RunPrinting(
+        [&]
+        {
+            SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
+            Dump();
+            return 0;
+        });
+    EXPECT_EQ(0, status);
+    std::string log;
+    int number = 1;
+    for (std::string file; !(file = OnDisk("app." + std::to_string(number) + ".log")).empty(); ++number)
+    {
+        EXPECT_LT(file.size(), 1000u);
+        log += file;
+    }
+    EXPECT_GT(number, 4);
+    ExpectOnceInOrder(log,
+                      {"  Call stack:\n", "  Registers:\n", "reg[00] = ", "reg[11] = ", "reg[22] = ", "  Modules list:\n"});
+}
 
 TEST_F(CrashDumpTest, AHandlerMayForkWhileItsThreadIsLogging)
 {

@@ -150,7 +150,11 @@ bool DumpScope::IsBeyondHelp() noexcept
     return sDepth > 0 || QV::EmergencyScope::GetDepth() >= kMostCallbacksThatFault;
 }
 
-DumpScope::Place::Place() noexcept : m_outer(sPlace), m_sectionDepth(gFileLogger.GetSectionDepth())
+DumpScope::Place::Place() noexcept
+    : m_outer(sPlace),
+      m_dumpDepth(sDepth),
+      m_emergencyDepth(QV::EmergencyScope::GetDepth()),
+      m_sectionDepth(gFileLogger.GetSectionDepth())
 {
     sPlace = this;
 }
@@ -166,6 +170,8 @@ void DumpScope::Place::Restore() const noexcept
     {
         pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
     }
+    sDepth = m_dumpDepth;
+    QV::EmergencyScope::RestoreDepth(m_emergencyDepth);
     gFileLogger.RestoreSectionDepth(m_sectionDepth);
     RecoverHeldLines();
 }

@@ -63,14 +63,16 @@ private:
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
 
-        // The fault skipped the scopes that would have left the logger's section, and the return of the handler that would
-        // have set the signal mask back.
+        // The fault skipped the scopes that lie within, of dumps and of the logger's section, and the return of the handler
+        // that would have set the signal mask back.
         void Restore() const noexcept;
 
         mutable sigjmp_buf m_context;
 
     private:
         const Place* m_outer;
+        int m_dumpDepth;
+        int m_emergencyDepth;
         unsigned int m_sectionDepth;
     };
 

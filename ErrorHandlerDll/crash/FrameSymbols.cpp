@@ -40,7 +40,7 @@ void ExpectFrames(std::span<void* const> frames) noexcept
     {
         const auto address = reinterpret_cast<std::uintptr_t>(frame);
         if (gExpectedCount < kMostFrames && FindExpected(address) == nullptr) // recursion repeats the same few
-            gExpected[gExpectedCount++] = {.address = address, .searchedIn = 0, .symbol = {}};
+            gExpected[gExpectedCount++] = {.address = address, .searchedIn = {}, .symbol = {}};
     }
 }
 
@@ -49,11 +49,11 @@ Symbol FindFrameSymbol(MemoryReader& reader, const ElfObject& object, std::uintp
     const SymbolSearch* expected = reader.HasReserve() ? FindExpected(address) : nullptr;
     if (expected == nullptr)
     {
-        SymbolSearch search = {.address = address, .searchedIn = 0, .symbol = {}};
+        SymbolSearch search = {.address = address, .searchedIn = {}, .symbol = {}};
         FindSymbols(reader, object, {&search, 1});
         return search.symbol;
     }
-    if (expected->searchedIn != object.module.dynamic)
+    if (expected->searchedIn != object.module)
     {
         SearchAllIn(reader, object);
         expected = FindExpected(address);

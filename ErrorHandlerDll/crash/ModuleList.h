@@ -12,10 +12,12 @@ namespace Crash
 
 struct Module
 {
-    std::uintptr_t loadAddress; // what the linker added to the addresses in the file
-    std::uintptr_t name;        // address of the path, to be read with care; the executable's is empty
-    std::uintptr_t dynamic;     // address of the dynamic section
-    bool isExecutable;          // the program itself, always first
+    std::uintptr_t loadAddress = 0; // what the linker added to the addresses in the file
+    std::uintptr_t name = 0;        // address of the path, to be read with care; the executable's is empty
+    std::uintptr_t dynamic = 0;     // address of the dynamic section
+    bool isExecutable = false;      // the program itself, always first
+
+    bool operator==(const Module&) const = default;
 };
 
 // Usage: ModuleList modules(reader); Module module; while (modules.Next(module)) ...; then look at IsDamaged().

@@ -118,7 +118,7 @@ private:
     bool m_hasReserve;
     ReadablePages m_readablePages;
     std::uintptr_t m_addresses[kLineCount];
-    unsigned char m_lines[kLineCount][kLineSize];
+    unsigned char m_lines[kLineCount * kLineSize];
 };
 
 } // namespace Crash

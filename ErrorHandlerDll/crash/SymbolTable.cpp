@@ -146,7 +146,7 @@ void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<Symbol
 {
     for (SymbolSearch& search : searches)
     {
-        search.searchedIn = object.module.dynamic;
+        search.searchedIn = object.module;
         search.symbol = {};
     }
     Tables tables;

@@ -21,7 +21,7 @@ struct Symbol
 struct SymbolSearch
 {
     std::uintptr_t address = 0;
-    std::uintptr_t searchedIn = 0; // dynamic section of the object that was searched; 0 before
+    Module searchedIn = {}; // the object that was searched
     Symbol symbol;
 };
 

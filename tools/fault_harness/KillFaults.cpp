@@ -59,7 +59,7 @@ struct Progress
 // What a host does between its lines, so that the processor is as busy as at full speed.
 std::uint32_t Checksum(std::size_t size)
 {
-    static unsigned char bytes[4096];
+    static volatile unsigned char bytes[4096];
     std::uint32_t sum = 1;
     for (std::size_t i = 0; i < size; ++i)
     {
@@ -105,7 +105,7 @@ double RunAndKill(const Case& load, std::size_t work, const ScratchFolder& folde
     {
         LogUntilKilled(load, work, folder, progress);
     }
-    while (!progress.m_started)
+    while (!progress.m_started && waitpid(child, nullptr, WNOHANG) == 0)
     {
         usleep(100);
     }
