@@ -49,6 +49,12 @@ def ratio(value, base):
     return f"{value / base:.2f}" if value is not None and base else "-"
 
 
+def against(value, base, target):
+    """The ratio, in bold where it misses the target."""
+    missed = target is not None and value is not None and base and round(value / base, 2) > target
+    return f"**{ratio(value, base)}**" if missed else ratio(value, base)
+
+
 def read(path):
     """Results as scenario -> subject -> metric -> value; of a metric printed repeatedly the worst stands."""
     results = collections.defaultdict(lambda: collections.defaultdict(dict))
@@ -88,8 +94,9 @@ def summary(results):
     for scenario, metric, limit_target, peer, peer_target in TARGETS:
         subjects = results.get(scenario, {})
         get = lambda name: subjects.get(name, {}).get(metric)
-        cells = [scenario, metric, number(get("library")), ratio(get("library"), get("limit")),
-                 number(limit_target), peer or "-", ratio(get("library"), get(peer)), number(peer_target)]
+        cells = [scenario, metric, number(get("library")),
+                 against(get("library"), get("limit"), limit_target), number(limit_target), peer or "-",
+                 against(get("library"), get(peer), peer_target), number(peer_target)]
         yield "| " + " | ".join(cells) + " |"
 
 
@@ -124,6 +131,8 @@ def report(results, facts):
         yield "- not measured: system calls, as strace could not be used"
     yield ""
     yield "## Against the targets"
+    yield ""
+    yield "In bold what misses its target."
     yield ""
     yield from summary(results)
     for scenario, subjects in results.items():
