@@ -252,6 +252,7 @@ void StructuredException::GenerateModuleAddresses()
         LogLine("");
         LogLine("  Modules list:");
         Crash::MemoryReader reader;
+        reader.Refresh(); // other threads may have unloaded objects, and names lie apart from the list
         Crash::ModuleList modules(reader);
         for (Crash::Module module = {}; modules.Next(module);)
         {

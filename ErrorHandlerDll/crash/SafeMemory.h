@@ -65,6 +65,9 @@ public:
 
     bool HasReserve() const noexcept { return m_hasReserve; }
 
+    // Forgets what it has read, or reads it again.
+    void Refresh() noexcept;
+
     bool Read(std::uintptr_t address, void* out, std::size_t size) noexcept;
 
     template <class T>
