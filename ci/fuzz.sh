@@ -1,6 +1,6 @@
 #!/bin/sh
-# Each fuzzer for half a minute, or for as many seconds as the first argument says, from the seeds in tests/fuzz/corpus.
-# What makes one fail stays in build/fuzz/findings; new inputs stay in build/fuzz/corpus.
+# Each fuzzer for half a minute, or for as many seconds as the first argument says, from the seeds in tests/fuzz/corpus and from
+# what long runs have grown out of them. What makes one fail stays in build/fuzz/findings; new inputs stay in build/fuzz/corpus.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
@@ -8,6 +8,10 @@ seconds=${1:-30}
 tools/build.sh fuzz
 root=$PWD
 mkdir -p build/fuzz/findings
+if [ ! -d build/fuzz/corpus ]; then
+    mkdir build/fuzz/corpus
+    tar -xzf tests/fuzz/grown-corpus.tar.gz -C build/fuzz/corpus
+fi
 status=0
 for seeds in tests/fuzz/corpus/*; do
     fuzzer=$(basename "$seeds")
