@@ -20,6 +20,7 @@ struct Range
 
 constinit Range gProgram;
 constinit Range gCLibrary;
+constinit Range gLoader;
 constinit Range gThisLibrary;
 
 Range GetRange(const dl_phdr_info& object) noexcept
@@ -45,6 +46,8 @@ int LearnObject(dl_phdr_info* object, std::size_t, void* isFirst) noexcept
         gProgram = range;
     if (range.Contains(reinterpret_cast<std::uintptr_t>(&std::abort)))
         gCLibrary = range;
+    if (range.Contains(reinterpret_cast<std::uintptr_t>(&_r_debug)))
+        gLoader = range;
     if (range.Contains(reinterpret_cast<std::uintptr_t>(&gThisLibrary)))
         gThisLibrary = range;
     isProgram = false;
@@ -61,7 +64,7 @@ int LearnPermanentMemory() noexcept
 
 bool IsPermanentMemory(std::uintptr_t address, std::size_t size) noexcept
 {
-    for (const Range* range : {&gProgram, &gCLibrary, &gThisLibrary})
+    for (const Range* range : {&gProgram, &gCLibrary, &gThisLibrary, &gLoader})
     {
         if (range->Contains(address))
             return size <= range->end - address;

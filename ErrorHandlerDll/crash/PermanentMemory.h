@@ -1,5 +1,5 @@
-// Memory that stays mapped as long as this library does: the program, the C library and this library itself. No thread
-// unloads them, so what could be read there a moment ago can be read.
+// Memory that stays mapped as long as this library does: the program, the C library, the loader and this library
+// itself. No thread unloads them, so what could be read there a moment ago can be read.
 #ifndef ERRORHANDLERDLL_CRASH_PERMANENTMEMORY_H
 #define ERRORHANDLERDLL_CRASH_PERMANENTMEMORY_H
 
