@@ -301,6 +301,7 @@ void MemoryReader::Refresh() noexcept
 {
     if (m_hasReserve)
         gReserve.Refresh(m_thread);
+    m_readablePages.Forget();
     ForgetLines();
 }
 

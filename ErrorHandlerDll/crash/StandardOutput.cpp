@@ -160,17 +160,9 @@ void PrintLine(std::string_view line) noexcept
         return;
     }
     const std::string_view parts[] = {line, "\n"};
-    if (tHoldsLines)
+    if (tHoldsLines && gHeldLines.Hold(parts, [=](std::string_view lines) { return WriteSome(descriptor, lines); }))
     {
-        if (gHeldLines.Append(parts))
-        {
-            return;
-        }
-        WriteHeldLines();
-        if (gHeldLines.Append(parts))
-        {
-            return;
-        }
+        return;
     }
     const iovec pieces[] = {{const_cast<char*>(line.data()), line.size()}, {const_cast<char*>("\n"), 1}};
     std::size_t written = 0;

@@ -45,6 +45,19 @@ public:
         return fits;
     }
 
+    // Appends the line, if need be after the others have been taken.
+    //   returns false when it is longer than there is room at all, or the lines are in use
+    template <class Write>
+    bool Hold(std::span<const std::string_view> parts, const Write& write) noexcept
+    {
+        if (Append(parts))
+        {
+            return true;
+        }
+        Take(write);
+        return Append(parts);
+    }
+
     // Hands the lines to write(text), which returns how many bytes of them it has written, until all are gone, or until it
     // writes none: the rest is lost then. Does nothing while the lines are in use.
     template <class Write>

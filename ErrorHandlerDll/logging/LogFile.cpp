@@ -218,65 +218,61 @@ void LogFile::FlushInEmergency()
 
 void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack)
 {
-    if (holdsBack && m_heldLines.Append(parts))
+    if (!holdsBack || !m_heldLines.Hold(parts, [this](std::string_view lines) { return WritePiece(lines); }))
     {
-        return;
-    }
-    WriteHeldLines();
-    if (!holdsBack || !m_heldLines.Append(parts))
-    {
+        WriteHeldLines();
         WritePastBuffer(parts);
     }
 }
 
 void LogFile::WriteHeldLines()
 {
-    m_heldLines.Take(
-        [this](std::string_view lines)
-        {
-            m_bufferPosition = kUnknownPosition;
-            std::ptrdiff_t count = 0;
-            do
-            {
-                count = ZelvoWinAPI::WriteFile(m_descriptor, lines.data(), lines.size());
-            } while (count < 0 && errno == EINTR);
-            return count;
-        });
+    m_heldLines.Take([this](std::string_view lines) { return WritePiece(lines); });
 }
 
-void LogFile::WritePastBuffer(std::span<const std::string_view> parts)
+std::ptrdiff_t LogFile::WritePiece(std::string_view lines)
+{
+    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
+    std::ptrdiff_t count = 0;
+    do
+    {
+        count = ZelvoWinAPI::WriteFile(m_descriptor, lines.data(), lines.size());
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
+void LogFile::WritePastBuffer(const std::string_view (&parts)[kMaxParts])
 {
     iovec pieces[kMaxParts];
-    int count = 0;
     std::size_t left = 0;
-    for (const std::string_view part : parts)
+    for (int i = 0; i < kMaxParts; ++i)
     {
-        pieces[count++] = {const_cast<char*>(part.data()), part.size()};
-        left += part.size();
+        pieces[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
+        left += parts[i].size();
     }
-    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
+    m_bufferPosition = kUnknownPosition;
     iovec* piece = pieces;
     while (left > 0)
     {
-        std::ptrdiff_t written = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + count - piece));
-        if (written < 0 && errno == EINTR)
+        std::ptrdiff_t count = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + kMaxParts - piece));
+        if (count < 0 && errno == EINTR)
         {
             continue;
         }
-        if (written <= 0)
+        if (count <= 0)
         {
             return;
         }
-        left -= static_cast<std::size_t>(written);
+        left -= static_cast<std::size_t>(count);
         if (left == 0)
         {
             return;
         }
-        for (; written > 0 && static_cast<std::size_t>(written) >= piece->iov_len; ++piece)
+        for (; count > 0 && static_cast<std::size_t>(count) >= piece->iov_len; ++piece)
         {
-            written -= static_cast<std::ptrdiff_t>(piece->iov_len);
+            count -= static_cast<std::ptrdiff_t>(piece->iov_len);
         }
-        piece->iov_base = static_cast<char*>(piece->iov_base) + written;
-        piece->iov_len -= static_cast<std::size_t>(written);
+        piece->iov_base = static_cast<char*>(piece->iov_base) + count;
+        piece->iov_len -= static_cast<std::size_t>(count);
     }
 }

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
 class LogFile
@@ -78,7 +77,8 @@ private:
     static constexpr std::int64_t kUnknownPosition = -1;
 
     char* ReserveAfterFlush(std::size_t length);
-    void WritePastBuffer(std::span<const std::string_view> parts);
+    std::ptrdiff_t WritePiece(std::string_view lines);
+    void WritePastBuffer(const std::string_view (&parts)[kMaxParts]);
     bool WriteBuffered(std::size_t written, std::size_t used);
     std::size_t WrittenSoFar(std::size_t used) const;
     bool FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const;
