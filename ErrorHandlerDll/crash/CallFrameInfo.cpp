@@ -1,8 +1,8 @@
-#include "CallFrameInfo.h"
+#include "ErrorHandlerDll/crash/CallFrameInfo.h"
 
-#include "DwarfCursor.h"
-#include "DwarfExpression.h"
-#include "FrameTable.h"
+#include "ErrorHandlerDll/crash/DwarfCursor.h"
+#include "ErrorHandlerDll/crash/DwarfExpression.h"
+#include "ErrorHandlerDll/crash/FrameTable.h"
 
 namespace Crash
 {
@@ -81,7 +81,9 @@ public:
     bool Build() noexcept
     {
         if (!Run(m_entry.commonInstructions, m_entry.commonEnd))
+        {
             return false;
+        }
         m_initial = m_row;
         return Run(m_entry.instructions, m_entry.end);
     }
@@ -95,7 +97,9 @@ private:
         for (unsigned count = 0; cursor.HasMore() && !m_failed && m_location <= m_address; ++count)
         {
             if (count == kMaxInstructions)
+            {
                 return false;
+            }
             Execute(cursor, cursor.Take<std::uint8_t>());
         }
         return !m_failed && !cursor.HasFailed();
@@ -114,7 +118,9 @@ private:
     {
         const auto narrow = static_cast<std::int32_t>(value);
         if (narrow != value)
+        {
             m_failed = true;
+        }
         return narrow;
     }
 
@@ -122,7 +128,9 @@ private:
     void SetRule(std::uint64_t number, Rule rule, std::int64_t operand) noexcept
     {
         if (number >= FrameRegisters::kCount)
+        {
             return;
+        }
         m_row.rules[number] = rule;
         m_row.operands[number] = Narrow(operand);
     }
@@ -137,7 +145,9 @@ private:
     void Restore(std::uint64_t number) noexcept
     {
         if (number < FrameRegisters::kCount)
+        {
             SetRule(number, m_initial.rules[number], m_initial.operands[number]);
+        }
     }
 
     void SetFrame(std::uint64_t number, std::int64_t offset) noexcept
@@ -151,7 +161,9 @@ private:
         m_row.isFrameExpression = false;
         m_row.frameRegister = static_cast<std::uint8_t>(number);
         if (number >= FrameRegisters::kCount)
+        {
             m_failed = true;
+        }
     }
 
     void SetFrameOffset(std::int64_t offset) noexcept { m_row.frameOperand = Narrow(offset); }
@@ -159,17 +171,25 @@ private:
     void Remember() noexcept
     {
         if (m_rememberedCount == kMaxRemembered)
+        {
             m_failed = true;
+        }
         else
+        {
             m_remembered[m_rememberedCount++] = m_row;
+        }
     }
 
     void RestoreRemembered() noexcept
     {
         if (m_rememberedCount == 0)
+        {
             m_failed = true;
+        }
         else
+        {
             m_row = m_remembered[--m_rememberedCount];
+        }
     }
 
     void Execute(DwarfCursor& cursor, std::uint8_t instruction) noexcept
@@ -188,7 +208,9 @@ private:
             break;
         default:
             if (!ExecuteFrame(cursor, instruction) && !ExecuteLocation(cursor, instruction))
+            {
                 ExecuteRule(cursor, instruction);
+            }
         }
     }
 
@@ -321,9 +343,13 @@ public:
     bool ComputeFrame() noexcept
     {
         if (m_row.isFrameExpression)
+        {
             return EvaluateExpression(m_reader, Block(m_row.frameOperand), m_registers, 0, m_frame);
+        }
         if (!m_registers.Get(m_row.frameRegister, m_frame))
+        {
             return false;
+        }
         m_frame += static_cast<std::uint64_t>(std::int64_t{m_row.frameOperand});
         return true;
     }
@@ -373,9 +399,13 @@ UnwindResult ApplyRow(MemoryReader& reader, const FrameEntry& entry, const Row& 
 {
     RowReader rowReader(reader, row, registers, base);
     if (row.rules[entry.returnRegister] == Rule::UNDEFINED)
+    {
         return UnwindResult::END_OF_STACK;
+    }
     if (!rowReader.ComputeFrame())
+    {
         return UnwindResult::NO_TABLES;
+    }
 
     FrameRegisters caller;
     for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
@@ -383,13 +413,19 @@ UnwindResult ApplyRow(MemoryReader& reader, const FrameEntry& entry, const Row& 
         std::uint64_t value;
         // Returning removes the frame, so the caller's stack begins where the frame ends unless the tables say otherwise.
         if (number == FrameRegisters::kStackPointer && row.rules[number] == Rule::UNCHANGED)
+        {
             caller.Set(number, rowReader.Frame());
+        }
         else if (rowReader.GetCallerValue(number, value))
+        {
             caller.Set(number, value);
+        }
     }
     std::uint64_t returnAddress;
     if (!caller.Get(entry.returnRegister, returnAddress) || !caller.IsKnown(FrameRegisters::kStackPointer))
+    {
         return UnwindResult::NO_TABLES;
+    }
     caller.Set(FrameRegisters::kProgramCounter, returnAddress);
     registers = caller;
     return entry.isSignalFrame ? UnwindResult::INTERRUPTED : UnwindResult::UNWOUND;
@@ -402,10 +438,14 @@ UnwindResult UnwindFrame(MemoryReader& reader, std::uintptr_t unwindHeader, std:
 {
     FrameEntry entry;
     if (!FindFrameEntry(reader, unwindHeader, address, entry))
+    {
         return UnwindResult::NO_TABLES;
+    }
     RowBuilder builder(reader, entry, address, unwindHeader);
     if (!builder.Build())
+    {
         return UnwindResult::NO_TABLES;
+    }
     return ApplyRow(reader, entry, builder.Result(), unwindHeader, registers);
 }
 

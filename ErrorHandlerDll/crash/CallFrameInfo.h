@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "FrameRegisters.h"
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/FrameRegisters.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

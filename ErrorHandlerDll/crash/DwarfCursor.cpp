@@ -1,4 +1,4 @@
-#include "DwarfCursor.h"
+#include "ErrorHandlerDll/crash/DwarfCursor.h"
 
 namespace Crash
 {
@@ -23,7 +23,9 @@ std::uint64_t DwarfCursor::TakeLeb(unsigned& bits, bool& negative) noexcept
     {
         byte = Take<std::uint8_t>();
         if (bits < kValueBits)
+        {
             value |= static_cast<std::uint64_t>(byte & 0x7f) << bits;
+        }
         bits += 7;
     } while ((byte & 0x80) != 0 && bits < kMaxLebBits);
     negative = (byte & 0x40) != 0;
@@ -43,7 +45,9 @@ std::int64_t DwarfCursor::TakeSigned() noexcept
     bool negative;
     std::uint64_t value = TakeLeb(bits, negative);
     if (negative && bits < kValueBits)
+    {
         value |= ~std::uint64_t{0} << bits;
+    }
     return static_cast<std::int64_t>(value);
 }
 
@@ -81,22 +85,34 @@ std::uintptr_t DwarfCursor::TakeEncoded(std::uint8_t encoding, std::uintptr_t da
     }
     const std::uint8_t application = encoding & kApplicationMask;
     if (application == kPositionRelative)
+    {
         value += here;
+    }
     else if (application == PointerEncoding::kDataRelative)
+    {
         value += dataBase;
+    }
     else if (application != 0)
+    {
         return Fail<std::uintptr_t>();
+    }
     if ((encoding & kIndirect) != 0 && !m_reader.Read(value, value))
+    {
         return Fail<std::uintptr_t>();
+    }
     return value;
 }
 
 void DwarfCursor::Skip(std::uint64_t size) noexcept
 {
     if (m_position > m_end || size > m_end - m_position)
+    {
         m_failed = true;
+    }
     else
+    {
         m_position += size;
+    }
 }
 
 } // namespace Crash

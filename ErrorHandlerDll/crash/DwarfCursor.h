@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {
@@ -24,7 +24,9 @@ public:
     {
         T value{};
         if (m_failed || m_position > m_end || m_end - m_position < sizeof(T) || !m_reader.Read(m_position, value))
+        {
             return Fail<T>();
+        }
         m_position += sizeof(T);
         return value;
     }

@@ -1,6 +1,6 @@
-#include "DwarfExpression.h"
+#include "ErrorHandlerDll/crash/DwarfExpression.h"
 
-#include "DwarfCursor.h"
+#include "ErrorHandlerDll/crash/DwarfCursor.h"
 
 namespace Crash
 {
@@ -80,7 +80,9 @@ public:
         for (unsigned step = 0; m_cursor.HasMore() && !m_failed; ++step)
         {
             if (step == kMaxSteps)
+            {
                 return false;
+            }
             Execute(m_cursor.Take<std::uint8_t>());
         }
         result = Pop();
@@ -91,9 +93,13 @@ private:
     void Push(std::uint64_t value) noexcept
     {
         if (m_depth == kStackDepth)
+        {
             m_failed = true;
+        }
         else
+        {
             m_stack[m_depth++] = value;
+        }
     }
 
     void PushSigned(std::int64_t value) noexcept { Push(static_cast<std::uint64_t>(value)); }
@@ -111,16 +117,22 @@ private:
     void Pick(std::uint64_t index) noexcept
     {
         if (index < m_depth)
+        {
             Push(m_stack[m_depth - 1 - index]);
+        }
         else
+        {
             m_failed = true;
+        }
     }
 
     void PushRegister(std::uint64_t number, std::int64_t offset) noexcept
     {
         std::uint64_t value = 0;
         if (!m_registers.Get(number, value))
+        {
             m_failed = true;
+        }
         Push(value + static_cast<std::uint64_t>(offset));
     }
 
@@ -128,7 +140,9 @@ private:
     {
         std::uint64_t value = 0; // little endian: the low bytes come first
         if (size > sizeof(value) || !m_reader.Read(Pop(), &value, size))
+        {
             m_failed = true;
+        }
         Push(value);
     }
 
@@ -136,9 +150,13 @@ private:
     {
         const std::uintptr_t target = m_cursor.Position() + static_cast<std::uintptr_t>(std::int64_t{distance});
         if (target < m_start || target > m_end)
+        {
             m_failed = true;
+        }
         else
+        {
             m_cursor.MoveTo(target);
+        }
     }
 
     void Rotate() noexcept
@@ -154,13 +172,21 @@ private:
     void Execute(std::uint8_t operation) noexcept
     {
         if (operation >= LIT0 && operation <= LIT31)
+        {
             Push(operation - LIT0);
+        }
         else if (operation >= REG0 && operation <= REG31)
+        {
             PushRegister(operation - REG0, 0);
+        }
         else if (operation >= BREG0 && operation <= BREG31)
+        {
             PushRegister(operation - BREG0, m_cursor.TakeSigned());
+        }
         else if (!ExecuteConstant(operation) && !ExecuteStack(operation) && !ExecuteUnary(operation))
+        {
             ExecuteBinary(operation);
+        }
     }
 
     bool ExecuteConstant(std::uint8_t operation) noexcept
@@ -244,7 +270,9 @@ private:
         {
             const auto distance = m_cursor.Take<std::int16_t>();
             if (Pop() != 0)
+            {
                 Jump(distance);
+            }
             return true;
         }
         case NOP:
@@ -290,25 +318,35 @@ private:
         const std::uint64_t left = Pop();
         std::uint64_t result = 0;
         if (Combine(operation, left, right, result))
+        {
             Push(result);
+        }
         else
+        {
             m_failed = true;
+        }
     }
 
     static std::uint64_t Shift(std::uint8_t operation, std::uint64_t value, std::uint64_t count) noexcept
     {
         const bool negative = operation == SHRA && static_cast<std::int64_t>(value) < 0;
         if (count >= 64)
+        {
             return negative ? ~std::uint64_t{0} : 0;
+        }
         if (operation == SHL)
+        {
             return value << count;
+        }
         return negative ? ~(~value >> count) : value >> count;
     }
 
     static bool Divide(std::int64_t left, std::int64_t right, std::uint64_t& result) noexcept
     {
         if (right == 0)
+        {
             return false;
+        }
         result = right == -1 ? 0 - static_cast<std::uint64_t>(left) : static_cast<std::uint64_t>(left / right);
         return true;
     }
@@ -341,7 +379,9 @@ private:
             return Divide(signedLeft, signedRight, result);
         case MOD:
             if (right == 0)
+            {
                 return false;
+            }
             result = left % right;
             return true;
         case SHL:
@@ -390,7 +430,9 @@ bool EvaluateExpression(MemoryReader& reader, std::uintptr_t block, const FrameR
     DwarfCursor header(reader, block, ~std::uintptr_t{0});
     const std::uint64_t length = header.TakeUnsigned();
     if (header.HasFailed() || length > kMaxLength)
+    {
         return false;
+    }
     return Machine(reader, registers, header.Position(), header.Position() + length).Run(initial, result);
 }
 

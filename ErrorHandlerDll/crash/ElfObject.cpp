@@ -1,4 +1,4 @@
-#include "ElfObject.h"
+#include "ErrorHandlerDll/crash/ElfObject.h"
 
 #include <cerrno>
 #include <cstring>
@@ -32,20 +32,28 @@ ProgramHeaders FindExecutableHeaders() noexcept
 ProgramHeaders FindHeaders(MemoryReader& reader, const Module& module) noexcept
 {
     if (module.isExecutable)
+    {
         return FindExecutableHeaders();
+    }
     Elf64_Ehdr header;
     if (!reader.Read(module.loadAddress, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
         header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_phentsize != sizeof(Elf64_Phdr))
+    {
         return {};
+    }
     return {module.loadAddress + header.e_phoff, header.e_phnum};
 }
 
 void Extend(std::uintptr_t& start, std::uintptr_t& end, std::uintptr_t from, std::uintptr_t to) noexcept
 {
     if (end == 0 || from < start)
+    {
         start = from;
+    }
     if (to > end)
+    {
         end = to;
+    }
 }
 
 void NoteSegment(ElfObject& object, const Elf64_Phdr& segment) noexcept
@@ -53,24 +61,34 @@ void NoteSegment(ElfObject& object, const Elf64_Phdr& segment) noexcept
     const std::uintptr_t from = object.module.loadAddress + segment.p_vaddr;
     const std::uintptr_t to = from + segment.p_memsz;
     if (segment.p_type == PT_GNU_EH_FRAME)
+    {
         object.unwindHeader = from;
+    }
     if (segment.p_type != PT_LOAD || to < from)
+    {
         return;
+    }
     Extend(object.start, object.end, from & ~(kPageSize - 1), to);
     if ((segment.p_flags & PF_X) != 0)
+    {
         Extend(object.codeStart, object.codeEnd, from, to);
+    }
 }
 
 bool Describe(MemoryReader& reader, ElfObject& object) noexcept
 {
     const ProgramHeaders headers = FindHeaders(reader, object.module);
     if (headers.count > kMaxProgramHeaders)
+    {
         return false;
+    }
     for (std::uintptr_t i = 0; i < headers.count; ++i)
     {
         Elf64_Phdr segment;
         if (!reader.Read(headers.address + i * sizeof(segment), segment))
+        {
             return false;
+        }
         NoteSegment(object, segment);
     }
     return true;
@@ -84,7 +102,9 @@ bool FindNearest(MemoryReader& reader, std::uintptr_t address, ElfObject& object
     for (Module module; modules.Next(module);)
     {
         if (module.loadAddress <= address && module.loadAddress >= object.module.loadAddress)
+        {
             object.module = module;
+        }
     }
     return Describe(reader, object) && object.Contains(address);
 }
@@ -98,7 +118,9 @@ bool FindAnywhere(MemoryReader& reader, std::uintptr_t address, ElfObject& objec
         object = ElfObject{};
         object.module = module;
         if (Describe(reader, object) && object.Contains(address))
+        {
             return true;
+        }
     }
     return false;
 }
@@ -108,7 +130,9 @@ bool FindAnywhere(MemoryReader& reader, std::uintptr_t address, ElfObject& objec
 bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
 {
     if (FindNearest(reader, address, object) || FindAnywhere(reader, address, object))
+    {
         return true;
+    }
     object = ElfObject{};
     return false;
 }

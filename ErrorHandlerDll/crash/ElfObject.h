@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "ModuleList.h"
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/ModuleList.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

@@ -22,7 +22,9 @@ struct FrameRegisters
     bool Get(std::uint64_t number, std::uint64_t& value) const noexcept
     {
         if (!IsKnown(number))
+        {
             return false;
+        }
         value = values[number];
         return true;
     }

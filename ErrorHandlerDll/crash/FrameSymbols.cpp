@@ -1,4 +1,4 @@
-#include "FrameSymbols.h"
+#include "ErrorHandlerDll/crash/FrameSymbols.h"
 
 #include <algorithm>
 
@@ -34,13 +34,17 @@ void ExpectFrames(std::span<void* const> frames) noexcept
 {
     const MemoryReader owner;
     if (!owner.HasReserve())
+    {
         return;
+    }
     gExpectedCount = 0;
     for (void* const frame : frames)
     {
         const auto address = reinterpret_cast<std::uintptr_t>(frame);
-        if (gExpectedCount < kMostFrames && FindExpected(address) == nullptr) // recursion repeats the same few
+        if (gExpectedCount < kMostFrames && FindExpected(address) == nullptr)
+        { // recursion repeats the same few
             gExpected[gExpectedCount++] = {.address = address, .searchedIn = {}, .symbol = {}};
+        }
     }
 }
 

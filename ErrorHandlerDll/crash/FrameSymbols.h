@@ -3,9 +3,9 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMESYMBOLS_H
 #define ERRORHANDLERDLL_CRASH_FRAMESYMBOLS_H
 
-#include "ElfObject.h"
-#include "SafeMemory.h"
-#include "SymbolTable.h"
+#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/SymbolTable.h"
 
 #include <span>
 

@@ -1,7 +1,7 @@
-#include "FrameTable.h"
+#include "ErrorHandlerDll/crash/FrameTable.h"
 
-#include "DwarfCursor.h"
-#include "FrameRegisters.h"
+#include "ErrorHandlerDll/crash/DwarfCursor.h"
+#include "ErrorHandlerDll/crash/FrameRegisters.h"
 
 namespace Crash
 {
@@ -35,9 +35,13 @@ bool ReadSearchTable(MemoryReader& reader, std::uintptr_t header, SearchTable& t
     const auto countEncoding = cursor.Take<std::uint8_t>();
     const auto tableEncoding = cursor.Take<std::uint8_t>();
     if (version != kHeaderVersion || countEncoding == PointerEncoding::kOmitted || tableEncoding != kSortedTable)
+    {
         return false;
+    }
     if (framesEncoding != PointerEncoding::kOmitted)
+    {
         cursor.TakeEncoded(framesEncoding, header);
+    }
     table.count = cursor.TakeEncoded(countEncoding, header);
     table.address = cursor.Position();
     return !cursor.HasFailed() && table.count > 0 && table.count < kMaxEntries;
@@ -48,7 +52,9 @@ bool Search(MemoryReader& reader, std::uintptr_t header, std::uintptr_t address,
 {
     SearchTable table;
     if (!ReadSearchTable(reader, header, table))
+    {
         return false;
+    }
     const auto key = static_cast<std::int64_t>(address - header);
     std::uint64_t low = 0;
     std::uint64_t high = table.count;
@@ -58,14 +64,18 @@ bool Search(MemoryReader& reader, std::uintptr_t header, std::uintptr_t address,
         const std::uint64_t middle = low + (high - low) / 2;
         SearchEntry entry;
         if (!reader.Read(table.address + middle * sizeof(entry), entry))
+        {
             return false;
+        }
         if (entry.codeStart <= key)
         {
             found = header + static_cast<std::uintptr_t>(std::int64_t{entry.entry});
             low = middle + 1;
         }
         else
+        {
             high = middle;
+        }
     }
     return found != 0;
 }
@@ -76,7 +86,9 @@ bool ReadLength(MemoryReader& reader, std::uintptr_t& start, std::uintptr_t& end
     DwarfCursor cursor(reader, start, ~std::uintptr_t{0});
     std::uint64_t length = cursor.Take<std::uint32_t>();
     if (length == kLongLength)
+    {
         length = cursor.Take<std::uint64_t>();
+    }
     start = cursor.Position();
     end = start + length;
     return !cursor.HasFailed() && length != 0 && length < kMaxEntrySize;
@@ -115,7 +127,9 @@ bool TakeLetters(DwarfCursor& cursor, char* letters) noexcept
     {
         letters[i] = static_cast<char>(cursor.Take<std::uint8_t>());
         if (letters[i] == '\0')
+        {
             return !cursor.HasFailed();
+        }
     }
     return false;
 }
@@ -123,18 +137,24 @@ bool TakeLetters(DwarfCursor& cursor, char* letters) noexcept
 bool ReadCommonPart(MemoryReader& reader, std::uintptr_t start, FrameEntry& entry, bool& hasAugmentationData) noexcept
 {
     if (!ReadLength(reader, start, entry.commonEnd))
+    {
         return false;
+    }
     DwarfCursor cursor(reader, start, entry.commonEnd);
     const auto id = cursor.Take<std::uint32_t>();
     const auto version = cursor.Take<std::uint8_t>();
     char letters[kMaxAugmentation];
     if (id != 0 || (version != 1 && version != 3) || !TakeLetters(cursor, letters))
+    {
         return false;
+    }
     entry.codeAlignment = cursor.TakeUnsigned();
     entry.dataAlignment = cursor.TakeSigned();
     const std::uint64_t returnRegister = version == 1 ? cursor.Take<std::uint8_t>() : cursor.TakeUnsigned();
     if (returnRegister >= FrameRegisters::kCount)
+    {
         return false;
+    }
     entry.returnRegister = static_cast<unsigned>(returnRegister);
 
     hasAugmentationData = letters[0] == 'z';
@@ -143,7 +163,9 @@ bool ReadCommonPart(MemoryReader& reader, std::uintptr_t start, FrameEntry& entr
         const std::uint64_t size = cursor.TakeUnsigned();
         const std::uintptr_t data = cursor.Position();
         if (!ReadAugmentation(cursor, letters + 1, entry))
+        {
             return false;
+        }
         cursor.MoveTo(data);
         cursor.Skip(size);
     }
@@ -154,16 +176,22 @@ bool ReadCommonPart(MemoryReader& reader, std::uintptr_t start, FrameEntry& entr
 bool ReadEntry(MemoryReader& reader, std::uintptr_t start, std::uintptr_t header, FrameEntry& entry) noexcept
 {
     if (!ReadLength(reader, start, entry.end))
+    {
         return false;
+    }
     DwarfCursor cursor(reader, start, entry.end);
     const auto distance = cursor.Take<std::uint32_t>(); // back to the common part; 0 marks a common part itself
     bool hasAugmentationData = false;
     if (distance == 0 || !ReadCommonPart(reader, start - distance, entry, hasAugmentationData))
+    {
         return false;
+    }
     entry.codeStart = cursor.TakeEncoded(entry.pointerEncoding, header);
     entry.codeEnd = entry.codeStart + cursor.TakeEncoded(entry.pointerEncoding & PointerEncoding::kFormatMask, 0);
     if (hasAugmentationData)
+    {
         cursor.Skip(cursor.TakeUnsigned());
+    }
     entry.instructions = cursor.Position();
     return !cursor.HasFailed();
 }

@@ -1,11 +1,11 @@
-#include "FrameText.h"
+#include "ErrorHandlerDll/crash/FrameText.h"
 
 #include <cerrno>
 #include <cstdint>
 
-#include "ElfObject.h"
-#include "FrameSymbols.h"
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/FrameSymbols.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {
@@ -24,7 +24,9 @@ public:
     void Append(const char* text) noexcept
     {
         for (; *text != '\0' && m_length + 1 < m_size; ++text)
+        {
             m_out[m_length++] = *text;
+        }
         m_out[m_length] = '\0';
     }
 
@@ -45,7 +47,9 @@ public:
     void AppendFrom(MemoryReader& reader, std::uintptr_t address, std::size_t reserve) noexcept
     {
         if (m_size - m_length > reserve + 1)
+        {
             m_length += reader.ReadString(address, m_out + m_length, m_size - m_length - reserve);
+        }
     }
 
     std::size_t Length() const noexcept { return m_length; }
@@ -61,14 +65,18 @@ void AppendPointer(Text& text, std::uintptr_t value) noexcept
 {
     text.Append(value == 0 ? "(nil)" : "0x");
     if (value != 0)
+    {
         text.AppendHex(value);
+    }
 }
 
 void AppendOffset(Text& text, std::uintptr_t offset) noexcept
 {
     text.Append(offset == 0 ? "+0" : "+0x");
     if (offset != 0)
+    {
         text.AppendHex(offset);
+    }
 }
 
 void AppendAddress(Text& text, std::uintptr_t address) noexcept
@@ -99,14 +107,18 @@ void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, s
     char tailBuffer[kTailSize];
     Text tail(tailBuffer, sizeof(tailBuffer));
     if (origin != 0)
+    {
         AppendOffset(tail, address - origin);
+    }
     tail.Append(") ");
     AppendAddress(tail, address);
 
     text.AppendFrom(reader, FindPath(object.module), tail.Length() + 1);
     text.Append("(");
     if (hasSymbol)
+    {
         text.AppendFrom(reader, symbol.name, tail.Length());
+    }
     text.Append(tailBuffer);
 }
 
@@ -115,14 +127,20 @@ void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, s
 int FormatFrame(MemoryReader& reader, const void* frame, char* out, int size) noexcept
 {
     if (size <= 0)
+    {
         return 0;
+    }
     const auto address = reinterpret_cast<std::uintptr_t>(frame);
     Text text(out, static_cast<std::size_t>(size));
     ElfObject object;
     if (FindObject(reader, address, object) && HasText(reader, FindPath(object.module)))
+    {
         AppendInObject(text, reader, object, address);
+    }
     else
+    {
         AppendAddress(text, address);
+    }
     return static_cast<int>(text.Length());
 }
 

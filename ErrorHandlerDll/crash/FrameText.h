@@ -2,7 +2,7 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 #define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

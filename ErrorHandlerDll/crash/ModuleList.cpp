@@ -1,4 +1,4 @@
-#include "ModuleList.h"
+#include "ErrorHandlerDll/crash/ModuleList.h"
 
 #include <link.h>
 
@@ -15,7 +15,9 @@ ModuleList::ModuleList(MemoryReader& reader) noexcept : m_reader(reader)
 {
     r_debug debug;
     if (m_reader.Read(reinterpret_cast<std::uintptr_t>(&_r_debug), debug))
+    {
         m_next = reinterpret_cast<std::uintptr_t>(debug.r_map);
+    }
     m_damaged = m_next == 0;
 }
 
@@ -30,10 +32,14 @@ bool ModuleList::NoteDamage() noexcept
 bool ModuleList::Next(Module& module) noexcept
 {
     if (m_next == 0)
+    {
         return false;
+    }
     link_map entry;
     if (m_count == kMaxModules || m_next == m_landmark || !m_reader.Read(m_next, entry))
+    {
         return NoteDamage();
+    }
 
     module.loadAddress = entry.l_addr;
     module.name = reinterpret_cast<std::uintptr_t>(entry.l_name);
@@ -42,7 +48,9 @@ bool ModuleList::Next(Module& module) noexcept
 
     // The landmark moves at each power of two, so a cycle is met before it has been gone round three times.
     if ((m_count & (m_count + 1)) == 0)
+    {
         m_landmark = m_next;
+    }
     ++m_count;
     m_next = reinterpret_cast<std::uintptr_t>(entry.l_next);
     return true;

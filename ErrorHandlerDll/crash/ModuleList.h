@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

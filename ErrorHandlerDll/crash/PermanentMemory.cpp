@@ -1,4 +1,4 @@
-#include "PermanentMemory.h"
+#include "ErrorHandlerDll/crash/PermanentMemory.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -42,13 +42,21 @@ int LearnObject(dl_phdr_info* object, std::size_t, void* isFirst) noexcept
     const Range range = GetRange(*object);
     bool& isProgram = *static_cast<bool*>(isFirst);
     if (isProgram)
+    {
         gProgram = range;
+    }
     if (range.Contains(reinterpret_cast<std::uintptr_t>(&std::abort)))
+    {
         gCLibrary = range;
+    }
     if (range.Contains(reinterpret_cast<std::uintptr_t>(&_r_debug)))
+    {
         gLoader = range;
+    }
     if (range.Contains(reinterpret_cast<std::uintptr_t>(&gThisLibrary)))
+    {
         gThisLibrary = range;
+    }
     isProgram = false;
     return 0;
 }
@@ -66,7 +74,9 @@ bool IsPermanentMemory(std::uintptr_t address, std::size_t size) noexcept
     for (const Range* range : {&gProgram, &gCLibrary, &gThisLibrary, &gLoader})
     {
         if (range->Contains(address))
+        {
             return size <= range->end - address;
+        }
     }
     return false;
 }

@@ -13,9 +13,9 @@
 //
 // Rejected: msync and mincore do not notice pages without read access; /proc/self/mem reads through PROT_NONE and needs a
 // descriptor; a memfd is refused by more sandboxes than a pipe; a handler for SIGSEGV belongs to the host.
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
-#include "PermanentMemory.h"
+#include "ErrorHandlerDll/crash/PermanentMemory.h"
 
 #include <algorithm>
 #include <atomic>
@@ -78,9 +78,13 @@ CopyResult CopyDirectly(long thread, const void* address, void* out, std::size_t
     const iovec remote{const_cast<void*>(address), size};
     const long copied = SystemCall(SYS_process_vm_readv, thread, ToArgument(&local), 1, ToArgument(&remote), 1, 0);
     if (copied == static_cast<long>(size))
+    {
         return CopyResult::COPIED;
+    }
     if (copied == -EPERM || copied == -ENOSYS)
+    {
         gDirectCopyRefused.store(true, std::memory_order_relaxed);
+    }
     return copied >= 0 || copied == -EFAULT ? CopyResult::UNREADABLE : CopyResult::NOT_AVAILABLE;
 }
 
@@ -88,14 +92,20 @@ CopyResult CopyThroughPipe(const void* address, void* out, std::size_t size) noe
 {
     int ends[2] = {-1, -1}; // filled by the kernel, out of the analyser's sight
     if (SystemCall(SYS_pipe2, ToArgument(ends), O_CLOEXEC | O_NONBLOCK) != 0)
+    {
         return CopyResult::NOT_AVAILABLE;
+    }
     CopyResult result = CopyResult::NOT_AVAILABLE;
     const long length = static_cast<long>(size);
     const long written = SystemCall(SYS_write, ends[1], ToArgument(address), length);
     if (written == -EFAULT)
+    {
         result = CopyResult::UNREADABLE;
+    }
     else if (written == length && SystemCall(SYS_read, ends[0], ToArgument(out), length) == length)
+    {
         result = CopyResult::COPIED;
+    }
     SystemCall(SYS_close, ends[0]);
     SystemCall(SYS_close, ends[1]);
     return result;
@@ -115,15 +125,21 @@ __attribute__((no_sanitize("address", "thread"))) void CopyBytes(const void* add
     const auto* from = static_cast<const volatile unsigned char*>(address); // volatile: not to become a call of memcpy
     auto* to = static_cast<volatile unsigned char*>(out);
     for (; size >= sizeof(Word); size -= sizeof(Word), from += sizeof(Word), to += sizeof(Word))
+    {
         *reinterpret_cast<volatile Word*>(to) = *reinterpret_cast<const volatile Word*>(from);
+    }
     for (; size > 0; --size)
+    {
         *to++ = *from++;
+    }
 }
 
 bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
 {
     if (!IsReadable(reinterpret_cast<std::uintptr_t>(address)))
+    {
         return false;
+    }
     CopyBytes(address, out, size);
     return true;
 }
@@ -131,14 +147,22 @@ bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
 bool ReadWithinPage(long thread, const void* address, void* out, std::size_t size) noexcept
 {
     if (IsPermanentMemory(reinterpret_cast<std::uintptr_t>(address), size) && CopyAfterProbe(address, out, size))
+    {
         return true;
+    }
     CopyResult result = CopyResult::NOT_AVAILABLE;
     if (!gDirectCopyRefused.load(std::memory_order_relaxed))
+    {
         result = CopyDirectly(thread, address, out, size);
+    }
     if (result == CopyResult::NOT_AVAILABLE)
+    {
         result = CopyThroughPipe(address, out, size);
+    }
     if (result == CopyResult::NOT_AVAILABLE)
+    {
         return CopyAfterProbe(address, out, size);
+    }
     return result == CopyResult::COPIED;
 }
 
@@ -182,13 +206,19 @@ public:
     const unsigned char* Fetch(long thread, std::uintptr_t start) noexcept
     {
         if (m_latest < m_count && m_addresses[m_latest] == start)
+        {
             return m_lines[m_latest];
+        }
         std::uintptr_t* const end = m_addresses + m_count;
         std::uintptr_t* const found = std::find(m_addresses, end, start);
         if (found != end)
+        {
             m_latest = static_cast<std::size_t>(found - m_addresses);
+        }
         else if (!ReadNext(thread, start))
+        {
             return nullptr;
+        }
         return m_lines[m_latest];
     }
 
@@ -203,7 +233,9 @@ private:
         const std::size_t place = m_next;
         m_addresses[place] = kNoLine;
         if (!ReadWithinPage(thread, reinterpret_cast<const void*>(start), m_lines[place], kLineSize))
+        {
             return false;
+        }
         m_addresses[place] = start;
         m_latest = place;
         m_next = (place + 1) % kLineCount;
@@ -237,13 +269,17 @@ bool ReadRange(long thread, const void* address, void* out, std::size_t size) no
     const auto start = reinterpret_cast<std::uintptr_t>(address);
     if (!gDirectCopyRefused.load(std::memory_order_relaxed) && !IsPermanentMemory(start, size) &&
         CopyDirectly(thread, address, out, size) == CopyResult::COPIED)
+    {
         return true;
+    }
     for (std::size_t done = 0; done < size;)
     {
         const std::size_t piece = PieceSize(start + done, size - done);
         if (!ReadWithinPage(thread, reinterpret_cast<const void*>(start + done), static_cast<unsigned char*>(out) + done,
                             piece))
+        {
             return false;
+        }
         done += piece;
     }
     return true;
@@ -265,7 +301,9 @@ void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, st
         const std::size_t piece = PieceSize(start + done, size - done);
         const bool copied = ReadWithinPage(thread, reinterpret_cast<const void*>(start + done), out + done, piece);
         if (!copied)
+        {
             std::memset(out + done, 0, piece);
+        }
         std::memset(readable + done, copied ? 1 : 0, piece);
         done += piece;
     }
@@ -286,7 +324,9 @@ MemoryReader::MemoryReader() noexcept
     : m_thread(CurrentThread()), m_hasReserve(!gReserveIsTaken.exchange(true, std::memory_order_acquire))
 {
     if (m_hasReserve && gKeepingThread.load(std::memory_order_relaxed) != m_thread)
+    {
         gReserve.Forget();
+    }
     ForgetLines();
 }
 
@@ -294,13 +334,17 @@ MemoryReader::MemoryReader() noexcept
 MemoryReader::~MemoryReader()
 {
     if (m_hasReserve)
+    {
         gReserveIsTaken.store(false, std::memory_order_release);
+    }
 }
 
 void MemoryReader::Refresh() noexcept
 {
     if (m_hasReserve)
+    {
         gReserve.Refresh(m_thread);
+    }
     m_readablePages.Forget();
     ForgetLines();
 }
@@ -308,7 +352,9 @@ void MemoryReader::Refresh() noexcept
 void MemoryReader::ForgetLines() noexcept
 {
     for (std::uintptr_t& address : m_addresses)
+    {
         address = kNoLine;
+    }
 }
 
 // Without the reserve the lines' own memory must do.
@@ -324,7 +370,9 @@ const unsigned char* MemoryReader::Fetch(std::uintptr_t address, std::size_t& av
     if (IsPermanentMemory(address, 1))
     {
         if (const unsigned char* const bytes = FetchInPlace(address, available))
+        {
             return bytes;
+        }
     }
     return m_hasReserve ? FetchFromReserve(address, available) : FetchLine(address, available);
 }
@@ -337,7 +385,9 @@ const unsigned char* MemoryReader::FetchInPlace(std::uintptr_t address, std::siz
     if (!pages.Contain(page))
     {
         if (!IsReadable(address))
+        {
             return nullptr;
+        }
         pages.Add(page);
     }
     available = kPageSize - address % kPageSize;
@@ -363,7 +413,9 @@ const unsigned char* MemoryReader::FetchLine(std::uintptr_t address, std::size_t
     {
         m_addresses[place] = kNoLine;
         if (!ReadWithinPage(m_thread, reinterpret_cast<const void*>(start), line, kLineSize))
+        {
             return nullptr;
+        }
         m_addresses[place] = start;
     }
     return line + offset;
@@ -382,7 +434,9 @@ bool MemoryReader::Read(std::uintptr_t address, void* out, std::size_t size) noe
         std::size_t piece = 0;
         const unsigned char* bytes = Fetch(address, piece);
         if (bytes == nullptr)
+        {
             return false;
+        }
         piece = size < piece ? size : piece;
         CopyBytes(bytes, to, piece);
         to += piece;
@@ -400,11 +454,15 @@ std::size_t MemoryReader::ReadString(std::uintptr_t address, char* out, std::siz
         std::size_t piece = 0;
         const unsigned char* const bytes = Fetch(address + length, piece);
         if (bytes == nullptr)
+        {
             break;
+        }
         piece = std::min({piece, size - 1 - length, kStringPiece});
         CopyBytes(bytes, out + length, piece);
         if (const void* const end = std::memchr(out + length, '\0', piece))
+        {
             return static_cast<std::size_t>(static_cast<const char*>(end) - out);
+        }
         length += piece;
     }
     out[length] = '\0';

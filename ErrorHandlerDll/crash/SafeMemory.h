@@ -29,7 +29,9 @@ public:
     void Forget() noexcept
     {
         for (std::uintptr_t& page : m_pages)
+        {
             page = 0;
+        }
     }
     bool Contain(std::uintptr_t page) const noexcept { return m_pages[page % kCount] == page; }
     void Add(std::uintptr_t page) noexcept { m_pages[page % kCount] = page; }
@@ -87,7 +89,9 @@ public:
         {
             const std::size_t piece = count < size / sizeof(Entry) ? count : size / sizeof(Entry);
             if (!ReadPastLines(address, buffer, piece * sizeof(Entry)))
+            {
                 return false;
+            }
             for (std::size_t i = 0; i < piece; ++i)
             {
                 Entry entry;

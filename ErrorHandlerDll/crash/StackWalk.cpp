@@ -1,12 +1,12 @@
-#include "StackWalk.h"
+#include "ErrorHandlerDll/crash/StackWalk.h"
 
 #include <cstddef>
 #include <cstring>
 
-#include "CallFrameInfo.h"
-#include "ElfObject.h"
-#include "FrameRegisters.h"
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/CallFrameInfo.h"
+#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/FrameRegisters.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {
@@ -31,9 +31,13 @@ public:
     {
         gregset_t registers;
         if (!m_reader.Read(context + offsetof(ucontext_t, uc_mcontext.gregs), registers))
+        {
             return false;
+        }
         for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
+        {
             m_registers.Set(number, static_cast<std::uint64_t>(registers[kContextRegisters[number]]));
+        }
         m_interrupted = true;
         return true;
     }
@@ -45,27 +49,37 @@ public:
     {
         const UnwindResult result = StepByTables();
         if (result != UnwindResult::NO_TABLES)
+        {
             return result != UnwindResult::END_OF_STACK;
+        }
         if (IsSignalTrampoline())
+        {
             return LoadContext(m_registers.StackPointer());
+        }
         return StepWithoutTables();
     }
 
     UnwindResult StepByTables() noexcept
     {
         if (!Locate(CallAddress()) || m_object.unwindHeader == 0)
+        {
             return UnwindResult::NO_TABLES;
+        }
         const std::uint64_t stackPointer = m_registers.StackPointer();
         const bool wasInterrupted = m_interrupted;
         const UnwindResult result = UnwindFrame(m_reader, m_object.unwindHeader, CallAddress(), m_registers);
         if (result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED)
+        {
             m_interrupted = result == UnwindResult::INTERRUPTED;
+        }
         // Only a signal moves to another stack; otherwise a caller's frame lies above, or the walk would go round in
         // circles. But the interrupted function may have given up its frame: an unwinder jumps to where it resumes so.
         const std::uint64_t callersStackPointer = m_registers.StackPointer();
         if (result == UnwindResult::UNWOUND &&
             (callersStackPointer < stackPointer || (callersStackPointer == stackPointer && !wasInterrupted)))
+        {
             return UnwindResult::END_OF_STACK;
+        }
         return result;
     }
 
@@ -77,7 +91,9 @@ public:
         {
             frames[count++] = reinterpret_cast<void*>(m_registers.ProgramCounter());
             if (!Step())
+            {
                 break;
+            }
         }
         return count;
     }
@@ -106,7 +122,9 @@ private:
     {
         const bool inCode = Locate(CallAddress()) && m_object.HasCodeAt(CallAddress());
         if (m_interrupted && !inCode && ReturnFromLeaf())
+        {
             return true;
+        }
         return FollowFramePointer() || (m_interrupted && inCode && ReturnFromLeaf());
     }
 
@@ -116,7 +134,9 @@ private:
         std::uint64_t returnAddress;
         const std::uint64_t stackPointer = m_registers.StackPointer();
         if (!m_reader.Read(stackPointer, returnAddress) || !IsReturnAddress(returnAddress))
+        {
             return false;
+        }
         m_registers.Set(FrameRegisters::kProgramCounter, returnAddress);
         m_registers.Set(FrameRegisters::kStackPointer, stackPointer + sizeof(returnAddress));
         m_interrupted = false;
@@ -136,7 +156,9 @@ private:
         if (!m_registers.Get(FrameRegisters::kBasePointer, basePointer) || basePointer % sizeof(basePointer) != 0 ||
             basePointer < stackPointer || basePointer - stackPointer > kMaxFrameSize || !m_reader.Read(basePointer, frame) ||
             !IsReturnAddress(frame.returnAddress))
+        {
             return false;
+        }
         m_registers.known = 0; // what else the function saved is not known
         m_registers.Set(FrameRegisters::kBasePointer, frame.basePointer);
         m_registers.Set(FrameRegisters::kProgramCounter, frame.returnAddress);
@@ -157,7 +179,9 @@ private:
 __attribute__((noinline)) int WalkStack(void** frames, int capacity) noexcept
 {
     if (capacity <= 0)
+    {
         return 0;
+    }
     Walker walker;
     FrameRegisters& registers = walker.Registers();
     asm volatile("movq %%rbx, 3*8(%0)\n\t"
@@ -177,7 +201,9 @@ __attribute__((noinline)) int WalkStack(void** frames, int capacity) noexcept
     registers.known = kCaptured;
 
     if (walker.StepByTables() == UnwindResult::UNWOUND)
+    {
         return walker.Walk(frames, capacity);
+    }
     frames[0] = __builtin_return_address(0); // the linker's list is damaged; better than nothing
     return 1;
 }

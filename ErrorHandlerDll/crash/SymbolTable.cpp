@@ -1,4 +1,4 @@
-#include "SymbolTable.h"
+#include "ErrorHandlerDll/crash/SymbolTable.h"
 
 #include <elf.h>
 
@@ -38,17 +38,29 @@ bool ReadTables(MemoryReader& reader, const ElfObject& object, Tables& tables) n
     {
         Elf64_Dyn entry;
         if (!reader.Read(object.module.dynamic + i * sizeof(entry), entry) || entry.d_tag == DT_NULL)
+        {
             break;
+        }
         if (entry.d_tag == DT_SYMTAB)
+        {
             tables.symbols = Relocated(object, entry.d_un.d_ptr);
+        }
         else if (entry.d_tag == DT_STRTAB)
+        {
             tables.strings = Relocated(object, entry.d_un.d_ptr);
+        }
         else if (entry.d_tag == DT_STRSZ)
+        {
             tables.stringsSize = entry.d_un.d_val;
+        }
         else if (entry.d_tag == DT_GNU_HASH)
+        {
             tables.gnuHash = Relocated(object, entry.d_un.d_ptr);
+        }
         else if (entry.d_tag == DT_HASH)
+        {
             tables.hash = Relocated(object, entry.d_un.d_ptr);
+        }
     }
     return tables.symbols != 0 && tables.strings != 0;
 }
@@ -64,24 +76,34 @@ bool ReadGnuRange(MemoryReader& reader, std::uintptr_t table, Range& range) noex
         std::uint32_t filterShift;
     } header;
     if (!reader.Read(table, header) || header.bucketCount > kMaxSymbols || header.filterSize > kMaxSymbols)
+    {
         return false;
+    }
     const std::uintptr_t buckets = table + sizeof(header) + header.filterSize * sizeof(std::uint64_t);
     const std::uintptr_t chains = buckets + header.bucketCount * sizeof(std::uint32_t);
     std::uint32_t last = 0;
     if (!reader.ReadTable<std::uint32_t>(buckets, header.bucketCount,
                                          [&](std::uint32_t first) { last = first > last ? first : last; }))
+    {
         return false;
+    }
     range = {header.symbolOffset, header.symbolOffset};
     if (last < header.symbolOffset)
+    {
         return true;
+    }
     for (; last < kMaxSymbols; ++last)
     {
         std::uint32_t value;
         if (!reader.Read(chains + std::uintptr_t{last - header.symbolOffset} * sizeof(value), value))
+        {
             return false;
+        }
         range.end = last + 1;
         if ((value & 1) != 0)
+        {
             return true;
+        }
     }
     return false;
 }
@@ -94,12 +116,18 @@ bool ReadHashRange(MemoryReader& reader, std::uintptr_t table, Range& range) noe
 bool ReadRange(MemoryReader& reader, const Tables& tables, Range& range) noexcept
 {
     if (tables.gnuHash != 0)
+    {
         return ReadGnuRange(reader, tables.gnuHash, range);
+    }
     if (tables.hash != 0)
+    {
         return ReadHashRange(reader, tables.hash, range);
+    }
     // Without a hash table nothing gives the number of symbols; the strings usually follow them.
     if (tables.strings > tables.symbols && (tables.strings - tables.symbols) / sizeof(Elf64_Sym) < kMaxSymbols)
+    {
         range.end = static_cast<std::uint32_t>((tables.strings - tables.symbols) / sizeof(Elf64_Sym));
+    }
     return true;
 }
 
@@ -129,14 +157,18 @@ void Look(const Elf64_Sym& symbol, const Tables& tables, std::uintptr_t loadAddr
           std::span<SymbolSearch> searches) noexcept
 {
     if (!IsAddress(symbol))
+    {
         return;
+    }
     const std::uintptr_t start = loadAddress + symbol.st_value;
     for (SymbolSearch& search : searches)
     {
         const bool isBetter = search.symbol.name == 0 || start > search.symbol.start;
         if (Covers(symbol, search.address - loadAddress) && isBetter && symbol.st_name < tables.stringsSize &&
             (tables.gnuHash != 0 || IsVisible(symbol)))
+        {
             search.symbol = {tables.strings + symbol.st_name, start};
+        }
     }
 }
 
@@ -152,9 +184,11 @@ void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<Symbol
     Tables tables;
     Range range;
     if (ReadTables(reader, object, tables) && ReadRange(reader, tables, range))
+    {
         reader.ReadTable<Elf64_Sym>(tables.symbols + range.first * sizeof(Elf64_Sym), range.end - range.first,
                                     [&](const Elf64_Sym& symbol)
                                     { Look(symbol, tables, object.module.loadAddress, searches); });
+    }
 }
 
 } // namespace Crash

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <span>
 
-#include "ElfObject.h"
-#include "SafeMemory.h"
+#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

@@ -25,7 +25,9 @@ bool ParseNumber(const char* option, Number lowest, Number highest, Number& numb
     const char* end = optarg + std::strlen(optarg);
     const auto [stop, error] = std::from_chars(optarg, end, number);
     if (error == std::errc() && stop == end && number >= lowest && number <= highest)
+    {
         return true;
+    }
     std::fprintf(stderr, "mrz_reader: bad number for --%s: %s\n", option, optarg);
     return false;
 }
@@ -69,7 +71,9 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv)
     for (int option; (option = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;)
     {
         if (!ApplyOption(option, result))
+        {
             return std::nullopt;
+        }
     }
     result.files.assign(argv + optind, argv + argc);
     if (result.files.empty() && !result.help && !result.crash)

@@ -24,7 +24,9 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context)
 {
     // One dump is enough: a second thread with a fault waits here until the first one ends the process.
     while (gDumping.test_and_set())
+    {
         pause();
+    }
     try
     {
         StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
@@ -48,9 +50,13 @@ void Install()
     // With all of them blocked, a fault in the handler itself ends the process at once.
     sigemptyset(&action.sa_mask);
     for (const int signal : kFatalSignals)
+    {
         sigaddset(&action.sa_mask, signal);
+    }
     for (const int signal : kFatalSignals)
+    {
         sigaction(signal, &action, nullptr);
+    }
 }
 
 AlternateStack::AlternateStack() : m_memory(new (std::nothrow) char[kBytes])
@@ -59,13 +65,17 @@ AlternateStack::AlternateStack() : m_memory(new (std::nothrow) char[kBytes])
     stack.ss_sp = m_memory.get();
     stack.ss_size = kBytes;
     if (m_memory && sigaltstack(&stack, &m_previous) != 0)
+    {
         m_memory.reset();
+    }
 }
 
 AlternateStack::~AlternateStack()
 {
     if (m_memory)
+    {
         sigaltstack(&m_previous, nullptr);
+    }
 }
 
 void RunIntoFault()

@@ -155,7 +155,9 @@ Fault CheckAlphabet(const Lines& lines)
         const Fault fault =
             FindBadCharacter(lines, {line, 0, lines[line].size()}, [](char c) { return IsDigit(c) || IsLetter(c); });
         if (fault)
+        {
             return fault;
+        }
     }
     return {};
 }
@@ -165,17 +167,23 @@ Fault CheckFieldCharacters(const Lines& lines, const Layout& layout)
     for (const Span& span : {layout.issuer, layout.names, layout.nationality, layout.sex})
     {
         if (const Fault fault = FindBadCharacter(lines, span, IsLetter))
+        {
             return fault;
+        }
     }
     for (const Span& span : {layout.birthDate, layout.expiryDate})
     {
         if (const Fault fault = FindBadCharacter(lines, span, IsDigit))
+        {
             return fault;
+        }
     }
     for (const Check& check : layout.checks)
     {
         if (const Fault fault = FindBadCharacter(lines, check.digit, IsDigit))
+        {
             return fault;
+        }
     }
     return {};
 }
@@ -184,9 +192,13 @@ Fault CheckFieldCharacters(const Lines& lines, const Layout& layout)
 const Layout* ChooseLayout(const Lines& lines)
 {
     if (lines.size() == kTd1.lineCount)
+    {
         return &kTd1;
+    }
     if (lines.size() != kTd2.lineCount)
+    {
         return nullptr;
+    }
     const size_t longest = std::max(lines[0].size(), lines[1].size());
     return longest > (kTd2.width + kTd3.width) / 2 ? &kTd3 : &kTd2;
 }
@@ -203,7 +215,9 @@ Fault CheckLengths(const Lines& lines, const Layout* layout)
     for (size_t line = 0; line < lines.size(); ++line)
     {
         if (lines[line].size() == layout->width)
+        {
             continue;
+        }
         fault.kind = FaultKind::LINE_LENGTH;
         fault.line = static_cast<int>(line) + 1;
         fault.found = static_cast<int>(lines[line].size());
@@ -219,7 +233,9 @@ Fault VerifyCheckDigit(const char* field, std::string_view covered, char digit)
     const bool isEmpty = WithoutFillersAtEnd(covered).empty();
     const int expected = CalculateCheckDigit(covered);
     if (digit == '0' + expected || (isEmpty && digit == kFiller))
+    {
         return {};
+    }
 
     Fault fault;
     fault.kind = FaultKind::CHECK_DIGIT;
@@ -236,7 +252,9 @@ std::string LongNumberAndDigit(const Lines& lines, const Layout& layout)
     const std::string_view rest = Cut(lines, layout.longNumber);
     const std::string_view tail = rest.substr(0, rest.find(kFiller));
     if (Cut(lines, layout.checks[0].digit).front() != kFiller || tail.size() < 2 || !IsDigit(tail.back()))
+    {
         return {};
+    }
     return std::string(Cut(lines, layout.documentNumber)).append(tail);
 }
 
@@ -245,10 +263,14 @@ Fault VerifyCheckDigits(const Lines& lines, const Layout& layout, const std::str
     for (const Check& check : layout.checks)
     {
         if (!check.field)
+        {
             break;
+        }
         std::string covered;
         for (const Span& span : check.covered)
+        {
             covered += Cut(lines, span);
+        }
         char digit = Cut(lines, check.digit).front();
         if (&check == &layout.checks[0] && !longNumber.empty())
         {
@@ -256,7 +278,9 @@ Fault VerifyCheckDigits(const Lines& lines, const Layout& layout, const std::str
             covered = longNumber.substr(0, longNumber.size() - 1);
         }
         if (const Fault fault = VerifyCheckDigit(check.field, covered, digit))
+        {
             return fault;
+        }
     }
     return {};
 }
@@ -282,7 +306,9 @@ void FillZone(const Lines& lines, const Layout& layout, const std::string& longN
 bool IsTwoDigitNumberWithin(std::string_view text, int lowest, int highest)
 {
     if (text.find(kFiller) != std::string_view::npos)
+    {
         return true;
+    }
     const int number = (text[0] - '0') * 10 + (text[1] - '0');
     return number >= lowest && number <= highest;
 }
@@ -293,7 +319,9 @@ std::vector<Lines> SplitIntoZones(std::string_view text)
 {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
     if (text.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+    {
         text.remove_prefix(kByteOrderMark.size());
+    }
 
     std::vector<Lines> zones;
     bool insideZone = false;
@@ -307,7 +335,9 @@ std::vector<Lines> SplitIntoZones(std::string_view text)
         if (!content.empty())
         {
             if (!insideZone)
+            {
                 zones.emplace_back();
+            }
             zones.back().emplace_back(content);
         }
         insideZone = !content.empty();
@@ -318,15 +348,23 @@ std::vector<Lines> SplitIntoZones(std::string_view text)
 Fault ParseZone(const Lines& lines, Zone& zone)
 {
     if (const Fault fault = CheckAlphabet(lines))
+    {
         return fault;
+    }
     const Layout* layout = ChooseLayout(lines);
     if (const Fault fault = CheckLengths(lines, layout))
+    {
         return fault;
+    }
     if (const Fault fault = CheckFieldCharacters(lines, *layout))
+    {
         return fault;
+    }
     const std::string longNumber = LongNumberAndDigit(lines, *layout);
     if (const Fault fault = VerifyCheckDigits(lines, *layout, longNumber))
+    {
         return fault;
+    }
     FillZone(lines, *layout, longNumber, zone);
     return {};
 }

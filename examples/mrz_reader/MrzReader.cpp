@@ -42,12 +42,18 @@ void CheckIsRegularFile(const std::string& path)
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(path, error);
     if (status.type() == std::filesystem::file_type::not_found)
+    {
         RaiseCheckedError<ZR_ERROR_FILE_NOT_FOUND>(SOURCE(CheckIsRegularFile), path.c_str());
+    }
     if (error)
+    {
         RaiseReadError(path, error.message());
+    }
     // Opening a pipe could wait for ever, and reading a device need not end.
     if (!std::filesystem::is_regular_file(status))
+    {
         RaiseReadError(path, "not a regular file");
+    }
 }
 
 std::string LoadFile(const std::string& path)
@@ -55,13 +61,19 @@ std::string LoadFile(const std::string& path)
     CheckIsRegularFile(path);
     const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
     if (!file)
+    {
         RaiseReadError(path, std::generic_category().message(errno));
+    }
     std::string bytes(kMaxFileBytes + 1, '\0');
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
     if (std::ferror(file.get()) != 0)
+    {
         RaiseReadError(path, "input error");
+    }
     if (bytes.size() > kMaxFileBytes)
+    {
         RaiseReadError(path, "too large to be a file of zones");
+    }
     return bytes;
 }
 
@@ -98,9 +110,13 @@ std::string Describe(const Zone& zone)
 void WarnOfOddDates(const Zone& zone, const std::string& where)
 {
     if (!IsPlausibleDate(zone.birthDate))
+    {
         LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of birth as " + zone.birthDate).c_str());
+    }
     if (!IsPlausibleDate(zone.expiryDate))
+    {
         LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of expiry as " + zone.expiryDate).c_str());
+    }
 }
 
 // Inner boundary: what is wrong with the zone is reported here and goes on.
@@ -136,11 +152,15 @@ std::vector<Verdict> JudgeZones(const std::string& path)
 
     const std::vector<Lines> zones = SplitIntoZones(bytes);
     if (zones.empty())
+    {
         RaiseCheckedError<ZR_ERROR_DECODE>(SOURCE(JudgeZones), (path + " holds no zone").c_str());
+    }
     std::vector<Verdict> verdicts;
     verdicts.reserve(zones.size());
     for (const Lines& lines : zones)
+    {
         verdicts.push_back(JudgeZone(path + ", zone " + std::to_string(verdicts.size() + 1), lines));
+    }
     return verdicts;
 }
 
@@ -185,7 +205,9 @@ std::vector<FileResult> ReadFiles(const std::vector<std::string>& paths, unsigne
     const auto work = [&]
     {
         for (size_t i = next++; i < paths.size(); i = next++)
+        {
             results[i].outcome = Boundary::Outer(SOURCE(ReadFiles), [&] { results[i].verdicts = ReadFile(paths[i]); });
+        }
     };
 
     const size_t helpers = std::min<size_t>(threadCount, paths.size()) - (paths.empty() ? 0 : 1);

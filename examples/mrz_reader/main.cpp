@@ -32,7 +32,9 @@ void StartLogging(const CommandLine& commandLine)
 
     if (!LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, SOURCE(StartLogging), "mrz_reader starts, log level %d",
                       commandLine.level))
+    {
         std::fprintf(stderr, "mrz_reader: cannot write the log %s; going on without\n", commandLine.logFile.c_str());
+    }
 }
 
 int Report(const std::vector<std::string>& paths, const std::vector<Mrz::FileResult>& results,
@@ -67,7 +69,9 @@ int Run(const CommandLine& commandLine, const HostErrors::Reported& reported)
     const int status = Report(commandLine.files, Mrz::ReadFiles(commandLine.files, commandLine.threads), reported);
     std::printf("Log: %s\n", GetLogFilename());
     if (commandLine.crash)
+    {
         CrashHandler::RunIntoFault();
+    }
     return status;
 }
 
@@ -93,7 +97,9 @@ int main(int argc, char** argv)
     int status = SOME_INVALID;
     const Boundary::Outcome outcome = Boundary::Outer(SOURCE(main), [&] { status = Run(*commandLine, reported); });
     if (outcome.code != ZR_ERROR_NONE)
+    {
         std::fprintf(stderr, "mrz_reader: %s\n", outcome.text);
+    }
     ShutdownLogging();
     return status;
 }
