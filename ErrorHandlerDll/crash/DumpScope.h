@@ -5,7 +5,7 @@
 #define ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "QV/EmergencyScope.h"
 
 #include <csetjmp>

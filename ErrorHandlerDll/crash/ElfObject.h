@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/ModuleList.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
 
 namespace Crash
 {

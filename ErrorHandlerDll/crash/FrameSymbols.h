@@ -4,7 +4,7 @@
 #define ERRORHANDLERDLL_CRASH_FRAMESYMBOLS_H
 
 #include "ErrorHandlerDll/crash/ElfObject.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/SymbolTable.h"
 
 #include <span>

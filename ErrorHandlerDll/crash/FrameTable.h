@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

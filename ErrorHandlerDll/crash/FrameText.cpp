@@ -5,7 +5,7 @@
 
 #include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/FrameSymbols.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

@@ -2,7 +2,7 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 #define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

@@ -6,7 +6,7 @@
 #include "ErrorHandlerDll/crash/CallFrameInfo.h"
 #include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/FrameRegisters.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

@@ -6,7 +6,7 @@
 #include <span>
 
 #include "ErrorHandlerDll/crash/ElfObject.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

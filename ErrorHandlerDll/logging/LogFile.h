@@ -35,8 +35,7 @@ public:
     // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. A line that does not
     // fit behind the buffered ones is preceded by a flush, so that every write carries whole lines.
     //   returns null for a line that is too long for the buffer, and while nothing can be written and the buffer is full:
-    //   the
-    //           line is dropped then
+    //           the line is dropped then
     char* Reserve(std::size_t length)
     {
         const std::size_t used = m_used.load(std::memory_order_relaxed);

@@ -41,9 +41,8 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 ERRORHANDLERDLL_API void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName);
 
 // The path of the current log file; with LOGGING_STRATEGY_FILE_SIZE that of the numbered file.
-//   returns a pointer into the logger, never null, valid until the name next changes (InitialiseLogging with another name,
-//   or
-//           a rotation): copy the text at once
+//   returns a pointer into the logger, never null, valid until the name next changes (InitialiseLogging with another
+//           name, or a rotation): copy the text at once
 ERRORHANDLERDLL_API const char* GetLogFilename(void);
 
 // Flushes and closes the log file. Logging stays enabled: the next entry opens the file again.
