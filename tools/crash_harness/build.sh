@@ -23,6 +23,6 @@ else
     backend=BackendOurs.cpp
 fi
 # shellcheck disable=SC2086 # lists of words
-${CXX:-g++} $flags Host.cpp Heap.cpp $backend -o "$folder/host" $libraries -pthread
+${CXX:-g++} $flags Host.cpp Cases.cpp Workload.cpp SignalStack.cpp Heap.cpp $backend -o "$folder/host" $libraries -pthread
 # shellcheck disable=SC2086
 ${CXX:-g++} $flags -shared -fPIC Plugin.cpp -o "$folder/plugin.so"
