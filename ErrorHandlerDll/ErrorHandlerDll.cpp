@@ -7,18 +7,36 @@
 #include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "QV/Str.h"
 
+#include <new>
 #include <pthread.h>
 
 // Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
-// them in the order of definition when the library is loaded, and destroys them in reverse. The logger is the last with
-// a destructor and so goes first: the log is flushed and closed before anything else is gone. Do not move any of them to
-// another file.
+// them in the order of definition when the library is loaded, and destroys them in reverse. The logger's life is the last
+// with a destructor and so ends first: the log is flushed and closed before anything else is gone. Do not move any of them
+// to another file.
 MessageMap gCustomErrorStrings;
 MessageMap gOverriddenErrorStrings;
-FileLogger gFileLogger;
+constinit LoggerStorage gLoggerStorage;
 
 namespace
 {
+
+// A host's object that is constructed before this library's may configure the log, too.
+void ConstructLogger()
+{
+    static constinit bool isConstructed = false; // the loader runs constructors one after the other
+    if (!isConstructed)
+    {
+        isConstructed = true;
+        new (&gFileLogger) FileLogger;
+    }
+}
+
+const struct LoggerLife
+{
+    LoggerLife() { ConstructLogger(); }
+    ~LoggerLife() { gFileLogger.Retire(); }
+} gLoggerLife;
 
 const int gPermanentMemory = Crash::LearnPermanentMemory();
 
@@ -61,18 +79,21 @@ constexpr int kMessageBufferSize = 1024;
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
     const ErrnoKeeper keeper;
+    ConstructLogger();
     gFileLogger.Initialise(enable, level, mask, fileName);
 }
 
 const char* GetLogFilename(void)
 {
+    ConstructLogger();
     const LoggerSection section(gFileLogger);
-    return gFileLogger.IsDestroyed() ? "" : gFileLogger.GetLogFileName().GetData();
+    return gFileLogger.IsRetired() ? "" : gFileLogger.GetLogFileName().GetData();
 }
 
 void ShutdownLogging(void)
 {
     const ErrnoKeeper keeper;
+    ConstructLogger();
     gFileLogger.Shutdown();
 }
 
@@ -116,6 +137,7 @@ void SetLoggingOptions(LoggingSettings* settings)
     const ErrnoKeeper keeper;
     if (settings != nullptr)
     {
+        ConstructLogger();
         gFileLogger.SetOptions(settings);
     }
 }
@@ -124,6 +146,7 @@ void GetLoggingOptions(LoggingSettings* settings)
 {
     if (settings != nullptr)
     {
+        ConstructLogger();
         gFileLogger.GetOptions(settings);
     }
 }

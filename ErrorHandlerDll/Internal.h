@@ -11,7 +11,19 @@
 // ErrorHandlerDll.cpp, where the order of construction matters.
 extern MessageMap gCustomErrorStrings;
 extern MessageMap gOverriddenErrorStrings;
-extern FileLogger gFileLogger;
+
+// Where the logger lives from its construction on. It is never destroyed, only retired: threads and objects of the host may
+// still log when the library has ended.
+union LoggerStorage
+{
+    constexpr LoggerStorage() : m_nothing(0) {}
+    constexpr ~LoggerStorage() {}
+
+    char m_nothing;
+    FileLogger m_logger;
+};
+extern LoggerStorage gLoggerStorage;
+inline constexpr FileLogger& gFileLogger = gLoggerStorage.m_logger;
 
 // A null text from a host counts as the empty one.
 inline std::string_view TextOrEmpty(const char* text)

@@ -45,6 +45,14 @@ public:
         return *this;
     }
 
+    // Gives the memory back for good. Afterwards the string may only be filled anew or destroyed.
+    void Release() noexcept
+    {
+        Memory::Free(m_data);
+        m_data = nullptr;
+        m_length = 0;
+    }
+
     void Append(View text)
     {
         if (text.empty())

@@ -5,8 +5,6 @@ option(ERRORHANDLERDLL_COVERAGE "Count the executed lines" OFF)
 if(ERRORHANDLERDLL_SANITIZER)
     add_compile_options(-fsanitize=${ERRORHANDLERDLL_SANITIZER} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${ERRORHANDLERDLL_SANITIZER})
-    # A host's late lines reach the logger after its destruction, whose memory stays: not an object any more to this check.
-    add_compile_options(-fno-sanitize=vptr)
 endif()
 
 if(ERRORHANDLERDLL_COVERAGE)

@@ -1,4 +1,4 @@
-// The log under many threads, in forked children, and at the end of the process.
+// The log under many threads, in forked children, and at the beginning and the end of the process.
 #include "ErrorHandlerDll/Internal.h"
 #include "support/LogTest.h"
 
@@ -72,8 +72,16 @@ void LogAtExit()
     }
 }
 
-[[gnu::constructor(101)]] void RegisterLogAtExit()
+// A host's static object that logs before the library's objects are constructed.
+bool gEarlyLineIsWritten = false;
+
+[[gnu::constructor(101)]] void LogEarly()
 {
+    const TemporaryFolder folder;
+    InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, (folder / "early.log").c_str());
+    LogMessage(ZR_LOG_ERROR, 1, "", "early");
+    ShutdownLogging();
+    gEarlyLineIsWritten = ReadFile(GetLogFilename()).ends_with(" - early\n");
     std::atexit(LogAtExit);
 }
 
@@ -149,6 +157,11 @@ TEST_F(ConcurrencyTest, AForkInsideAGroupLeavesTheSectionToTheChild)
     gFileLogger.LeaveCriticalSection();
     ShutdownLogging();
     ExpectEveryLineOnce(ParseLog(OnDisk()), {{0, 1}, {1, 1}, {2, 1}});
+}
+
+TEST(EarlyHost, LogsBeforeTheLibraryIsInitialised)
+{
+    EXPECT_TRUE(gEarlyLineIsWritten);
 }
 
 TEST_F(ConcurrencyTest, LinesAfterTheEndAreDropped)

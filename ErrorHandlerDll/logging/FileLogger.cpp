@@ -23,21 +23,26 @@ FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDef
     ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection);
 }
 
-FileLogger::~FileLogger()
+void FileLogger::Retire()
 {
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
     if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
     {
         Disable();
-        m_destroyed.store(true);
-        m_file.FlushInEmergency();
-        m_file.WriteHeldLines();
+        m_retired.store(true);
+        if (!m_file.IsFlushing()) // else that thread is writing it, however slowly
+        {
+            m_file.FlushInEmergency();
+            m_file.WriteHeldLines();
+        }
         return;
     }
     Disable();
-    m_destroyed.store(true);
+    m_retired.store(true);
     CloseLogFile();
     DeleteStrategy();
+    m_logFileName.Release();
+    m_currentLine.Release();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
 }
 
@@ -50,7 +55,7 @@ void FileLogger::Disable()
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
 {
     const LoggerSection section(*this);
-    if (m_destroyed.load(std::memory_order_relaxed))
+    if (m_retired.load(std::memory_order_relaxed))
     {
         return;
     }
@@ -80,7 +85,7 @@ void FileLogger::Shutdown()
 void FileLogger::SetOptions(LoggingSettings* settings)
 {
     const LoggerSection section(*this);
-    if (m_destroyed.load(std::memory_order_relaxed))
+    if (m_retired.load(std::memory_order_relaxed))
     {
         return;
     }
@@ -222,7 +227,7 @@ void FileLogger::DeleteStrategy()
 bool FileLogger::WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted)
 {
     const LoggerSection section(*this);
-    if (m_destroyed.load(std::memory_order_relaxed))
+    if (m_retired.load(std::memory_order_relaxed))
     {
         return true;
     }

@@ -24,9 +24,12 @@ public:
     FileLogger(const FileLogger&) = delete;
     FileLogger& operator=(const FileLogger&) = delete;
 
-    // Flushes and closes the file. Threads that still log afterwards, as at the end of a process, have their entries
-    // dropped.
-    virtual ~FileLogger();
+    virtual ~FileLogger() { Retire(); }
+
+    // Flushes and closes the file and gives all memory back. Threads that still log afterwards, as at the end of a process,
+    // have their entries dropped: the object stays. A thread that is inside meanwhile and does not come out keeps what it
+    // works on.
+    void Retire();
 
     void Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName);
     void Shutdown();
@@ -34,7 +37,7 @@ public:
     void GetOptions(LoggingSettings* settings);
 
     bool IsEnabled() const { return m_enabled.load(std::memory_order_relaxed); }
-    bool IsDestroyed() const { return m_destroyed.load(std::memory_order_relaxed); }
+    bool IsRetired() const { return m_retired.load(std::memory_order_relaxed); }
 
     // The filter. Reads without the section: an entry that is being logged while the settings change may be taken by either.
     bool CanWrite(int level, unsigned int mask) const
@@ -97,6 +100,9 @@ public:
     static constexpr int kEmergencyWaitMs = 500;
 
 private:
+    // A buffer for long lines that is larger is given back after each: one huge dump must not cost a host memory for years.
+    static constexpr std::size_t kMostKeptForLines = std::size_t{1024} * 1024;
+
     template <class Message>
     bool WriteLine(int level, std::string_view source, const Message& message);
     void CountLine();
@@ -132,8 +138,8 @@ private:
     std::atomic<FileLoggerStrategy*> m_strategy{nullptr}; // owned
     LineClock m_clock;
     std::atomic<bool> m_holdsLines{false};
-    std::atomic<bool> m_busy{false};      // the section's owner is in the middle of something
-    std::atomic<bool> m_destroyed{false}; // read by threads that come too late, guarded by the section
+    std::atomic<bool> m_busy{false};    // the section's owner is in the middle of something
+    std::atomic<bool> m_retired{false}; // read by threads that come too late, guarded by the section
 };
 
 // Holds the logger's critical section for a scope.

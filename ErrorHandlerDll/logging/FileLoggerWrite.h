@@ -67,7 +67,7 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Me
             const QV::EmergencyScope emergency;
             written = HasRoomFor(message) && WriteInEmergency(level, source, ToText(message), Interrupted::GOES_ON);
         }
-        else if (!m_destroyed.load(std::memory_order_relaxed)) [[likely]]
+        else if (!m_retired.load(std::memory_order_relaxed)) [[likely]]
         {
             const BusyScope busy(m_busy);
             written = WriteLine(level, source, message);
@@ -110,6 +110,10 @@ bool FileLogger::WriteLine(int level, std::string_view source, const Message& me
     {
         compose(m_currentLine.SetLength(length));
         m_file.WriteLongLine(m_currentLine);
+        if (length > kMostKeptForLines)
+        {
+            m_currentLine.Release();
+        }
     }
     CountLine();
     return true;
