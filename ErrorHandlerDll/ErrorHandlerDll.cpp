@@ -2,11 +2,13 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "QV/Str.h"
 
+#include <algorithm>
 #include <new>
 #include <pthread.h>
 
@@ -51,6 +53,9 @@ const int gForkHandlers = pthread_atfork(
 // Most messages fit: then they are formatted once, without the heap.
 constexpr int kMessageBufferSize = 1024;
 
+// Dumped with a message of up to two thousand characters, they fit into the memory that there is in an emergency.
+constexpr int kMostBytesInEmergency = 512;
+
 // Apart from LogMessage, whose filtered calls then need no stack frame: that is 14 instructions less.
 [[gnu::noinline]] bool WriteTexts(int level, unsigned int mask, const char* source, const char* message)
 {
@@ -66,9 +71,11 @@ constexpr int kMessageBufferSize = 1024;
     {
         return gFileLogger.Write(level, mask, source, std::string_view());
     }
-    if (length < kMessageBufferSize)
+    if (length < kMessageBufferSize || QV::EmergencyScope::IsActive())
     {
-        return gFileLogger.Write(level, mask, source, std::string_view(buffer, static_cast<std::size_t>(length)));
+        const std::size_t kept =
+            length < kMessageBufferSize ? static_cast<std::size_t>(length) : CutUtf8(buffer, kMessageBufferSize - 1);
+        return gFileLogger.Write(level, mask, source, std::string_view(buffer, kept));
     }
     const QV::BaseString<char> message = QV::BaseString<char>::FormatV(format, arguments);
     return gFileLogger.Write(level, mask, source, std::string_view(message));
@@ -129,7 +136,8 @@ bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, 
     {
         return true;
     }
-    return gFileLogger.Write(level, mask, TextOrEmpty(source), HexDump(TextOrEmpty(message), buffer, length));
+    const int dumped = QV::EmergencyScope::IsActive() ? std::min(length, kMostBytesInEmergency) : length;
+    return gFileLogger.Write(level, mask, TextOrEmpty(source), HexDump(TextOrEmpty(message), buffer, dumped));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)
