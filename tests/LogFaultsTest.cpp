@@ -51,16 +51,55 @@ TEST_F(LogFaultsTest, ClosesOnAWholeLineWhenTheDiskIsFull)
     }
 }
 
-TEST_F(LogFaultsTest, StartsTheNextLineOnItsOwnAfterALongOneFailed)
+TEST_F(LogFaultsTest, TakesBackALongLineThatFailed)
 {
-    Faults::gWrites = {{100000, 0}, {0, ENOSPC}};
-    Log(std::string(200000, 'x'));
-    Log("next");
-    ShutdownLogging();
-    const std::string text = OnDisk();
-    const std::vector<LogLine> lines = ParseLog(text.substr(text.find('\n') + 1));
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ("next", lines[0].m_text);
+    const struct
+    {
+        int strategy;
+        bool closes;
+    } rows[] = {{LOGGING_STRATEGY_APPEND, false}, {LOGGING_STRATEGY_APPEND, true}, {LOGGING_STRATEGY_OVERWRITE, false}};
+    for (const auto& row : rows)
+    {
+        Start("long" + std::to_string(&row - rows));
+        SetOptions(row.strategy);
+        Faults::gWrites = {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}};
+        Log(std::string(200000, 'x'));
+        if (row.closes) // with no room for a line feed either
+        {
+            ShutdownLogging();
+        }
+        Faults::gWrites.clear();
+        Log("next");
+        EXPECT_EQ(std::vector<std::string>{"next"}, ClosedTexts("long" + std::to_string(&row - rows)));
+    }
+}
+
+TEST_F(LogFaultsTest, AForkThatCannotFlushLeavesTheLinesToTheParent)
+{
+    Log("parent");
+    Faults::gWrites = {{0, ENOSPC}};
+    EXPECT_EQ(0, RunChild(
+                     []
+                     {
+                         Log("child");
+                         ShutdownLogging();
+                         return 0;
+                     }));
+    EXPECT_EQ((std::vector<std::string>{"child", "parent"}), ClosedTexts());
+}
+
+TEST_F(LogFaultsTest, StaysInANumberedFileThatCannotBeFlushed)
+{
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 2000);
+    Faults::gDiskSpace = 1000;
+    for (int i = 0; i < 100; ++i)
+    {
+        Log("line");
+    }
+    Faults::gDiskSpace = -1;
+    Log("room again");
+    EXPECT_EQ(std::vector<std::string>(100, "line"), ClosedTexts("app.1.log"));
+    EXPECT_EQ(std::vector<std::string>{"room again"}, ClosedTexts("app.2.log"));
 }
 
 TEST_F(LogFaultsTest, ALongLineDoesNotOvertakeTheOnesBefore)

@@ -167,6 +167,10 @@ void FileLogger::AfterForkInParent()
 void FileLogger::AfterForkInChild()
 {
     m_holdsLines.store(false, std::memory_order_relaxed); // a dump does not go on in the child
+    if (!m_busy.load(std::memory_order_relaxed))
+    {
+        m_file.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
+    }
     if (tEnteredForFork)
     {
         ZelvoWinAPI::AdoptCriticalSection(&m_criticalSection);
@@ -207,6 +211,16 @@ void FileLogger::FlushLogFile()
     }
     const BusyScope busy(m_busy);
     m_file.Flush();
+}
+
+bool FileLogger::FlushBeforeLeaving()
+{
+    const bool isEmergency = QV::EmergencyScope::IsActive();
+    for (int i = 0; i < 2 && m_file.HasUnwrittenLines(); ++i) // one failing call is no reason to stay
+    {
+        isEmergency ? m_file.FlushInEmergency() : m_file.Flush();
+    }
+    return !m_file.HasUnwrittenLines();
 }
 
 bool FileLogger::PrepareOutputSource()

@@ -89,6 +89,7 @@ public:
     void OpenLogFile(const QV::BaseString<char>& mode);
     void CloseLogFile() { m_file.Close(); }
     void FlushLogFile();
+    bool FlushBeforeLeaving(); // returns false when lines cannot be written now, and would be lost with the file
     int GetFileSize() const { return m_file.GetSize(); }
     const QV::BaseString<char>& GetLogFileName() const { return m_logFileName; }
     void SetLogFileName(const QV::BaseString<char>& name);

@@ -98,6 +98,10 @@ void FileSizeLoggerStrategy::MoveToNextFile()
     {
         return; // no number is left: the last file grows on
     }
+    if (!m_logger->FlushBeforeLeaving())
+    {
+        return; // a next file would not get more room on the disk, and each try would leave an empty one
+    }
     ++m_currentFileID;
     m_logger->CloseLogFile();
     OpenCurrentFile();

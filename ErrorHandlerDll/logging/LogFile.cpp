@@ -66,12 +66,17 @@ void LogFile::Flush()
             m_bufferPosition += static_cast<std::int64_t>(used);
         }
     }
-    else if (errno == EBADF)
+    m_flushing.store(false, std::memory_order_release);
+}
+
+// A descriptor that the host has closed is ours no longer.
+void LogFile::NoteFailure(std::ptrdiff_t count)
+{
+    if (count < 0 && errno == EBADF)
     {
         m_descriptor = -1;
         m_isLost = true;
     }
-    m_flushing.store(false, std::memory_order_release);
 }
 
 // Writes the bytes [written, used) of the buffer and notes how far it got. Returns whether all of them are in the file.
@@ -86,6 +91,7 @@ bool LogFile::WriteBuffered(std::size_t written, std::size_t used)
         }
         if (count <= 0)
         {
+            NoteFailure(count);
             return false;
         }
         written += static_cast<std::size_t>(count);
@@ -110,46 +116,60 @@ void LogFile::WriteLongLine(std::string_view line)
         }
         if (count <= 0)
         {
+            NoteFailure(count);
             break;
         }
         written += static_cast<std::size_t>(count);
+    }
+    if (written < line.size() && TakeBack(line.substr(0, written)))
+    {
+        return;
     }
     if (m_bufferPosition != kUnknownPosition)
     {
         m_bufferPosition += static_cast<std::int64_t>(written);
     }
-    if (written > 0 && written < line.size())
+    if (written < line.size())
     {
         m_buffer[0] = '\n'; // ends the torn line, so that the next one starts on its own
         Commit(1);
     }
 }
 
-// Whether the bytes [from, to) of the buffer stand in the file right before the position `end`.
-bool LogFile::FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const
+// Whether `text` stands in the file right before the position `end`.
+bool LogFile::FileHoldsBefore(std::int64_t end, std::string_view text) const
 {
     char bytes[256];
-    std::int64_t position = end - static_cast<std::int64_t>(to - from);
+    std::int64_t position = end - static_cast<std::int64_t>(text.size());
     if (position < 0)
     {
         return false;
     }
-    while (from < to)
+    while (!text.empty())
     {
-        const std::size_t size = to - from < sizeof bytes ? to - from : sizeof bytes;
+        const std::size_t size = text.size() < sizeof bytes ? text.size() : sizeof bytes;
         if (ZelvoWinAPI::ReadFile(m_descriptor, bytes, size, position) != static_cast<std::ptrdiff_t>(size) ||
-            std::memcmp(bytes, m_buffer + from, size) != 0)
+            std::memcmp(bytes, text.data(), size) != 0)
         {
             return false;
         }
-        from += size;
+        text.remove_prefix(size);
         position += static_cast<std::int64_t>(size);
     }
     return true;
 }
 
-// The file ends in the first part of a line whose rest is lost now: takes that part back, provided the file still ends in
-// it.
+// The file ends in the first part of a line whose rest is lost: takes that part back, provided the file still ends in it.
+//   returns whether nothing of it is left
+bool LogFile::TakeBack(std::string_view torn) const
+{
+    struct stat status = {};
+    return torn.empty() ||
+           (fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) && FileHoldsBefore(status.st_size, torn) &&
+            ftruncate(m_descriptor, status.st_size - static_cast<off_t>(torn.size())) == 0 &&
+            lseek(m_descriptor, 0, SEEK_END) >= 0); // without O_APPEND the next write would leave a hole
+}
+
 void LogFile::CutTornLine() const
 {
     const std::size_t written = m_written;
@@ -158,13 +178,7 @@ void LogFile::CutTornLine() const
     {
         --lineStart;
     }
-    struct stat status = {};
-    if (lineStart < written && fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-        FileHoldsBefore(status.st_size, lineStart, written))
-    {
-        // When this fails too, nothing more can be done.
-        static_cast<void>(!ftruncate(m_descriptor, status.st_size - static_cast<off_t>(written - lineStart)));
-    }
+    TakeBack({m_buffer + lineStart, written - lineStart}); // when this fails too, nothing more can be done
 }
 
 int LogFile::GetSize() const
@@ -189,12 +203,16 @@ std::size_t LogFile::WrittenSoFar(std::size_t used) const
     }
     const std::int64_t position = lseek(m_descriptor, 0, SEEK_CUR);
     const std::int64_t moved = position - m_bufferPosition;
+    const auto isInFileUpTo = [&](std::size_t end)
+    {
+        return FileHoldsBefore(position, {m_buffer + noted, end - noted});
+    };
     if (m_bufferPosition != kUnknownPosition && moved >= static_cast<std::int64_t>(noted) &&
-        moved <= static_cast<std::int64_t>(used) && FileHoldsBefore(position, noted, static_cast<std::size_t>(moved)))
+        moved <= static_cast<std::int64_t>(used) && isInFileUpTo(static_cast<std::size_t>(moved)))
     {
         return static_cast<std::size_t>(moved);
     }
-    return FileHoldsBefore(position, noted, used) ? used : noted; // other processes write to the file, too
+    return isInFileUpTo(used) ? used : noted; // other processes write to the file, too
 }
 
 void LogFile::FlushInEmergency()

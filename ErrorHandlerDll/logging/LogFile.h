@@ -53,6 +53,11 @@ public:
     // daemons do, leaves the file not open, and the buffer for when it is opened again.
     void Flush();
 
+    bool HasUnwrittenLines() const
+    {
+        return m_written.load(std::memory_order_relaxed) < m_used.load(std::memory_order_relaxed);
+    }
+
     // Size in bytes as of the opening plus what was written since, buffered lines included, as a 32-bit count (INT_MAX for
     // what is larger); -1 when no file is open.
     int GetSize() const;
@@ -70,6 +75,13 @@ public:
     void WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack);
     void WriteHeldLines();
     void RecoverHeldLines() { m_heldLines.Recover(); }
+
+    // In a forked child, for which the parent writes them.
+    void ForgetBuffer()
+    {
+        m_used.store(0, std::memory_order_release);
+        m_written.store(0, std::memory_order_release);
+    }
     void ForgetHeldLines() { m_heldLines.Forget(); }
 
 private:
@@ -80,7 +92,9 @@ private:
     void WritePastBuffer(const std::string_view (&parts)[kMaxParts]);
     bool WriteBuffered(std::size_t written, std::size_t used);
     std::size_t WrittenSoFar(std::size_t used) const;
-    bool FileHoldsBefore(std::int64_t end, std::size_t from, std::size_t to) const;
+    bool FileHoldsBefore(std::int64_t end, std::string_view text) const;
+    bool TakeBack(std::string_view torn) const;
+    void NoteFailure(std::ptrdiff_t count);
     void CutTornLine() const;
 
     int m_descriptor = -1;
