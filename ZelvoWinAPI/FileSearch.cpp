@@ -14,9 +14,8 @@ namespace ZelvoWinAPI
 namespace
 {
 
-// Whether `name` matches `pattern`. On a mismatch the last `*` is made to match one character more, which is enough: an
-// earlier
-// `*` never needs to be tried again.
+// Whether `name` matches `pattern`. On a mismatch the last `*` is made to match one character more, which is enough: one
+// before it never needs to be tried again.
 bool Matches(const char* pattern, const char* name) noexcept
 {
     const char* afterStar = nullptr;

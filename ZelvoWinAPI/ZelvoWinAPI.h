@@ -110,8 +110,8 @@ static_assert(offsetof(_WIN32_FIND_DATA, cFileName) == 44, "the leading fields f
 // Starts a search. `pattern` is a path whose last component may hold `*`, which matches any run of characters, empty and
 // dots included; every other character stands for itself. Entries of any kind are found, "." and ".." included, in the order
 // of the directory. `data` holds the first entry, and the search until FindClose: use the same record with FindNextFile.
-//   returns a handle for FindClose; null when nothing matches, the directory cannot be read, or the pattern is too long to
-//   match signals async-signal-safe
+//   returns a handle for FindClose; null when nothing matches, the directory cannot be read, or the pattern is too long
+//   signals async-signal-safe
 void* FindFirstFile(const char* pattern, _WIN32_FIND_DATA* data) noexcept;
 
 // Returns non-zero with the next entry in `data`, 0 when there is none left.

@@ -1,10 +1,8 @@
 #include "CrashHandler.h"
 
-#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <new>
-#include <unistd.h>
 
 #include <ErrorHandlerDll/ExceptionHandler.h>
 #include <ErrorHandlerDll/LinuxStructuredException.h>
@@ -18,15 +16,8 @@ namespace
 
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 
-std::atomic_flag gDumping = ATOMIC_FLAG_INIT;
-
 void OnFatalSignal(int signal, siginfo_t* info, void* context)
 {
-    // One dump is enough: a second thread with a fault waits here until the first one ends the process.
-    while (gDumping.test_and_set())
-    {
-        pause();
-    }
     try
     {
         StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
@@ -35,7 +26,6 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context)
     catch (...) // what could not be dumped does not keep the process from its end
     {
     }
-    // Blocked while the handler runs; it takes effect on return.
     ::signal(signal, SIG_DFL);
     raise(signal);
 }
@@ -46,13 +36,8 @@ void Install()
 {
     struct sigaction action = {};
     action.sa_sigaction = OnFatalSignal;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    // With all of them blocked, a fault in the handler itself ends the process at once.
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER; // a fault within the dump goes back to the dump
     sigemptyset(&action.sa_mask);
-    for (const int signal : kFatalSignals)
-    {
-        sigaddset(&action.sa_mask, signal);
-    }
     for (const int signal : kFatalSignals)
     {
         sigaction(signal, &action, nullptr);

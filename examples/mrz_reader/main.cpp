@@ -86,8 +86,6 @@ int main(int argc, char** argv)
         return commandLine ? ALL_VALID : WRONG_USAGE;
     }
 
-    // A dump that waits in a buffer dies with the process.
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     // Before any other thread runs.
     static HostErrors::Reported reported;
     HostErrors::Register(reported);
