@@ -5,6 +5,7 @@
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
 #include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "QV/Str.h"
 
@@ -48,7 +49,12 @@ const int gForkHandlers = pthread_atfork(
         const ErrnoKeeper keeper;
         gFileLogger.BeforeFork();
     },
-    [] { gFileLogger.AfterForkInParent(); }, [] { gFileLogger.AfterForkInChild(); });
+    [] { gFileLogger.AfterForkInParent(); },
+    []
+    {
+        gFileLogger.AfterForkInChild();
+        Crash::DumpScope::AfterForkInChild();
+    });
 
 // Most messages fit: then they are formatted once, without the heap.
 constexpr int kMessageBufferSize = 1024;

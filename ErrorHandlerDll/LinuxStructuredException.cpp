@@ -119,8 +119,12 @@ void LogMemoryLine(std::uintptr_t address)
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
     : m_signal(signal), m_stackFrameCount(0)
 {
-    Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
-    const bool isBeyondHelp = Crash::DumpScope::IsBeyondHelp();
+    const bool isFault = Crash::DumpScope::IsFault(signal);
+    if (isFault)
+    {
+        Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
+    }
+    const bool isBeyondHelp = isFault && Crash::DumpScope::IsBeyondHelp();
     const Crash::DumpScope dump;
     CopyContext(m_context, context);
     if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))

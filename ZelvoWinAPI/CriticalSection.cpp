@@ -23,7 +23,6 @@ constexpr int kSpins = 100;
 
 // How often a bounded wait looks whether the section is free.
 constexpr long kPollIntervalNs = 1000000;
-constexpr int kPollsPerMs = 1;
 
 void ForgetThreadId() noexcept
 {
@@ -35,6 +34,13 @@ void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value)
     const int savedErrno = errno;
     syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
     errno = savedErrno;
+}
+
+std::int64_t NowMs() noexcept
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
@@ -133,7 +139,8 @@ bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
     std::uint32_t owner = 0;
-    for (int poll = 0; poll <= timeoutMs * kPollsPerMs; ++poll)
+    const std::int64_t end = NowMs() + timeoutMs;
+    do
     {
         if (TryEnter(section, self))
         {
@@ -146,7 +153,7 @@ bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
         }
         const timespec interval = {0, kPollIntervalNs};
         syscall(SYS_nanosleep, &interval, nullptr);
-    }
+    } while (NowMs() < end);
     section->m_givenUpOn.store(owner, std::memory_order_relaxed);
     return false;
 }

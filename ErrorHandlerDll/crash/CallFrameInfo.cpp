@@ -107,7 +107,12 @@ private:
 
     void Advance(std::uint64_t delta) noexcept { m_location += delta * m_entry.codeAlignment; }
 
-    std::int64_t Scaled(std::int64_t offset) const noexcept { return offset * m_entry.dataAlignment; }
+    // In unsigned numbers, as damaged tables may say anything.
+    std::int64_t Scaled(std::int64_t offset) const noexcept
+    {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(offset) *
+                                         static_cast<std::uint64_t>(m_entry.dataAlignment));
+    }
 
     std::int64_t ScaledUnsigned(DwarfCursor& cursor) const noexcept
     {
@@ -292,7 +297,7 @@ private:
         case OFFSET_EXTENDED_SF:
             return SetRule(number, Rule::AT_OFFSET, Scaled(cursor.TakeSigned()));
         case GNU_NEGATIVE_OFFSET_EXTENDED:
-            return SetRule(number, Rule::AT_OFFSET, -ScaledUnsigned(cursor));
+            return SetRule(number, Rule::AT_OFFSET, Scaled(static_cast<std::int64_t>(-cursor.TakeUnsigned())));
         case VAL_OFFSET:
             return SetRule(number, Rule::OFFSET, ScaledUnsigned(cursor));
         case VAL_OFFSET_SF:
@@ -325,7 +330,7 @@ private:
     const std::uintptr_t m_base;
     std::uintptr_t m_location;
     Row m_row;
-    Row m_initial;
+    Row m_initial{};
     Row m_remembered[kMaxRemembered];
     unsigned m_rememberedCount = 0;
     bool m_failed = false;

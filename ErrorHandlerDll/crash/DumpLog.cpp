@@ -1,6 +1,7 @@
 #include "ErrorHandlerDll/crash/DumpLog.h"
 
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
 
 #include <atomic>
@@ -22,7 +23,16 @@ void LogLine(const char* text, const char* source)
 
 void LogLine(int level, unsigned int mask, const char* source, const char* text)
 {
-    if (!gLogIsDamaged.load(std::memory_order_relaxed) && !DumpScope::Run([=] { LogMessage(level, mask, source, text); }))
+    const auto log = [=]
+    {
+        LogMessage(level, mask, source, text);
+    };
+    if (gLogIsDamaged.load(std::memory_order_relaxed) || DumpScope::Run(log))
+    {
+        return;
+    }
+    gFileLogger.ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
+    if (!DumpScope::Run(log))
     {
         gLogIsDamaged.store(true, std::memory_order_relaxed);
     }

@@ -4,7 +4,11 @@
 #include "ErrorHandlerDll/crash/StandardOutput.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <algorithm>
 #include <ctime>
+#include <iterator>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Crash
 {
@@ -20,9 +24,13 @@ constexpr int kOtherDumpWaitMs = 3 * FileLogger::kEmergencyWaitMs;
 
 constexpr int kMostCallbacksThatFault = 3;
 
-// Writing to a closed pipe or beyond the file size limit of the process raises these; a dump must not end the process
-// earlier.
-constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ};
+// Writing to a closed pipe, beyond the file size limit of the process or to the terminal of another job raises these; a dump
+// must not end or stop the process earlier.
+constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ, SIGTTOU};
+
+constexpr int kSignalsOfFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
+
+constexpr int kSignalOfWatchdogs = SIGALRM;
 
 } // namespace
 
@@ -106,13 +114,15 @@ void DumpScope::RecoverHeldLines() noexcept
     WriteHeldLines();
 }
 
+// The others wait, too: a handler that ends the process, or dumps itself, would cut the dump.
 void DumpScope::HoldBackSignals() noexcept
 {
     sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : kSignalsOfWriting)
+    sigfillset(&held);
+    sigdelset(&held, kSignalOfWatchdogs);
+    for (const int signal : kSignalsOfFaults)
     {
-        sigaddset(&held, signal);
+        sigdelset(&held, signal);
     }
     sigpending(&m_pendingBefore);
     pthread_sigmask(SIG_BLOCK, &held, &m_hostMask);
@@ -131,10 +141,15 @@ void DumpScope::ReleaseSignals() noexcept
             sigemptyset(&taken);
             sigaddset(&taken, signal);
             const timespec noWait = {};
-            sigtimedwait(&taken, nullptr, &noWait);
+            syscall(SYS_rt_sigtimedwait, &taken, nullptr, &noWait, _NSIG / 8); // sigtimedwait() may end a cancelled thread
         }
     }
     pthread_sigmask(SIG_SETMASK, &m_hostMask, nullptr);
+}
+
+bool DumpScope::IsFault(int signal) noexcept
+{
+    return std::find(std::begin(kSignalsOfFaults), std::end(kSignalsOfFaults), signal) != std::end(kSignalsOfFaults);
 }
 
 void DumpScope::LeaveFaultyPart() noexcept
@@ -143,6 +158,17 @@ void DumpScope::LeaveFaultyPart() noexcept
     {
         siglongjmp(sPlace->m_context, 1);
     }
+}
+
+void DumpScope::AfterForkInChild() noexcept
+{
+    if (sOutermost != nullptr && sOutermost->m_hasDumpSection)
+    {
+        ZelvoWinAPI::AdoptCriticalSection(&gDumpSection);
+        return;
+    }
+    ZelvoWinAPI::InitializeCriticalSection(&gDumpSection); // its owner is no thread of the child
+    StandardOutput::ForgetHeldLines();
 }
 
 bool DumpScope::IsBeyondHelp() noexcept
@@ -166,6 +192,7 @@ DumpScope::Place::~Place()
 
 void DumpScope::Place::Restore() const noexcept
 {
+    sPlace = m_outer; // a fault in what follows must not come back here
     if (sOutermost != nullptr)
     {
         pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);

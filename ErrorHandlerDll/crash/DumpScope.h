@@ -46,12 +46,18 @@ public:
     // The same after a fault in the dump, in the midst of which it is not known.
     static void RecoverHeldLines() noexcept;
 
+    // Whether the signal says that the thread which gets it has faulted. Others may arrive in the midst of a dump, too.
+    static bool IsFault(int signal) noexcept;
+
     // Goes back to the Run of this thread that is under way. Returns when there is none.
     static void LeaveFaultyPart() noexcept;
 
     // Whether this thread has faulted in a dump where no Run was under way, or time and again in the host's callback:
     // another dump would only fault there again.
     static bool IsBeyondHelp() noexcept;
+
+    // What other threads of the parent held in their dumps is free in the child.
+    static void AfterForkInChild() noexcept;
 
 private:
     // Where a fault leads to. The innermost one counts.

@@ -14,7 +14,9 @@
 #include <poll.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 namespace Crash::StandardOutput
 {
@@ -32,10 +34,13 @@ constinit HeldLines gHeldLines;
 // A pipe that is ready takes this many bytes without blocking.
 constexpr std::size_t kUnblockedSize = PIPE_BUF;
 
-// Negative for a stream without one. Takes no lock; the field itself is garbage in a memory stream.
+// Asked once, where a fault is caught: a process that crashes may have overwritten `stdout` itself. Negative for a stream
+// without one.
+constinit std::atomic<int> gDescriptor = STDOUT_FILENO;
+
 int GetDescriptor() noexcept
 {
-    return fileno(stdout);
+    return gDescriptor.load(std::memory_order_relaxed);
 }
 
 std::int64_t NowMs() noexcept
@@ -45,7 +50,8 @@ std::int64_t NowMs() noexcept
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it.
+// Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it. Where
+// one cannot wait, as without any descriptor left, the write itself has to tell.
 bool WaitUntilReady(int descriptor) noexcept
 {
     if (!gMayBlock.load(std::memory_order_relaxed))
@@ -57,11 +63,27 @@ bool WaitUntilReady(int descriptor) noexcept
     {
         pollfd watched = {descriptor, POLLOUT, 0};
         const std::int64_t start = NowMs();
-        result = poll(&watched, 1, std::max(gWaitLeftMs.load(std::memory_order_relaxed), 0));
+        const int left = std::max(gWaitLeftMs.load(std::memory_order_relaxed), 0);
+        result = static_cast<int>(syscall(SYS_poll, &watched, 1, left)); // poll() may end a cancelled thread
         gWaitLeftMs.fetch_sub(static_cast<int>(NowMs() - start), std::memory_order_relaxed);
     } while (result < 0 && errno == EINTR && gWaitLeftMs.load(std::memory_order_relaxed) > 0);
-    gIsGivenUp.store(result <= 0, std::memory_order_relaxed);
-    return result > 0;
+    const bool isReady = result > 0 || (result < 0 && errno != EINTR);
+    gIsGivenUp.store(!isReady, std::memory_order_relaxed);
+    return isReady;
+}
+
+// What was ready a moment ago may have been filled by another writer: this must not block where the kernel can do without.
+std::ptrdiff_t WriteReady(int descriptor, const iovec* pieces, int count) noexcept
+{
+    if (gMayBlock.load(std::memory_order_relaxed))
+    {
+        const std::ptrdiff_t written = syscall(SYS_pwritev2, descriptor, pieces, count, -1L, -1L, RWF_NOWAIT);
+        if (written >= 0 || errno == EAGAIN || errno == EINTR)
+        {
+            return written;
+        }
+    }
+    return ZelvoWinAPI::WritePieces(descriptor, pieces, count);
 }
 
 // Writes the beginning of the text. Returns how many bytes; not above zero when nothing more can be written.
@@ -74,8 +96,13 @@ std::ptrdiff_t WriteSome(int descriptor, std::string_view text) noexcept
         {
             return 0;
         }
-        count = ZelvoWinAPI::WriteFile(descriptor, text.data(), std::min(text.size(), kUnblockedSize));
-    } while (count < 0 && errno == EINTR);
+        const iovec piece = {const_cast<char*>(text.data()), std::min(text.size(), kUnblockedSize)};
+        count = WriteReady(descriptor, &piece, 1);
+        if (count < 0 && errno == EAGAIN)
+        {
+            gWaitLeftMs.fetch_sub(1, std::memory_order_relaxed); // others may go on filling it for ever
+        }
+    } while (count < 0 && (errno == EINTR || errno == EAGAIN));
     return count;
 }
 
@@ -96,7 +123,8 @@ void Write(int descriptor, std::string_view text) noexcept
 
 void Prepare() noexcept
 {
-    const int descriptor = GetDescriptor();
+    const int descriptor = fileno(stdout); // takes no lock
+    gDescriptor.store(descriptor, std::memory_order_relaxed);
     if (descriptor < 0)
     {
         return;
@@ -146,6 +174,11 @@ void RecoverHeldLines() noexcept
     }
 }
 
+void ForgetHeldLines() noexcept
+{
+    gHeldLines.Forget();
+}
+
 void PrintLine(std::string_view line) noexcept
 {
     const int descriptor = GetDescriptor();
@@ -168,7 +201,7 @@ void PrintLine(std::string_view line) noexcept
     std::size_t written = 0;
     if (line.size() < kUnblockedSize && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
     {
-        const std::ptrdiff_t count = ZelvoWinAPI::WritePieces(descriptor, pieces, 2);
+        const std::ptrdiff_t count = WriteReady(descriptor, pieces, 2);
         written = count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     if (written <= line.size()) // too long for one write, or interrupted

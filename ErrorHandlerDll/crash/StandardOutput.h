@@ -17,9 +17,10 @@ void HoldLines() noexcept;
 void WriteHeldLines() noexcept;
 void ReleaseLines() noexcept;
 void RecoverHeldLines() noexcept; // after a fault in the midst of one
+void ForgetHeldLines() noexcept;  // in a forked child: they are another thread's, which the child does not have
 
-// Writes the text and a line feed at once. A reader that does not read is waited for half a second in the life of the
-// process; after that standard output is given up.
+// Writes the text and a line feed, or holds them back. A reader that does not read is waited for half a second in the life
+// of the process; after that standard output is given up.
 void PrintLine(std::string_view line) noexcept;
 
 } // namespace Crash::StandardOutput

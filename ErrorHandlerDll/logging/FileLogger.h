@@ -74,6 +74,9 @@ public:
     void ReleaseLines();
     void RecoverHeldLines() { m_file.RecoverHeldLines(); } // after a fault in the midst of one
 
+    // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
+    void ForgetStrategy() { m_strategy.store(nullptr, std::memory_order_relaxed); }
+
     // How deep the calling thread is in the section, for code that leaves scopes by a jump.
     unsigned int GetSectionDepth() const { return m_criticalSection.m_enterCount; }
     void RestoreSectionDepth(unsigned int depth);

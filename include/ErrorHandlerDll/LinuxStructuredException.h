@@ -27,6 +27,7 @@ struct SignalHandlers;
 //            with MINSIGSTKSZ as sysconf(_SC_MINSIGSTKSZ) tells it
 //   faults   A fault inside a dump (a corrupt process) reaches the host's handler again if that has SA_NODEFER: the
 //            StructuredException that it builds goes back to the dump under way, which says so and goes on.
+//   masks    While a thread dumps, all signals wait but those of faults and SIGALRM, a watchdog's.
 //   order    A dump has parts: head, call stack, registers, modules. The lines of a part are written together, at its end:
 //            what ends the process in the middle of one, without coming here, takes the lines of that part along.
 //   output   What stdio buffers for standard output is written first. A reader who does not read, or slowly, is waited for
