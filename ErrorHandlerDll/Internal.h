@@ -17,7 +17,7 @@ extern MessageMap gOverriddenErrorStrings;
 union LoggerStorage
 {
     constexpr LoggerStorage() : m_nothing(0) {}
-    constexpr ~LoggerStorage() {}
+    ~LoggerStorage() {}
 
     char m_nothing;
     FileLogger m_logger;

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <deque>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <map>
+#include <memory>
 
 namespace
 {
@@ -56,15 +56,16 @@ unsigned int Code(FuzzedDataProvider& data)
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size)
 {
-    // Custom texts stay for the life of the process, and the library keeps the pointers.
-    static std::map<unsigned int, std::string> custom;
-    static std::deque<std::string> texts;
-    std::map<unsigned int, std::string> overridden;
+    // The library keeps the pointers: those of custom texts for the life of the process.
+    using Texts = std::map<unsigned int, std::unique_ptr<const std::string>>;
+    static Texts custom;
+    static Texts overridden;
     for (unsigned int code = 0; code <= kLastBuiltIn; ++code)
     {
         Original(code);
     }
     ResetErrorMessages();
+    overridden.clear();
     FuzzedDataProvider data(bytes, size);
     while (data.remaining_bytes() > 0)
     {
@@ -81,28 +82,23 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
         {
             std::string text = data.ConsumeRandomLengthString(700);
             std::replace(text.begin(), text.end(), '\0', '0');
-            texts.push_back(text);
-            const char* const kept = texts.back().c_str();
-            FUZZ_CHECK(SetErrorMessage(static_cast<ZelvoReaderErrorCode>(code), kept) == isBuiltIn);
-            FUZZ_CHECK(AddCustomErrorMessage(static_cast<ZelvoReaderErrorCode>(code), kept) == isCustom);
+            auto kept = std::make_unique<const std::string>(text);
+            FUZZ_CHECK(SetErrorMessage(static_cast<ZelvoReaderErrorCode>(code), kept->c_str()) == isBuiltIn);
+            FUZZ_CHECK(AddCustomErrorMessage(static_cast<ZelvoReaderErrorCode>(code), kept->c_str()) == isCustom);
             FUZZ_CHECK(!SetErrorMessage(static_cast<ZelvoReaderErrorCode>(code), nullptr));
-            if (isBuiltIn)
+            if (isBuiltIn || isCustom)
             {
-                overridden[code] = text;
-            }
-            if (isCustom)
-            {
-                custom[code] = text;
+                (isBuiltIn ? overridden : custom)[code] = std::move(kept);
             }
         }
         const std::string found = Lookup(code);
         if (isBuiltIn)
         {
-            FUZZ_CHECK(found == (overridden.count(code) != 0 ? overridden[code] : Original(code)));
+            FUZZ_CHECK(found == (overridden.count(code) != 0 ? *overridden[code] : Original(code)));
         }
         else if (isCustom)
         {
-            FUZZ_CHECK(found == (custom.count(code) != 0 ? custom[code] : "Undefined custom error code"));
+            FUZZ_CHECK(found == (custom.count(code) != 0 ? *custom[code] : "Undefined custom error code"));
         }
         else
         {
