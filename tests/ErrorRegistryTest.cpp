@@ -3,7 +3,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 
 namespace
 {
@@ -115,36 +114,4 @@ TEST_F(ErrorRegistry, KeepsThePointerAndResetsOnlyOverrides)
     EXPECT_EQ("Already initialised", TextOf(ZR_ERROR_ALREADY_INITIALISED));
     EXPECT_EQ("then", TextOf(0x10010));
     EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), "static"));
-}
-
-namespace
-{
-
-// Constructed before the library's objects, and so destroyed after them.
-struct LateObject
-{
-    bool m_checks = false;
-    ~LateObject()
-    {
-        if (m_checks)
-        {
-            const bool isCatalogue = TextOf(ZR_ERROR_ALREADY_INITIALISED) == "Already initialised";
-            _exit(isCatalogue && !AddCustomErrorMessage(Code(0x10001), "X") && ResetErrorMessages() ? 0 : 1);
-        }
-    }
-};
-
-LateObject gLateObject __attribute__((init_priority(101)));
-
-} // namespace
-
-TEST_F(ErrorRegistry, GivesTheCatalogueAfterItsMapsAreGone)
-{
-    const auto exitWithOverride = []
-    {
-        SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, "override");
-        gLateObject.m_checks = true;
-        std::exit(2);
-    };
-    EXPECT_EXIT(exitWithOverride(), testing::ExitedWithCode(0), "");
 }

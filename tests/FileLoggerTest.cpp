@@ -37,17 +37,13 @@ std::string ThreadField()
 // The open descriptor of a file, or -1.
 int DescriptorOf(const std::string& path)
 {
-    struct stat file = {};
-    stat(path.c_str(), &file);
-    for (int descriptor = 0; descriptor < 1024; ++descriptor)
+    int descriptor = 1023;
+    std::error_code error;
+    while (descriptor >= 0 && std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) != path)
     {
-        struct stat open = {};
-        if (fstat(descriptor, &open) == 0 && open.st_ino == file.st_ino && open.st_dev == file.st_dev)
-        {
-            return descriptor;
-        }
+        --descriptor;
     }
-    return -1;
+    return descriptor;
 }
 
 } // namespace
@@ -188,20 +184,16 @@ TEST_F(FileLoggerTest, FlushesOneLineAfterTheInterval)
 
 TEST_F(FileLoggerTest, KeepsWholeLinesOnDiskBetweenFlushes)
 {
+    std::vector<std::string> texts;
     for (std::size_t line = 0; line < 100; ++line)
     {
-        Log(std::string(line * 131 % 4000, 'x'));
-        ParseLog(OnDisk());
+        texts.push_back(std::string(line * 131 % 4000, 'x'));
     }
-    EXPECT_FALSE(OnDisk().empty()) << "the lines do not fill the buffer";
-}
-
-TEST_F(FileLoggerTest, WritesLinesLongerThanItsBuffer)
-{
-    const std::vector<std::string> texts = {"a", std::string(200000, 'b'), "c", std::string(65536, 'd'), "e"};
+    texts.insert(texts.end(), {std::string(200000, 'b'), "c", std::string(65536, 'd'), "e"}); // longer than the buffer
     for (const std::string& text : texts)
     {
         EXPECT_TRUE(Log(text));
+        ParseLog(OnDisk());
     }
     EXPECT_EQ(texts, ClosedTexts());
 }

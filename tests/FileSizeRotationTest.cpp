@@ -104,33 +104,6 @@ TEST(FileNumber, NamesAreCutBetweenTheLastDots)
     EXPECT_EQ("a.log", Mask("a.3.log", ""));
 }
 
-// For any name at all, what is built is found again, carries its number, and is followed by another name.
-TEST(FileNumber, SearchAndBuildAgree)
-{
-    const TemporaryFolder folder;
-    std::vector<std::string> names = {"",       "..",    "...",       "re[a-z]er.log", "what?.log", "a*b.log",
-                                      "1.2\\3", " .log", "a.1.1.log", "-1.log",        "%d.log",    "a.99999999999.log"};
-    for (const auto& row : kNames)
-    {
-        names.push_back(row.name);
-    }
-    for (const std::string& name : names)
-    {
-        const std::string base = folder / "" + name;
-        for (const int number : {1, 9, 10, 99, INT_MAX - 1})
-        {
-            const std::string built = Build(base, number);
-            Fill(built, 0);
-            const std::string bare = built.substr(built.rfind('/') + 1);
-            EXPECT_EQ(1u, Search(Mask(base)).m_names.count(bare)) << Mask(base) << " does not find " << built;
-            EXPECT_EQ(1u, Search(Mask(built)).m_names.count(bare)) << Mask(built) << " does not find " << built;
-            EXPECT_EQ(number, Number(bare)) << built;
-            EXPECT_EQ(Build(base, number + 1), Build(built, number + 1)) << built;
-            EXPECT_NE(built, Build(built, number + 1));
-        }
-    }
-}
-
 TEST(FileSearch, OnlyTheStarHasAMeaning)
 {
     const TemporaryFolder folder;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -53,7 +54,7 @@ inline std::vector<LogLine> ParseLog(const std::string& text)
 // Runs `body`, whose result is the exit status, in a child process that is killed when it hangs.
 //   returns the exit status, or -1 when a signal ended the child
 template <class Body>
-int RunChild(Body body, pid_t* childId = nullptr)
+int RunChild(Body body)
 {
     const pid_t child = fork();
     if (child == 0)
@@ -66,10 +67,6 @@ int RunChild(Body body, pid_t* childId = nullptr)
     }
     int status = 0;
     EXPECT_EQ(child, waitpid(child, &status, 0));
-    if (childId != nullptr)
-    {
-        *childId = child;
-    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -95,6 +92,18 @@ protected:
     static bool Log(const std::string& message) { return LogMessage(ZR_LOG_ERROR, 1, "", message.c_str()); }
 
     std::string OnDisk(const std::string& name = "app.log") const { return ReadFile(m_folder / name); }
+    // The numbered files of app.log, one behind the other.
+    std::string SeriesOnDisk() const
+    {
+        std::string text;
+        std::string file = OnDisk("app.1.log");
+        for (int number = 2; !file.empty(); ++number)
+        {
+            text += file;
+            file = OnDisk("app." + std::to_string(number) + ".log");
+        }
+        return text;
+    }
     std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
     {
         ShutdownLogging();
@@ -127,11 +136,7 @@ public:
         std::vector<std::string> lines;
         for (const LogLine& line : ParseLog(ReadFile(m_folder / "reader.log")))
         {
-            std::string text = line.m_text;
-            if (const std::size_t number = text.find(".cpp("); number != std::string::npos)
-            {
-                text.replace(number, text.find(')', number) - number, ".cpp(N");
-            }
+            const std::string text = std::regex_replace(line.m_text, std::regex(R"(\.cpp\(\d+)"), ".cpp(N");
             lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
         }
         return lines;
