@@ -1,10 +1,12 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/HalvikException.h"
+#include "support/Allocations.h"
 #include "support/LogTest.h"
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -19,13 +21,7 @@ using Lines = std::vector<std::string>;
 using Handled = std::unique_ptr<HalvikException>;
 
 constexpr auto kHostCode = static_cast<ZelvoReaderErrorCode>(0x10030);
-constexpr const char* kFailureText = "An exception was raised within the exception handler.";
 const std::string kSeparator = "ERROR|----------------------";
-
-struct OutOfMemory : std::bad_alloc
-{
-    const char* what() const noexcept override { return "16 MB"; }
-};
 
 void WriteTwoLines(const char* source, void* param)
 {
@@ -51,13 +47,13 @@ HalvikException* HandleUnknown(bool propagate)
 
 HalvikException* HandleStd(bool propagate)
 {
-    std::runtime_error error("disk gone");
+    std::runtime_error error(std::string(5000, 'x'));
     return ExceptionHandler::HandleSTDException("F - ", error, propagate);
 }
 
 HalvikException* HandleBadAlloc(bool propagate)
 {
-    OutOfMemory error;
+    std::bad_alloc error;
     return ExceptionHandler::HandleBadAllocException("F - ", error, propagate);
 }
 
@@ -66,32 +62,25 @@ struct HandlerRow
     const char* function; // that traces
     HalvikException* (*handle)(bool propagate);
     ZelvoReaderErrorCode code;
-    std::string message;
-    Lines block;
+    std::string message; // whole, as it is logged
+    Lines lines;         // behind the separator
 };
 
+const std::string kLongMessage = "An unknown error occurred - " + std::string(5000, 'x');
 const HandlerRow kHandlerRows[] = {
-    {"GenericHandleException",
-     HandleHostError,
-     kHostCode,
-     "host error",
-     {kSeparator, "ERROR|F - first", "ERROR|F - second"}},
-    {"GenericHandleException", HandleWithoutWriter, kHostCode, "host error", {kSeparator}},
+    {"GenericHandleException", HandleHostError, kHostCode, "host error", {"ERROR|F - first", "ERROR|F - second"}},
+    {"GenericHandleException", HandleWithoutWriter, kHostCode, "host error", {}},
     {"HandleUnknownException",
      HandleUnknown,
      ZR_ERROR_UNKNOWN,
      "An unknown error occurred",
-     {kSeparator, "ERROR|F - An unknown error occurred"}},
-    {"GenericHandleException",
-     HandleStd,
-     ZR_ERROR_UNKNOWN,
-     "An unknown error occurred - disk gone",
-     {kSeparator, "ERROR|F - An unknown error occurred - disk gone"}},
+     {"ERROR|F - An unknown error occurred"}},
+    {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, kLongMessage, {"ERROR|F - " + kLongMessage}},
     {"GenericHandleException",
      HandleBadAlloc,
      ZR_ERROR_MEMORY_ALLOCATION,
-     "Memory allocation error - 16 MB",
-     {kSeparator, "ERROR|F - Memory allocation error - 16 MB"}},
+     "Memory allocation error - std::bad_alloc",
+     {"ERROR|F - Memory allocation error - std::bad_alloc"}},
 };
 
 // What the callback got: code, text, and whether the text is the last error itself.
@@ -110,6 +99,7 @@ void Record(ZelvoReaderErrorCode code, char* message, void* param)
     report.code = code;
     report.text = message;
     report.isLastError = message == ExceptionHandler::m_lastErrorString;
+    errno = EDOM;
 }
 
 void Throw(ZelvoReaderErrorCode, char*, void*)
@@ -117,10 +107,9 @@ void Throw(ZelvoReaderErrorCode, char*, void*)
     throw 42;
 }
 
-// From another thread, which would wait for ever for a lock that was left held.
-void ExpectLockIsFree()
+std::string TraceLine(const std::string& function, const char* what)
 {
-    std::thread([] { LogMessage(ZR_LOG_ERROR, 1, "", "lock is free"); }).join();
+    return "Level 5|ErrorHandlerDll/ExceptionHandler.cpp(N) : " + function + "() - [" + what + "]";
 }
 
 void ExpectLastError(ZelvoReaderErrorCode code, const std::string& text)
@@ -151,38 +140,43 @@ protected:
 
 } // namespace
 
-TEST_F(Handler, RecordsLogsReportsAndPropagates)
+TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 {
     for (const HandlerRow& row : kHandlerRows)
     {
+        const std::string message = row.message.substr(0, 511);
         for (int variant = 0; variant < 8; ++variant)
         {
             const bool logs = variant & 1;
             const bool hasCallback = variant & 2;
             const bool propagate = variant & 4;
-            SCOPED_TRACE(row.message + ", variant " + std::to_string(variant));
+            SCOPED_TRACE(message + ", variant " + std::to_string(variant));
             m_report = Report();
             ExceptionHandler::SetErrorCallback(hasCallback ? Record : nullptr, &m_report);
-            const CapturedLog log(ZR_LOG_DEBUG_HIGH, ZR_LOG_ALL_CATEGORIES, logs);
+            const CapturedLog log(5, ZR_LOG_ALL_CATEGORIES, logs);
             errno = ENOTTY;
 
             const Handled propagated(row.handle(propagate));
 
             EXPECT_EQ(ENOTTY, errno);
-            ExpectLastError(row.code, row.message);
-            EXPECT_EQ(logs ? row.block : Lines{}, log.GetFlushedLines());
+            ExpectLastError(row.code, message);
+            Lines block = {TraceLine(row.function, "Entering"), kSeparator};
+            block.insert(block.end(), row.lines.begin(), row.lines.end());
+            EXPECT_EQ(logs ? block : Lines{}, log.GetFlushedLines());
+            block.push_back(TraceLine(row.function, "Exiting"));
+            EXPECT_EQ(logs ? block : Lines{}, log.GetLines());
             EXPECT_EQ(hasCallback ? 1 : 0, m_report.calls);
             if (hasCallback)
             {
                 EXPECT_EQ(row.code, m_report.code);
-                EXPECT_EQ(row.message, m_report.text);
+                EXPECT_EQ(message, m_report.text);
                 EXPECT_TRUE(m_report.isLastError);
             }
             ASSERT_EQ(propagate, propagated != nullptr);
             if (propagate)
             {
                 EXPECT_EQ(row.code, propagated->GetErrorCode());
-                EXPECT_EQ(row.message, propagated->GetErrorString());
+                EXPECT_EQ(message, propagated->GetErrorString());
                 EXPECT_STREQ("F - ", propagated->GetLocationString());
                 EXPECT_TRUE(propagated->GetHandled());
             }
@@ -190,43 +184,57 @@ TEST_F(Handler, RecordsLogsReportsAndPropagates)
     }
 }
 
-TEST_F(Handler, TracesAtItsLevelAndGuardsItsBody)
+TEST_F(Handler, GuardsItsBody)
 {
+    HalvikException error(kHostCode, "no tag", "");
+    const auto throwInWriter = []
+    {
+        ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+        const auto writer = [](const char*, void*)
+        {
+            throw 42;
+        };
+        ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, nullptr);
+    };
+    std::vector<std::function<void()>> calls = {[&] { ExceptionHandler::HandleHalvikException("", &error); }, throwInWriter};
     for (const HandlerRow& row : kHandlerRows)
     {
-        SCOPED_TRACE(row.message);
-        const std::string trace = std::string("Level 5|ErrorHandlerDll/ExceptionHandler.cpp(N) : ") + row.function + "() - ";
-        Lines block = row.block;
-        block.insert(block.begin(), trace + "[Entering]");
-
-        ExceptionHandler::SetErrorCallback(Throw, nullptr);
-        {
-            const CapturedLog log(5);
-            EXPECT_THROW(row.handle(true), int);
-            ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, kFailureText);
-            EXPECT_EQ(block, log.GetLines());
-            ExpectLockIsFree();
-        }
-        ExceptionHandler::SetErrorCallback(nullptr, nullptr);
-        const CapturedLog log(5);
-        row.handle(false);
-        block.push_back(trace + "[Exiting]");
-        EXPECT_EQ(block, log.GetLines());
+        calls.push_back([&] { row.handle(true); });
     }
+    for (const auto& call : calls)
+    {
+        const CapturedLog log(5);
+        ExceptionHandler::SetErrorCallback(Throw, nullptr);
+        EXPECT_THROW(call(), int);
+        ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, "An exception was raised within the exception handler.");
+        // From another thread, which would wait for ever for a lock that was left held.
+        std::thread([] { LogMessage(ZR_LOG_ERROR, 1, "", "lock is free"); }).join();
+        const Lines lines = log.GetLines();
+        EXPECT_EQ("ERROR|lock is free", lines.back());
+        EXPECT_EQ(std::string::npos, testing::PrintToString(lines).find("[Exiting]"));
+    }
+    EXPECT_TRUE(error.GetHandled()) << "not before the callback";
 }
 
-TEST_F(Handler, LeavesTheLockWhenTheWriterThrows)
+TEST_F(Handler, NeedsNoMemory)
 {
-    const CapturedLog log;
-    const auto writer = [](const char*, void*)
+    HalvikException error(ZR_ERROR_OCR, "text", "at");
+    ExceptionHandler::SetErrorCallback(nullptr, nullptr); // it keeps the text
+    const long before = Allocations::tCount;
+    HandleBadAlloc(false);
+    ExceptionHandler::HandleHalvikException("F", &error);
+    for (const unsigned int code : {1u, 300u, 0x10000u, 0xC0000005u})
     {
-        throw std::runtime_error("writer");
-    };
-    EXPECT_THROW(ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, nullptr), std::runtime_error);
-    ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, kFailureText);
-    EXPECT_EQ(0, m_report.calls);
-    ExpectLockIsFree();
-    EXPECT_EQ((Lines{kSeparator, "ERROR|lock is free"}), log.GetLines());
+        char text[100];
+        int length = sizeof text;
+        GetErrorString(static_cast<ZelvoReaderErrorCode>(code), text, &length);
+    }
+    EXPECT_EQ(before, Allocations::tCount);
+
+    // The last error stays that of the error when only the exception to throw on cannot be made.
+    Allocations::tFailAfter = 0;
+    EXPECT_THROW(HandleBadAlloc(true), std::bad_alloc);
+    EXPECT_EQ(ZR_ERROR_MEMORY_ALLOCATION, ExceptionHandler::m_lastErrorCode);
 }
 
 TEST_F(Handler, CallsTheWriterWhenTheFilterDropsTheBlock)
@@ -239,7 +247,6 @@ TEST_F(Handler, CallsTheWriterWhenTheFilterDropsTheBlock)
     };
     ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, &isCalled);
     EXPECT_TRUE(isCalled);
-    EXPECT_EQ(Lines{}, log.GetLines());
 }
 
 TEST_F(Handler, KeepsItsBlockTogether)
@@ -259,23 +266,19 @@ TEST_F(Handler, KeepsItsBlockTogether)
 
 TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
 {
-    const auto wipe = [](ZelvoReaderErrorCode, char* message, void*)
+    const auto recordAndWipe = [](ZelvoReaderErrorCode code, char* message, void* param)
     {
+        Record(code, message, param);
         std::strcpy(message, "wiped");
     };
+    ExceptionHandler::SetErrorCallback(recordAndWipe, &m_report);
     for (const std::size_t offset : {std::size_t{0}, std::size_t{6}})
     {
         const std::string text = std::string("outer inner").substr(offset);
-        ExceptionHandler::SetErrorCallback(Record, &m_report);
-        ExceptionHandler::SetLastErrorString("outer inner");
         char* const message = ExceptionHandler::m_lastErrorString + offset;
-        delete ExceptionHandler::GenericHandleException("", kHostCode, message, true, nullptr, nullptr);
-        ExpectLastError(kHostCode, text);
-        EXPECT_EQ(text, m_report.text);
-
-        ExceptionHandler::SetErrorCallback(wipe, nullptr);
         ExceptionHandler::SetLastErrorString("outer inner");
         const Handled propagated(ExceptionHandler::GenericHandleException("", kHostCode, message, true, nullptr, nullptr));
+        EXPECT_EQ(text, m_report.text);
         EXPECT_EQ(text, propagated->GetErrorString());
         EXPECT_STREQ("wiped", ExceptionHandler::m_lastErrorString);
 
@@ -291,7 +294,9 @@ TEST_F(Handler, ReportsAHalvikExceptionOnceHoweverManyBoundariesItPasses)
 {
     const CapturedLog log(5);
     HalvikException error(kHostCode, "no tag", "Rf(7) : Read() - ");
+    errno = ENOTTY;
     ExceptionHandler::HandleHalvikException("Inner - ", &error);
+    EXPECT_EQ(ENOTTY, errno);
     ExpectLastError(kHostCode, "no tag");
     EXPECT_TRUE(error.GetHandled());
     EXPECT_EQ("no tag", m_report.text);
@@ -301,26 +306,9 @@ TEST_F(Handler, ReportsAHalvikExceptionOnceHoweverManyBoundariesItPasses)
     ExpectLastError(kHostCode, "later");
     EXPECT_EQ(1, m_report.calls);
 
-    const std::string trace = "Level 5|ErrorHandlerDll/ExceptionHandler.cpp(N) : HandleHalvikException() - ";
-    EXPECT_EQ(
-        (Lines{trace + "[Entering]", kSeparator, "ERROR|Rf(7) : Read() - no tag", "ERROR|Inner - [caught]: no tag",
-               trace + "[Exiting]", trace + "[Entering]", "DEBUG_LOW|Outer - [propagating]: no tag", trace + "[Exiting]"}),
-        log.GetLines());
-
-    ExceptionHandler::SetErrorCallback(Throw, nullptr);
-    HalvikException second(kHostCode, "no tag", "");
-    EXPECT_THROW(ExceptionHandler::HandleHalvikException("", &second), int);
-    EXPECT_TRUE(second.GetHandled()) << "not before the callback";
-    ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, kFailureText);
-    ExpectLockIsFree();
-}
-
-TEST_F(Handler, LogsALongTextWhole)
-{
-    const CapturedLog log;
-    std::runtime_error error(std::string(5000, 'x'));
-    ExceptionHandler::HandleSTDException("", error, false);
-    const std::string whole = "An unknown error occurred - " + std::string(5000, 'x');
-    ExpectLastError(ZR_ERROR_UNKNOWN, whole.substr(0, 511));
-    EXPECT_EQ((Lines{kSeparator, "ERROR|" + whole}), log.GetLines());
+    const std::string entering = TraceLine("HandleHalvikException", "Entering");
+    const std::string exiting = TraceLine("HandleHalvikException", "Exiting");
+    EXPECT_EQ((Lines{entering, kSeparator, "ERROR|Rf(7) : Read() - no tag", "ERROR|Inner - [caught]: no tag", exiting,
+                     entering, "DEBUG_LOW|Outer - [propagating]: no tag", exiting}),
+              log.GetLines());
 }

@@ -1,10 +1,11 @@
 #include "ErrorHandlerDll/CheckedRaise.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "support/CaughtError.h"
+#include "ErrorHandlerDll/HalvikException.h"
 
 #include <cerrno>
 #include <cwchar>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 
 namespace
@@ -19,6 +20,20 @@ void RaiseVar(ZelvoReaderErrorCode code, const char* location, ...)
     va_list arguments;
     va_start(arguments, location);
     RaiseErrorVar(code, location, arguments);
+}
+
+template <typename Body>
+std::unique_ptr<HalvikException> CatchError(const Body& raise)
+{
+    try
+    {
+        raise();
+    }
+    catch (HalvikException* exception)
+    {
+        return std::unique_ptr<HalvikException>(exception);
+    }
+    return nullptr;
 }
 
 class Raise : public testing::Test

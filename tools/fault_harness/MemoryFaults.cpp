@@ -50,13 +50,13 @@ void Catch(void (*raise)())
     }
 }
 
-void RaiseWithList(ZelvoReaderErrorCode code, ...)
+void RaiseWithList(int code, ...)
 {
     va_list arguments;
     va_start(arguments, code);
     try
     {
-        RaiseErrorVar(code, "Walk() - ", arguments);
+        RaiseErrorVar(static_cast<ZelvoReaderErrorCode>(code), "Walk() - ", arguments);
     }
     catch (...)
     {
