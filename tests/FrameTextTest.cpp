@@ -39,23 +39,36 @@ std::string OurText(const void* address)
     return text;
 }
 
+// Eight symbols one inside the other, of which the nearest start counts, wherever it stands in the symbol table.
+asm(R"(
+    .pushsection .rodata
+    .irp offset, 0, 1, 2, 3, 4, 5, 6, 7
+    .globl gNestedSymbol\offset
+    .type gNestedSymbol\offset, @object
+    .set gNestedSymbol\offset, gNestedSymbols + \offset
+    .size gNestedSymbol\offset, 8 - \offset
+    .endr
+gNestedSymbols:
+    .zero 8
+    .popsection
+)");
+extern "C" char gNestedSymbols[8];
+
 std::vector<void*> AddressesOfAllKinds()
 {
     std::vector<void*> addresses(100);
     addresses.resize(static_cast<std::size_t>(Crash::WalkStack(addresses.data(), 100)));
     static int variable;
     const auto vdso = reinterpret_cast<char*>(getauxval(AT_SYSINFO_EHDR));
-    for (const void* address :
-         {reinterpret_cast<const void*>(&PlatformText), reinterpret_cast<const void*>(&std::printf),
-          reinterpret_cast<const void*>(&std::time), static_cast<const void*>(&variable),
-          static_cast<const void*>(&addresses), static_cast<const void*>(addresses.data()),
-          static_cast<const void*>(nullptr), reinterpret_cast<const void*>(~std::uintptr_t{0}),
-          reinterpret_cast<const void*>(1), static_cast<const void*>(vdso), static_cast<const void*>(vdso + 0xa00),
-          static_cast<const void*>(stdout), static_cast<const void*>(&environ)})
-        addresses.push_back(const_cast<void*>(address));
+    addresses.insert(addresses.end(), {reinterpret_cast<void*>(&PlatformText), reinterpret_cast<void*>(&std::printf),
+                                       reinterpret_cast<void*>(&std::time), &variable, &addresses, addresses.data(), nullptr,
+                                       reinterpret_cast<void*>(~std::uintptr_t{0}), reinterpret_cast<void*>(1), vdso,
+                                       vdso + 0xa00, stdout, &environ});
     for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
         for (unsigned offset = 0; offset < 128; offset += 8) // thread-local symbols have values as small as these
             addresses.push_back(reinterpret_cast<void*>(module->l_addr + offset));
+    for (char& start : gNestedSymbols)
+        addresses.push_back(&start);
     // Starts, middles and ends of functions and the gaps between them.
     for (const char* name :
          {"qsort", "fopen", "_ZSt9terminatev", "_ZNSt9bad_allocD1Ev", "memcpy", "errno", "__libc_start_main"})
@@ -67,11 +80,11 @@ std::vector<void*> AddressesOfAllKinds()
 
 TEST(FrameText, EqualsBacktraceSymbols)
 {
-    void* library = dlopen(CALLBACK_PLUGIN, RTLD_NOW);
+    void* library = dlopen(PLUGIN, RTLD_NOW);
     ASSERT_NE(library, nullptr) << dlerror();
-    void* onlySymbol = dlsym(library, "CallBack");
+    void* onlySymbol = dlsym(library, "PluginEntry");
     EXPECT_EQ(OurText(onlySymbol), PlatformText(onlySymbol));
-    EXPECT_NE(OurText(onlySymbol).find("(CallBack+0)"), std::string::npos);
+    EXPECT_NE(OurText(onlySymbol).find("(PluginEntry+0)"), std::string::npos);
     dlclose(library);
     const std::vector<void*> addresses = AddressesOfAllKinds();
     std::vector<void*> expected; // the others are searched one by one

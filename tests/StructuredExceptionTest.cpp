@@ -251,24 +251,9 @@ void DumpAndExit(int signal, siginfo_t* info, void* context)
 }
 
 // In assembler, so that neither the compiler nor a sanitizer sees the fault coming.
-void ReadByte(std::uintptr_t address)
-{
-    asm volatile("movb (%0), %%al" : : "r"(address) : "rax", "memory");
-}
-
 void WriteByte(std::uintptr_t address)
 {
     asm volatile("movb $1, (%0)" : : "r"(address) : "memory");
-}
-
-void DivideByZero(std::uintptr_t)
-{
-    asm volatile("xorl %%edx, %%edx; movl $1, %%eax; xorl %%ecx, %%ecx; divl %%ecx" : : : "rax", "rcx", "rdx");
-}
-
-void RunIllegalInstruction(std::uintptr_t)
-{
-    asm volatile("ud2");
 }
 
 void CallAddress(std::uintptr_t address)
@@ -287,7 +272,7 @@ void FaultOnAlternateStack(void (*fault)(std::uintptr_t), std::uintptr_t address
     struct sigaction action = {};
     action.sa_sigaction = DumpAndExit;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+    for (const int signal : {SIGSEGV, SIGBUS})
     {
         sigaction(signal, &action, nullptr);
     }
@@ -321,14 +306,12 @@ TEST(StructuredException, RealFaultsAreDumpedAsTheyWere)
     const struct
     {
         void (*fault)(std::uintptr_t);
-        std::uintptr_t address; // 0: that of the instruction
+        std::uintptr_t address;
         const char* text;
     } rows[] = {
-        {ReadByte, reinterpret_cast<std::uintptr_t>(noAccess.Border()), "Segmentation fault (code 00000002)"},
+        {WriteByte, reinterpret_cast<std::uintptr_t>(noAccess.Border()), "Segmentation fault (code 00000002)"},
         {WriteByte, 16, "Segmentation fault (code 00000001)"},
-        {ReadByte, reinterpret_cast<std::uintptr_t>(pastEnd.Border()), "Bus error (code 00000002)"},
-        {DivideByZero, 0, "Floating Point Exception (code 00000001)"},
-        {RunIllegalInstruction, 0, "Illegal Instruction (code 00000002)"},
+        {WriteByte, reinterpret_cast<std::uintptr_t>(pastEnd.Border()), "Bus error (code 00000002)"},
         {CallAddress, 0x1234, "Segmentation fault (code 00000001)"},
         {CallAddress, reinterpret_cast<std::uintptr_t>(&data), "Segmentation fault (code 00000002)"},
     };
@@ -343,8 +326,7 @@ TEST(StructuredException, RealFaultsAreDumpedAsTheyWere)
         ASSERT_LT(3u, frames.size());
 
         char text[200];
-        std::snprintf(text, sizeof text, "Structured exception %s occurred at 0x%" PRIxPTR, row.text,
-                      row.address == 0 ? frames[0] : row.address);
+        std::snprintf(text, sizeof text, "Structured exception %s occurred at 0x%" PRIxPTR, row.text, row.address);
         EXPECT_EQ(std::string("ERROR|StructuredException::StructuredException") + text, lines[0]);
         if (row.fault == CallAddress)
         {

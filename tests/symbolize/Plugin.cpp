@@ -1,4 +1,4 @@
-// Loaded by CrashHost with dlopen.
+// Loaded with dlopen, has one symbol that others see.
 extern "C" void PluginEntry(int* target);
 
 namespace
