@@ -4,8 +4,11 @@
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "support/LogTest.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -13,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <thread>
 
 namespace
@@ -407,4 +411,89 @@ TEST_F(CrashDumpTest, ADumpMovesFromFileToFile)
     }
     ExpectOnceInOrder(SeriesOnDisk(),
                       {"  Call stack:\n", "  Registers:\n", "reg[00] = ", "reg[11] = ", "reg[22] = ", "  Modules list:\n"});
+}
+
+namespace
+{
+
+void OverwriteStandardOutput()
+{
+    stdout = reinterpret_cast<std::FILE*>(16);
+}
+
+void AskToCancel()
+{
+    pthread_cancel(pthread_self());
+}
+
+void LoseAllDescriptors()
+{
+    const rlimit none = {};
+    setrlimit(RLIMIT_NOFILE, &none);
+}
+
+// Overwrites the object on the heap that tells the logger which file takes a line.
+void DamageTheStrategy()
+{
+    const FileSizeLoggerStrategy sample(nullptr, 0, LOGGING_STRATEGY_FILE_SIZE);
+    void** const members = reinterpret_cast<void**>(&gFileLogger);
+    for (std::size_t i = 0; i < sizeof gFileLogger / sizeof *members; ++i)
+    {
+        void* table = nullptr;
+        if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, &sample, sizeof table) == 0)
+        {
+            std::memset(members[i], 1, sizeof table);
+        }
+    }
+}
+
+} // namespace
+
+TEST_F(CrashDumpTest, GoesOnWhereTheProcessWorksAgainstIt)
+{
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000000);
+    for (void (*const obstruct)() : {OverwriteStandardOutput, AskToCancel, LoseAllDescriptors, DamageTheStrategy})
+    {
+        std::filesystem::remove(m_folder / "app.1.log");
+        int ends[2];
+        ASSERT_EQ(0, pipe(ends));
+        const int status = RunChild(
+            [&]
+            {
+                dup2(ends[1], STDOUT_FILENO);
+                InstallHandler(SIGSEGV, DumpAndExit);
+                Log("before");
+                obstruct();
+                Fault();
+                return 1;
+            });
+        close(ends[1]);
+        std::string printed(65536, '\0');
+        printed.resize(static_cast<std::size_t>(std::max<ssize_t>(read(ends[0], printed.data(), printed.size()), 0)));
+        close(ends[0]);
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(2, Count(printed, "Done\nFinished GenerateModuleAddresses\n"));
+        EXPECT_EQ(1, Count(OnDisk("app.1.log"), " - before\n"));
+        EXPECT_EQ(2, Count(OnDisk("app.1.log"), "  Modules list:"));
+    }
+}
+
+TEST_F(CrashDumpTest, OtherSignalsWaitUntilItIsWritten)
+{
+    const int status = RunChild(
+        []
+        {
+            InstallHandler(SIGTERM, [](int, siginfo_t*, void*) { ++gStep; });
+            {
+                const Crash::DumpScope dump;
+                raise(SIGTERM);
+                raise(SIGTTOU); // stops the process otherwise
+                if (gStep != 0)
+                {
+                    return 1;
+                }
+            }
+            return gStep == 1 ? 0 : 2;
+        });
+    EXPECT_EQ(0, status);
 }
