@@ -1,14 +1,14 @@
 // Lookup and registration of texts. The maps themselves are defined in ErrorHandlerDll.cpp.
 #include "ErrorHandlerDll/ErrorRegistry.h"
 
-#include <cstring>
-
 #include "ErrorHandlerDll/CheckedRaise.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorStrings.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+
+#include <cstring>
 
 namespace
 {

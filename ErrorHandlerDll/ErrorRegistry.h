@@ -2,11 +2,11 @@
 #ifndef ERRORHANDLERDLL_ERRORREGISTRY_H
 #define ERRORHANDLERDLL_ERRORREGISTRY_H
 
+#include "ErrorHandlerDll/ErrorCodes.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
-
-#include "ErrorHandlerDll/ErrorCodes.h"
 
 // Room for the text of a structured code: the longest name, eight digits and the fixed part.
 inline constexpr std::size_t kStructuredTextSize = 64;

@@ -3,10 +3,10 @@
 #ifndef ERRORHANDLERDLL_ERRORSTRINGS_H
 #define ERRORHANDLERDLL_ERRORSTRINGS_H
 
+#include "ErrorHandlerDll/ErrorCodes.h"
+
 #include <cstddef>
 #include <string_view>
-
-#include "ErrorHandlerDll/ErrorCodes.h"
 
 struct ErrorString
 {

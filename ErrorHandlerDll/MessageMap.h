@@ -2,9 +2,9 @@
 #ifndef ERRORHANDLERDLL_MESSAGEMAP_H
 #define ERRORHANDLERDLL_MESSAGEMAP_H
 
-#include <map>
-
 #include "ErrorHandlerDll/ErrorCodes.h"
+
+#include <map>
 
 class MessageMap
 {

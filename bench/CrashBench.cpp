@@ -1,9 +1,8 @@
 // From the fault to the end of the process, report included: bench_crash FOLDER [quick]. Each crash is a child of its own.
-#include "bench/Harness.h"
-
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "bench/Harness.h"
 
 #ifdef BENCH_HAS_GLOG
 #include <glog/logging.h>

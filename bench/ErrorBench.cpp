@@ -1,9 +1,8 @@
 // Texts of codes, raising and catching, handling at a boundary: bench_error FOLDER [quick].
-#include "bench/Harness.h"
-
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/HalvikException.h"
+#include "bench/Harness.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -3,9 +3,8 @@
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 #include "support/Allocations.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
+#include <gtest/gtest.h>
 #include <string>
 
 using String = QV::BaseString<char>;

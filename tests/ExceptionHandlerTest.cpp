@@ -1,4 +1,5 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
+
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "support/Allocations.h"

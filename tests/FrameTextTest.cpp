@@ -1,3 +1,9 @@
+#include "ErrorHandlerDll/crash/FrameText.h"
+
+#include "ErrorHandlerDll/crash/FrameSymbols.h"
+#include "ErrorHandlerDll/crash/ModuleList.h"
+#include "ErrorHandlerDll/crash/StackWalk.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -11,11 +17,6 @@
 #include <string>
 #include <sys/auxv.h>
 #include <vector>
-
-#include "ErrorHandlerDll/crash/FrameSymbols.h"
-#include "ErrorHandlerDll/crash/FrameText.h"
-#include "ErrorHandlerDll/crash/ModuleList.h"
-#include "ErrorHandlerDll/crash/StackWalk.h"
 
 namespace
 {

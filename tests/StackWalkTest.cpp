@@ -1,3 +1,5 @@
+#include "ErrorHandlerDll/crash/StackWalk.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -15,8 +17,6 @@
 #include <thread>
 #include <ucontext.h>
 #include <vector>
-
-#include "ErrorHandlerDll/crash/StackWalk.h"
 
 // The sanitizers replace backtrace() by one with another frame in it.
 extern "C" int __backtrace(void** frames, int capacity);

@@ -2,10 +2,10 @@
 #ifndef ERRORHANDLERDLL_CRASH_CALLFRAMEINFO_H
 #define ERRORHANDLERDLL_CRASH_CALLFRAMEINFO_H
 
-#include <cstdint>
-
 #include "ErrorHandlerDll/crash/FrameRegisters.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
+#include <cstdint>
 
 namespace Crash
 {

@@ -2,10 +2,10 @@
 #ifndef ERRORHANDLERDLL_CRASH_ELFOBJECT_H
 #define ERRORHANDLERDLL_CRASH_ELFOBJECT_H
 
-#include <cstdint>
-
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/ModuleList.h"
+
+#include <cstdint>
 
 namespace Crash
 {

@@ -3,9 +3,9 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETABLE_H
 #define ERRORHANDLERDLL_CRASH_FRAMETABLE_H
 
-#include <cstdint>
-
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
+#include <cstdint>
 
 namespace Crash
 {

@@ -1,11 +1,11 @@
 #include "ErrorHandlerDll/crash/FrameText.h"
 
-#include <cerrno>
-#include <cstdint>
-
 #include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/FrameSymbols.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
+#include <cerrno>
+#include <cstdint>
 
 namespace Crash
 {

@@ -1,13 +1,13 @@
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 
-#include <algorithm>
-#include <atomic>
-#include <cstring>
-
 #include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "ErrorHandlerDll/crash/ReaderReserve.h"
 #include "ErrorHandlerDll/crash/SafeMemory.h"
 #include "ErrorHandlerDll/crash/SystemCall.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
 
 namespace Crash
 {

@@ -3,11 +3,11 @@
 #ifndef ERRORHANDLERDLL_CRASH_MEMORYREADER_H
 #define ERRORHANDLERDLL_CRASH_MEMORYREADER_H
 
+#include "ErrorHandlerDll/crash/ReadablePages.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-#include "ErrorHandlerDll/crash/ReadablePages.h"
 
 namespace Crash
 {

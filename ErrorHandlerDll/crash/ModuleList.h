@@ -2,10 +2,10 @@
 #ifndef ERRORHANDLERDLL_CRASH_MODULELIST_H
 #define ERRORHANDLERDLL_CRASH_MODULELIST_H
 
+#include "ErrorHandlerDll/crash/MemoryReader.h"
+
 #include <cstddef>
 #include <cstdint>
-
-#include "ErrorHandlerDll/crash/MemoryReader.h"
 
 namespace Crash
 {

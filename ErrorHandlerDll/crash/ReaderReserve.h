@@ -2,14 +2,14 @@
 #ifndef ERRORHANDLERDLL_CRASH_READERRESERVE_H
 #define ERRORHANDLERDLL_CRASH_READERRESERVE_H
 
+#include "ErrorHandlerDll/crash/ReadablePages.h"
+#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/SystemCall.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <sys/uio.h>
-
-#include "ErrorHandlerDll/crash/ReadablePages.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
-#include "ErrorHandlerDll/crash/SystemCall.h"
 
 namespace Crash
 {

@@ -1,12 +1,12 @@
 #include "ErrorHandlerDll/crash/StackWalk.h"
 
-#include <cstddef>
-#include <cstring>
-
 #include "ErrorHandlerDll/crash/CallFrameInfo.h"
 #include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/FrameRegisters.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
+#include <cstddef>
+#include <cstring>
 
 namespace Crash
 {

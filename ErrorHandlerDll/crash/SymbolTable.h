@@ -2,11 +2,11 @@
 #ifndef ERRORHANDLERDLL_CRASH_SYMBOLTABLE_H
 #define ERRORHANDLERDLL_CRASH_SYMBOLTABLE_H
 
-#include <cstdint>
-#include <span>
-
 #include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
+#include <cstdint>
+#include <span>
 
 namespace Crash
 {

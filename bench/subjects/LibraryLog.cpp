@@ -1,7 +1,6 @@
 // This library.
-#include "bench/LogSubject.h"
-
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "bench/LogSubject.h"
 
 namespace
 {

@@ -2,16 +2,16 @@
 // Made to be copied; docs/boundaries.md explains it.
 #pragma once
 
+#include <ErrorHandlerDll/ErrorHandlerDll.h>
+#include <ErrorHandlerDll/ExceptionHandler.h>
+#include <ErrorHandlerDll/HalvikException.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
+
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
-
-#include <ErrorHandlerDll/ErrorHandlerDll.h>
-#include <ErrorHandlerDll/ExceptionHandler.h>
-#include <ErrorHandlerDll/HalvikException.h>
-#include <ErrorHandlerDll/LinuxStructuredException.h>
 
 namespace Boundary
 {

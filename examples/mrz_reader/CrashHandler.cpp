@@ -1,13 +1,12 @@
 #include "CrashHandler.h"
 
-#include <bit>
-#include <cstdint>
-#include <new>
-
+#include "HostLog.h"
 #include <ErrorHandlerDll/ExceptionHandler.h>
 #include <ErrorHandlerDll/LinuxStructuredException.h>
 
-#include "HostLog.h"
+#include <bit>
+#include <cstdint>
+#include <new>
 
 namespace CrashHandler
 {

@@ -1,8 +1,8 @@
 #include "HostErrors.h"
 
-#include <cstdarg>
-
 #include <ErrorHandlerDll/ExceptionHandler.h>
+
+#include <cstdarg>
 
 namespace HostErrors
 {

@@ -1,9 +1,9 @@
 // The errors and warnings of this host: its custom codes, how they are raised, and how often any was reported.
 #pragma once
 
-#include <atomic>
-
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
+
+#include <atomic>
 
 namespace HostErrors
 {

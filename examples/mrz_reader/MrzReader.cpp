@@ -1,5 +1,11 @@
 #include "MrzReader.h"
 
+#include "CrashHandler.h"
+#include "HostErrors.h"
+#include "HostLog.h"
+#include "MrzParser.h"
+#include <ErrorHandlerDll/CheckedRaise.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -9,13 +15,6 @@
 #include <memory>
 #include <system_error>
 #include <thread>
-
-#include <ErrorHandlerDll/CheckedRaise.h>
-
-#include "CrashHandler.h"
-#include "HostErrors.h"
-#include "HostLog.h"
-#include "MrzParser.h"
 
 #define SOURCE(function) HOST_LOG_SOURCE(MrzReader, function)
 

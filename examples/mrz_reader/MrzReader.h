@@ -1,10 +1,10 @@
 // Reads files with machine-readable zones on several threads and judges each zone. Logs as it goes; never stops at a fault.
 #pragma once
 
+#include "Boundary.h"
+
 #include <string>
 #include <vector>
-
-#include "Boundary.h"
 
 namespace Mrz
 {

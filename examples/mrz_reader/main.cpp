@@ -1,13 +1,13 @@
 // A host of the library: reads machine-readable zones of travel documents logs its work into a size-rotated log,
 // and reports what goes wrong as errors of the library.
-#include <cstdio>
-
 #include "Boundary.h"
 #include "CommandLine.h"
 #include "CrashHandler.h"
 #include "HostErrors.h"
 #include "HostLog.h"
 #include "MrzReader.h"
+
+#include <cstdio>
 
 #define SOURCE(function) HOST_LOG_SOURCE(Main, function)
 

@@ -8,9 +8,9 @@
 #ifndef ERRORHANDLERDLL_CHECKEDRAISE_H
 #define ERRORHANDLERDLL_CHECKEDRAISE_H
 
-#include <type_traits>
-
 #include "ErrorHandlerDll.h"
+
+#include <type_traits>
 
 // What the template of a code takes, one letter an argument: s a text, d an int, x an unsigned int.
 struct ErrorArgumentRow

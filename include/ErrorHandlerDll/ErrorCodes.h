@@ -3,9 +3,9 @@
 #ifndef ERRORHANDLERDLL_ERRORCODES_H
 #define ERRORHANDLERDLL_ERRORCODES_H
 
-#include <stdint.h>
-
 #include "Export.h"
+
+#include <stdint.h>
 
 // The code of an error, 32 bits. Ranges are tested on the unsigned value:
 //   0 to 195                  built in; each has a message template

@@ -13,13 +13,13 @@
 #ifndef ERRORHANDLERDLL_ERRORHANDLERDLL_H
 #define ERRORHANDLERDLL_ERRORHANDLERDLL_H
 
-#include <stdarg.h>
-#include <stdbool.h>
-#include <stdint.h>
-
 #include "ErrorCodes.h"
 #include "Export.h"
 #include "Version.h"
+
+#include <stdarg.h>
+#include <stdbool.h>
+#include <stdint.h>
 
 ERRORHANDLERDLL_EXTERN_C_BEGIN
 

@@ -2,11 +2,11 @@
 #ifndef ERRORHANDLERDLL_EXCEPTIONHANDLER_H
 #define ERRORHANDLERDLL_EXCEPTIONHANDLER_H
 
-#include <exception>
-#include <new>
-
 #include "ErrorCodes.h"
 #include "Export.h"
+
+#include <exception>
+#include <new>
 
 class HalvikException;
 class StructuredException;

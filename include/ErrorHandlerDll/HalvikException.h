@@ -2,10 +2,10 @@
 #ifndef ERRORHANDLERDLL_HALVIKEXCEPTION_H
 #define ERRORHANDLERDLL_HALVIKEXCEPTION_H
 
-#include <cstddef>
-
 #include "ErrorCodes.h"
 #include "Export.h"
+
+#include <cstddef>
 
 // Created with `new`, thrown and caught as a pointer:
 //

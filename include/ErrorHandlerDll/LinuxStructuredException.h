@@ -2,12 +2,12 @@
 #ifndef ERRORHANDLERDLL_LINUXSTRUCTUREDEXCEPTION_H
 #define ERRORHANDLERDLL_LINUXSTRUCTUREDEXCEPTION_H
 
+#include "ErrorCodes.h"
+#include "Export.h"
+
 #include <signal.h>
 #include <stdint.h>
 #include <ucontext.h>
-
-#include "ErrorCodes.h"
-#include "Export.h"
 
 // Belongs to the host; the library only names it.
 struct SignalHandlers;

@@ -1,9 +1,8 @@
 // Names of numbered files, and the search for them, on any configured name and any contents of the folder. Search and build
 // must agree: what was built is found, and read back as the number that was built.
-#include "FuzzLog.h"
-
 #include "ErrorHandlerDll/logging/FileDependentLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "FuzzLog.h"
 
 #include <algorithm>
 #include <cctype>

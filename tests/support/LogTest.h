@@ -5,9 +5,8 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "support/TemporaryFolder.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <regex>
 #include <sstream>
 #include <string>

@@ -1,13 +1,13 @@
 // Dies of a write to address 16 and leaves a dump on standard output and in crash.log: CrashHost [PLUGIN]. Built by
 // SymbolizeDumpTest.py in several ways.
+#include <ErrorHandlerDll/ErrorHandlerDll.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
+
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
-
-#include <ErrorHandlerDll/ErrorHandlerDll.h>
-#include <ErrorHandlerDll/LinuxStructuredException.h>
 
 namespace
 {

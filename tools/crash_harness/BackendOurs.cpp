@@ -1,6 +1,5 @@
 // The library itself, used as its manual says.
 #include "Backend.h"
-
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
 #include <ErrorHandlerDll/ExceptionHandler.h>
 #include <ErrorHandlerDll/HalvikException.h>

@@ -1,7 +1,6 @@
 // This library.
-#include "Subject.h"
-
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "Subject.h"
 
 namespace Subject
 {
