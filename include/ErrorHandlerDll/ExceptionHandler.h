@@ -73,7 +73,8 @@ public:
                                                                         bool propagate);
 
     // Code: the signal's si_code (not a code of the catalogue, though the numbers overlap). The block is the context dump,
-    // which goes to standard output too.
+    // which goes to standard output too. In a thread that has faulted in a dump where nothing could be caught, it only sets
+    // ZR_ERROR_IN_EXCEPTION_HANDLER and returns null, with propagate, too.
     static ERRORHANDLERDLL_API HalvikException* HandleStructuredException(const char* functionName,
                                                                           StructuredException& exception, bool propagate);
 
