@@ -436,11 +436,12 @@ void LoseAllDescriptors()
 void DamageTheStrategy()
 {
     const FileSizeLoggerStrategy sample(nullptr, 0, LOGGING_STRATEGY_FILE_SIZE);
+    const void* const ofItsClass = &sample; // starts with the address of the class's table
     void** const members = reinterpret_cast<void**>(&gFileLogger);
     for (std::size_t i = 0; i < sizeof gFileLogger / sizeof *members; ++i)
     {
         void* table = nullptr;
-        if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, &sample, sizeof table) == 0)
+        if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
         {
             std::memset(members[i], 1, sizeof table);
         }
