@@ -138,24 +138,27 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
 bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    std::uint32_t owner = 0;
-    const std::int64_t end = NowMs() + timeoutMs;
-    do
+    std::int64_t end = 0;
+    while (!TryEnter(section, self))
     {
-        if (TryEnter(section, self))
-        {
-            return true;
-        }
-        owner = Owner(section);
+        const std::uint32_t owner = Owner(section);
         if (owner != 0 && owner == section->m_givenUpOn.load(std::memory_order_relaxed))
         {
             return false;
         }
+        // Asked only when there is something to wait for: at the end of a process a clock that a host has put in the place
+        // of the system's may be gone.
+        const std::int64_t now = NowMs();
+        end = end == 0 ? now + timeoutMs : end;
+        if (now >= end)
+        {
+            section->m_givenUpOn.store(owner, std::memory_order_relaxed);
+            return false;
+        }
         const timespec interval = {0, kPollIntervalNs};
         syscall(SYS_nanosleep, &interval, nullptr);
-    } while (NowMs() < end);
-    section->m_givenUpOn.store(owner, std::memory_order_relaxed);
-    return false;
+    }
+    return true;
 }
 
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept

@@ -452,6 +452,9 @@ void DamageTheStrategy()
 
 TEST_F(CrashDumpTest, GoesOnWhereTheProcessWorksAgainstIt)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer itself does not survive this";
+#endif
     SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000000);
     for (void (*const obstruct)() : {OverwriteStandardOutput, AskToCancel, LoseAllDescriptors, DamageTheStrategy})
     {
