@@ -443,7 +443,7 @@ void DamageTheStrategy()
         void* table = nullptr;
         if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
         {
-            std::memset(members[i], 1, sizeof table);
+            *static_cast<std::uintptr_t*>(members[i]) = 0x1000; // aligned, which the sanitizers look at first
         }
     }
 }
