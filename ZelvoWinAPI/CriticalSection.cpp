@@ -36,13 +36,6 @@ void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value)
     errno = savedErrno;
 }
 
-std::int64_t NowMs() noexcept
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
 {
     for (int spin = 0; spin < kSpins; ++spin)
@@ -146,9 +139,7 @@ bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
         {
             return false;
         }
-        // Asked only when there is something to wait for: at the end of a process a clock that a host has put in the place
-        // of the system's may be gone.
-        const std::int64_t now = NowMs();
+        const std::int64_t now = GetTickCount64();
         end = end == 0 ? now + timeoutMs : end;
         if (now >= end)
         {

@@ -17,6 +17,9 @@ namespace ZelvoWinAPI
 // The kernel's thread id, cached per thread, right in a forked child too.
 inline std::uint32_t GetCurrentThreadId() noexcept;
 
+// Milliseconds since some moment in the past; never goes back. Async-signal-safe.
+std::int64_t GetTickCount64() noexcept;
+
 // ---- Critical sections ----
 
 // Recursive lock. Owner and lock are one atomic word, so there is no moment at which it is locked by nobody: a signal

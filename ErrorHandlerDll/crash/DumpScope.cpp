@@ -30,7 +30,7 @@ constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ, SIGTTOU};
 
 constexpr int kSignalsOfFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
 
-constexpr int kSignalOfWatchdogs = SIGALRM;
+constexpr int kSignalOfWatchdogs = SIGALRM; // a host may want to end a dump that takes too long
 
 } // namespace
 
@@ -114,7 +114,7 @@ void DumpScope::RecoverHeldLines() noexcept
     WriteHeldLines();
 }
 
-// The others wait, too: a handler that ends the process, or dumps itself, would cut the dump.
+// A handler that ends the process, or dumps itself, would cut the dump.
 void DumpScope::HoldBackSignals() noexcept
 {
     sigset_t held;

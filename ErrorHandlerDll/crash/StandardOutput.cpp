@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
@@ -34,20 +33,13 @@ constinit HeldLines gHeldLines;
 // A pipe that is ready takes this many bytes without blocking.
 constexpr std::size_t kUnblockedSize = PIPE_BUF;
 
-// Asked once, where a fault is caught: a process that crashes may have overwritten `stdout` itself. Negative for a stream
-// without one.
+// Asked once a dump, where a fault is caught: a process that crashes may have overwritten `stdout` itself. Negative for a
+// stream without one.
 constinit std::atomic<int> gDescriptor = STDOUT_FILENO;
 
 int GetDescriptor() noexcept
 {
     return gDescriptor.load(std::memory_order_relaxed);
-}
-
-std::int64_t NowMs() noexcept
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 // Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it. Where
@@ -62,10 +54,10 @@ bool WaitUntilReady(int descriptor) noexcept
     do
     {
         pollfd watched = {descriptor, POLLOUT, 0};
-        const std::int64_t start = NowMs();
+        const std::int64_t start = ZelvoWinAPI::GetTickCount64();
         const int left = std::max(gWaitLeftMs.load(std::memory_order_relaxed), 0);
         result = static_cast<int>(syscall(SYS_poll, &watched, 1, left)); // poll() may end a cancelled thread
-        gWaitLeftMs.fetch_sub(static_cast<int>(NowMs() - start), std::memory_order_relaxed);
+        gWaitLeftMs.fetch_sub(static_cast<int>(ZelvoWinAPI::GetTickCount64() - start), std::memory_order_relaxed);
     } while (result < 0 && errno == EINTR && gWaitLeftMs.load(std::memory_order_relaxed) > 0);
     const bool isReady = result > 0 || (result < 0 && errno != EINTR);
     gIsGivenUp.store(!isReady, std::memory_order_relaxed);
