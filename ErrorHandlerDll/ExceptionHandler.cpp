@@ -188,13 +188,14 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         TRACE_ENTRY();
         CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
         RecordError(code, message);
+        if (gFileLogger.IsEnabled())
         {
-            const Crash::DumpScope dump; // keeps the lines together
-            if (gFileLogger.IsEnabled())
-            {
-                Crash::LogLine(kBlockSeparator);
-                exception.DumpExceptionContext(functionName);
-            }
+            Crash::DumpScope::RunDump( // one, so that no other lines come between
+                [&]
+                {
+                    Crash::LogLine(kBlockSeparator);
+                    exception.DumpExceptionContext(functionName);
+                });
         }
         CallErrorCallback();
         TRACE_EXIT();

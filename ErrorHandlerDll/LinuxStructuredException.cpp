@@ -125,26 +125,31 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
         Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
     }
     const bool isBeyondHelp = isFault && Crash::DumpScope::IsBeyondHelp();
-    const Crash::DumpScope dump;
-    CopyContext(m_context, context);
-    if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
-    {
-        std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
-    }
-    if (isBeyondHelp)
-    {
-        Crash::DumpScope::RecoverHeldLines();
-        Print(kFaultInDump);
-        Crash::DumpScope::WriteHeldLines();
-        return;
-    }
-    RunPart(
-        [this]
+    Crash::FrameRegisters here;
+    Crash::CaptureRegisters(here);
+    Crash::DumpScope::RunDump(
+        [&]
         {
-            m_stackFrameCount = Crash::WalkStack(m_stackFrames, kMaxFrames);
-            Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
+            CopyContext(m_context, context);
+            if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
+            {
+                std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
+            }
+            if (isBeyondHelp)
+            {
+                Crash::DumpScope::RecoverHeldLines();
+                Print(kFaultInDump);
+                Crash::DumpScope::WriteHeldLines();
+                return;
+            }
+            RunPart(
+                [&]
+                {
+                    m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames);
+                    Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
+                });
+            DumpExceptionContext("StructuredException::StructuredException");
         });
-    DumpExceptionContext("StructuredException::StructuredException");
 }
 
 const char* StructuredException::GetExceptionString()
@@ -187,7 +192,7 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
-    const Crash::DumpScope dump;
+    Crash::DumpScope::RunDump([&] {
     try
     {
         TRACE_ENTRY();
@@ -221,11 +226,12 @@ void StructuredException::DumpExceptionContext(const char* functionName)
         RecordHandlerFailure();
         throw;
     }
+    });
 }
 
 void StructuredException::GenerateCallStack()
 {
-    const Crash::DumpScope dump;
+    Crash::DumpScope::RunDump([&] {
     try
     {
         TRACE_ENTRY();
@@ -245,11 +251,12 @@ void StructuredException::GenerateCallStack()
         RecordHandlerFailure();
         throw;
     }
+    });
 }
 
 void StructuredException::GenerateModuleAddresses()
 {
-    const Crash::DumpScope dump;
+    Crash::DumpScope::RunDump([&] {
     try
     {
         TRACE_ENTRY();
@@ -279,11 +286,12 @@ void StructuredException::GenerateModuleAddresses()
         RecordHandlerFailure();
         throw;
     }
+    });
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
-    const Crash::DumpScope dump;
+    Crash::DumpScope::RunDump([&] {
     try
     {
         TRACE_ENTRY();
@@ -301,4 +309,5 @@ void StructuredException::GenerateStackDump(unsigned char* address)
         RecordHandlerFailure();
         throw;
     }
+    });
 }

@@ -105,14 +105,17 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
             const unsigned int depth = gFileLogger.GetSectionDepth();
             for (int i = 0; i < 3; ++i)
             {
-                const Crash::DumpScope dump;
-                const bool finished = Crash::DumpScope::Run(
-                    []
+                bool finished = false;
+                Crash::DumpScope::RunDump(
+                    [&]
                     {
-                        const Crash::DumpScope inner; // skipped by the jump
-                        gFileLogger.EnterCriticalSection();
-                        Crash::DumpScope::Run(Fault); // the innermost place counts
-                        Fault();
+                        finished = Crash::DumpScope::Run(
+                            []
+                            {
+                                gFileLogger.EnterCriticalSection(); // skipped by the jump
+                                Crash::DumpScope::Run(Fault); // the innermost place counts
+                                Fault();
+                            });
                     });
                 if (finished || gFileLogger.GetSectionDepth() != depth)
                 {
@@ -346,10 +349,13 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
             std::thread other(
                 []
                 {
-                    const Crash::DumpScope dump;
-                    Crash::LogLine("held by the parent");
-                    gStep = 1;
-                    WaitFor(2);
+                    Crash::DumpScope::RunDump(
+                        []
+                        {
+                            Crash::LogLine("held by the parent");
+                            gStep = 1;
+                            WaitFor(2);
+                        });
                 });
             WaitFor(1);
             bool good = false;
@@ -488,16 +494,15 @@ TEST_F(CrashDumpTest, OtherSignalsWaitUntilItIsWritten)
         []
         {
             InstallHandler(SIGTERM, [](int, siginfo_t*, void*) { ++gStep; });
-            {
-                const Crash::DumpScope dump;
-                raise(SIGTERM);
-                raise(SIGTTOU); // stops the process otherwise
-                if (gStep != 0)
+            int stepWithin = -1;
+            Crash::DumpScope::RunDump(
+                [&]
                 {
-                    return 1;
-                }
-            }
-            return gStep == 1 ? 0 : 2;
+                    raise(SIGTERM);
+                    raise(SIGTTOU); // stops the process otherwise
+                    stepWithin = gStep;
+                });
+            return stepWithin == 0 && gStep == 1 ? 0 : 2;
         });
     EXPECT_EQ(0, status);
 }

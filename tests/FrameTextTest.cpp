@@ -21,6 +21,13 @@
 namespace
 {
 
+int WalkFromHere(void** frames, int capacity)
+{
+    Crash::FrameRegisters here;
+    Crash::CaptureRegisters(here);
+    return Crash::WalkStack(here, frames, capacity);
+}
+
 std::string PlatformText(void* address)
 {
     char** texts = backtrace_symbols(&address, 1);
@@ -58,7 +65,7 @@ extern "C" char gNestedSymbols[8];
 std::vector<void*> AddressesOfAllKinds()
 {
     std::vector<void*> addresses(100);
-    addresses.resize(static_cast<std::size_t>(Crash::WalkStack(addresses.data(), 100)));
+    addresses.resize(static_cast<std::size_t>(WalkFromHere(addresses.data(), 100)));
     static int variable;
     const auto vdso = reinterpret_cast<char*>(getauxval(AT_SYSINFO_EHDR));
     addresses.insert(addresses.end(), {reinterpret_cast<void*>(&PlatformText), reinterpret_cast<void*>(&std::printf),
@@ -129,7 +136,7 @@ Listed ListModules()
 {
     Listed listed;
     void* frames[20];
-    listed.frames = Crash::WalkStack(frames, 20);
+    listed.frames = WalkFromHere(frames, 20);
     Crash::MemoryReader reader;
     Crash::ModuleList modules(reader);
     Crash::Module module;

@@ -169,6 +169,7 @@ void DumpScope::AfterForkInChild() noexcept
     }
     ZelvoWinAPI::InitializeCriticalSection(&gDumpSection); // its owner is no thread of the child
     StandardOutput::ForgetHeldLines();
+    FreeDumpStacks();
 }
 
 bool DumpScope::IsBeyondHelp() noexcept

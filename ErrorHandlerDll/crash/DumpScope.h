@@ -5,6 +5,7 @@
 #define ERRORHANDLERDLL_CRASH_DUMPSCOPE_H
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/crash/DumpStack.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "QV/EmergencyScope.h"
 
@@ -18,6 +19,19 @@ namespace Crash
 class DumpScope
 {
 public:
+    // Runs `body` as a dump of this thread, on the dump's own stack. Within another one it is a part of that.
+    template <class Body>
+    static void RunDump(const Body& body)
+    {
+        if (sDepth > 0)
+        {
+            body();
+            return;
+        }
+        const DumpScope dump;
+        RunOnDumpStack([](const void* call) { (*static_cast<const Body*>(call))(); }, &body);
+    }
+
     // Waits for another thread's dump and for the logger's section, for each a bounded time, and goes on without them then.
     DumpScope() noexcept;
     ~DumpScope();

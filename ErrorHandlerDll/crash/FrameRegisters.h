@@ -39,6 +39,16 @@ struct FrameRegisters
     std::uint64_t StackPointer() const noexcept { return values[kStackPointer]; }
 };
 
+// Notes the registers that a function keeps for its caller, as they are in the calling function, at the instruction behind
+// the call.
+void CaptureValues(std::uint64_t* values) noexcept;
+[[gnu::always_inline]] inline void CaptureRegisters(FrameRegisters& registers) noexcept
+{
+    constexpr std::uint32_t kCaptured = 1u << 3 | 1u << 6 | 1u << 7 | 0xfu << 12 | 1u << 16;
+    CaptureValues(registers.values);
+    registers.known = kCaptured;
+}
+
 } // namespace Crash
 
 #endif

@@ -175,37 +175,26 @@ private:
 
 } // namespace
 
-// Not inlined: the first step leaves this function's frame by its own unwind table entry.
-__attribute__((noinline)) int WalkStack(void** frames, int capacity) noexcept
+[[gnu::naked, gnu::noinline]] void CaptureValues(std::uint64_t* /*values*/) noexcept
 {
-    if (capacity <= 0)
-    {
-        return 0;
-    }
-    Walker walker;
-    FrameRegisters& registers = walker.Registers();
-    asm volatile("movq %%rbx, 3*8(%0)\n\t"
-                 "movq %%rbp, 6*8(%0)\n\t"
-                 "movq %%rsp, 7*8(%0)\n\t"
-                 "movq %%r12, 12*8(%0)\n\t"
-                 "movq %%r13, 13*8(%0)\n\t"
-                 "movq %%r14, 14*8(%0)\n\t"
-                 "movq %%r15, 15*8(%0)\n\t"
-                 "leaq 1f(%%rip), %%rax\n"
-                 "1:\n\t"
-                 "movq %%rax, 16*8(%0)"
-                 :
-                 : "r"(registers.values)
-                 : "rax", "memory");
-    constexpr std::uint32_t kCaptured = 1u << 3 | 1u << 6 | 1u << 7 | 0xfu << 12 | 1u << 16;
-    registers.known = kCaptured;
+    asm("movq %rbx, 3*8(%rdi)\n\t"
+        "movq %rbp, 6*8(%rdi)\n\t"
+        "leaq 8(%rsp), %rax\n\t"
+        "movq %rax, 7*8(%rdi)\n\t"
+        "movq %r12, 12*8(%rdi)\n\t"
+        "movq %r13, 13*8(%rdi)\n\t"
+        "movq %r14, 14*8(%rdi)\n\t"
+        "movq %r15, 15*8(%rdi)\n\t"
+        "movq (%rsp), %rax\n\t"
+        "movq %rax, 16*8(%rdi)\n\t"
+        "retq");
+}
 
-    if (walker.StepByTables() == UnwindResult::UNWOUND)
-    {
-        return walker.Walk(frames, capacity);
-    }
-    frames[0] = __builtin_return_address(0); // the linker's list is damaged; better than nothing
-    return 1;
+int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept
+{
+    Walker walker;
+    walker.Registers() = start;
+    return walker.Walk(frames, capacity);
 }
 
 int WalkStack(const ucontext_t* context, void** frames, int capacity) noexcept
