@@ -2,6 +2,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
@@ -111,26 +112,22 @@ HalvikException* ExceptionHandler::GenericHandleException(const char* functionNa
         CopyFixedText(messageCopy, sizeof messageCopy, message);
         message = messageCopy;
     }
-    try
-    {
-        TRACE_ENTRY();
-        RecordError(code, message);
-        WriteErrorBlock(
-            [=]
-            {
-                if (writer != nullptr)
+    RunTraced(
+        Here(),
+        [&]
+        {
+            RecordError(code, message);
+            WriteErrorBlock(
+                [=]
                 {
-                    writer(functionName, writerParam);
-                }
-            });
-        CallErrorCallback();
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
+                    if (writer != nullptr)
+                    {
+                        writer(functionName, writerParam);
+                    }
+                });
+            CallErrorCallback();
+        },
+        Here());
     return propagate ? MakePropagatedException(code, message, functionName) : nullptr;
 }
 
@@ -138,19 +135,15 @@ HalvikException* ExceptionHandler::HandleUnknownException(const char* functionNa
 {
     const ErrnoKeeper keeper;
     const char* const message = GetCatalogueText(ZR_ERROR_UNKNOWN);
-    try
-    {
-        TRACE_ENTRY();
-        RecordError(ZR_ERROR_UNKNOWN, message);
-        WriteErrorBlock([=] { LogErrorLine(functionName, message); });
-        CallErrorCallback();
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
+    RunTraced(
+        Here(),
+        [&]
+        {
+            RecordError(ZR_ERROR_UNKNOWN, message);
+            WriteErrorBlock([=] { LogErrorLine(functionName, message); });
+            CallErrorCallback();
+        },
+        Here());
     return propagate ? MakePropagatedException(ZR_ERROR_UNKNOWN, message, functionName) : nullptr;
 }
 
@@ -183,62 +176,54 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
     const QV::EmergencyScope emergency; // as a rule this is called in a signal handler, too
     const ZelvoReaderErrorCode code = exception.GetExceptionCode();
     ErrorText message;
-    try
-    {
-        TRACE_ENTRY();
-        CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
-        RecordError(code, message);
-        if (gFileLogger.IsEnabled())
+    RunTraced(
+        Here(),
+        [&]
         {
-            Crash::DumpScope::RunDump( // one, so that no other lines come between
+            Crash::DumpScope::RunDump(
                 [&]
                 {
-                    Crash::LogLine(kBlockSeparator);
-                    exception.DumpExceptionContext(functionName);
+                    CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is everybody's
+                    RecordError(code, message);
+                    if (gFileLogger.IsEnabled())
+                    {
+                        Crash::LogLine(kBlockSeparator);
+                        exception.DumpExceptionContext(functionName);
+                    }
                 });
-        }
-        CallErrorCallback();
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
+            CallErrorCallback();
+        },
+        Here());
     return propagate ? MakePropagatedException(code, message, functionName) : nullptr;
 }
 
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)
 {
     const ErrnoKeeper keeper;
-    try
-    {
-        TRACE_ENTRY();
-        if (exception->GetHandled())
+    RunTraced(
+        Here(),
+        [&]
         {
-            LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s",
-                         exception->GetErrorString());
-        }
-        else
-        {
-            RecordError(exception->GetErrorCode(), exception->GetErrorString());
-            WriteErrorBlock(
-                [=]
-                {
-                    char caughtText[kCaughtPrefix.size() + kErrorTextSize];
-                    kCaughtPrefix.copy(caughtText, kCaughtPrefix.size()); // printf would be a quarter of a handling
-                    CopyFixedText(caughtText + kCaughtPrefix.size(), kErrorTextSize, exception->GetErrorString());
-                    LogErrorLine(exception->GetLocationString(), exception->GetErrorString());
-                    LogErrorLine(functionName, caughtText);
-                });
-            exception->SetHandled();
-            CallErrorCallback();
-        }
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
+            if (exception->GetHandled())
+            {
+                LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s",
+                             exception->GetErrorString());
+            }
+            else
+            {
+                RecordError(exception->GetErrorCode(), exception->GetErrorString());
+                WriteErrorBlock(
+                    [=]
+                    {
+                        char caughtText[kCaughtPrefix.size() + kErrorTextSize];
+                        kCaughtPrefix.copy(caughtText, kCaughtPrefix.size()); // printf would be a quarter of a handling
+                        CopyFixedText(caughtText + kCaughtPrefix.size(), kErrorTextSize, exception->GetErrorString());
+                        LogErrorLine(exception->GetLocationString(), exception->GetErrorString());
+                        LogErrorLine(functionName, caughtText);
+                    });
+                exception->SetHandled();
+                CallErrorCallback();
+            }
+        },
+        Here());
 }

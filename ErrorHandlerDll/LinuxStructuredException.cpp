@@ -3,6 +3,7 @@
 // crash/DumpScope.h.
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
+#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
@@ -57,6 +58,12 @@ void RunPart(const Part& part)
     {
         PrintAndLog(kFaultInDump);
     }
+}
+
+template <class Body>
+void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& exit)
+{
+    Crash::DumpScope::RunDump([&] { RunTraced(entry, body, exit); });
 }
 
 // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
@@ -192,122 +199,98 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
-    Crash::DumpScope::RunDump([&] {
-    try
-    {
-        TRACE_ENTRY();
-        char line[kDumpLineSize];
-        FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
-                        static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
-        Print(functionName == nullptr ? "" : functionName);
-        Print(line);
-        LogLine(line, functionName);
+    RunTracedDump(
+        Here(),
+        [&]
+        {
+            char line[kDumpLineSize];
+            FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
+                            static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
+            Print(functionName == nullptr ? "" : functionName);
+            Print(line);
+            LogLine(line, functionName);
 
-        FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
-        PrintAndLog(line);
-        Crash::DumpScope::WriteHeldLines();
+            FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
+            PrintAndLog(line);
+            Crash::DumpScope::WriteHeldLines();
 
-        Print("GenerateCallStack...");
-        RunPart([this] { GenerateCallStack(); });
-        Print("Finished GenerateCallStack");
-        Crash::DumpScope::WriteHeldLines();
+            Print("GenerateCallStack...");
+            RunPart([this] { GenerateCallStack(); });
+            Print("Finished GenerateCallStack");
+            Crash::DumpScope::WriteHeldLines();
 
-        RunPart([this] { DumpRegisters(m_context); });
-        Crash::DumpScope::WriteHeldLines();
+            RunPart([this] { DumpRegisters(m_context); });
+            Crash::DumpScope::WriteHeldLines();
 
-        LogLine("");
-        Print("GenerateModuleAddresses...");
-        RunPart([this] { GenerateModuleAddresses(); });
-        Print("Finished GenerateModuleAddresses");
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
-    });
+            LogLine("");
+            Print("GenerateModuleAddresses...");
+            RunPart([this] { GenerateModuleAddresses(); });
+            Print("Finished GenerateModuleAddresses");
+        },
+        Here());
 }
 
 void StructuredException::GenerateCallStack()
 {
-    Crash::DumpScope::RunDump([&] {
-    try
-    {
-        TRACE_ENTRY();
-        LogLine("  Call stack:");
-        Print("Call stack");
-        Crash::MemoryReader reader;
-        for (std::int64_t i = 0; i < m_stackFrameCount; ++i)
+    RunTracedDump(
+        Here(),
+        [&]
         {
-            char line[kFrameLineSize];
-            Crash::FormatFrame(reader, m_stackFrames[i], line, sizeof line);
-            PrintAndLog(line, kCallStackIndent);
-        }
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
-    });
+            LogLine("  Call stack:");
+            Print("Call stack");
+            Crash::MemoryReader reader;
+            for (std::int64_t i = 0; i < m_stackFrameCount; ++i)
+            {
+                char line[kFrameLineSize];
+                Crash::FormatFrame(reader, m_stackFrames[i], line, sizeof line);
+                PrintAndLog(line, kCallStackIndent);
+            }
+        },
+        Here());
 }
 
 void StructuredException::GenerateModuleAddresses()
 {
-    Crash::DumpScope::RunDump([&] {
-    try
-    {
-        TRACE_ENTRY();
-        LogLine("");
-        LogLine("  Modules list:");
-        Crash::MemoryReader reader;
-        reader.Refresh(); // other threads may have unloaded objects, and names lie apart from the list
-        Crash::ModuleList modules(reader);
-        for (Crash::Module module = {}; modules.Next(module);)
+    RunTracedDump(
+        Here(),
+        [&]
         {
-            char path[kModuleLineSize];
-            char line[kModuleLineSize];
-            reader.ReadString(module.name, path, sizeof path);
-            FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
-            PrintAndLog(line);
-        }
-        if (modules.IsDamaged())
-        {
-            PrintAndLog("    The list of modules is damaged");
-        }
-        LogLine("");
-        Print("Done");
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
-    });
+            LogLine("");
+            LogLine("  Modules list:");
+            Crash::MemoryReader reader;
+            reader.Refresh(); // other threads may have unloaded objects, and names lie apart from the list
+            Crash::ModuleList modules(reader);
+            for (Crash::Module module = {}; modules.Next(module);)
+            {
+                char path[kModuleLineSize];
+                char line[kModuleLineSize];
+                reader.ReadString(module.name, path, sizeof path);
+                FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
+                PrintAndLog(line);
+            }
+            if (modules.IsDamaged())
+            {
+                PrintAndLog("    The list of modules is damaged");
+            }
+            LogLine("");
+            Print("Done");
+        },
+        Here());
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
-    Crash::DumpScope::RunDump([&] {
-    try
-    {
-        TRACE_ENTRY();
-        LogLine("  Raw stack dump:");
-        for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
+    RunTracedDump(
+        Here(),
+        [&]
         {
-            // As a number: near the end of the address space it starts again at 0, which a pointer may not.
-            LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
-        }
-        LogLine("");
-        TRACE_EXIT();
-    }
-    catch (...)
-    {
-        RecordHandlerFailure();
-        throw;
-    }
-    });
+            LogLine("  Raw stack dump:");
+            for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
+            {
+                // As a number: near the end of the address space it starts again at 0, which a pointer may not.
+                LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
+            }
+            LogLine("");
+        },
+        Here());
 }

@@ -26,11 +26,12 @@ constexpr int kMostCallbacksThatFault = 3;
 
 // Writing to a closed pipe, beyond the file size limit of the process or to the terminal of another job raises these; a dump
 // must not end or stop the process earlier.
-constexpr int kSignalsOfWriting[] = {SIGPIPE, SIGXFSZ, SIGTTOU};
+constexpr SignalSet kSignalsOfWriting = SetOf(SIGPIPE) | SetOf(SIGXFSZ) | SetOf(SIGTTOU);
 
-constexpr int kSignalsOfFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
+constexpr SignalSet kSignalsOfFaults = SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) | SetOf(SIGABRT) |
+                                       SetOf(SIGTRAP) | SetOf(SIGSYS);
 
-constexpr int kSignalOfWatchdogs = SIGALRM; // a host may want to end a dump that takes too long
+constexpr SignalSet kSignalsOfWatchdogs = SetOf(SIGALRM); // a host may want to end a dump that takes too long
 
 } // namespace
 
@@ -56,7 +57,6 @@ DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
         {
             gFileLogger.HoldLines();
         }
-        Run([] { StandardOutput::Prepare(); });
     }
 }
 
@@ -117,39 +117,27 @@ void DumpScope::RecoverHeldLines() noexcept
 // A handler that ends the process, or dumps itself, would cut the dump.
 void DumpScope::HoldBackSignals() noexcept
 {
-    sigset_t held;
-    sigfillset(&held);
-    sigdelset(&held, kSignalOfWatchdogs);
-    for (const int signal : kSignalsOfFaults)
-    {
-        sigdelset(&held, signal);
-    }
-    sigpending(&m_pendingBefore);
-    pthread_sigmask(SIG_BLOCK, &held, &m_hostMask);
-    sigorset(&m_dumpMask, &m_hostMask, &held);
+    m_pendingBefore = PendingSignals();
+    m_hostMask = SetMask(kAllSignals);
+    m_dumpMask = m_hostMask | (kAllSignals & ~kSignalsOfFaults & ~kSignalsOfWatchdogs);
+    SetMask(m_dumpMask);
 }
 
 void DumpScope::ReleaseSignals() noexcept
 {
-    sigset_t pending;
-    sigpending(&pending);
-    for (const int signal : kSignalsOfWriting)
+    SignalSet raised = PendingSignals() & ~m_pendingBefore & kSignalsOfWriting;
+    for (; raised != 0; raised &= raised - 1)
     {
-        if (sigismember(&pending, signal) == 1 && sigismember(&m_pendingBefore, signal) == 0)
-        {
-            sigset_t taken;
-            sigemptyset(&taken);
-            sigaddset(&taken, signal);
-            const timespec noWait = {};
-            syscall(SYS_rt_sigtimedwait, &taken, nullptr, &noWait, _NSIG / 8); // sigtimedwait() may end a cancelled thread
-        }
+        const SignalSet taken = raised & -raised;
+        const timespec noWait = {};
+        SystemCall(SYS_rt_sigtimedwait, ToArgument(&taken), 0, ToArgument(&noWait), sizeof taken);
     }
-    pthread_sigmask(SIG_SETMASK, &m_hostMask, nullptr);
+    SetMask(m_hostMask);
 }
 
 bool DumpScope::IsFault(int signal) noexcept
 {
-    return std::find(std::begin(kSignalsOfFaults), std::end(kSignalsOfFaults), signal) != std::end(kSignalsOfFaults);
+    return signal > 0 && (SetOf(signal) & kSignalsOfFaults) != 0;
 }
 
 void DumpScope::LeaveFaultyPart() noexcept
@@ -196,7 +184,7 @@ void DumpScope::Place::Restore() const noexcept
     sPlace = m_outer; // a fault in what follows must not come back here
     if (sOutermost != nullptr)
     {
-        pthread_sigmask(SIG_SETMASK, &sOutermost->m_dumpMask, nullptr);
+        SetMask(sOutermost->m_dumpMask);
     }
     sDepth = m_dumpDepth;
     QV::EmergencyScope::RestoreDepth(m_emergencyDepth);

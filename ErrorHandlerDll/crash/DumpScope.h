@@ -7,10 +7,13 @@
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/crash/DumpStack.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/crash/SignalSet.h"
+#include "ErrorHandlerDll/crash/StandardOutput.h"
 #include "QV/EmergencyScope.h"
 
 #include <csetjmp>
 #include <csignal>
+#include <cstdint>
 #include <optional>
 
 namespace Crash
@@ -29,7 +32,13 @@ public:
             return;
         }
         const DumpScope dump;
-        RunOnDumpStack([](const void* call) { (*static_cast<const Body*>(call))(); }, &body);
+        RunOnDumpStack(
+            [](const void* call)
+            {
+                Run(StandardOutput::Prepare);
+                (*static_cast<const Body*>(call))();
+            },
+            &body);
     }
 
     // Waits for another thread's dump and for the logger's section, for each a bounded time, and goes on without them then.
@@ -110,9 +119,9 @@ private:
     bool m_hasDumpSection = false;
     bool m_hasLog = false;
     std::optional<MemoryReader::KeepingScope> m_keeping;
-    sigset_t m_hostMask;
-    sigset_t m_dumpMask;
-    sigset_t m_pendingBefore;
+    SignalSet m_hostMask = 0;
+    SignalSet m_dumpMask = 0;
+    SignalSet m_pendingBefore = 0;
 };
 
 } // namespace Crash

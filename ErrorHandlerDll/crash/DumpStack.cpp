@@ -1,11 +1,9 @@
 #include "ErrorHandlerDll/crash/DumpStack.h"
 
-#include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/crash/SignalSet.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstddef>
-#include <cstdint>
 
 namespace Crash
 {
@@ -38,16 +36,6 @@ constinit std::atomic<bool> gIsInUse[kStackCount] = {};
         ".cfi_def_cfa %rsp, 8\n\t"
         "retq");
 }
-
-// The kernel's set, an eighth of the C library's.
-using SignalSet = std::uint64_t;
-
-void SetMask(const SignalSet& mask, SignalSet* old = nullptr) noexcept
-{
-    SystemCall(SYS_rt_sigprocmask, SIG_SETMASK, ToArgument(&mask), ToArgument(old), sizeof mask);
-}
-
-constexpr SignalSet kAllSignals = ~SignalSet{0};
 
 struct Call
 {
@@ -116,14 +104,14 @@ private:
 class MaskKeeper
 {
 public:
-    MaskKeeper() noexcept { SetMask(kAllSignals, &m_mask); }
+    MaskKeeper() noexcept : m_mask(SetMask(kAllSignals)) {}
     ~MaskKeeper() { SetMask(m_mask); }
     MaskKeeper(const MaskKeeper&) = delete;
     MaskKeeper& operator=(const MaskKeeper&) = delete;
     SignalSet Mask() const noexcept { return m_mask; }
 
 private:
-    SignalSet m_mask = 0;
+    const SignalSet m_mask;
 };
 
 } // namespace

@@ -1,0 +1,46 @@
+#include "ErrorHandlerDll/FunctionTrace.h"
+
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "ErrorHandlerDll/ExceptionHandler.h"
+#include "ErrorHandlerDll/FixedText.h"
+#include "ErrorHandlerDll/crash/DumpLog.h"
+#include "ErrorHandlerDll/crash/DumpScope.h"
+
+namespace
+{
+
+constexpr std::size_t kPrefixSize = 512;
+
+void Write(const TracePoint& point, const char* message)
+{
+    char prefix[kPrefixSize];
+    FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", point.file, point.line, point.function);
+    if (QV::EmergencyScope::IsActive())
+    {
+        Crash::LogLine(kTraceLevel, kTraceMask, prefix, message);
+    }
+    else
+    {
+        LogMessage(kTraceLevel, kTraceMask, prefix, message);
+    }
+}
+
+} // namespace
+
+void WriteFunctionTrace(const TracePoint& point, const char* message)
+{
+    if (QV::EmergencyScope::IsActive())
+    {
+        Crash::DumpScope::RunDump([&] { Write(point, message); });
+    }
+    else
+    {
+        Write(point, message);
+    }
+}
+
+void RecordHandlerFailure() noexcept
+{
+    ExceptionHandler::SetLastErrorCode(ZR_ERROR_IN_EXCEPTION_HANDLER);
+    ExceptionHandler::SetLastErrorString("An exception was raised within the exception handler.");
+}
