@@ -6,7 +6,6 @@
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
-#include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "QV/Str.h"
 
 #include <algorithm>
@@ -40,8 +39,6 @@ const struct LoggerLife
     LoggerLife() { ConstructLogger(); }
     ~LoggerLife() { gFileLogger.Retire(); }
 } gLoggerLife;
-
-const int gPermanentMemory = Crash::LearnPermanentMemory();
 
 const int gForkHandlers = pthread_atfork(
     []

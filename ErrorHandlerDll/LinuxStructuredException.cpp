@@ -7,7 +7,6 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/DumpLog.h"
 #include "ErrorHandlerDll/crash/DumpScope.h"
-#include "ErrorHandlerDll/crash/FrameSymbols.h"
 #include "ErrorHandlerDll/crash/FrameText.h"
 #include "ErrorHandlerDll/crash/ModuleList.h"
 #include "ErrorHandlerDll/crash/SafeMemory.h"
@@ -149,12 +148,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
                 Crash::DumpScope::WriteHeldLines();
                 return;
             }
-            RunPart(
-                [&]
-                {
-                    m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames);
-                    Crash::ExpectFrames({m_stackFrames, static_cast<std::size_t>(m_stackFrameCount)});
-                });
+            RunPart([&] { m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames); });
             DumpExceptionContext("StructuredException::StructuredException");
         });
 }
@@ -258,7 +252,6 @@ void StructuredException::GenerateModuleAddresses()
             LogLine("");
             LogLine("  Modules list:");
             Crash::MemoryReader reader;
-            reader.Refresh(); // other threads may have unloaded objects, and names lie apart from the list
             Crash::ModuleList modules(reader);
             for (Crash::Module module = {}; modules.Next(module);)
             {

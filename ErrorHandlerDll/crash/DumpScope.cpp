@@ -50,7 +50,6 @@ DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
         m_hasLog = gFileLogger.EnterCriticalSection();
         if (m_hasDumpSection)
         {
-            m_keeping.emplace();
             StandardOutput::HoldLines();
         }
         if (m_hasLog)
@@ -73,7 +72,6 @@ DumpScope::~DumpScope()
     }
     if (m_hasDumpSection)
     {
-        m_keeping.reset();
         ZelvoWinAPI::LeaveCriticalSection(&gDumpSection);
     }
     if (m_isOutermost)

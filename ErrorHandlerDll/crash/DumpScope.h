@@ -6,7 +6,6 @@
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/crash/DumpStack.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/SignalSet.h"
 #include "ErrorHandlerDll/crash/StandardOutput.h"
 #include "QV/EmergencyScope.h"
@@ -14,7 +13,6 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdint>
-#include <optional>
 
 namespace Crash
 {
@@ -118,7 +116,6 @@ private:
     bool m_isOutermost;
     bool m_hasDumpSection = false;
     bool m_hasLog = false;
-    std::optional<MemoryReader::KeepingScope> m_keeping;
     SignalSet m_hostMask = 0;
     SignalSet m_dumpMask = 0;
     SignalSet m_pendingBefore = 0;

@@ -10,7 +10,6 @@ namespace Crash
 namespace
 {
 
-constexpr std::uintptr_t kPageSize = 4096;
 constexpr unsigned kMaxProgramHeaders = 256; // real objects have about a dozen
 
 struct ProgramHeaders

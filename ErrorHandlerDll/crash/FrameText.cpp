@@ -1,8 +1,8 @@
 #include "ErrorHandlerDll/crash/FrameText.h"
 
 #include "ErrorHandlerDll/crash/ElfObject.h"
-#include "ErrorHandlerDll/crash/FrameSymbols.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/crash/SymbolTable.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -100,7 +100,7 @@ bool HasText(MemoryReader& reader, std::uintptr_t address) noexcept
 
 void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
 {
-    const Symbol symbol = FindFrameSymbol(reader, object, address);
+    const Symbol symbol = FindSymbol(reader, object, address);
     const bool hasSymbol = symbol.name != 0;
     const std::uintptr_t origin = hasSymbol ? symbol.start : object.module.loadAddress;
 

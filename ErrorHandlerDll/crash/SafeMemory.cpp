@@ -1,5 +1,4 @@
-// What cannot go away is read in place (PermanentMemory.h), after the kernel has been asked whether it can be read. Of all
-// else the kernel copies the bytes and reports a bad address instead of raising a signal. In order of preference:
+// The kernel copies the bytes and reports a bad address instead of raising a signal. In order of preference:
 //
 // 1. process_vm_readv on this process: one call, no state, sees unmapped and PROT_NONE pages and pages past a file's end.
 //    The id passed is the thread's: the process id stops working when the main thread has ended before the others.
@@ -13,8 +12,8 @@
 // descriptor; a memfd is refused by more sandboxes than a pipe; a handler for SIGSEGV belongs to the host.
 #include "ErrorHandlerDll/crash/SafeMemory.h"
 
-#include "ErrorHandlerDll/crash/PermanentMemory.h"
 #include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <atomic>
 #include <cerrno>
@@ -38,10 +37,11 @@ enum class CopyResult
     NOT_AVAILABLE,
 };
 
-CopyResult CopyDirectly(long thread, const void* address, void* out, std::size_t size) noexcept
+CopyResult CopyDirectly(const void* address, void* out, std::size_t size) noexcept
 {
     const iovec local{out, size};
     const iovec remote{const_cast<void*>(address), size};
+    const long thread = ZelvoWinAPI::GetCurrentThreadId();
     const long copied = SystemCall(SYS_process_vm_readv, thread, ToArgument(&local), 1, ToArgument(&remote), 1, 0);
     if (copied == static_cast<long>(size))
     {
@@ -77,6 +77,29 @@ CopyResult CopyThroughPipe(const void* address, void* out, std::size_t size) noe
     return result;
 }
 
+bool IsReadable(std::uintptr_t address) noexcept
+{
+    constexpr long kInvalidOperation = -1;
+    const std::uintptr_t set = address & ~(kSignalSetSize - 1); // stays in the page
+    return SystemCall(SYS_rt_sigprocmask, kInvalidOperation, static_cast<long>(set), 0, kSignalSetSize) == -EINVAL;
+}
+
+// Out of the sanitizers' sight: they would report what the program has freed, and the gaps between its objects.
+__attribute__((no_sanitize("address", "thread"))) void CopyBytes(const void* address, void* out, std::size_t size) noexcept
+{
+    using Word [[gnu::may_alias, gnu::aligned(1)]] = std::uint64_t;
+    const auto* from = static_cast<const volatile unsigned char*>(address); // volatile: not to become a call of memcpy
+    auto* to = static_cast<volatile unsigned char*>(out);
+    for (; size >= sizeof(Word); size -= sizeof(Word), from += sizeof(Word), to += sizeof(Word))
+    {
+        *reinterpret_cast<volatile Word*>(to) = *reinterpret_cast<const volatile Word*>(from);
+    }
+    for (; size > 0; --size)
+    {
+        *to++ = *from++;
+    }
+}
+
 bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
 {
     if (!IsReadable(reinterpret_cast<std::uintptr_t>(address)))
@@ -87,16 +110,12 @@ bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
     return true;
 }
 
-bool ReadWithinPage(long thread, const void* address, void* out, std::size_t size) noexcept
+bool ReadWithinPage(const void* address, void* out, std::size_t size) noexcept
 {
-    if (IsPermanentMemory(reinterpret_cast<std::uintptr_t>(address), size) && CopyAfterProbe(address, out, size))
-    {
-        return true;
-    }
     CopyResult result = CopyResult::NOT_AVAILABLE;
     if (!gDirectCopyRefused.load(std::memory_order_relaxed))
     {
-        result = CopyDirectly(thread, address, out, size);
+        result = CopyDirectly(address, out, size);
     }
     if (result == CopyResult::NOT_AVAILABLE)
     {
@@ -118,46 +137,19 @@ std::size_t PieceSize(std::uintptr_t address, std::size_t size) noexcept
 
 } // namespace
 
-bool IsReadable(std::uintptr_t address) noexcept
-{
-    constexpr long kInvalidOperation = -1;
-    const std::uintptr_t set = address & ~(kSignalSetSize - 1); // stays in the page
-    return SystemCall(SYS_rt_sigprocmask, kInvalidOperation, static_cast<long>(set), 0, kSignalSetSize) == -EINVAL;
-}
-
-__attribute__((no_sanitize("address", "thread"))) void CopyBytes(const void* address, void* out, std::size_t size) noexcept
-{
-    using Word [[gnu::may_alias, gnu::aligned(1)]] = std::uint64_t;
-    const auto* from = static_cast<const volatile unsigned char*>(address); // volatile: not to become a call of memcpy
-    auto* to = static_cast<volatile unsigned char*>(out);
-    for (; size >= sizeof(Word); size -= sizeof(Word), from += sizeof(Word), to += sizeof(Word))
-    {
-        *reinterpret_cast<volatile Word*>(to) = *reinterpret_cast<const volatile Word*>(from);
-    }
-    for (; size > 0; --size)
-    {
-        *to++ = *from++;
-    }
-}
-
 bool ReadMemory(const void* address, void* out, std::size_t size) noexcept
-{
-    return ReadMemory(CurrentThread(), address, out, size);
-}
-
-bool ReadMemory(long thread, const void* address, void* out, std::size_t size) noexcept
 {
     const auto start = reinterpret_cast<std::uintptr_t>(address);
     const bool spansPages = PieceSize(start, size) < size;
-    if (spansPages && !gDirectCopyRefused.load(std::memory_order_relaxed) && !IsPermanentMemory(start, size) &&
-        CopyDirectly(thread, address, out, size) == CopyResult::COPIED)
+    if (spansPages && !gDirectCopyRefused.load(std::memory_order_relaxed) &&
+        CopyDirectly(address, out, size) == CopyResult::COPIED)
     {
         return true;
     }
     for (std::size_t done = 0; done < size;)
     {
         const std::size_t piece = PieceSize(start + done, size - done);
-        if (!ReadWithinPage(thread, reinterpret_cast<const void*>(start + done), static_cast<unsigned char*>(out) + done,
+        if (!ReadWithinPage(reinterpret_cast<const void*>(start + done), static_cast<unsigned char*>(out) + done,
                             piece))
         {
             return false;
@@ -169,12 +161,11 @@ bool ReadMemory(long thread, const void* address, void* out, std::size_t size) n
 
 void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, std::size_t size) noexcept
 {
-    const long thread = CurrentThread();
     const auto start = reinterpret_cast<std::uintptr_t>(address);
     for (std::size_t done = 0; done < size;)
     {
         const std::size_t piece = PieceSize(start + done, size - done);
-        const bool copied = ReadWithinPage(thread, reinterpret_cast<const void*>(start + done), out + done, piece);
+        const bool copied = ReadWithinPage(reinterpret_cast<const void*>(start + done), out + done, piece);
         if (!copied)
         {
             std::memset(out + done, 0, piece);

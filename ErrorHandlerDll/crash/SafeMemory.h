@@ -18,22 +18,11 @@ inline constexpr std::size_t kPageSize = 4096;
 //   signals async-signal-safe
 bool ReadMemory(const void* address, void* out, std::size_t size) noexcept;
 
-// The same for those who read often and know their thread's id: to ask for it is a system call, too.
-bool ReadMemory(long thread, const void* address, void* out, std::size_t size) noexcept;
-
 // Copies what can be read of the `size` bytes at `address`, and says for each byte whether it could be.
 //   out       unreadable bytes become 0
 //   readable  `size` flags
 //   signals   async-signal-safe
 void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, std::size_t size) noexcept;
-
-// Whether the byte at `address` can be read, at this moment.
-//   signals async-signal-safe
-bool IsReadable(std::uintptr_t address) noexcept;
-
-// Copies what is known to be readable, out of the sanitizers' sight: they would report what the program has freed, and the
-// gaps between its objects.
-void CopyBytes(const void* address, void* out, std::size_t size) noexcept;
 
 } // namespace Crash
 

@@ -1,5 +1,6 @@
 #include "ErrorHandlerDll/crash/SymbolTable.h"
 
+#include <algorithm>
 #include <elf.h>
 
 namespace Crash
@@ -82,10 +83,14 @@ bool ReadGnuRange(MemoryReader& reader, std::uintptr_t table, Range& range) noex
     const std::uintptr_t buckets = table + sizeof(header) + header.filterSize * sizeof(std::uint64_t);
     const std::uintptr_t chains = buckets + header.bucketCount * sizeof(std::uint32_t);
     std::uint32_t last = 0;
-    if (!reader.ReadTable<std::uint32_t>(buckets, header.bucketCount,
-                                         [&](std::uint32_t first) { last = first > last ? first : last; }))
+    for (std::uint32_t i = 0; i < header.bucketCount; ++i)
     {
-        return false;
+        std::uint32_t first;
+        if (!reader.Read(buckets + i * sizeof(first), first))
+        {
+            return false;
+        }
+        last = std::max(first, last);
     }
     range = {header.symbolOffset, header.symbolOffset};
     if (last < header.symbolOffset)
@@ -152,43 +157,33 @@ bool Covers(const Elf64_Sym& symbol, std::uintptr_t offset) noexcept
            ((isPoint && offset == symbol.st_value) || offset < symbol.st_value + symbol.st_size);
 }
 
-// The best matches so far, while the symbols pass by.
-void Look(const Elf64_Sym& symbol, const Tables& tables, std::uintptr_t loadAddress,
-          std::span<SymbolSearch> searches) noexcept
-{
-    if (!IsAddress(symbol))
-    {
-        return;
-    }
-    const std::uintptr_t start = loadAddress + symbol.st_value;
-    for (SymbolSearch& search : searches)
-    {
-        const bool isBetter = search.symbol.name == 0 || start > search.symbol.start;
-        if (Covers(symbol, search.address - loadAddress) && isBetter && symbol.st_name < tables.stringsSize &&
-            (tables.gnuHash != 0 || IsVisible(symbol)))
-        {
-            search.symbol = {tables.strings + symbol.st_name, start};
-        }
-    }
-}
-
 } // namespace
 
-void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch> searches) noexcept
+Symbol FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
 {
-    for (SymbolSearch& search : searches)
-    {
-        search.searchedIn = object.module;
-        search.symbol = {};
-    }
+    Symbol best;
     Tables tables;
     Range range;
-    if (ReadTables(reader, object, tables) && ReadRange(reader, tables, range))
+    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
     {
-        reader.ReadTable<Elf64_Sym>(tables.symbols + range.first * sizeof(Elf64_Sym), range.end - range.first,
-                                    [&](const Elf64_Sym& symbol)
-                                    { Look(symbol, tables, object.module.loadAddress, searches); });
+        return best;
     }
+    const std::uintptr_t loadAddress = object.module.loadAddress;
+    for (std::uintptr_t i = range.first; i < range.end; ++i)
+    {
+        Elf64_Sym symbol;
+        if (!reader.Read(tables.symbols + i * sizeof(symbol), symbol))
+        {
+            break;
+        }
+        const std::uintptr_t start = loadAddress + symbol.st_value;
+        if (IsAddress(symbol) && Covers(symbol, address - loadAddress) && (best.name == 0 || start > best.start) &&
+            symbol.st_name < tables.stringsSize && (tables.gnuHash != 0 || IsVisible(symbol)))
+        {
+            best = {tables.strings + symbol.st_name, start};
+        }
+    }
+    return best;
 }
 
 } // namespace Crash

@@ -6,7 +6,6 @@
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 
 #include <cstdint>
-#include <span>
 
 namespace Crash
 {
@@ -17,18 +16,10 @@ struct Symbol
     std::uintptr_t start = 0;
 };
 
-// What to find, and what was found.
-struct SymbolSearch
-{
-    std::uintptr_t address = 0;
-    Module searchedIn = {}; // the object that was searched
-    Symbol symbol;
-};
-
-// Finds the symbols that cover the addresses, all of which lie in the object, in one pass over its table; of several symbols
-// the one that starts last.
+// Finds the symbol that covers the address, which lies in the object; of several the one that starts last. Its name is 0 when
+// there is none.
 //   signals async-signal-safe
-void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch> searches) noexcept;
+Symbol FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept;
 
 } // namespace Crash
 

@@ -26,11 +26,6 @@ inline long ToArgument(const void* pointer) noexcept
     return reinterpret_cast<long>(pointer);
 }
 
-inline long CurrentThread() noexcept
-{
-    return SystemCall(SYS_gettid, 0);
-}
-
 } // namespace Crash
 
 #endif
