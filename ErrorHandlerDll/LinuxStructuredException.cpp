@@ -232,11 +232,12 @@ void StructuredException::GenerateCallStack()
         {
             LogLine("  Call stack:");
             Print("Call stack");
-            Crash::MemoryReader reader;
-            for (std::int64_t i = 0; i < m_stackFrameCount; ++i)
+            const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
+            Crash::FrameTexts texts({m_stackFrames, count});
+            for (std::size_t i = 0; i < count; ++i)
             {
                 char line[kFrameLineSize];
-                Crash::FormatFrame(reader, m_stackFrames[i], line, sizeof line);
+                texts.Format(i, line, sizeof line);
                 PrintAndLog(line, kCallStackIndent);
             }
         },

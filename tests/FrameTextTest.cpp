@@ -38,9 +38,10 @@ std::string PlatformText(void* address)
 std::string OurText(const void* address)
 {
     char text[4096];
-    Crash::MemoryReader reader;
     errno = ERANGE;
-    const int length = Crash::FormatFrame(reader, address, text, sizeof(text));
+    void* const frame = const_cast<void*>(address);
+    Crash::FrameTexts texts({&frame, 1});
+    const int length = texts.Format(0, text, sizeof(text));
     EXPECT_EQ(errno, ERANGE);
     EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
     return text;
@@ -94,8 +95,18 @@ TEST(FrameText, EqualsBacktraceSymbols)
     EXPECT_NE(OurText(onlySymbol).find("(PluginEntry+0)"), std::string::npos);
     dlclose(library);
     const std::vector<void*> addresses = AddressesOfAllKinds();
-    for (void* address : addresses)
-        EXPECT_EQ(OurText(address), PlatformText(address));
+    for (std::size_t at = 0; at < addresses.size(); at += Crash::FrameTexts::kMostFrames)
+    {
+        const auto frames = std::span(addresses).subspan(at).first(
+            std::min(addresses.size() - at, Crash::FrameTexts::kMostFrames));
+        Crash::FrameTexts texts(frames);
+        for (std::size_t i = 0; i < frames.size(); ++i)
+        {
+            char text[4096];
+            texts.Format(i, text, sizeof text);
+            EXPECT_EQ(text, PlatformText(frames[i]));
+        }
+    }
 }
 
 TEST(FrameText, KeepsOffsetAndAddressWhenCut)
@@ -107,8 +118,9 @@ TEST(FrameText, KeepsOffsetAndAddressWhenCut)
     for (int size = 0; size < 100; ++size)
     {
         text[size] = '!';
-        Crash::MemoryReader reader;
-        const int length = Crash::FormatFrame(reader, address, text, size);
+        void* const frame = address;
+        Crash::FrameTexts texts({&frame, 1});
+        const int length = texts.Format(0, text, size);
         EXPECT_EQ(text[size], '!') << size;
         EXPECT_EQ(length, size == 0 ? 0 : static_cast<int>(std::strlen(text))) << size;
         if (static_cast<std::size_t>(size) > tail.size() + 2 && static_cast<std::size_t>(length) < whole.size())

@@ -10,7 +10,7 @@ namespace Crash
 namespace
 {
 
-constexpr std::size_t kStackSize = std::size_t{128} * 1024; // pages that no dump reaches cost nothing
+constexpr std::size_t kStackSize = std::size_t{256} * 1024; // pages that no dump reaches cost nothing
 constexpr int kStackCount = 2;                              // one dump at a time, and one that could not wait for it
 
 struct DumpStack

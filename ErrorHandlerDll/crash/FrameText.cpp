@@ -1,9 +1,6 @@
 #include "ErrorHandlerDll/crash/FrameText.h"
 
-#include "ErrorHandlerDll/crash/ElfObject.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
-#include "ErrorHandlerDll/crash/SymbolTable.h"
-
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -98,11 +95,11 @@ bool HasText(MemoryReader& reader, std::uintptr_t address) noexcept
     return reader.Read(address, first) && first != '\0';
 }
 
-void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
+void AppendInObject(Text& text, MemoryReader& reader, const Module& module, const Symbol& symbol,
+                    std::uintptr_t address) noexcept
 {
-    const Symbol symbol = FindSymbol(reader, object, address);
     const bool hasSymbol = symbol.name != 0;
-    const std::uintptr_t origin = hasSymbol ? symbol.start : object.module.loadAddress;
+    const std::uintptr_t origin = hasSymbol ? symbol.start : module.loadAddress;
 
     char tailBuffer[kTailSize];
     Text tail(tailBuffer, sizeof(tailBuffer));
@@ -113,7 +110,7 @@ void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, s
     tail.Append(") ");
     AppendAddress(tail, address);
 
-    text.AppendFrom(reader, FindPath(object.module), tail.Length() + 1);
+    text.AppendFrom(reader, FindPath(module), tail.Length() + 1);
     text.Append("(");
     if (hasSymbol)
     {
@@ -124,22 +121,58 @@ void AppendInObject(Text& text, MemoryReader& reader, const ElfObject& object, s
 
 } // namespace
 
-int FormatFrame(MemoryReader& reader, const void* frame, char* out, int size) noexcept
+FrameTexts::FrameTexts(std::span<void* const> frames) noexcept : m_count(std::min(frames.size(), kMostFrames))
+{
+    for (std::size_t i = 0; i < m_count; ++i)
+    {
+        m_frames[i].search.address = reinterpret_cast<std::uintptr_t>(frames[i]);
+    }
+    for (std::size_t i = 0; i < m_count; ++i)
+    {
+        if (!m_frames[i].isInObject)
+        {
+            LookUp(i);
+        }
+    }
+}
+
+// Finds the object of the frame, and the symbols of all frames that lie in it, too.
+void FrameTexts::LookUp(std::size_t index) noexcept
+{
+    ElfObject object;
+    if (!FindObject(m_reader, m_frames[index].search.address, object) || !HasText(m_reader, FindPath(object.module)))
+    {
+        return;
+    }
+    SymbolSearch* searches[kMostFrames];
+    std::size_t count = 0;
+    for (Frame* frame = m_frames + index; frame != m_frames + m_count; ++frame)
+    {
+        if (object.Contains(frame->search.address))
+        {
+            frame->isInObject = true;
+            frame->module = object.module;
+            searches[count++] = &frame->search;
+        }
+    }
+    FindSymbols(m_reader, object, {searches, count});
+}
+
+int FrameTexts::Format(std::size_t index, char* out, int size) noexcept
 {
     if (size <= 0)
     {
         return 0;
     }
-    const auto address = reinterpret_cast<std::uintptr_t>(frame);
+    const Frame& frame = m_frames[index];
     Text text(out, static_cast<std::size_t>(size));
-    ElfObject object;
-    if (FindObject(reader, address, object) && HasText(reader, FindPath(object.module)))
+    if (frame.isInObject)
     {
-        AppendInObject(text, reader, object, address);
+        AppendInObject(text, m_reader, frame.module, frame.search.symbol, frame.search.address);
     }
     else
     {
-        AppendAddress(text, address);
+        AppendAddress(text, frame.search.address);
     }
     return static_cast<int>(text.Length());
 }

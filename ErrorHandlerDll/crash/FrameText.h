@@ -2,18 +2,46 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 #define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 
+#include "ErrorHandlerDll/crash/ElfObject.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/crash/SymbolTable.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
 
 namespace Crash
 {
 
-// Writes the text of the return address `frame`: "path(symbol+0x1f) [0x401b3f]", "path(+0x1b3f) [0x401b3f]",
-// "path() [0x401b3f]" or "[0x401b3f]".
-//   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address
-//   returns the length of the text; it is always terminated (size > 0)
-//   reader  for all frames of a stack the same one: most of them lie in a few objects
-//   signals async-signal-safe; about 1 KiB of stack
-int FormatFrame(MemoryReader& reader, const void* frame, char* out, int size) noexcept;
+class FrameTexts
+{
+public:
+    static constexpr std::size_t kMostFrames = 100;
+
+    // Looks all return addresses up at once, each object's symbols in one pass.
+    explicit FrameTexts(std::span<void* const> frames) noexcept;
+
+    // Writes the text of a frame: "path(symbol+0x1f) [0x401b3f]", "path(+0x1b3f) [0x401b3f]", "path() [0x401b3f]" or
+    // "[0x401b3f]".
+    //   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address
+    //   returns the length of the text; it is always terminated (size > 0)
+    //   signals async-signal-safe
+    int Format(std::size_t index, char* out, int size) noexcept;
+
+private:
+    struct Frame
+    {
+        SymbolSearch search;
+        Module module;
+        bool isInObject = false;
+    };
+
+    void LookUp(std::size_t index) noexcept;
+
+    MemoryReader m_reader;
+    std::size_t m_count;
+    Frame m_frames[kMostFrames];
+};
 
 } // namespace Crash
 

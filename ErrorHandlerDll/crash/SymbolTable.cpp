@@ -157,33 +157,37 @@ bool Covers(const Elf64_Sym& symbol, std::uintptr_t offset) noexcept
            ((isPoint && offset == symbol.st_value) || offset < symbol.st_value + symbol.st_size);
 }
 
-} // namespace
-
-Symbol FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept
+// The best matches so far, while the symbols pass by.
+void Look(const Elf64_Sym& symbol, const Tables& tables, std::uintptr_t loadAddress,
+          std::span<SymbolSearch* const> searches) noexcept
 {
-    Symbol best;
-    Tables tables;
-    Range range;
-    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
+    const std::uintptr_t start = loadAddress + symbol.st_value;
+    for (SymbolSearch* const search : searches)
     {
-        return best;
-    }
-    const std::uintptr_t loadAddress = object.module.loadAddress;
-    for (std::uintptr_t i = range.first; i < range.end; ++i)
-    {
-        Elf64_Sym symbol;
-        if (!reader.Read(tables.symbols + i * sizeof(symbol), symbol))
-        {
-            break;
-        }
-        const std::uintptr_t start = loadAddress + symbol.st_value;
-        if (IsAddress(symbol) && Covers(symbol, address - loadAddress) && (best.name == 0 || start > best.start) &&
+        Symbol& best = search->symbol;
+        if (Covers(symbol, search->address - loadAddress) && (best.name == 0 || start > best.start) && IsAddress(symbol) &&
             symbol.st_name < tables.stringsSize && (tables.gnuHash != 0 || IsVisible(symbol)))
         {
             best = {tables.strings + symbol.st_name, start};
         }
     }
-    return best;
+}
+
+} // namespace
+
+void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch* const> searches) noexcept
+{
+    Tables tables;
+    Range range;
+    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
+    {
+        return;
+    }
+    Elf64_Sym symbol;
+    for (std::uintptr_t i = range.first; i < range.end && reader.Read(tables.symbols + i * sizeof(symbol), symbol); ++i)
+    {
+        Look(symbol, tables, object.module.loadAddress, searches);
+    }
 }
 
 } // namespace Crash

@@ -6,6 +6,7 @@
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 
 #include <cstdint>
+#include <span>
 
 namespace Crash
 {
@@ -16,10 +17,17 @@ struct Symbol
     std::uintptr_t start = 0;
 };
 
-// Finds the symbol that covers the address, which lies in the object; of several the one that starts last. Its name is 0 when
-// there is none.
+// What to find, and what was found.
+struct SymbolSearch
+{
+    std::uintptr_t address = 0;
+    Symbol symbol;
+};
+
+// Finds the symbols that cover the addresses, all of which lie in the object, in one pass over its table; of several symbols
+// the one that starts last.
 //   signals async-signal-safe
-Symbol FindSymbol(MemoryReader& reader, const ElfObject& object, std::uintptr_t address) noexcept;
+void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch* const> searches) noexcept;
 
 } // namespace Crash
 
