@@ -143,9 +143,8 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
             }
             if (isBeyondHelp)
             {
-                Crash::DumpScope::RecoverHeldLines();
                 Print(kFaultInDump);
-                Crash::DumpScope::WriteHeldLines();
+                Crash::DumpScope::WriteLines();
                 return;
             }
             RunPart([&] { m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames); });
@@ -206,15 +205,15 @@ void StructuredException::DumpExceptionContext(const char* functionName)
 
             FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
             PrintAndLog(line);
-            Crash::DumpScope::WriteHeldLines();
+            Crash::DumpScope::WriteLines();
 
             Print("GenerateCallStack...");
             RunPart([this] { GenerateCallStack(); });
             Print("Finished GenerateCallStack");
-            Crash::DumpScope::WriteHeldLines();
+            Crash::DumpScope::WriteLines();
 
             RunPart([this] { DumpRegisters(m_context); });
-            Crash::DumpScope::WriteHeldLines();
+            Crash::DumpScope::WriteLines();
 
             LogLine("");
             Print("GenerateModuleAddresses...");

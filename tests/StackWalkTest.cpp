@@ -233,7 +233,7 @@ void StepOnAlternateStack(unsigned char* memory, std::size_t size)
 TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
 {
     // Above the stack of the thread, where the caller of the trampoline is found further down, and below.
-    unsigned char above[65536];
+    unsigned char above[std::size_t{512} * 1024];
     const auto below = std::make_unique<unsigned char[]>(sizeof(above));
     for (unsigned char* memory : {above, below.get()})
     {

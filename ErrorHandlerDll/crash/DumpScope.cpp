@@ -54,24 +54,23 @@ DumpScope::DumpScope() noexcept : m_isOutermost(sDepth++ == 0)
         }
         if (m_hasLog)
         {
-            gFileLogger.HoldLines();
+            gFileLogger.BufferDump(true);
         }
     }
 }
 
 DumpScope::~DumpScope()
 {
-    if (m_isOutermost)
-    {
-        ReleaseLines();
-    }
+    WriteLines();
     --sDepth;
     if (m_hasLog)
     {
+        gFileLogger.BufferDump(false);
         gFileLogger.LeaveCriticalSection();
     }
     if (m_hasDumpSection)
     {
+        StandardOutput::ReleaseLines();
         ZelvoWinAPI::LeaveCriticalSection(&gDumpSection);
     }
     if (m_isOutermost)
@@ -81,35 +80,13 @@ DumpScope::~DumpScope()
     }
 }
 
-void DumpScope::ReleaseLines() const noexcept
-{
-    if (m_hasLog)
-    {
-        gFileLogger.ReleaseLines();
-    }
-    if (m_hasDumpSection)
-    {
-        StandardOutput::ReleaseLines();
-    }
-}
-
-void DumpScope::WriteHeldLines() noexcept
+void DumpScope::WriteLines() noexcept
 {
     if (sOutermost != nullptr && sOutermost->m_hasLog)
     {
-        gFileLogger.WriteHeldLines();
+        gFileLogger.FlushLogFile();
     }
-    StandardOutput::WriteHeldLines();
-}
-
-void DumpScope::RecoverHeldLines() noexcept
-{
-    if (sOutermost != nullptr && sOutermost->m_hasLog)
-    {
-        gFileLogger.RecoverHeldLines();
-    }
-    StandardOutput::RecoverHeldLines();
-    WriteHeldLines();
+    StandardOutput::WriteLines();
 }
 
 // A handler that ends the process, or dumps itself, would cut the dump.
@@ -154,7 +131,7 @@ void DumpScope::AfterForkInChild() noexcept
         return;
     }
     ZelvoWinAPI::InitializeCriticalSection(&gDumpSection); // its owner is no thread of the child
-    StandardOutput::ForgetHeldLines();
+    StandardOutput::Forget();
     FreeDumpStacks();
 }
 
@@ -187,7 +164,8 @@ void DumpScope::Place::Restore() const noexcept
     sDepth = m_dumpDepth;
     QV::EmergencyScope::RestoreDepth(m_emergencyDepth);
     gFileLogger.RestoreSectionDepth(m_sectionDepth);
-    RecoverHeldLines();
+    StandardOutput::Recover();
+    WriteLines();
 }
 
 } // namespace Crash

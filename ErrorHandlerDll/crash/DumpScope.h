@@ -61,11 +61,8 @@ public:
         return true;
     }
 
-    // Writes the lines that this thread's dump holds back: at the end of each part, for who knows whether there is another.
-    static void WriteHeldLines() noexcept;
-
-    // The same after a fault in the dump, in the midst of which it is not known.
-    static void RecoverHeldLines() noexcept;
+    // Writes the lines of this thread's dump that wait: at the end of each part, for who knows whether there is another.
+    static void WriteLines() noexcept;
 
     // Whether the signal says that the thread which gets it has faulted. Others may arrive in the midst of a dump, too.
     static bool IsFault(int signal) noexcept;
@@ -103,7 +100,6 @@ private:
         unsigned int m_sectionDepth;
     };
 
-    void ReleaseLines() const noexcept;
     void HoldBackSignals() noexcept;
     void ReleaseSignals() noexcept;
 

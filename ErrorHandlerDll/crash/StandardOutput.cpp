@@ -1,7 +1,6 @@
 #include "ErrorHandlerDll/crash/StandardOutput.h"
 
 #include "ErrorHandlerDll/logging/FileLogger.h"
-#include "ErrorHandlerDll/logging/HeldLines.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
@@ -27,7 +26,10 @@ constinit std::atomic<bool> gIsGivenUp = false;
 constinit std::atomic<bool> gMayBlock = true;
 constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
 
-constinit HeldLines gHeldLines;
+// Lines that wait. What a pipe takes in one piece.
+constinit char gLines[PIPE_BUF] = {};
+constinit std::size_t gLinesEnd = 0;
+constinit std::atomic<bool> gAreLinesInUse = false; // a watchdog's handler that dumps may interrupt the dump
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool tHoldsLines = false;
 
 // A pipe that is ready takes this many bytes without blocking.
@@ -144,32 +146,53 @@ void HoldLines() noexcept
     tHoldsLines = true;
 }
 
-void WriteHeldLines() noexcept
+void WriteLines() noexcept
 {
-    if (tHoldsLines)
+    if (tHoldsLines && !gAreLinesInUse.exchange(true))
     {
-        gHeldLines.Take([](std::string_view lines) { return WriteSome(GetDescriptor(), lines); });
+        const std::size_t length = gLinesEnd;
+        gLinesEnd = 0; // first: a jump out of here must not write them again
+        Write(GetDescriptor(), {gLines, length});
+        gAreLinesInUse.store(false);
     }
 }
 
 void ReleaseLines() noexcept
 {
-    WriteHeldLines();
     tHoldsLines = false;
 }
 
-void RecoverHeldLines() noexcept
+void Recover() noexcept
 {
     if (tHoldsLines)
     {
-        gHeldLines.Recover();
+        gAreLinesInUse.store(false);
     }
 }
 
-void ForgetHeldLines() noexcept
+void Forget() noexcept
 {
-    gHeldLines.Forget();
+    gLinesEnd = 0;
+    gAreLinesInUse.store(false);
 }
+
+namespace
+{
+
+bool Hold(std::string_view line) noexcept
+{
+    if (line.size() >= sizeof gLines - gLinesEnd || gAreLinesInUse.exchange(true))
+    {
+        return false;
+    }
+    line.copy(gLines + gLinesEnd, line.size());
+    gLines[gLinesEnd + line.size()] = '\n';
+    gLinesEnd += line.size() + 1;
+    gAreLinesInUse.store(false);
+    return true;
+}
+
+} // namespace
 
 void PrintLine(std::string_view line) noexcept
 {
@@ -184,8 +207,7 @@ void PrintLine(std::string_view line) noexcept
         }
         return;
     }
-    const std::string_view parts[] = {line, "\n"};
-    if (tHoldsLines && gHeldLines.Hold(parts, [=](std::string_view lines) { return WriteSome(descriptor, lines); }))
+    if (tHoldsLines && (Hold(line) || (WriteLines(), Hold(line))))
     {
         return;
     }

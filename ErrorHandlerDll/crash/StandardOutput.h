@@ -14,10 +14,10 @@ void Prepare() noexcept;
 // From here to ReleaseLines the lines of this thread wait for each other, so that many of them go out with one write. One
 // thread at a time.
 void HoldLines() noexcept;
-void WriteHeldLines() noexcept;
+void WriteLines() noexcept;
 void ReleaseLines() noexcept;
-void RecoverHeldLines() noexcept; // after a fault in the midst of one
-void ForgetHeldLines() noexcept;  // in a forked child: they are another thread's, which the child does not have
+void Recover() noexcept; // after a fault in the midst of one
+void Forget() noexcept;  // in a forked child: they are another thread's, which the child does not have
 
 // Writes the text and a line feed, or holds them back. A reader that does not read is waited for half a second in the life
 // of the process; after that standard output is given up.

@@ -33,7 +33,6 @@ void FileLogger::Retire()
         if (!m_file.IsFlushing()) // else that thread is writing it, however slowly
         {
             m_file.FlushInEmergency();
-            m_file.WriteHeldLines();
         }
         return;
     }
@@ -123,12 +122,6 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->reserved = m_reserved;
 }
 
-void FileLogger::ReleaseLines()
-{
-    m_holdsLines.store(false, std::memory_order_relaxed);
-    m_file.WriteHeldLines();
-}
-
 void FileLogger::RestoreSectionDepth(unsigned int depth)
 {
     if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
@@ -148,7 +141,6 @@ void FileLogger::BeforeFork()
     if (m_busy.load(std::memory_order_relaxed))
     {
         PrepareInEmergency(Interrupted::GOES_ON);
-        m_file.WriteHeldLines();
     }
     else
     {
@@ -166,7 +158,7 @@ void FileLogger::AfterForkInParent()
 
 void FileLogger::AfterForkInChild()
 {
-    m_holdsLines.store(false, std::memory_order_relaxed); // a dump does not go on in the child
+    BufferDump(false); // a dump does not go on in the child
     if (!m_busy.load(std::memory_order_relaxed))
     {
         m_file.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
@@ -179,7 +171,6 @@ void FileLogger::AfterForkInChild()
     else
     {
         ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection); // its owner is no thread of the child
-        m_file.ForgetHeldLines();
     }
 }
 
@@ -206,7 +197,6 @@ void FileLogger::FlushLogFile()
     if (QV::EmergencyScope::IsActive())
     {
         m_file.FlushInEmergency();
-        m_file.WriteHeldLines();
         return;
     }
     const BusyScope busy(m_busy);
@@ -259,10 +249,24 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     {
         return false;
     }
-    const bool holdsBack = m_holdsLines.load(std::memory_order_relaxed) &&
-                           ZelvoWinAPI::IsInCriticalSection(&m_criticalSection); // one without the section does not wait
-    m_file.WriteInEmergency(parts, holdsBack);
+    if (char* place = MayBuffer() ? m_file.Reserve(m_currentLineLength) : nullptr)
+    {
+        for (const std::string_view part : parts)
+        {
+            place += part.copy(place, part.size());
+        }
+        m_file.Commit(m_currentLineLength);
+        return true;
+    }
+    m_file.WritePastBuffer(parts);
     return true;
+}
+
+// Only a dump that has the section, and that has not interrupted this thread in the middle of something.
+bool FileLogger::MayBuffer() const
+{
+    return m_buffersDump.load(std::memory_order_relaxed) && !m_busy.load(std::memory_order_relaxed) &&
+           ZelvoWinAPI::IsInCriticalSection(&m_criticalSection);
 }
 
 bool FileLogger::PrepareInEmergency(Interrupted interrupted)
@@ -276,7 +280,10 @@ bool FileLogger::PrepareInEmergency(Interrupted interrupted)
         }
         return IsLogFileOpen();
     }
-    m_file.FlushInEmergency();
+    if (!MayBuffer())
+    {
+        m_file.FlushInEmergency();
+    }
     m_logFileName.Remeasure(); // the interrupted code may have been replacing it
     if (m_logFileName.GetLength() >= PATH_MAX)
     {

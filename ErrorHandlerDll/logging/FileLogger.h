@@ -67,12 +67,9 @@ public:
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
-    // Lets the lines of a dump wait for each other, so that many of them go out with one write. The caller holds the section
-    // from here to ReleaseLines; its lines are in the file when WriteHeldLines or ReleaseLines returns. Async-signal-safe.
-    void HoldLines() { m_holdsLines.store(true, std::memory_order_relaxed); }
-    void WriteHeldLines() { m_file.WriteHeldLines(); }
-    void ReleaseLines();
-    void RecoverHeldLines() { m_file.RecoverHeldLines(); } // after a fault in the midst of one
+    // Whether the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one write. The caller
+    // holds the section meanwhile.
+    void BufferDump(bool buffers) { m_buffersDump.store(buffers, std::memory_order_relaxed); }
 
     // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
     void ForgetStrategy() { m_strategy.store(nullptr, std::memory_order_relaxed); }
@@ -112,7 +109,7 @@ private:
     void CountLine();
     bool PrepareOutputSource();
 
-    // A line past the buffer, straight to the disk; async-signal-safe, whatever this or another thread was doing in the
+    // A line straight to the disk, or into the buffer (BufferDump); async-signal-safe, whatever this or another thread was doing in the
     // logger.
     enum class Interrupted
     {
@@ -121,6 +118,7 @@ private:
     };
     bool WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted);
     bool PrepareInEmergency(Interrupted interrupted);
+    bool MayBuffer() const;
     void DeleteStrategy();
 
     void Disable();
@@ -141,7 +139,7 @@ private:
     std::size_t m_currentLineLength = 0;
     std::atomic<FileLoggerStrategy*> m_strategy{nullptr}; // owned
     LineClock m_clock;
-    std::atomic<bool> m_holdsLines{false};
+    std::atomic<bool> m_buffersDump{false};
     std::atomic<bool> m_busy{false};    // the section's owner is in the middle of something
     std::atomic<bool> m_retired{false}; // read by threads that come too late, guarded by the section
 };

@@ -24,7 +24,6 @@ void LogFile::Open(const char* name, std::string_view mode)
 
 void LogFile::Close()
 {
-    WriteHeldLines();
     Flush();
     if (IsOpen() && m_used > 0)
     {
@@ -234,33 +233,9 @@ void LogFile::FlushInEmergency()
     m_flushing.store(false, std::memory_order_release);
 }
 
-void LogFile::WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack)
-{
-    if (!holdsBack || !m_heldLines.Hold(parts, [this](std::string_view lines) { return WritePiece(lines); }))
-    {
-        WriteHeldLines();
-        WritePastBuffer(parts);
-    }
-}
-
-void LogFile::WriteHeldLines()
-{
-    m_heldLines.Take([this](std::string_view lines) { return WritePiece(lines); });
-}
-
-std::ptrdiff_t LogFile::WritePiece(std::string_view lines)
-{
-    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
-    std::ptrdiff_t count = 0;
-    do
-    {
-        count = ZelvoWinAPI::WriteFile(m_descriptor, lines.data(), lines.size());
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
-
 void LogFile::WritePastBuffer(const std::string_view (&parts)[kMaxParts])
 {
+    FlushInEmergency();
     iovec pieces[kMaxParts];
     std::size_t left = 0;
     for (int i = 0; i < kMaxParts; ++i)
@@ -268,7 +243,7 @@ void LogFile::WritePastBuffer(const std::string_view (&parts)[kMaxParts])
         pieces[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
         left += parts[i].size();
     }
-    m_bufferPosition = kUnknownPosition;
+    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
     iovec* piece = pieces;
     while (left > 0)
     {

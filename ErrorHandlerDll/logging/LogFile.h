@@ -7,8 +7,6 @@
 #ifndef ERRORHANDLERDLL_LOGGING_LOGFILE_H
 #define ERRORHANDLERDLL_LOGGING_LOGFILE_H
 
-#include "ErrorHandlerDll/logging/HeldLines.h"
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -70,11 +68,9 @@ public:
     // Writes what is buffered and not yet in the file, once. A flush that was interrupted must not go on afterwards.
     void FlushInEmergency();
 
-    // Writes a line of several parts at once, past the buffer; or holds it back, together with others, for WriteHeldLines.
+    // Writes a line of several parts at once, past the buffer and behind what is in it.
     static constexpr int kMaxParts = 4;
-    void WriteInEmergency(const std::string_view (&parts)[kMaxParts], bool holdsBack);
-    void WriteHeldLines();
-    void RecoverHeldLines() { m_heldLines.Recover(); }
+    void WritePastBuffer(const std::string_view (&parts)[kMaxParts]);
 
     // In a forked child, for which the parent writes them.
     void ForgetBuffer()
@@ -82,14 +78,11 @@ public:
         m_used.store(0, std::memory_order_release);
         m_written.store(0, std::memory_order_release);
     }
-    void ForgetHeldLines() { m_heldLines.Forget(); }
 
 private:
     static constexpr std::int64_t kUnknownPosition = -1;
 
     char* ReserveAfterFlush(std::size_t length);
-    std::ptrdiff_t WritePiece(std::string_view lines);
-    void WritePastBuffer(const std::string_view (&parts)[kMaxParts]);
     bool WriteBuffered(std::size_t written, std::size_t used);
     std::size_t WrittenSoFar(std::size_t used) const;
     bool FileHoldsBefore(std::int64_t end, std::string_view text) const;
@@ -104,7 +97,6 @@ private:
     std::atomic<bool> m_flushing{false};   // m_written may be out of date
     std::int64_t m_bufferPosition = 0; // where in the file the first byte of the buffer goes, if nobody else writes to it
     char m_buffer[kBufferSize];
-    HeldLines m_heldLines;
 };
 
 #endif
