@@ -47,6 +47,20 @@ __attribute__((noinline)) int WalkFromHere(void** frames, int capacity)
     return count;
 }
 
+// What a signal handler returns to. A walk that starts there goes on in the context above it.
+constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x00, 0x0f, 0x05};
+
+int WalkFrom(const ucontext_t* context, void** frames, int capacity)
+{
+    void* own[kCapacity + 1];
+    Crash::FrameRegisters trampoline;
+    trampoline.Set(Crash::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
+    trampoline.Set(Crash::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
+    const int count = Crash::WalkStack(trampoline, own, capacity + 1) - 1;
+    std::copy(own + 1, own + 1 + count, frames);
+    return count;
+}
+
 using Walk = int (*)(void**, int);
 const volatile Walk gWalks[2] = {__backtrace, WalkFromHere};
 
@@ -156,7 +170,7 @@ void CompareAtStep(int, siginfo_t*, void* data)
     if (gSteps <= kEveryStep || gSteps % kStride == 0 || jumps)
     {
         CaptureBoth(gInHandler, kCapacity);
-        gInterrupted.count = Crash::WalkStack(context, gInterrupted.frames, kCapacity);
+        gInterrupted.count = WalkFrom(context, gInterrupted.frames, kCapacity);
         const int handlerFrames = 3; // CaptureBoth, this function, the trampoline
         if (!AreEqual(gInHandler[0], gInHandler[1]) || !AreEqual(gInHandler[0], gInterrupted, handlerFrames))
         {
@@ -293,13 +307,13 @@ TEST(StackWalk, EndsOnDamagedStacks)
         context.uc_mcontext.gregs[REG_RSP] =
             static_cast<greg_t>(round % 4 == 0 ? stackPointers[random() % 7] : bottom + random() % 4096 * 8);
         Trace trace;
-        trace.count = Crash::WalkStack(&context, trace.frames, kCapacity);
+        trace.count = WalkFrom(&context, trace.frames, kCapacity);
         ASSERT_GE(trace.count, 1);
         ASSERT_LE(trace.count, kCapacity);
         ASSERT_EQ(trace.frames[0], reinterpret_cast<void*>(context.uc_mcontext.gregs[REG_RIP]));
     }
     Trace none;
-    EXPECT_EQ(Crash::WalkStack(reinterpret_cast<const ucontext_t*>(16), none.frames, kCapacity), 0);
+    EXPECT_EQ(WalkFrom(reinterpret_cast<const ucontext_t*>(16), none.frames, kCapacity), 0);
 }
 
 } // namespace

@@ -19,10 +19,8 @@ enum class Rule : std::uint8_t
     UNCHANGED, // the caller's value is still in the register
     UNDEFINED,
     AT_OFFSET,     // saved at the frame address plus a number
-    OFFSET,        // the frame address plus a number itself
     REGISTER,      // in another register
     AT_EXPRESSION, // saved at the address that an expression gives
-    EXPRESSION,    // the value that an expression gives
 };
 
 // Where the caller's registers are, for one range of instructions. Expressions are kept as the distance of their block from
@@ -36,10 +34,10 @@ struct Row
     std::int32_t frameOperand;
 };
 
+// The instructions that compilers, assemblers and linkers write; the standard's others end the walk by tables.
 enum Instruction : std::uint8_t
 {
     NOP = 0x00,
-    SET_LOC = 0x01,
     ADVANCE_LOC1 = 0x02,
     ADVANCE_LOC2 = 0x03,
     ADVANCE_LOC4 = 0x04,
@@ -56,13 +54,7 @@ enum Instruction : std::uint8_t
     DEF_CFA_EXPRESSION = 0x0f,
     EXPRESSION = 0x10,
     OFFSET_EXTENDED_SF = 0x11,
-    DEF_CFA_SF = 0x12,
-    DEF_CFA_OFFSET_SF = 0x13,
-    VAL_OFFSET = 0x14,
-    VAL_OFFSET_SF = 0x15,
-    VAL_EXPRESSION = 0x16,
     GNU_ARGS_SIZE = 0x2e,
-    GNU_NEGATIVE_OFFSET_EXTENDED = 0x2f,
     // These three hold an operand in the low six bits.
     ADVANCE_LOC = 0x40,
     OFFSET = 0x80,
@@ -155,12 +147,6 @@ private:
         }
     }
 
-    void SetFrame(std::uint64_t number, std::int64_t offset) noexcept
-    {
-        SetFrameRegister(number);
-        SetFrameOffset(offset);
-    }
-
     void SetFrameRegister(std::uint64_t number) noexcept
     {
         m_row.isFrameExpression = false;
@@ -203,16 +189,13 @@ private:
         switch (instruction & 0xc0)
         {
         case ADVANCE_LOC:
-            Advance(operand);
-            break;
+            return Advance(operand);
         case OFFSET:
-            SetRule(operand, Rule::AT_OFFSET, ScaledUnsigned(cursor));
-            break;
+            return SetRule(operand, Rule::AT_OFFSET, ScaledUnsigned(cursor));
         case RESTORE:
-            Restore(operand);
-            break;
+            return Restore(operand);
         default:
-            if (!ExecuteFrame(cursor, instruction) && !ExecuteLocation(cursor, instruction))
+            if (!ExecuteLocation(cursor, instruction) && !ExecuteFrame(cursor, instruction))
             {
                 ExecuteRule(cursor, instruction);
             }
@@ -224,9 +207,6 @@ private:
         switch (instruction)
         {
         case NOP:
-            return true;
-        case SET_LOC:
-            m_location = cursor.TakeEncoded(m_entry.pointerEncoding, m_base);
             return true;
         case ADVANCE_LOC1:
             Advance(cursor.Take<std::uint8_t>());
@@ -253,25 +233,17 @@ private:
 
     bool ExecuteFrame(DwarfCursor& cursor, std::uint8_t instruction) noexcept
     {
-        std::uint64_t number;
         switch (instruction)
         {
         case DEF_CFA:
-            number = cursor.TakeUnsigned();
-            SetFrame(number, static_cast<std::int64_t>(cursor.TakeUnsigned()));
-            return true;
-        case DEF_CFA_SF:
-            number = cursor.TakeUnsigned();
-            SetFrame(number, Scaled(cursor.TakeSigned()));
+            SetFrameRegister(cursor.TakeUnsigned());
+            SetFrameOffset(static_cast<std::int64_t>(cursor.TakeUnsigned()));
             return true;
         case DEF_CFA_REGISTER:
             SetFrameRegister(cursor.TakeUnsigned());
             return true;
         case DEF_CFA_OFFSET:
             SetFrameOffset(static_cast<std::int64_t>(cursor.TakeUnsigned()));
-            return true;
-        case DEF_CFA_OFFSET_SF:
-            SetFrameOffset(Scaled(cursor.TakeSigned()));
             return true;
         case DEF_CFA_EXPRESSION:
             m_row.isFrameExpression = true;
@@ -284,11 +256,6 @@ private:
 
     void ExecuteRule(DwarfCursor& cursor, std::uint8_t instruction) noexcept
     {
-        if (!TakesRegister(instruction))
-        {
-            m_failed = true;
-            return;
-        }
         const std::uint64_t number = cursor.TakeUnsigned();
         switch (instruction)
         {
@@ -296,12 +263,6 @@ private:
             return SetRule(number, Rule::AT_OFFSET, ScaledUnsigned(cursor));
         case OFFSET_EXTENDED_SF:
             return SetRule(number, Rule::AT_OFFSET, Scaled(cursor.TakeSigned()));
-        case GNU_NEGATIVE_OFFSET_EXTENDED:
-            return SetRule(number, Rule::AT_OFFSET, Scaled(static_cast<std::int64_t>(-cursor.TakeUnsigned())));
-        case VAL_OFFSET:
-            return SetRule(number, Rule::OFFSET, ScaledUnsigned(cursor));
-        case VAL_OFFSET_SF:
-            return SetRule(number, Rule::OFFSET, Scaled(cursor.TakeSigned()));
         case UNDEFINED:
             return SetRule(number, Rule::UNDEFINED, 0);
         case SAME_VALUE:
@@ -310,18 +271,11 @@ private:
             return SetRule(number, Rule::REGISTER, static_cast<std::int64_t>(cursor.TakeUnsigned()));
         case EXPRESSION:
             return SetRule(number, Rule::AT_EXPRESSION, TakeBlock(cursor));
-        case VAL_EXPRESSION:
-            return SetRule(number, Rule::EXPRESSION, TakeBlock(cursor));
-        default:
+        case RESTORE_EXTENDED:
             return Restore(number);
+        default:
+            m_failed = true;
         }
-    }
-
-    static bool TakesRegister(std::uint8_t instruction) noexcept
-    {
-        return (instruction >= OFFSET_EXTENDED && instruction <= REGISTER) || instruction == EXPRESSION ||
-               instruction == OFFSET_EXTENDED_SF || (instruction >= VAL_OFFSET && instruction <= VAL_EXPRESSION) ||
-               instruction == GNU_NEGATIVE_OFFSET_EXTENDED;
     }
 
     MemoryReader& m_reader;
@@ -364,20 +318,14 @@ public:
     bool GetCallerValue(unsigned number, std::uint64_t& value) noexcept
     {
         const std::int32_t operand = m_row.operands[number];
-        const std::uint64_t atOffset = m_frame + static_cast<std::uint64_t>(std::int64_t{operand});
         switch (m_row.rules[number])
         {
         case Rule::UNCHANGED:
             return m_registers.Get(number, value);
         case Rule::AT_OFFSET:
-            return m_reader.Read(atOffset, value);
-        case Rule::OFFSET:
-            value = atOffset;
-            return true;
+            return m_reader.Read(m_frame + static_cast<std::uint64_t>(std::int64_t{operand}), value);
         case Rule::REGISTER:
             return m_registers.Get(static_cast<std::uint64_t>(operand), value);
-        case Rule::EXPRESSION:
-            return EvaluateExpression(m_reader, Block(operand), m_registers, m_frame, value);
         case Rule::AT_EXPRESSION:
             return EvaluateExpression(m_reader, Block(operand), m_registers, m_frame, value) && m_reader.Read(value, value);
         case Rule::UNDEFINED:

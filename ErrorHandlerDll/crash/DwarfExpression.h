@@ -11,7 +11,8 @@ namespace Crash
 {
 
 // Evaluates the expression at `block` (its length in LEB128, then the operations) with `initial` on the stack.
-//   returns false when it is damaged, needs an unknown register or reads unreadable memory
+//   returns false when it is damaged, holds an operation that no tables use, needs an unknown register or reads unreadable
+//           memory
 //   signals async-signal-safe
 bool EvaluateExpression(MemoryReader& reader, std::uintptr_t block, const FrameRegisters& registers, std::uint64_t initial,
                         std::uint64_t& result) noexcept;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <ucontext.h>
 
 namespace Crash
 {
@@ -195,12 +196,6 @@ int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept
     Walker walker;
     walker.Registers() = start;
     return walker.Walk(frames, capacity);
-}
-
-int WalkStack(const ucontext_t* context, void** frames, int capacity) noexcept
-{
-    Walker walker;
-    return walker.LoadContext(reinterpret_cast<std::uintptr_t>(context)) ? walker.Walk(frames, capacity) : 0;
 }
 
 } // namespace Crash
