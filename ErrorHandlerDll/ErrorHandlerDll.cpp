@@ -5,7 +5,7 @@
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/Internal.h"
-#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/Dump.h"
 #include "QV/Str.h"
 
 #include <algorithm>
@@ -50,7 +50,7 @@ const int gForkHandlers = pthread_atfork(
     []
     {
         gFileLogger.AfterForkInChild();
-        Crash::DumpScope::AfterForkInChild();
+        Crash::Dump::AfterForkInChild();
     });
 
 // Most messages fit: then they are formatted once, without the heap.

@@ -8,8 +8,8 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "ErrorHandlerDll/crash/DumpLog.h"
-#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
+#include "ErrorHandlerDll/crash/Dump.h"
 
 #include <functional>
 #include <string_view>
@@ -168,7 +168,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoKeeper keeper;
-    if (Crash::DumpScope::IsBeyondHelp())
+    if (Crash::Dump::IsBeyondHelp())
     {
         RecordHandlerFailure();
         return nullptr;
@@ -180,7 +180,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         Here(),
         [&]
         {
-            Crash::DumpScope::RunDump(
+            Crash::Dump::Run(
                 [&]
                 {
                     CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is everybody's

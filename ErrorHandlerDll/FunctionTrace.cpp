@@ -3,8 +3,8 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/crash/DumpLog.h"
-#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
+#include "ErrorHandlerDll/crash/Dump.h"
 
 namespace
 {
@@ -31,7 +31,7 @@ void WriteFunctionTrace(const TracePoint& point, const char* message)
 {
     if (QV::EmergencyScope::IsActive())
     {
-        Crash::DumpScope::RunDump([&] { Write(point, message); });
+        Crash::Dump::Run([&] { Write(point, message); });
     }
     else
     {

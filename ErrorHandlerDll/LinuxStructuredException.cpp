@@ -1,17 +1,16 @@
 // Fatal signals as objects, and the dump of their context. The dump runs in a signal handler, in a thread that was
 // interrupted anywhere: nothing below may take the heap, a lock without a bound, or memory at its word. See
-// crash/DumpScope.h.
+// crash/Dump.h.
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
-#include "ErrorHandlerDll/crash/DumpLog.h"
-#include "ErrorHandlerDll/crash/DumpScope.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
+#include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/crash/FrameText.h"
-#include "ErrorHandlerDll/crash/ModuleList.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/LoadedObjects.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/StackWalk.h"
-#include "ErrorHandlerDll/crash/StandardOutput.h"
 
 #include <cstring>
 #include <iterator>
@@ -53,7 +52,7 @@ void PrintAndLog(const char* line, const char* source = "")
 template <class Part>
 void RunPart(const Part& part)
 {
-    if (!Crash::DumpScope::Run(part))
+    if (!Crash::Dump::RunPart(part))
     {
         PrintAndLog(kFaultInDump);
     }
@@ -62,7 +61,7 @@ void RunPart(const Part& part)
 template <class Body>
 void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& exit)
 {
-    Crash::DumpScope::RunDump([&] { RunTraced(entry, body, exit); });
+    Crash::Dump::Run([&] { RunTraced(entry, body, exit); });
 }
 
 // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
@@ -125,15 +124,15 @@ void LogMemoryLine(std::uintptr_t address)
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
     : m_signal(signal), m_stackFrameCount(0)
 {
-    const bool isFault = Crash::DumpScope::IsFault(signal);
+    const bool isFault = Crash::Dump::IsFault(signal);
     if (isFault)
     {
-        Crash::DumpScope::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
+        Crash::Dump::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
     }
-    const bool isBeyondHelp = isFault && Crash::DumpScope::IsBeyondHelp();
+    const bool isBeyondHelp = isFault && Crash::Dump::IsBeyondHelp();
     Crash::FrameRegisters here;
     Crash::CaptureRegisters(here);
-    Crash::DumpScope::RunDump(
+    Crash::Dump::Run(
         [&]
         {
             CopyContext(m_context, context);
@@ -144,7 +143,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
             if (isBeyondHelp)
             {
                 Print(kFaultInDump);
-                Crash::DumpScope::WriteLines();
+                Crash::Dump::WriteLines();
                 return;
             }
             RunPart([&] { m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames); });
@@ -205,15 +204,15 @@ void StructuredException::DumpExceptionContext(const char* functionName)
 
             FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
             PrintAndLog(line);
-            Crash::DumpScope::WriteLines();
+            Crash::Dump::WriteLines();
 
             Print("GenerateCallStack...");
             RunPart([this] { GenerateCallStack(); });
             Print("Finished GenerateCallStack");
-            Crash::DumpScope::WriteLines();
+            Crash::Dump::WriteLines();
 
             RunPart([this] { DumpRegisters(m_context); });
-            Crash::DumpScope::WriteLines();
+            Crash::Dump::WriteLines();
 
             LogLine("");
             Print("GenerateModuleAddresses...");

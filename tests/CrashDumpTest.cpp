@@ -2,9 +2,9 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "ErrorHandlerDll/crash/DumpLog.h"
-#include "ErrorHandlerDll/crash/DumpScope.h"
-#include "ErrorHandlerDll/crash/SafeMemory.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
+#include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "support/LogTest.h"
 
@@ -106,14 +106,14 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
             for (int i = 0; i < 3; ++i)
             {
                 bool finished = false;
-                Crash::DumpScope::RunDump(
+                Crash::Dump::Run(
                     [&]
                     {
-                        finished = Crash::DumpScope::Run(
+                        finished = Crash::Dump::RunPart(
                             []
                             {
                                 gFileLogger.EnterCriticalSection(); // skipped by the jump
-                                Crash::DumpScope::Run(Fault); // the innermost place counts
+                                Crash::Dump::RunPart(Fault); // the innermost place counts
                                 Fault();
                             });
                     });
@@ -122,7 +122,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                     return 1;
                 }
             }
-            if (Crash::DumpScope::IsBeyondHelp())
+            if (Crash::Dump::IsBeyondHelp())
             {
                 return 2;
             }
@@ -349,7 +349,7 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
             std::thread other(
                 []
                 {
-                    Crash::DumpScope::RunDump(
+                    Crash::Dump::Run(
                         []
                         {
                             Crash::LogLine("held by the parent");
@@ -495,7 +495,7 @@ TEST_F(CrashDumpTest, OtherSignalsWaitUntilItIsWritten)
         {
             InstallHandler(SIGTERM, [](int, siginfo_t*, void*) { ++gStep; });
             int stepWithin = -1;
-            Crash::DumpScope::RunDump(
+            Crash::Dump::Run(
                 [&]
                 {
                     raise(SIGTERM);

@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/crash/FrameText.h"
 
-#include "ErrorHandlerDll/crash/ModuleList.h"
+#include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/StackWalk.h"
 
 #include <cerrno>

@@ -1,6 +1,5 @@
-#include "ErrorHandlerDll/crash/SafeMemory.h"
-
 #include "ErrorHandlerDll/crash/MemoryReader.h"
+
 #include "support/LogTest.h"
 #include "support/Pages.h"
 

@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/crash/DumpStack.h"
 
-#include "ErrorHandlerDll/crash/SignalSet.h"
+#include "ErrorHandlerDll/crash/SystemCall.h"
 
 #include <atomic>
 #include <cstddef>

@@ -2,7 +2,7 @@
 #ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 #define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
 
-#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/crash/SymbolTable.h"
 

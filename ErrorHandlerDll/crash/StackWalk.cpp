@@ -1,7 +1,7 @@
 #include "ErrorHandlerDll/crash/StackWalk.h"
 
 #include "ErrorHandlerDll/crash/CallFrameInfo.h"
-#include "ErrorHandlerDll/crash/ElfObject.h"
+#include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/FrameRegisters.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 

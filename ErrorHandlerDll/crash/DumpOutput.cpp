@@ -1,6 +1,8 @@
-#include "ErrorHandlerDll/crash/StandardOutput.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
 
-#include "ErrorHandlerDll/logging/FileLogger.h"
+#include "ErrorHandlerDll/ErrorHandlerDll.h"
+#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/crash/Dump.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
@@ -15,6 +17,40 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+namespace Crash
+{
+
+namespace
+{
+
+constinit std::atomic<bool> gLogIsDamaged = false;
+
+} // namespace
+
+void LogLine(const char* text, const char* source)
+{
+    LogLine(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
+}
+
+void LogLine(int level, unsigned int mask, const char* source, const char* text)
+{
+    const auto log = [=]
+    {
+        LogMessage(level, mask, source, text);
+    };
+    if (gLogIsDamaged.load(std::memory_order_relaxed) || Dump::RunPart(log))
+    {
+        return;
+    }
+    gFileLogger.ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
+    if (!Dump::RunPart(log))
+    {
+        gLogIsDamaged.store(true, std::memory_order_relaxed);
+    }
+}
+
+} // namespace Crash
 
 namespace Crash::StandardOutput
 {
@@ -67,49 +103,35 @@ bool WaitUntilReady(int descriptor) noexcept
 }
 
 // What was ready a moment ago may have been filled by another writer: this must not block where the kernel can do without.
-std::ptrdiff_t WriteReady(int descriptor, const iovec* pieces, int count) noexcept
+std::ptrdiff_t WriteReady(int descriptor, std::string_view text) noexcept
 {
     if (gMayBlock.load(std::memory_order_relaxed))
     {
-        const std::ptrdiff_t written = syscall(SYS_pwritev2, descriptor, pieces, count, -1L, -1L, RWF_NOWAIT);
+        const iovec piece = {const_cast<char*>(text.data()), text.size()};
+        const std::ptrdiff_t written = syscall(SYS_pwritev2, descriptor, &piece, 1, -1L, -1L, RWF_NOWAIT);
         if (written >= 0 || errno == EAGAIN || errno == EINTR)
         {
             return written;
         }
     }
-    return ZelvoWinAPI::WritePieces(descriptor, pieces, count);
+    return ZelvoWinAPI::WriteFile(descriptor, text.data(), text.size());
 }
 
-// Writes the beginning of the text. Returns how many bytes; not above zero when nothing more can be written.
-std::ptrdiff_t WriteSome(int descriptor, std::string_view text) noexcept
+// Writes the text, as far as it can be written.
+void Write(int descriptor, std::string_view text) noexcept
 {
-    std::ptrdiff_t count = 0;
-    do
+    while (!text.empty() && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
     {
-        if (gIsGivenUp.load(std::memory_order_relaxed) || !WaitUntilReady(descriptor))
-        {
-            return 0;
-        }
-        const iovec piece = {const_cast<char*>(text.data()), std::min(text.size(), kUnblockedSize)};
-        count = WriteReady(descriptor, &piece, 1);
+        const std::ptrdiff_t count = WriteReady(descriptor, text.substr(0, kUnblockedSize));
         if (count < 0 && errno == EAGAIN)
         {
             gWaitLeftMs.fetch_sub(1, std::memory_order_relaxed); // others may go on filling it for ever
         }
-    } while (count < 0 && (errno == EINTR || errno == EAGAIN));
-    return count;
-}
-
-void Write(int descriptor, std::string_view text) noexcept
-{
-    while (!text.empty())
-    {
-        const std::ptrdiff_t count = WriteSome(descriptor, text);
-        if (count <= 0)
+        else if (count == 0 || (count < 0 && errno != EINTR))
         {
             return;
         }
-        text.remove_prefix(static_cast<std::size_t>(count));
+        text.remove_prefix(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
     }
 }
 
@@ -211,18 +233,8 @@ void PrintLine(std::string_view line) noexcept
     {
         return;
     }
-    const iovec pieces[] = {{const_cast<char*>(line.data()), line.size()}, {const_cast<char*>("\n"), 1}};
-    std::size_t written = 0;
-    if (line.size() < kUnblockedSize && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
-    {
-        const std::ptrdiff_t count = WriteReady(descriptor, pieces, 2);
-        written = count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    if (written <= line.size()) // too long for one write, or interrupted
-    {
-        Write(descriptor, line.substr(written));
-        Write(descriptor, "\n");
-    }
+    Write(descriptor, line);
+    Write(descriptor, "\n");
 }
 
 } // namespace Crash::StandardOutput

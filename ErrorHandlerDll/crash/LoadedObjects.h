@@ -1,10 +1,10 @@
-// The loaded objects in the dynamic linker's order, read without its lock and without trust in its list.
-#ifndef ERRORHANDLERDLL_CRASH_MODULELIST_H
-#define ERRORHANDLERDLL_CRASH_MODULELIST_H
+// The loaded objects: the dynamic linker's list of them, read without its lock and without trust in it, and where in an
+// object its code and its unwind tables lie.
+#ifndef ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
+#define ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
 
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 
-#include <cstddef>
 #include <cstdint>
 
 namespace Crash
@@ -43,6 +43,24 @@ private:
     unsigned m_count = 0;
     bool m_damaged = false;
 };
+
+struct ElfObject
+{
+    Module module{};
+    std::uintptr_t start = 0; // all segments: [start, end)
+    std::uintptr_t end = 0;
+    std::uintptr_t codeStart = 0; // executable segments: [codeStart, codeEnd)
+    std::uintptr_t codeEnd = 0;
+    std::uintptr_t unwindHeader = 0; // address of the search table over the unwind tables; 0 when there is none
+
+    bool Contains(std::uintptr_t address) const noexcept { return address >= start && address < end; }
+    bool HasCodeAt(std::uintptr_t address) const noexcept { return address >= codeStart && address < codeEnd; }
+};
+
+// Finds the object that holds `address`.
+//   returns false when there is none, or the linker's list cannot be followed that far; `object` is then empty
+//   signals async-signal-safe
+bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept;
 
 } // namespace Crash
 

@@ -1,9 +1,21 @@
-// Standard output for a dump: past stdio, whose lock and buffer the interrupted code may hold. Async-signal-safe inside a
-// DumpScope, unless the host has made standard output a stream without a descriptor.
-#ifndef ERRORHANDLERDLL_CRASH_STANDARDOUTPUT_H
-#define ERRORHANDLERDLL_CRASH_STANDARDOUTPUT_H
+// Where the lines of a dump go: to standard output, past stdio, whose lock and buffer the interrupted code may hold, and to
+// the log. Async-signal-safe inside a dump, unless the host has made standard output a stream without a descriptor.
+#ifndef ERRORHANDLERDLL_CRASH_DUMPOUTPUT_H
+#define ERRORHANDLERDLL_CRASH_DUMPOUTPUT_H
 
 #include <string_view>
+
+namespace Crash
+{
+
+// Logs a line. When that faults, because what is damaged is the logger itself, the line is lost, and the dumps of this
+// process go on without the log.
+void LogLine(int level, unsigned int mask, const char* source, const char* text);
+
+// The same at level ZR_LOG_ERROR, all categories.
+void LogLine(const char* text, const char* source = "");
+
+} // namespace Crash
 
 namespace Crash::StandardOutput
 {
