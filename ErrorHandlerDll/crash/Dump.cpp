@@ -73,16 +73,12 @@ public:
         {
             StandardOutput::HoldLines();
         }
-        if (m_hasLog)
-        {
-            gFileLogger.BufferDump(true);
-        }
     }
     ~Scope()
     {
         if (m_hasLog)
         {
-            gFileLogger.BufferDump(false);
+            gFileLogger.EndDump();
             gFileLogger.LeaveCriticalSection();
         }
         if (m_hasDumpSection)
@@ -119,6 +115,14 @@ void Dump::RunOutermost(void (*run)(const void*), const void* body)
         {
             ~Writer() { WriteLines(); }
         } writer;
+        RunPart(
+            [&]
+            {
+                if (scope.m_hasLog)
+                {
+                    gFileLogger.BeginDump();
+                }
+            });
         RunPart(StandardOutput::Prepare);
         run(body);
     };

@@ -122,6 +122,23 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->reserved = m_reserved;
 }
 
+void FileLogger::BeginDump()
+{
+    if (!m_busy.load(std::memory_order_relaxed)) // else this thread was interrupted in the middle of something
+    {
+        m_file.Flush();
+        m_buffersDump.store(!m_file.HasUnwrittenLines(), std::memory_order_relaxed);
+    }
+}
+
+void FileLogger::EndDump()
+{
+    if (m_buffersDump.exchange(false, std::memory_order_relaxed) && m_file.HasUnwrittenLines())
+    {
+        m_file.ForgetBuffer();
+    }
+}
+
 void FileLogger::RestoreSectionDepth(unsigned int depth)
 {
     if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
@@ -158,7 +175,7 @@ void FileLogger::AfterForkInParent()
 
 void FileLogger::AfterForkInChild()
 {
-    BufferDump(false); // a dump does not go on in the child
+    m_buffersDump.store(false, std::memory_order_relaxed); // a dump does not go on in the child
     if (!m_busy.load(std::memory_order_relaxed))
     {
         m_file.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
@@ -262,11 +279,10 @@ bool FileLogger::WriteInEmergency(int level, std::string_view source, std::strin
     return true;
 }
 
-// Only a dump that has the section, and that has not interrupted this thread in the middle of something.
+// A thread that dumps without the section does not.
 bool FileLogger::MayBuffer() const
 {
-    return m_buffersDump.load(std::memory_order_relaxed) && !m_busy.load(std::memory_order_relaxed) &&
-           ZelvoWinAPI::IsInCriticalSection(&m_criticalSection);
+    return m_buffersDump.load(std::memory_order_relaxed) && ZelvoWinAPI::IsInCriticalSection(&m_criticalSection);
 }
 
 bool FileLogger::PrepareInEmergency(Interrupted interrupted)

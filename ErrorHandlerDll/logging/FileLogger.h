@@ -67,9 +67,10 @@ public:
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
-    // Whether the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one write. The caller
-    // holds the section meanwhile.
-    void BufferDump(bool buffers) { m_buffersDump.store(buffers, std::memory_order_relaxed); }
+    // From here to EndDump the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one
+    // write. What cannot be written by its end is lost. The caller holds the section meanwhile.
+    void BeginDump();
+    void EndDump();
 
     // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
     void ForgetStrategy() { m_strategy.store(nullptr, std::memory_order_relaxed); }
