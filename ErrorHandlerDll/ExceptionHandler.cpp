@@ -8,8 +8,8 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
 
 #include <functional>
 #include <string_view>

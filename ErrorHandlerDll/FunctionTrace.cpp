@@ -3,8 +3,8 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
 
 namespace
 {

@@ -5,8 +5,8 @@
 
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/FrameText.h"
 #include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"

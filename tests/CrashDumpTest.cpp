@@ -2,8 +2,8 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "support/LogTest.h"
@@ -113,7 +113,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                             []
                             {
                                 gFileLogger.EnterCriticalSection(); // skipped by the jump
-                                Crash::Dump::RunPart(Fault); // the innermost place counts
+                                Crash::Dump::RunPart(Fault);        // the innermost place counts
                                 Fault();
                             });
                     });

@@ -97,8 +97,8 @@ TEST(FrameText, EqualsBacktraceSymbols)
     const std::vector<void*> addresses = AddressesOfAllKinds();
     for (std::size_t at = 0; at < addresses.size(); at += Crash::FrameTexts::kMostFrames)
     {
-        const auto frames = std::span(addresses).subspan(at).first(
-            std::min(addresses.size() - at, Crash::FrameTexts::kMostFrames));
+        const auto frames =
+            std::span(addresses).subspan(at).first(std::min(addresses.size() - at, Crash::FrameTexts::kMostFrames));
         Crash::FrameTexts texts(frames);
         for (std::size_t i = 0; i < frames.size(); ++i)
         {

@@ -1,5 +1,4 @@
 #include "ErrorHandlerDll/crash/MemoryReader.h"
-
 #include "support/LogTest.h"
 #include "support/Pages.h"
 

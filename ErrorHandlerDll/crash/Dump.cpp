@@ -26,8 +26,8 @@ constexpr int kMostCallbacksThatFault = 3;
 // must not end or stop the process earlier.
 constexpr SignalSet kSignalsOfWriting = SetOf(SIGPIPE) | SetOf(SIGXFSZ) | SetOf(SIGTTOU);
 
-constexpr SignalSet kSignalsOfFaults = SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) | SetOf(SIGABRT) |
-                                       SetOf(SIGTRAP) | SetOf(SIGSYS);
+constexpr SignalSet kSignalsOfFaults =
+    SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) | SetOf(SIGABRT) | SetOf(SIGTRAP) | SetOf(SIGSYS);
 
 constexpr SignalSet kSignalsOfWatchdogs = SetOf(SIGALRM); // a host may want to end a dump that takes too long
 

@@ -13,6 +13,12 @@ namespace
 constexpr std::size_t kStackSize = std::size_t{256} * 1024; // pages that no dump reaches cost nothing
 constexpr int kStackCount = 2;                              // one dump at a time, and one that could not wait for it
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kFirstStack = kStackCount; // none: it would have to be told of each jump between stacks
+#else
+constexpr int kFirstStack = 0;
+#endif
+
 struct DumpStack
 {
     alignas(64) unsigned char bytes[kStackSize];
@@ -44,7 +50,8 @@ struct Call
     SignalSet mask;
 };
 
-// Without the alternate stack, for a scope. Neither set nor unset while the thread is on it, so no signal may come in between.
+// Without the alternate stack, for a scope. Neither set nor unset while the thread is on it, so no signal may come in
+// between.
 class NoAlternateStack
 {
 public:
@@ -98,7 +105,7 @@ public:
     void* End() const noexcept { return gStacks[m_index].bytes + kStackSize; }
 
 private:
-    int m_index = 0;
+    int m_index = kFirstStack;
 };
 
 class MaskKeeper

@@ -150,8 +150,7 @@ bool ReadMemory(const void* address, void* out, std::size_t size) noexcept
     for (std::size_t done = 0; done < size;)
     {
         const std::size_t piece = PieceSize(start + done, size - done);
-        if (!ReadWithinPage(reinterpret_cast<const void*>(start + done), static_cast<unsigned char*>(out) + done,
-                            piece))
+        if (!ReadWithinPage(reinterpret_cast<const void*>(start + done), static_cast<unsigned char*>(out) + done, piece))
         {
             return false;
         }

@@ -1,8 +1,8 @@
 #include "ErrorHandlerDll/crash/StackWalk.h"
 
 #include "ErrorHandlerDll/crash/CallFrameInfo.h"
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/FrameRegisters.h"
+#include "ErrorHandlerDll/crash/LoadedObjects.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 
 #include <cstddef>

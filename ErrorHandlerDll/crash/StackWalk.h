@@ -8,8 +8,9 @@
 namespace Crash
 {
 
-// Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline and the interrupted function follow the handler's own frames. Where backtrace() has to
-// stop (a call through a null or wild pointer, code without unwind tables) the walk goes on if the stack shows how.
+// Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline
+// and the interrupted function follow the handler's own frames. Where backtrace() has to stop (a call through a null or wild
+// pointer, code without unwind tables) the walk goes on if the stack shows how.
 //   returns the number of frames stored, at most `capacity`
 //   signals async-signal-safe; 130 KiB of stack
 int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;

@@ -110,8 +110,8 @@ private:
     void CountLine();
     bool PrepareOutputSource();
 
-    // A line straight to the disk, or into the buffer (BufferDump); async-signal-safe, whatever this or another thread was doing in the
-    // logger.
+    // A line straight to the disk, or into the buffer (BufferDump); async-signal-safe, whatever this or another thread was
+    // doing in the logger.
     enum class Interrupted
     {
         FOR_EVER, // a dump: what was interrupted is lost
