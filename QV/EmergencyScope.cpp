@@ -4,5 +4,6 @@ namespace QV
 {
 
 constinit thread_local int EmergencyScope::sDepth = 0;
+constinit thread_local int EmergencyScope::sWaitLeftMs = 0;
 
 } // namespace QV

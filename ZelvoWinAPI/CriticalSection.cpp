@@ -1,6 +1,7 @@
 // Recursive critical section on one futex word, and the thread id that serves as its owner.
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <linux/futex.h>
@@ -114,7 +115,6 @@ void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept
         pthread_atfork(nullptr, nullptr, ForgetThreadId);
     }
     section->m_enterCount = 0;
-    section->m_givenUpOn.store(0, std::memory_order_relaxed);
     section->m_ownerWord.store(0, std::memory_order_release);
 }
 
@@ -128,28 +128,25 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
     }
 }
 
-bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
+bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    std::int64_t end = 0;
-    while (!TryEnter(section, self))
+    if (TryEnter(section, self))
     {
-        const std::uint32_t owner = Owner(section);
-        if (owner != 0 && owner == section->m_givenUpOn.load(std::memory_order_relaxed))
-        {
-            return false;
-        }
-        const std::int64_t now = GetTickCount64();
-        end = end == 0 ? now + timeoutMs : end;
-        if (now >= end)
-        {
-            section->m_givenUpOn.store(owner, std::memory_order_relaxed);
-            return false;
-        }
+        return true;
+    }
+    const std::int64_t end = GetTickCount64() + waitLeftMs;
+    while (waitLeftMs > 0)
+    {
         const timespec interval = {0, kPollIntervalNs};
         syscall(SYS_nanosleep, &interval, nullptr);
+        waitLeftMs = static_cast<int>(std::max<std::int64_t>(end - GetTickCount64(), 0));
+        if (TryEnter(section, self))
+        {
+            return true;
+        }
     }
-    return true;
+    return false;
 }
 
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept

@@ -28,7 +28,6 @@ struct _CRITICAL_SECTION
 {
     std::atomic<std::uint32_t> m_ownerWord; // 0: free; else the owner's thread id, with kWaitersBit when others sleep on it
     std::uint32_t m_enterCount;             // how often the owner is inside beyond the first; touched by the owner only
-    std::atomic<std::uint32_t> m_givenUpOn; // the owner that somebody has waited for in vain
 };
 
 void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
@@ -40,10 +39,13 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
 inline void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
 inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
-// Enters the section if it is free or becomes free within the time. An owner that was waited for in vain once is not waited
-// for again. Async-signal-safe, also when the interrupted code of this thread is inside.
-//   returns whether the section was entered
-bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept;
+// Enters the section if it is free or becomes free within the time. Async-signal-safe, also when the interrupted code of
+// this thread is inside.
+//   waitLeftMs  in: how long to wait at most, in milliseconds; out: less what was waited, for callers that may wait a
+//   certain
+//               time in all
+//   returns     whether the section was entered
+bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept;
 
 // Whether the calling thread is inside.
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept;

@@ -18,7 +18,13 @@ constinit ZelvoWinAPI::_CRITICAL_SECTION gDumpSection = {};
 
 // Another thread's dump may itself have to wait for the log and for standard output. All waits together stay below the three
 // seconds that a host's watchdog gives a dying process.
-constexpr int kOtherDumpWaitMs = 3 * FileLogger::kEmergencyWaitMs;
+constexpr int kOtherDumpWaitMs = 3 * QV::EmergencyScope::kMaxWaitMs;
+
+bool EnterDumpSection() noexcept
+{
+    int waitLeftMs = kOtherDumpWaitMs;
+    return ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, waitLeftMs);
+}
 
 constexpr int kMostCallbacksThatFault = 3;
 
@@ -64,9 +70,7 @@ class Dump::Scope
 {
 public:
     // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
-    Scope() noexcept
-        : m_hasDumpSection(ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, kOtherDumpWaitMs)),
-          m_hasLog(gFileLogger.EnterCriticalSection())
+    Scope() noexcept : m_hasDumpSection(EnterDumpSection()), m_hasLog(gFileLogger.EnterCriticalSection())
     {
         sScope = this;
         if (m_hasDumpSection)

@@ -60,7 +60,7 @@ namespace
 
 constinit std::atomic<bool> gIsGivenUp = false;
 constinit std::atomic<bool> gMayBlock = true;
-constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
+constinit std::atomic<int> gWaitLeftMs = QV::EmergencyScope::kMaxWaitMs; // of all lines together
 
 // Lines that wait. What a pipe takes in one piece.
 constinit char gLines[PIPE_BUF] = {};

@@ -26,7 +26,8 @@ FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDef
 void FileLogger::Retire()
 {
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
-    if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
+    int waitLeftMs = QV::EmergencyScope::kMaxWaitMs;
+    if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs))
     {
         Disable();
         m_retired.store(true);

@@ -53,14 +53,14 @@ public:
     template <class Message>
     [[gnu::noinline]] bool Write(int level, unsigned int mask, std::string_view source, Message message);
 
-    // Enters the section. In an emergency it is waited for no longer than kEmergencyWaitMs: its owner may be stopped for
-    // ever.
+    // Enters the section. In an emergency it is waited for no longer than the emergency may wait: its owner may be stopped
+    // for ever.
     //   returns whether it was entered, which is always so but in an emergency; only then it must be left
     bool EnterCriticalSection()
     {
         if (QV::EmergencyScope::IsActive()) [[unlikely]]
         {
-            return ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs);
+            return ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::EmergencyScope::WaitLeftMs());
         }
         ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
         return true;
@@ -96,10 +96,6 @@ public:
     void SetLogFileName(const QV::BaseString<char>& name);
     // Length in bytes of the line about to be written, its line feed included.
     std::size_t GetCurrentLineLength() const { return m_currentLineLength; }
-
-    // How long a dump waits for the section, and for the others that it can do without. A host's watchdog gives a dying
-    // process a few seconds as a rule.
-    static constexpr int kEmergencyWaitMs = 500;
 
 private:
     // A buffer for long lines that is larger is given back after each: one huge dump must not cost a host memory for years.
