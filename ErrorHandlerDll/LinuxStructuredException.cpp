@@ -7,10 +7,10 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/crash/DumpOutput.h"
-#include "ErrorHandlerDll/crash/FrameText.h"
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/FrameText.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <cstring>
 #include <iterator>
@@ -68,10 +68,10 @@ void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& 
 void CopyContext(ucontext_t& copy, const ucontext_t* context)
 {
     constexpr std::size_t kKernelPart = offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long);
-    if (!Crash::ReadMemory(context, &copy, sizeof copy))
+    if (!Unwind::ReadMemory(context, &copy, sizeof copy))
     {
         std::memset(&copy, 0, sizeof copy);
-        if (!Crash::ReadMemory(context, &copy, kKernelPart))
+        if (!Unwind::ReadMemory(context, &copy, kKernelPart))
         {
             std::memset(&copy, 0, sizeof copy);
         }
@@ -97,7 +97,7 @@ void LogMemoryLine(std::uintptr_t address)
 {
     unsigned char bytes[kMemoryDumpBytes];
     bool readable[kMemoryDumpBytes];
-    Crash::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
+    Unwind::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
 
     char hex[kMemoryDumpBytes * kHexWidth + 1];
     char characters[kMemoryDumpBytes + 1] = "";
@@ -130,13 +130,13 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
         Crash::Dump::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
     }
     const bool isBeyondHelp = isFault && Crash::Dump::IsBeyondHelp();
-    Crash::FrameRegisters here;
-    Crash::CaptureRegisters(here);
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
     Crash::Dump::Run(
         [&]
         {
             CopyContext(m_context, context);
-            if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
+            if (!Unwind::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
             {
                 std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
             }
@@ -146,7 +146,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
                 Crash::Dump::WriteLines();
                 return;
             }
-            RunPart([&] { m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames); });
+            RunPart([&] { m_stackFrameCount = Unwind::WalkStack(here, m_stackFrames, kMaxFrames); });
             DumpExceptionContext("StructuredException::StructuredException");
         });
 }
@@ -231,7 +231,7 @@ void StructuredException::GenerateCallStack()
             LogLine("  Call stack:");
             Print("Call stack");
             const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
-            Crash::FrameTexts texts({m_stackFrames, count});
+            Unwind::FrameTexts texts({m_stackFrames, count});
             for (std::size_t i = 0; i < count; ++i)
             {
                 char line[kFrameLineSize];
@@ -250,9 +250,9 @@ void StructuredException::GenerateModuleAddresses()
         {
             LogLine("");
             LogLine("  Modules list:");
-            Crash::MemoryReader reader;
-            Crash::ModuleList modules(reader);
-            for (Crash::Module module = {}; modules.Next(module);)
+            Unwind::MemoryReader reader;
+            Unwind::ModuleList modules(reader);
+            for (Unwind::Module module = {}; modules.Next(module);)
             {
                 char path[kModuleLineSize];
                 char line[kModuleLineSize];

@@ -4,8 +4,8 @@
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/crash/DumpOutput.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "support/LogTest.h"
 
 #include <algorithm>
@@ -447,7 +447,7 @@ void DamageTheStrategy()
     for (std::size_t i = 0; i < sizeof gFileLogger / sizeof *members; ++i)
     {
         void* table = nullptr;
-        if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
+        if (Unwind::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
         {
             *static_cast<std::uintptr_t*>(members[i]) = 0x1000; // aligned, which the sanitizers look at first
         }

@@ -1,4 +1,4 @@
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "support/LogTest.h"
 #include "support/Pages.h"
 
@@ -22,7 +22,7 @@ bool CheckReader(void* end)
     char* const border = static_cast<char*>(end);
     const auto address = reinterpret_cast<std::uintptr_t>(border);
     std::memcpy(border - 4, "tail", 4);
-    Crash::MemoryReader reader;
+    Unwind::MemoryReader reader;
     char bytes[8];
     char text[32];
     return reader.Read(address - 8, bytes) && !reader.Read(address - 7, bytes) && !reader.Read(address, text, 1) &&
@@ -39,15 +39,15 @@ int CheckAllKinds()
         const Pages pages(second);
         constexpr std::size_t kWhole = Pages::kSize - 5;
         errno = ERANGE;
-        if (!Crash::ReadMemory(pages.Start() + 5, bytes, kWhole) || std::memcmp(bytes, pages.Start() + 5, kWhole) != 0)
+        if (!Unwind::ReadMemory(pages.Start() + 5, bytes, kWhole) || std::memcmp(bytes, pages.Start() + 5, kWhole) != 0)
             return 1;
         for (const std::size_t before : {0u, 1u, 200u})
-            if (Crash::ReadMemory(pages.Border() - before, bytes, before + 1) ||
-                !Crash::ReadMemory(pages.Border() - before, bytes, before))
+            if (Unwind::ReadMemory(pages.Border() - before, bytes, before + 1) ||
+                !Unwind::ReadMemory(pages.Border() - before, bytes, before))
                 return 2;
 
         bool readable[16];
-        Crash::ReadMemoryBytes(pages.Border() - 6, bytes, readable, 16);
+        Unwind::ReadMemoryBytes(pages.Border() - 6, bytes, readable, 16);
         for (int i = 0; i < 16; ++i)
             if (readable[i] != (i < 6) || bytes[i] != (i < 6 ? pages.Border()[i - 6] : 0))
                 return 3;
@@ -56,7 +56,7 @@ int CheckAllKinds()
     }
     for (const std::uintptr_t address :
          {std::uintptr_t{0}, std::uintptr_t{4095}, std::uintptr_t{1} << 47, UINTPTR_MAX << 47, UINTPTR_MAX - 7, UINTPTR_MAX})
-        if (Crash::ReadMemory(reinterpret_cast<const void*>(address), bytes, 16))
+        if (Unwind::ReadMemory(reinterpret_cast<const void*>(address), bytes, 16))
             return 5;
     return errno == ERANGE ? 0 : 6;
 }
@@ -108,7 +108,7 @@ int ReadAfterTheMainThread()
         RefuseSystemCall(SYS_pipe2, EMFILE);
         RefuseSystemCall(SYS_rt_sigprocmask, EPERM);
         char byte;
-        _exit(Crash::ReadMemory("x", &byte, 1) && byte == 'x' ? 0 : 1);
+        _exit(Unwind::ReadMemory("x", &byte, 1) && byte == 'x' ? 0 : 1);
     };
     std::thread(read).detach();
     syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework

@@ -1,4 +1,4 @@
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -40,9 +40,9 @@ __attribute__((noinline)) int WalkFromHere(void** frames, int capacity)
         return 0;
     }
     void* own[kCapacity + 1];
-    Crash::FrameRegisters here;
-    Crash::CaptureRegisters(here);
-    const int count = Crash::WalkStack(here, own, capacity + 1) - 1;
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const int count = Unwind::WalkStack(here, own, capacity + 1) - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }
@@ -53,10 +53,10 @@ constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x0
 int WalkFrom(const ucontext_t* context, void** frames, int capacity)
 {
     void* own[kCapacity + 1];
-    Crash::FrameRegisters trampoline;
-    trampoline.Set(Crash::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
-    trampoline.Set(Crash::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
-    const int count = Crash::WalkStack(trampoline, own, capacity + 1) - 1;
+    Unwind::FrameRegisters trampoline;
+    trampoline.Set(Unwind::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
+    trampoline.Set(Unwind::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
+    const int count = Unwind::WalkStack(trampoline, own, capacity + 1) - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }

@@ -4,13 +4,15 @@
 #include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/DumpStack.h"
-#include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/unwind/SystemCall.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <ctime>
 
 namespace Crash
 {
+using namespace Unwind;
+
 namespace
 {
 

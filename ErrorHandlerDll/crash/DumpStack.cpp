@@ -1,12 +1,14 @@
 #include "ErrorHandlerDll/crash/DumpStack.h"
 
-#include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/unwind/SystemCall.h"
 
 #include <atomic>
 #include <cstddef>
 
 namespace Crash
 {
+using namespace Unwind;
+
 namespace
 {
 

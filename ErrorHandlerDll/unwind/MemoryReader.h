@@ -1,15 +1,15 @@
 // Reading memory of this process that may not be there: a bad address gives false, never a fault.
 //
 // For code that runs after a fault, in a signal handler: no heap, no lock, no errno, and no descriptor that stays open.
-#ifndef ERRORHANDLERDLL_CRASH_MEMORYREADER_H
-#define ERRORHANDLERDLL_CRASH_MEMORYREADER_H
+#ifndef ERRORHANDLERDLL_UNWIND_MEMORYREADER_H
+#define ERRORHANDLERDLL_UNWIND_MEMORYREADER_H
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-namespace Crash
+namespace Unwind
 {
 
 // Access rights change only at page boundaries; larger pages are multiples of this one.
@@ -66,6 +66,6 @@ private:
     unsigned char m_pages[kPageCount][kPageSize];
 };
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,9 +1,9 @@
-#include "ErrorHandlerDll/crash/SymbolTable.h"
+#include "ErrorHandlerDll/unwind/SymbolTable.h"
 
 #include <algorithm>
 #include <elf.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -190,4 +190,4 @@ void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<Symbol
     }
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -10,9 +10,9 @@
 //
 // Rejected: msync and mincore do not notice pages without read access; /proc/self/mem reads through PROT_NONE and needs a
 // descriptor; a memfd is refused by more sandboxes than a pipe; a handler for SIGSEGV belongs to the host.
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
-#include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/unwind/SystemCall.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <atomic>
@@ -22,7 +22,7 @@
 #include <iterator>
 #include <sys/uio.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -243,4 +243,4 @@ std::size_t MemoryReader::ReadString(std::uintptr_t address, char* out, std::siz
     return length;
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,15 +1,15 @@
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
-#include "ErrorHandlerDll/crash/CallFrameInfo.h"
-#include "ErrorHandlerDll/crash/FrameRegisters.h"
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/CallFrameInfo.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstddef>
 #include <cstring>
 #include <ucontext.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -198,4 +198,4 @@ int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept
     return walker.Walk(frames, capacity);
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,4 +1,4 @@
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
 
 #include <cerrno>
 #include <cstring>
@@ -6,7 +6,7 @@
 #include <link.h>
 #include <sys/auxv.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -189,4 +189,4 @@ bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object)
     return false;
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,13 +1,13 @@
 // The loaded objects: the dynamic linker's list of them, read without its lock and without trust in it, and where in an
 // object its code and its unwind tables lie.
-#ifndef ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
-#define ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
+#ifndef ERRORHANDLERDLL_UNWIND_LOADEDOBJECTS_H
+#define ERRORHANDLERDLL_UNWIND_LOADEDOBJECTS_H
 
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 struct Module
@@ -62,6 +62,6 @@ struct ElfObject
 //   signals async-signal-safe
 bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

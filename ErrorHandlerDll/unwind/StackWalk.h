@@ -1,11 +1,11 @@
 // The call stack as backtrace() gives it, but walked by this library itself: no lock of the loader, no heap, and every byte
 // is read in a way that survives a smashed stack or damaged tables. Damage ends the walk early.
-#ifndef ERRORHANDLERDLL_CRASH_STACKWALK_H
-#define ERRORHANDLERDLL_CRASH_STACKWALK_H
+#ifndef ERRORHANDLERDLL_UNWIND_STACKWALK_H
+#define ERRORHANDLERDLL_UNWIND_STACKWALK_H
 
-#include "ErrorHandlerDll/crash/FrameRegisters.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
 
-namespace Crash
+namespace Unwind
 {
 
 // Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline
@@ -15,6 +15,6 @@ namespace Crash
 //   signals async-signal-safe; 130 KiB of stack
 int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif
