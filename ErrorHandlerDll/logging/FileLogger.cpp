@@ -27,7 +27,7 @@ void FileLogger::Retire()
 {
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
     int waitLeftMs = QV::EmergencyScope::kMaxWaitMs;
-    if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs))
+    if (ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) == ZelvoWinAPI::Entry::REFUSED)
     {
         Disable();
         m_retired.store(true);
@@ -121,6 +121,17 @@ void FileLogger::GetOptions(LoggingSettings* settings)
                                 ? static_cast<const FileSizeLoggerStrategy*>(strategy)->GetMaxFileSize()
                                 : 0;
     settings->reserved = m_reserved;
+}
+
+void FileLogger::ForgetInterruptedCall()
+{
+    m_buffersDump.store(false, std::memory_order_relaxed);
+    m_file.FlushInEmergency();
+    if (!m_file.HasUnwrittenLines())
+    {
+        m_file.ForgetBuffer();
+    }
+    m_busy.store(false, std::memory_order_relaxed);
 }
 
 void FileLogger::BeginDump()

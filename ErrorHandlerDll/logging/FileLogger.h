@@ -58,14 +58,30 @@ public:
     //   returns whether it was entered, which is always so but in an emergency; only then it must be left
     bool EnterCriticalSection()
     {
-        if (QV::EmergencyScope::IsActive()) [[unlikely]]
+        const ZelvoWinAPI::Entry entry =
+            QV::EmergencyScope::IsActive()
+                ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::EmergencyScope::WaitLeftMs())
+                : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
+        if (entry == ZelvoWinAPI::Entry::TAKEN_OVER) [[unlikely]]
         {
-            return ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::EmergencyScope::WaitLeftMs());
+            ForgetInterruptedCall();
         }
-        ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
-        return true;
+        return entry != ZelvoWinAPI::Entry::REFUSED;
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
+
+    // Makes the state whole when what was interrupted in the middle of changing it will never go on. The caller holds the
+    // section.
+    void ForgetInterruptedCall();
+
+    // While this thread dumps, the section is its own only as long as its code runs on the stack [low, high), and for
+    // `milliseconds`.
+    void SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds)
+    {
+        ZelvoWinAPI::SetLease(&m_criticalSection, low, high, milliseconds);
+    }
+    void EndLease() { ZelvoWinAPI::EndLease(&m_criticalSection); }
+    bool IsInCriticalSection() const { return ZelvoWinAPI::IsInCriticalSection(&m_criticalSection); }
 
     // From here to EndDump the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one
     // write. What cannot be written by its end is lost. The caller holds the section meanwhile.
