@@ -146,7 +146,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
                 Crash::Dump::WriteLines();
                 return;
             }
-            RunPart([&] { m_stackFrameCount = Unwind::WalkStack(here, m_stackFrames, kMaxFrames); });
+            RunPart([&] { m_stackFrameCount = Unwind::WalkStack(here, m_stackFrames, kMaxFrames).count; });
             DumpExceptionContext("StructuredException::StructuredException");
         });
 }

@@ -24,7 +24,7 @@ int WalkFromHere(void** frames, int capacity)
 {
     Unwind::FrameRegisters here;
     Unwind::CaptureRegisters(here);
-    return Unwind::WalkStack(here, frames, capacity);
+    return Unwind::WalkStack(here, frames, capacity).count;
 }
 
 std::string PlatformText(void* address)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -42,7 +43,7 @@ __attribute__((noinline)) int WalkFromHere(void** frames, int capacity)
     void* own[kCapacity + 1];
     Unwind::FrameRegisters here;
     Unwind::CaptureRegisters(here);
-    const int count = Unwind::WalkStack(here, own, capacity + 1) - 1;
+    const int count = Unwind::WalkStack(here, own, capacity + 1).count - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }
@@ -56,7 +57,7 @@ int WalkFrom(const ucontext_t* context, void** frames, int capacity)
     Unwind::FrameRegisters trampoline;
     trampoline.Set(Unwind::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
     trampoline.Set(Unwind::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
-    const int count = Unwind::WalkStack(trampoline, own, capacity + 1) - 1;
+    const int count = Unwind::WalkStack(trampoline, own, capacity + 1).count - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }
@@ -158,7 +159,7 @@ constexpr int kStride = 97;
 
 volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
 volatile std::sig_atomic_t gSteps;
-Trace gInHandler[2];
+Trace gAtStep[2];
 Trace gInterrupted;
 
 void CompareAtStep(int, siginfo_t*, void* data)
@@ -169,10 +170,10 @@ void CompareAtStep(int, siginfo_t*, void* data)
     const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
     if (gSteps <= kEveryStep || gSteps % kStride == 0 || jumps)
     {
-        CaptureBoth(gInHandler, kCapacity);
+        CaptureBoth(gAtStep, kCapacity);
         gInterrupted.count = WalkFrom(context, gInterrupted.frames, kCapacity);
         const int handlerFrames = 3; // CaptureBoth, this function, the trampoline
-        if (!AreEqual(gInHandler[0], gInHandler[1]) || !AreEqual(gInHandler[0], gInterrupted, handlerFrames))
+        if (!AreEqual(gAtStep[0], gAtStep[1]) || !AreEqual(gAtStep[0], gInterrupted, handlerFrames))
         {
             gStepping = 0;
         }
@@ -197,8 +198,8 @@ void StepThrough(void (*run)(), int flags)
     asm volatile("nop");
     std::signal(SIGTRAP, SIG_DFL);
     EXPECT_GT(gSteps, 50);
-    EXPECT_TRUE(areEqual) << "at step " << gSteps << "\nbacktrace " << Print(gInHandler[0]) << "\nwalk "
-                          << Print(gInHandler[1]) << "\ninterrupted " << Print(gInterrupted);
+    EXPECT_TRUE(areEqual) << "at step " << gSteps << "\nbacktrace " << Print(gAtStep[0]) << "\nwalk " << Print(gAtStep[1])
+                          << "\ninterrupted " << Print(gInterrupted);
 }
 
 void StepFormatting()
@@ -253,6 +254,136 @@ TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
     {
         std::thread(StepOnAlternateStack, memory, sizeof(above)).join();
     }
+}
+
+// ---- What the walk tells besides: the signal handler that it met, and whether it came to the end ----
+
+Unwind::WalkResult gAnswer;
+const void* gContext; // of the handler that ran last
+
+// In this order: an answer with frames must equal the one without.
+__attribute__((noinline)) void Answer()
+{
+    void* frames[kCapacity];
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const Unwind::WalkResult stored = Unwind::WalkStack(here, frames, kCapacity);
+    gAnswer = Unwind::WalkStack(here, nullptr, 0);
+    EXPECT_EQ(gAnswer.count, 0);
+    EXPECT_GT(stored.count, 2);
+    EXPECT_EQ(stored.signalFrame, gAnswer.signalFrame);
+    EXPECT_EQ(stored.reachedEnd, gAnswer.reachedEnd);
+}
+
+__attribute__((noinline)) void AnswerBelow(int depth)
+{
+    depth > 0 ? AnswerBelow(depth - 1) : Answer();
+    asm volatile("");
+}
+
+sigjmp_buf gBeforeSignal;
+void (*gInHandler)();
+
+void RaiseAndRun(void (*run)(), int flags)
+{
+    struct sigaction action = {};
+    action.sa_sigaction = [](int, siginfo_t*, void* context)
+    {
+        gContext = context;
+        gInHandler();
+    };
+    action.sa_flags = SA_SIGINFO | SA_NODEFER | flags;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    gInHandler = run;
+    int (*const volatile raise)(int) = std::raise; // which may throw when the handler does
+    raise(SIGUSR1);
+}
+
+TEST(StackWalk, TellsOfTheSignalHandlerThatItMet)
+{
+    struct Row
+    {
+        const char* name;
+        void (*run)();
+        bool isInHandler;
+    };
+    const Row rows[] = {
+        {"no signal", Answer, false},
+        {"no signal, deep", [] { AnswerBelow(5000); }, false},
+        {"handler", [] { RaiseAndRun(Answer, 0); }, true},
+        {"deep in a handler", [] { RaiseAndRun([] { AnswerBelow(5000); }, 0); }, true},
+        {"handler in a handler", [] { RaiseAndRun([] { RaiseAndRun(Answer, 0); }, 0); }, true},
+        {"alternate stack", [] { RaiseAndRun(Answer, SA_ONSTACK); }, true},
+        {"deep on the alternate stack", [] { RaiseAndRun([] { AnswerBelow(5000); }, SA_ONSTACK); }, true},
+        {"after a handler", [] { RaiseAndRun([] {}, 0), Answer(); }, false},
+        {"catch clause after a throw out of a handler",
+         []
+         {
+             try
+             {
+                 RaiseAndRun([] { throw 5; }, 0);
+             }
+             catch (int)
+             {
+                 Answer();
+             }
+         },
+         false},
+        {"the same from the alternate stack",
+         []
+         {
+             try
+             {
+                 RaiseAndRun([] { AnswerBelow(100), throw 5; }, SA_ONSTACK);
+             }
+             catch (int)
+             {
+                 Answer();
+             }
+         },
+         false},
+        {"catch clause in a handler",
+         []
+         {
+             const auto run = []
+             {
+                 try
+                 {
+                     throw 5;
+                 }
+                 catch (int)
+                 {
+                     Answer();
+                 }
+             };
+             RaiseAndRun(run, 0);
+         },
+         true},
+        {"after a jump out of a handler",
+         []
+         {
+             if (sigsetjmp(gBeforeSignal, 1) == 0)
+             {
+                 RaiseAndRun([] { siglongjmp(gBeforeSignal, 1); }, SA_ONSTACK);
+             }
+             Answer();
+         },
+         false},
+    };
+    std::vector<unsigned char> memory(std::size_t{2048} * 1024);
+    stack_t stack = {};
+    stack.ss_sp = memory.data();
+    stack.ss_size = memory.size();
+    stack_t before;
+    ASSERT_EQ(sigaltstack(&stack, &before), 0);
+    for (const Row& row : rows)
+    {
+        gContext = nullptr;
+        row.run();
+        EXPECT_TRUE(gAnswer.reachedEnd) << row.name;
+        EXPECT_EQ(gAnswer.signalFrame, row.isInHandler ? reinterpret_cast<std::uintptr_t>(gContext) : 0) << row.name;
+    }
+    sigaltstack(&before, nullptr);
 }
 
 // push %rbp; mov %rsp, %rbp; call *%rdi; pop %rbp; ret

@@ -17,6 +17,10 @@ namespace
 // A frame pointer that claims a larger frame is taken for some other value.
 constexpr std::uint64_t kMaxFrameSize = 1u << 20;
 
+constexpr std::uint64_t kStaleSize = 4096; // below a stack, where calls that have returned may have left frames
+
+constexpr int kMostSteps = 100000; // takes some 80 ms
+
 // Positions of the registers in a signal context, in the order of the unwind tables' numbers.
 constexpr int kContextRegisters[FrameRegisters::kCount] = {REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI,
                                                            REG_RBP, REG_RSP, REG_R8,  REG_R9,  REG_R10, REG_R11,
@@ -25,83 +29,171 @@ constexpr int kContextRegisters[FrameRegisters::kCount] = {REG_RAX, REG_RDX, REG
 // What a signal handler returns to: mov $SYS_rt_sigreturn, %rax; syscall.
 constexpr unsigned char kSignalTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x00, 0x0f, 0x05};
 
-class Walker
+constexpr std::size_t kLongestCall = 7;
+
+// Whether the bytes before a return address are those of a call: direct, or through a register or memory.
+bool EndsWithCall(const unsigned char (&code)[kLongestCall]) noexcept
+{
+    constexpr unsigned char kDirect = 0xe8;
+    constexpr unsigned char kIndirect = 0xff;
+    if (code[kLongestCall - 5] == kDirect)
+    {
+        return true;
+    }
+    for (std::size_t length = 2; length <= kLongestCall; ++length)
+    {
+        const unsigned char* const call = code + kLongestCall - length;
+        const unsigned mode = call[1] >> 6;
+        const unsigned operand = call[1] & 7;
+        if (call[0] != kIndirect || (call[1] >> 3 & 7) != 2)
+        {
+            continue;
+        }
+        const bool hasScale = mode != 3 && operand == 4;
+        const bool isLongAddress = mode == 2 || (mode == 0 && (operand == 5 || (hasScale && (call[2] & 7) == 5)));
+        if (length == 2u + (hasScale ? 1 : 0) + (isLongAddress ? 4 : mode == 1 ? 1 : 0))
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The stretches of stack that a walk has come along, the current one last. Callers lie above; where code has switched stacks
+// they lie elsewhere, but never in a stretch that was left: that is damage, and the walk would go round in circles.
+class Road
 {
 public:
-    bool LoadContext(std::uintptr_t context) noexcept
+    explicit Road(std::uint64_t start) noexcept : m_stretches{{start, start}} {}
+
+    bool IsSwitch(std::uint64_t stackPointer) const noexcept { return stackPointer < m_stretches[m_current].start; }
+
+    // Goes on to the frame of a caller, `margin` bytes away from the other stretches when it switches stacks.
+    //   returns false when the frame cannot be the caller's
+    bool GoTo(std::uint64_t stackPointer, std::uint64_t margin) noexcept
     {
-        gregset_t registers;
-        if (!m_reader.Read(context + offsetof(ucontext_t, uc_mcontext.gregs), registers))
+        const bool isSwitch = IsSwitch(stackPointer);
+        for (unsigned i = 0; i <= m_current; ++i)
         {
-            return false;
+            const Stretch& stretch = m_stretches[i];
+            if (stackPointer < stretch.end && stackPointer + (isSwitch ? margin : 0) >= stretch.start)
+            {
+                return false;
+            }
         }
-        for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
+        if (isSwitch)
         {
-            m_registers.Set(number, static_cast<std::uint64_t>(registers[kContextRegisters[number]]));
+            if (++m_current == kMostStretches)
+            {
+                return false;
+            }
+            m_stretches[m_current].start = stackPointer;
         }
-        m_interrupted = true;
+        m_stretches[m_current].end = stackPointer;
         return true;
     }
 
-    FrameRegisters& Registers() noexcept { return m_registers; }
+private:
+    static constexpr unsigned kMostStretches = 16;
 
-    // Moves from the frame to its caller; false where the stack ends or cannot be followed.
-    bool Step() noexcept
+    struct Stretch
     {
-        const UnwindResult result = StepByTables();
-        if (result != UnwindResult::NO_TABLES)
-        {
-            return result != UnwindResult::END_OF_STACK;
-        }
-        if (IsSignalTrampoline())
-        {
-            return LoadContext(m_registers.StackPointer());
-        }
-        return StepWithoutTables();
-    }
+        std::uint64_t start;
+        std::uint64_t end;
+    };
 
-    UnwindResult StepByTables() noexcept
-    {
-        if (!Locate(CallAddress()) || m_object.unwindHeader == 0)
-        {
-            return UnwindResult::NO_TABLES;
-        }
-        const std::uint64_t stackPointer = m_registers.StackPointer();
-        const bool wasInterrupted = m_interrupted;
-        const UnwindResult result = UnwindFrame(m_reader, m_object.unwindHeader, CallAddress(), m_registers);
-        if (result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED)
-        {
-            m_interrupted = result == UnwindResult::INTERRUPTED;
-        }
-        // Only a signal moves to another stack; otherwise a caller's frame lies above, or the walk would go round in
-        // circles. But the interrupted function may have given up its frame: an unwinder jumps to where it resumes so.
-        const std::uint64_t callersStackPointer = m_registers.StackPointer();
-        if (result == UnwindResult::UNWOUND &&
-            (callersStackPointer < stackPointer || (callersStackPointer == stackPointer && !wasInterrupted)))
-        {
-            return UnwindResult::END_OF_STACK;
-        }
-        return result;
-    }
+    Stretch m_stretches[kMostStretches];
+    unsigned m_current = 0;
+};
 
-    int Walk(void** frames, int capacity) noexcept
+class Walker
+{
+public:
+    explicit Walker(const FrameRegisters& start) noexcept : m_registers(start), m_road(start.StackPointer()) {}
+
+    WalkResult Walk(void** frames, int capacity) noexcept
     {
-        int count = 0;
-        // A return address of zero marks the end of a stack; an interrupted zero is a call through a null pointer.
-        while (count < capacity && (m_registers.ProgramCounter() != 0 || m_interrupted))
+        WalkResult result;
+        for (int steps = 0; steps < kMostSteps; ++steps)
         {
-            frames[count++] = reinterpret_cast<void*>(m_registers.ProgramCounter());
-            if (!Step())
+            // A return address of zero marks the end of a stack; an interrupted zero is a call through a null pointer.
+            result.reachedEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
+            if (result.reachedEnd)
+            {
+                break;
+            }
+            if (result.count < capacity)
+            {
+                frames[result.count++] = reinterpret_cast<void*>(m_registers.ProgramCounter());
+            }
+            const UnwindResult step = Step();
+            result.reachedEnd = step == UnwindResult::END_OF_STACK;
+            if (step == UnwindResult::INTERRUPTED && result.signalFrame == 0)
+            {
+                result.signalFrame = m_signalFrame;
+            }
+            else if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
             {
                 break;
             }
         }
-        return count;
+        return result;
     }
 
 private:
+    // Moves from the frame to its caller.
+    UnwindResult Step() noexcept
+    {
+        FrameRegisters caller = m_registers;
+        UnwindResult result = UnwindResult::NO_TABLES;
+        if (Locate(CallAddress()) && m_object.unwindHeader != 0)
+        {
+            result = UnwindFrame(m_reader, m_object.unwindHeader, CallAddress(), caller);
+        }
+        if (result == UnwindResult::NO_TABLES && IsSignalTrampoline() && LoadContext(m_registers.StackPointer(), caller))
+        {
+            result = UnwindResult::INTERRUPTED;
+        }
+        else if (result == UnwindResult::NO_TABLES && StepWithoutTables(caller))
+        {
+            result = UnwindResult::UNWOUND;
+        }
+        if ((result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED) &&
+            !MoveTo(caller, result == UnwindResult::INTERRUPTED))
+        {
+            return UnwindResult::NO_TABLES;
+        }
+        return result;
+    }
+
+    bool MoveTo(const FrameRegisters& caller, bool isInterrupted) noexcept
+    {
+        const std::uint64_t stackPointer = caller.StackPointer();
+        // The interrupted function may have given up its frame: an unwinder jumps to where it resumes so.
+        if (stackPointer == m_registers.StackPointer() && !m_isInterrupted)
+        {
+            return false;
+        }
+        // A saved register that damage has changed leads anywhere, and returned calls have left frames below the stack.
+        if (!isInterrupted && m_road.IsSwitch(stackPointer) && !IsReturnAddress(caller.ProgramCounter()))
+        {
+            return false;
+        }
+        if (!m_road.GoTo(stackPointer, isInterrupted ? 0 : kStaleSize))
+        {
+            return false;
+        }
+        if (isInterrupted)
+        {
+            m_signalFrame = m_registers.StackPointer();
+        }
+        m_registers = caller;
+        m_isInterrupted = isInterrupted;
+        return true;
+    }
+
     // An address within the call: a return address may already belong to the next function.
-    std::uintptr_t CallAddress() const noexcept { return m_registers.ProgramCounter() - (m_interrupted ? 0 : 1); }
+    std::uintptr_t CallAddress() const noexcept { return m_registers.ProgramCounter() - (m_isInterrupted ? 0 : 1); }
 
     bool Locate(std::uintptr_t address) noexcept
     {
@@ -110,7 +202,9 @@ private:
 
     bool IsReturnAddress(std::uint64_t address) noexcept
     {
-        return address != 0 && Locate(address - 1) && m_object.HasCodeAt(address - 1);
+        unsigned char code[kLongestCall];
+        return Locate(address - 1) && m_object.HasCodeAt(address - 1) && m_reader.Read(address - sizeof(code), code) &&
+               EndsWithCall(code);
     }
 
     bool IsSignalTrampoline() noexcept
@@ -119,18 +213,32 @@ private:
         return m_reader.Read(m_registers.ProgramCounter(), code) && std::memcmp(code, kSignalTrampoline, sizeof(code)) == 0;
     }
 
-    bool StepWithoutTables() noexcept
+    bool LoadContext(std::uintptr_t context, FrameRegisters& interrupted) noexcept
+    {
+        gregset_t registers;
+        if (!m_reader.Read(context + offsetof(ucontext_t, uc_mcontext.gregs), registers))
+        {
+            return false;
+        }
+        for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
+        {
+            interrupted.Set(number, static_cast<std::uint64_t>(registers[kContextRegisters[number]]));
+        }
+        return true;
+    }
+
+    bool StepWithoutTables(FrameRegisters& caller) noexcept
     {
         const bool inCode = Locate(CallAddress()) && m_object.HasCodeAt(CallAddress());
-        if (m_interrupted && !inCode && ReturnFromLeaf())
+        if (m_isInterrupted && !inCode && ReturnFromLeaf(caller))
         {
             return true;
         }
-        return FollowFramePointer() || (m_interrupted && inCode && ReturnFromLeaf());
+        return FollowFramePointer(caller) || (m_isInterrupted && inCode && ReturnFromLeaf(caller));
     }
 
     // As after a call through a bad pointer: nothing has been pushed on top of the return address.
-    bool ReturnFromLeaf() noexcept
+    bool ReturnFromLeaf(FrameRegisters& caller) noexcept
     {
         std::uint64_t returnAddress;
         const std::uint64_t stackPointer = m_registers.StackPointer();
@@ -138,14 +246,13 @@ private:
         {
             return false;
         }
-        m_registers.Set(FrameRegisters::kProgramCounter, returnAddress);
-        m_registers.Set(FrameRegisters::kStackPointer, stackPointer + sizeof(returnAddress));
-        m_interrupted = false;
+        caller.Set(FrameRegisters::kProgramCounter, returnAddress);
+        caller.Set(FrameRegisters::kStackPointer, stackPointer + sizeof(returnAddress));
         return true;
     }
 
     // As in code that a program generates at run time.
-    bool FollowFramePointer() noexcept
+    bool FollowFramePointer(FrameRegisters& caller) noexcept
     {
         struct
         {
@@ -160,18 +267,19 @@ private:
         {
             return false;
         }
-        m_registers.known = 0; // what else the function saved is not known
-        m_registers.Set(FrameRegisters::kBasePointer, frame.basePointer);
-        m_registers.Set(FrameRegisters::kProgramCounter, frame.returnAddress);
-        m_registers.Set(FrameRegisters::kStackPointer, basePointer + sizeof(frame));
-        m_interrupted = false;
+        caller.known = 0; // what else the function saved is not known
+        caller.Set(FrameRegisters::kBasePointer, frame.basePointer);
+        caller.Set(FrameRegisters::kProgramCounter, frame.returnAddress);
+        caller.Set(FrameRegisters::kStackPointer, basePointer + sizeof(frame));
         return true;
     }
 
     MemoryReader m_reader;
     ElfObject m_object; // of the latest frame: neighbours mostly share it
     FrameRegisters m_registers;
-    bool m_interrupted = false;
+    Road m_road;
+    std::uintptr_t m_signalFrame = 0; // the latest
+    bool m_isInterrupted = false;
 };
 
 } // namespace
@@ -191,11 +299,9 @@ private:
         "retq");
 }
 
-int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept
+WalkResult WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept
 {
-    Walker walker;
-    walker.Registers() = start;
-    return walker.Walk(frames, capacity);
+    return Walker(start).Walk(frames, capacity);
 }
 
 } // namespace Unwind

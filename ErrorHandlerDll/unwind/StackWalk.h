@@ -5,15 +5,25 @@
 
 #include "ErrorHandlerDll/unwind/FrameRegisters.h"
 
+#include <cstdint>
+
 namespace Unwind
 {
 
+struct WalkResult
+{
+    int count = 0;                  // frames stored
+    std::uintptr_t signalFrame = 0; // the context (ucontext_t) of the innermost signal handler on the stack; 0: none met
+    bool reachedEnd = false;        // the outermost frame was met; otherwise there may be more, a signal handler, too
+};
+
 // Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline
 // and the interrupted function follow the handler's own frames. Where backtrace() has to stop (a call through a null or wild
-// pointer, code without unwind tables) the walk goes on if the stack shows how.
-//   returns the number of frames stored, at most `capacity`
+// pointer, code without unwind tables) the walk goes on if the stack shows how, and so it does where code has switched
+// stacks.
+//   frames  room for `capacity` addresses; null with 0. The walk itself goes on beyond, so that its answers hold.
 //   signals async-signal-safe; 130 KiB of stack
-int WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;
+WalkResult WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;
 
 } // namespace Unwind
 
