@@ -36,7 +36,11 @@ void ConstructLogger()
 
 const struct LoggerLife
 {
-    LoggerLife() { ConstructLogger(); }
+    LoggerLife()
+    {
+        ConstructLogger();
+        QV::EmergencyScope::SetCheck([]() noexcept { return Crash::FindSignalRoad().isOnIt; });
+    }
     ~LoggerLife() { gFileLogger.Retire(); }
 } gLoggerLife;
 
@@ -50,7 +54,7 @@ const int gForkHandlers = pthread_atfork(
     []
     {
         gFileLogger.AfterForkInChild();
-        Crash::Dump::AfterForkInChild();
+        Crash::DumpStack::AfterForkInChild();
     });
 
 // Most messages fit: then they are formatted once, without the heap.

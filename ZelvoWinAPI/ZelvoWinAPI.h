@@ -57,8 +57,8 @@ inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
 Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept;
 
 // A lease is for an owner that may leave its code by a jump and the section with it, as a dump can that faults. While it
-// lasts, only code on the stack [low, high) is taken for the owner: on another one the thread that owns the section enters it
-// afresh. So do other threads when its time is over. An owner that is late must look whether it is one still.
+// lasts, only code on the stack [low, high) is taken for the owner: on another one the thread that owns the section enters
+// it afresh. So do other threads when its time is over. An owner that is late must look whether it is one still.
 void SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds) noexcept;
 void EndLease(_CRITICAL_SECTION* section) noexcept;
 

@@ -13,10 +13,12 @@
 namespace Crash
 {
 
-// Where on the calling thread's stack the frames of signal handlers lie.
+inline constexpr const char* kFaultInDump = "  A fault ended this part of the dump";
+
+// Whether frames of signal handlers lie on the calling thread's stack.
 struct SignalRoad
 {
-    bool isOnIt = true; // unless it is certain that there is none
+    bool isOnIt = true;     // unless it is certain that there is none
     bool isTooDeep = false; // handlers that fault again and again, as with a callback of the host that does
 };
 
@@ -50,7 +52,6 @@ public:
 private:
     DumpStack& m_stack;
     const Place* const m_outer;
-    const std::uint64_t m_mask;
     const bool m_isEmergency;
     const unsigned int m_sectionDepth;
 };

@@ -18,7 +18,7 @@ namespace
 
 constexpr std::size_t kStackSize = std::size_t{256} * 1024; // pages that no dump reaches cost nothing
 constexpr int kStackCount = 4;                              // a dump holds one for milliseconds, as a rule
-constexpr int kMaxWaitMs = 1000;
+constexpr int kMaxWaitMs = 500;
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kSwitchesStack = false; // the sanitizer would have to be told of each switch, and of each jump
@@ -87,31 +87,30 @@ struct DumpStack::Call
     DumpStack& stack;
     Function run;
     const void* argument;
-    SignalSet mask;
 };
 
 // Neither set nor unset while the thread is on it, and so that no signal comes in between.
 class DumpStack::AlternateStackOff
 {
 public:
-    AlternateStackOff(stack_t& alternate, SignalSet mask) noexcept : m_alternate(alternate)
+    explicit AlternateStackOff(DumpStack& stack) noexcept : m_stack(stack)
     {
-        SystemCall(SYS_sigaltstack, 0, ToArgument(&m_alternate));
+        SystemCall(SYS_sigaltstack, 0, ToArgument(&m_stack.m_alternate));
         stack_t none = {};
         none.ss_flags = SS_DISABLE;
         SystemCall(SYS_sigaltstack, ToArgument(&none)); // refused where the dump stays on it
-        SetMask(mask);
+        SetMask(m_stack.m_mask);
     }
     ~AlternateStackOff()
     {
         SetMask(kAllSignals);
-        SystemCall(SYS_sigaltstack, ToArgument(&m_alternate));
+        SystemCall(SYS_sigaltstack, ToArgument(&m_stack.m_alternate));
     }
     AlternateStackOff(const AlternateStackOff&) = delete;
     AlternateStackOff& operator=(const AlternateStackOff&) = delete;
 
 private:
-    const stack_t& m_alternate;
+    DumpStack& m_stack;
 };
 
 // Owns a stack of gStacks for its scope. All signals wait meanwhile, but in RunCall: a handler that dumps must find this
@@ -194,7 +193,7 @@ DumpStack* DumpStack::Current() noexcept
 void DumpStack::RunCall(void* argument)
 {
     const Call& call = *static_cast<const Call*>(argument);
-    const AlternateStackOff scope(call.stack.m_alternate, call.mask);
+    const AlternateStackOff scope(call.stack);
     call.run(call.stack, call.argument);
 }
 
@@ -209,7 +208,8 @@ bool DumpStack::RunOnFree(Function run, const void* argument)
     DumpStack& stack = owner.Stack();
     stack.m_place = nullptr;
     stack.m_dump = nullptr;
-    Call call = {stack, run, argument, mask.Mask()};
+    stack.m_mask = mask.Mask();
+    Call call = {stack, run, argument};
     if (kSwitchesStack)
     {
         stack.m_low = reinterpret_cast<std::uintptr_t>(owner.Start());

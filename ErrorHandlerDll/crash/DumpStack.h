@@ -23,7 +23,7 @@ public:
     // Calls body(stack) on a free stack, in place when the calling code is on one already. Meanwhile the thread has no
     // alternate stack: a nested signal would start at the top of that and overwrite the frames that wait there. What the
     // body throws passes. Async-signal-safe; takes about 300 bytes of the caller's stack.
-    //   returns false when none was free for a second; the body was not called then
+    //   returns false when none was free for half a second; the body was not called then
     template <class Body>
     static bool Run(const Body& body)
     {
@@ -38,6 +38,7 @@ public:
     // The stacks of other threads are free.
     static void AfterForkInChild() noexcept;
 
+    std::uint64_t Mask() const noexcept { return m_mask; } // of the signals that wait
     std::uintptr_t Low() const noexcept { return m_low; }
     std::uintptr_t High() const noexcept { return m_high; }
 
@@ -55,6 +56,7 @@ private:
 
     std::uintptr_t m_low = 0;
     std::uintptr_t m_high = 0;
+    std::uint64_t m_mask = 0;
     stack_t m_alternate = {}; // of the thread
 };
 

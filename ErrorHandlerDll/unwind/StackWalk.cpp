@@ -128,11 +128,11 @@ public:
             }
             const UnwindResult step = Step();
             result.reachedEnd = step == UnwindResult::END_OF_STACK;
-            if (step == UnwindResult::INTERRUPTED && result.signalFrame == 0)
+            if (step == UnwindResult::INTERRUPTED)
             {
-                result.signalFrame = m_signalFrame;
+                result.signalFrame = result.signalFrames++ == 0 ? m_signalFrame : result.signalFrame;
             }
-            else if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
+            else if (step != UnwindResult::UNWOUND)
             {
                 break;
             }

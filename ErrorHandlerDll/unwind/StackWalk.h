@@ -14,6 +14,7 @@ struct WalkResult
 {
     int count = 0;                  // frames stored
     std::uintptr_t signalFrame = 0; // the context (ucontext_t) of the innermost signal handler on the stack; 0: none met
+    int signalFrames = 0;           // signal handlers met
     bool reachedEnd = false;        // the outermost frame was met; otherwise there may be more, a signal handler, too
 };
 
