@@ -3,6 +3,7 @@
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -16,6 +17,16 @@
 
 namespace Crash
 {
+
+namespace
+{
+
+// A reader who was waited for in vain is not waited for again, until it is seen to read.
+constinit std::atomic<bool> gIsReaderStuck = false;
+
+} // namespace
+
+StandardOutput::StandardOutput() noexcept : m_waitLeftMs(gIsReaderStuck.load() ? 0 : kMaxWaitMs) {}
 
 StandardOutput::~StandardOutput()
 {
@@ -82,6 +93,7 @@ bool StandardOutput::WaitUntilReady() noexcept
         m_waitLeftMs -= static_cast<int>(ZelvoWinAPI::GetTickCount64() - start);
     } while (result < 0 && errno == EINTR && m_waitLeftMs > 0);
     m_isGivenUp = result == 0 || (result < 0 && errno == EINTR);
+    gIsReaderStuck.store(m_isGivenUp);
     return !m_isGivenUp;
 }
 

@@ -13,7 +13,7 @@ namespace Crash
 class StandardOutput
 {
 public:
-    StandardOutput() = default;
+    StandardOutput() noexcept;
     ~StandardOutput();
     StandardOutput(const StandardOutput&) = delete;
     StandardOutput& operator=(const StandardOutput&) = delete;
@@ -40,7 +40,7 @@ private:
     bool m_isReopened = false;
     bool m_mayBlock = true;
     bool m_isGivenUp = false;
-    int m_waitLeftMs = kMaxWaitMs;
+    int m_waitLeftMs;
     std::size_t m_used = 0;
     char m_lines[PIPE_BUF]; // a pipe that is ready takes as much without blocking, and in one piece
 };
