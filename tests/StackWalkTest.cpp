@@ -130,6 +130,21 @@ void RaiseInHandler()
     std::signal(SIGUSR2, SIG_DFL);
 }
 
+int CompareInSort(const void*, const void*)
+{
+    CompareHere();
+    return 0;
+}
+
+void SortInAnotherNameSpace()
+{
+    void* const library = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    int numbers[2] = {};
+    reinterpret_cast<decltype(&std::qsort)>(dlsym(library, "qsort"))(numbers, 2, sizeof numbers[0], CompareInSort);
+    dlclose(library);
+}
+
 TEST(StackWalk, EqualsBacktrace)
 {
     const struct
@@ -142,6 +157,7 @@ TEST(StackWalk, EqualsBacktrace)
         {[] { Compare(0); }, "no room"},
         {[] { Realign(300); }, "realigned frame"},
         {RaiseInHandler, "nested signal handlers"},
+        {SortInAnotherNameSpace, "object of another name space"},
     };
     for (const auto& row : cases)
     {
