@@ -457,6 +457,7 @@ Trace gGenerated;
 void CaptureGenerated()
 {
     gGenerated.count = WalkFromHere(gGenerated.frames, kCapacity);
+    Answer();
 }
 
 TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
@@ -472,6 +473,7 @@ TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
     // Two frames more: CaptureGenerated and the generated code.
     ASSERT_EQ(gGenerated.count, direct.count + 2) << Print(gGenerated) << "\ndirect" << Print(direct);
     EXPECT_EQ(gGenerated.frames[1], static_cast<char*>(code) + 6);
+    EXPECT_FALSE(gAnswer.reachedEnd) << "a frame pointer is a guess";
     EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGenerated.frames + 3));
     munmap(code, 4096);
 }

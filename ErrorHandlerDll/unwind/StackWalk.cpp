@@ -117,23 +117,19 @@ public:
         for (int steps = 0; steps < kMostSteps; ++steps)
         {
             // A return address of zero marks the end of a stack; an interrupted zero is a call through a null pointer.
-            result.reachedEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
-            if (result.reachedEnd)
-            {
-                break;
-            }
-            if (result.count < capacity)
+            const bool isEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
+            if (!isEnd && result.count < capacity)
             {
                 frames[result.count++] = reinterpret_cast<void*>(m_registers.ProgramCounter());
             }
-            const UnwindResult step = Step();
-            result.reachedEnd = step == UnwindResult::END_OF_STACK;
+            const UnwindResult step = isEnd ? UnwindResult::END_OF_STACK : Step();
             if (step == UnwindResult::INTERRUPTED && result.signalFrame == 0)
             {
                 result.signalFrame = m_signalFrame;
             }
-            else if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
+            if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
             {
+                result.reachedEnd = step == UnwindResult::END_OF_STACK && !m_hasGuessed;
                 break;
             }
         }
@@ -157,6 +153,7 @@ private:
         else if (result == UnwindResult::NO_TABLES && StepWithoutTables(caller))
         {
             result = UnwindResult::UNWOUND;
+            m_hasGuessed = true;
         }
         if ((result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED) &&
             !MoveTo(caller, result == UnwindResult::INTERRUPTED))
@@ -280,6 +277,7 @@ private:
     Road m_road;
     std::uintptr_t m_signalFrame = 0; // the latest
     bool m_isInterrupted = false;
+    bool m_hasGuessed = false; // a frame pointer may have led past frames, those of a signal handler, too
 };
 
 } // namespace

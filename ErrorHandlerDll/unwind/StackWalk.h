@@ -14,7 +14,7 @@ struct WalkResult
 {
     int count = 0;                  // frames stored
     std::uintptr_t signalFrame = 0; // the context (ucontext_t) of the innermost signal handler on the stack; 0: none met
-    bool reachedEnd = false;        // the outermost frame was met; otherwise there may be more, a signal handler, too
+    bool reachedEnd = false; // came to the outermost frame, by tables all the way; else a signal handler may be missed
 };
 
 // Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline
