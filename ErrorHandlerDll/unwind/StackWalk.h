@@ -22,7 +22,7 @@ struct WalkResult
 // pointer, code without unwind tables) the walk goes on if the stack shows how, and so it does where code has switched
 // stacks.
 //   frames  room for `capacity` addresses; null with 0. The walk itself goes on beyond, so that its answers hold.
-//   signals async-signal-safe; 130 KiB of stack
+//   signals async-signal-safe; 36 KiB of stack
 WalkResult WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;
 
 } // namespace Unwind
