@@ -94,6 +94,10 @@ TEST(FrameText, EqualsBacktraceSymbols)
     EXPECT_EQ(OurText(onlySymbol), PlatformText(onlySymbol));
     EXPECT_NE(OurText(onlySymbol).find("(PluginEntry+0)"), std::string::npos);
     dlclose(library);
+    void* const another = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
+    ASSERT_NE(another, nullptr) << dlerror();
+    EXPECT_EQ(OurText(dlsym(another, "qsort")), PlatformText(dlsym(another, "qsort")));
+    dlclose(another);
     const std::vector<void*> addresses = AddressesOfAllKinds();
     for (std::size_t at = 0; at < addresses.size(); at += Unwind::FrameTexts::kMostFrames)
     {

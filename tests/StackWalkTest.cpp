@@ -130,6 +130,66 @@ void RaiseInHandler()
     std::signal(SIGUSR2, SIG_DFL);
 }
 
+extern "C" void CallOnStack(void* stackEnd, void (*run)()); // with tables that lead back
+extern "C" const char gAfterCall[];
+asm(R"(
+    .pushsection .text
+CallOnStack:
+    .cfi_startproc
+    pushq %rbp
+    .cfi_def_cfa_offset 16
+    .cfi_offset %rbp, -16
+    movq %rsp, %rbp
+    .cfi_def_cfa_register %rbp
+    movq %rdi, %rsp
+    callq *%rsi
+gAfterCall:
+    leaveq
+    .cfi_def_cfa %rsp, 8
+    retq
+    .cfi_endproc
+    .popsection
+)");
+
+constexpr std::size_t kOwnStack = std::size_t{256} * 1024;
+
+void RunOnOwnStacks()
+{
+    alignas(16) char above[kOwnStack];
+    const auto below = std::make_unique<char[]>(kOwnStack);
+    CallOnStack(above + kOwnStack, CompareHere);
+    CallOnStack(below.get() + kOwnStack, CompareHere);
+}
+
+ucontext_t gResumer;
+
+void RunInCoroutine()
+{
+    const auto stack = std::make_unique<char[]>(kOwnStack);
+    ucontext_t coroutine;
+    getcontext(&coroutine);
+    coroutine.uc_stack.ss_sp = stack.get();
+    coroutine.uc_stack.ss_size = kOwnStack;
+    coroutine.uc_link = &gResumer;
+    makecontext(&coroutine, CompareHere, 0);
+    swapcontext(&gResumer, &coroutine);
+}
+
+int CompareInSort(const void*, const void*)
+{
+    CompareHere();
+    return 0;
+}
+
+void SortInAnotherNameSpace()
+{
+    void* const library = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    int numbers[2] = {};
+    reinterpret_cast<decltype(&std::qsort)>(dlsym(library, "qsort"))(numbers, 2, sizeof numbers[0], CompareInSort);
+    dlclose(library);
+}
+
 TEST(StackWalk, EqualsBacktrace)
 {
     const struct
@@ -142,6 +202,9 @@ TEST(StackWalk, EqualsBacktrace)
         {[] { Compare(0); }, "no room"},
         {[] { Realign(300); }, "realigned frame"},
         {RaiseInHandler, "nested signal handlers"},
+        {RunOnOwnStacks, "stacks of the program's own"},
+        {RunInCoroutine, "coroutine"},
+        {SortInAnotherNameSpace, "object of another name space"},
     };
     for (const auto& row : cases)
     {
@@ -394,6 +457,7 @@ Trace gGenerated;
 void CaptureGenerated()
 {
     gGenerated.count = WalkFromHere(gGenerated.frames, kCapacity);
+    Answer();
 }
 
 TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
@@ -409,8 +473,59 @@ TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
     // Two frames more: CaptureGenerated and the generated code.
     ASSERT_EQ(gGenerated.count, direct.count + 2) << Print(gGenerated) << "\ndirect" << Print(direct);
     EXPECT_EQ(gGenerated.frames[1], static_cast<char*>(code) + 6);
+    EXPECT_FALSE(gAnswer.reachedEnd) << "a frame pointer is a guess";
     EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGenerated.frames + 3));
     munmap(code, 4096);
+}
+
+// A chain of frames in a stack made by hand, each found by the frame pointer that the one before has saved.
+TEST(StackWalk, FollowsOtherStacksButNeverBack)
+{
+    constexpr std::size_t kAll = 0;
+    std::vector<std::size_t> manySwitches;
+    for (std::size_t i = 20000; i > 0; i -= 1000)
+        manySwitches.push_back(i);
+    const struct
+    {
+        const char* name;
+        std::vector<std::size_t> frames; // positions in words, from the stack pointer of the first on
+        std::size_t count;
+        std::uint64_t beyondCall = 0; // where the frames return to
+    } rows[] = {
+        {"one stack", {2000, 2010, 2020}, kAll},
+        {"a stack above", {2000, 2010, 9000, 9010}, kAll},
+        {"a stack below", {2000, 2010, 100, 110}, kAll},
+        {"below, then back above", {2000, 2010, 100, 110, 9000}, kAll},
+        {"back to a stack that was left", {2000, 2010, 100, 2004}, 3},
+        {"back to the frame before", {2000, 2010, 2020, 2010}, 3},
+        {"the same frame", {2000, 2010, 2010}, 2},
+        {"what returned calls have left", {2000, 2010, 1980, 1990}, 2},
+        {"a stack below, to what is no return address", {2000, 2010, 100, 110}, 2, 1},
+        {"switches without end", manySwitches, 16},
+    };
+    const auto afterCall = reinterpret_cast<std::uint64_t>(gAfterCall);
+    for (const auto& row : rows)
+    {
+        std::vector<std::uint64_t> stack(21000);
+        const auto addressOf = [&](std::size_t index)
+        {
+            return reinterpret_cast<std::uint64_t>(&stack[row.frames[index]]);
+        };
+        for (std::size_t i = row.frames.size() - 1; i > 0; --i)
+        {
+            const bool isLast = i + 1 == row.frames.size();
+            stack[row.frames[i]] = isLast ? 0 : addressOf(i + 1);
+            stack[row.frames[i] + 1] = isLast ? 0 : afterCall + row.beyondCall;
+        }
+        Unwind::FrameRegisters start;
+        start.Set(Unwind::FrameRegisters::kProgramCounter, afterCall);
+        start.Set(Unwind::FrameRegisters::kStackPointer, addressOf(0));
+        start.Set(Unwind::FrameRegisters::kBasePointer, addressOf(1));
+        void* frames[kCapacity];
+        const Unwind::WalkResult result = Unwind::WalkStack(start, frames, kCapacity);
+        EXPECT_EQ(static_cast<std::size_t>(result.count), row.count == kAll ? row.frames.size() - 1 : row.count) << row.name;
+        EXPECT_EQ(result.reachedEnd, row.count == kAll) << row.name;
+    }
 }
 
 TEST(StackWalk, EndsOnDamagedStacks)

@@ -117,23 +117,19 @@ public:
         for (int steps = 0; steps < kMostSteps; ++steps)
         {
             // A return address of zero marks the end of a stack; an interrupted zero is a call through a null pointer.
-            result.reachedEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
-            if (result.reachedEnd)
-            {
-                break;
-            }
-            if (result.count < capacity)
+            const bool isEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
+            if (!isEnd && result.count < capacity)
             {
                 frames[result.count++] = reinterpret_cast<void*>(m_registers.ProgramCounter());
             }
-            const UnwindResult step = Step();
-            result.reachedEnd = step == UnwindResult::END_OF_STACK;
+            const UnwindResult step = isEnd ? UnwindResult::END_OF_STACK : Step();
             if (step == UnwindResult::INTERRUPTED)
             {
                 result.signalFrame = result.signalFrames++ == 0 ? m_signalFrame : result.signalFrame;
             }
-            else if (step != UnwindResult::UNWOUND)
+            if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
             {
+                result.reachedEnd = step == UnwindResult::END_OF_STACK && !m_hasGuessed;
                 break;
             }
         }
@@ -146,9 +142,9 @@ private:
     {
         FrameRegisters caller = m_registers;
         UnwindResult result = UnwindResult::NO_TABLES;
-        if (Locate(CallAddress()) && m_object.unwindHeader != 0)
+        if (const std::uintptr_t unwindHeader = ObjectAt(CallAddress()).unwindHeader; unwindHeader != 0)
         {
-            result = UnwindFrame(m_reader, m_object.unwindHeader, CallAddress(), caller);
+            result = UnwindFrame(m_reader, unwindHeader, CallAddress(), caller);
         }
         if (result == UnwindResult::NO_TABLES && IsSignalTrampoline() && LoadContext(m_registers.StackPointer(), caller))
         {
@@ -157,6 +153,7 @@ private:
         else if (result == UnwindResult::NO_TABLES && StepWithoutTables(caller))
         {
             result = UnwindResult::UNWOUND;
+            m_hasGuessed = true;
         }
         if ((result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED) &&
             !MoveTo(caller, result == UnwindResult::INTERRUPTED))
@@ -195,15 +192,25 @@ private:
     // An address within the call: a return address may already belong to the next function.
     std::uintptr_t CallAddress() const noexcept { return m_registers.ProgramCounter() - (m_isInterrupted ? 0 : 1); }
 
-    bool Locate(std::uintptr_t address) noexcept
+    // The object that holds the address; an empty one when there is none.
+    const ElfObject& ObjectAt(std::uintptr_t address) noexcept
     {
-        return m_object.Contains(address) || FindObject(m_reader, address, m_object);
+        for (const ElfObject& object : m_objects)
+        {
+            if (object.Contains(address))
+            {
+                return object;
+            }
+        }
+        m_latestObject = (m_latestObject + 1) % kObjectCount;
+        FindObject(m_reader, address, m_objects[m_latestObject]);
+        return m_objects[m_latestObject];
     }
 
     bool IsReturnAddress(std::uint64_t address) noexcept
     {
         unsigned char code[kLongestCall];
-        return Locate(address - 1) && m_object.HasCodeAt(address - 1) && m_reader.Read(address - sizeof(code), code) &&
+        return ObjectAt(address - 1).HasCodeAt(address - 1) && m_reader.Read(address - sizeof(code), code) &&
                EndsWithCall(code);
     }
 
@@ -229,7 +236,7 @@ private:
 
     bool StepWithoutTables(FrameRegisters& caller) noexcept
     {
-        const bool inCode = Locate(CallAddress()) && m_object.HasCodeAt(CallAddress());
+        const bool inCode = ObjectAt(CallAddress()).HasCodeAt(CallAddress());
         if (m_isInterrupted && !inCode && ReturnFromLeaf(caller))
         {
             return true;
@@ -275,11 +282,14 @@ private:
     }
 
     MemoryReader m_reader;
-    ElfObject m_object; // of the latest frame: neighbours mostly share it
+    static constexpr std::size_t kObjectCount = 4;
+    ElfObject m_objects[kObjectCount]; // of the latest frames: recursions go through the same ones again and again
+    std::size_t m_latestObject = 0;
     FrameRegisters m_registers;
     Road m_road;
     std::uintptr_t m_signalFrame = 0; // the latest
     bool m_isInterrupted = false;
+    bool m_hasGuessed = false; // a frame pointer may have led past frames, those of a signal handler, too
 };
 
 } // namespace

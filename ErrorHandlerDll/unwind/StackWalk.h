@@ -15,7 +15,7 @@ struct WalkResult
     int count = 0;                  // frames stored
     std::uintptr_t signalFrame = 0; // the context (ucontext_t) of the innermost signal handler on the stack; 0: none met
     int signalFrames = 0;           // signal handlers met
-    bool reachedEnd = false;        // the outermost frame was met; otherwise there may be more, a signal handler, too
+    bool reachedEnd = false; // came to the outermost frame, by tables all the way; else a signal handler may be missed
 };
 
 // Stores the return addresses of this thread from the given frame on, innermost first. In a signal handler the trampoline
@@ -23,7 +23,7 @@ struct WalkResult
 // pointer, code without unwind tables) the walk goes on if the stack shows how, and so it does where code has switched
 // stacks.
 //   frames  room for `capacity` addresses; null with 0. The walk itself goes on beyond, so that its answers hold.
-//   signals async-signal-safe; 130 KiB of stack
+//   signals async-signal-safe; 36 KiB of stack
 WalkResult WalkStack(const FrameRegisters& start, void** frames, int capacity) noexcept;
 
 } // namespace Unwind
