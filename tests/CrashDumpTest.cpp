@@ -1,11 +1,11 @@
 // What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: tools/crash_harness.
 #include "ErrorHandlerDll/ExceptionHandler.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "support/LogTest.h"
 
 #include <algorithm>
@@ -102,7 +102,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
         []
         {
             InstallHandler(SIGSEGV, DumpAndExit);
-            const unsigned int depth = gFileLogger.GetSectionDepth();
+            const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
             for (int i = 0; i < 3; ++i)
             {
                 bool finished = false;
@@ -117,7 +117,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                                 Fault();
                             });
                     });
-                if (finished || gFileLogger.GetSectionDepth() != depth)
+                if (finished || gFileLogger.Emergency().GetSectionDepth() != depth)
                 {
                     return 1;
                 }
@@ -246,7 +246,7 @@ bool IsFreeForOthers()
 // Returns whether all is well in both processes.
 bool ForkAndLog(bool isFreeInChild)
 {
-    const unsigned int depth = gFileLogger.GetSectionDepth();
+    const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
     errno = ELIBBAD;
     const pid_t child = fork();
     const bool isKept = errno == ELIBBAD;
@@ -257,7 +257,7 @@ bool ForkAndLog(bool isFreeInChild)
     }
     int status = 1;
     waitpid(child, &status, 0);
-    return isKept && gFileLogger.GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
+    return isKept && gFileLogger.Emergency().GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
 }
 
 bool gForkWasGood = true;

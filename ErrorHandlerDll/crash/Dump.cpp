@@ -1,10 +1,10 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/DumpOutput.h"
 #include "ErrorHandlerDll/crash/DumpStack.h"
 #include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <ctime>
@@ -82,7 +82,7 @@ public:
     {
         if (m_hasLog)
         {
-            gFileLogger.EndDump();
+            gFileLogger.Emergency().EndDump();
             gFileLogger.LeaveCriticalSection();
         }
         if (m_hasDumpSection)
@@ -124,7 +124,7 @@ void Dump::RunOutermost(void (*run)(const void*), const void* body)
             {
                 if (scope.m_hasLog)
                 {
-                    gFileLogger.BeginDump();
+                    gFileLogger.Emergency().BeginDump();
                 }
             });
         RunPart(StandardOutput::Prepare);
@@ -137,7 +137,7 @@ void Dump::WriteLines() noexcept
 {
     if (sScope != nullptr && sScope->m_hasLog)
     {
-        gFileLogger.FlushLogFile();
+        gFileLogger.Emergency().Flush();
     }
     StandardOutput::WriteLines();
 }
@@ -173,7 +173,9 @@ void Dump::AfterForkInChild() noexcept
 }
 
 Dump::Place::Place() noexcept
-    : m_outer(sPlace), m_emergencyDepth(QV::EmergencyScope::GetDepth()), m_sectionDepth(gFileLogger.GetSectionDepth())
+    : m_outer(sPlace),
+      m_emergencyDepth(QV::EmergencyScope::GetDepth()),
+      m_sectionDepth(gFileLogger.Emergency().GetSectionDepth())
 {
     sPlace = this;
 }
@@ -191,7 +193,7 @@ void Dump::Place::Restore() const noexcept
         sScope->m_signals.Hold();
     }
     QV::EmergencyScope::RestoreDepth(m_emergencyDepth);
-    gFileLogger.RestoreSectionDepth(m_sectionDepth);
+    gFileLogger.Emergency().RestoreSectionDepth(m_sectionDepth);
     StandardOutput::Recover();
     WriteLines();
 }

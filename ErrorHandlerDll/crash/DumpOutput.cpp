@@ -1,8 +1,8 @@
 #include "ErrorHandlerDll/crash/DumpOutput.h"
 
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
@@ -43,7 +43,8 @@ void LogLine(int level, unsigned int mask, const char* source, const char* text)
     {
         return;
     }
-    gFileLogger.ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
+    gFileLogger.Emergency()
+        .ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
     if (!Dump::RunPart(log))
     {
         gLogIsDamaged.store(true, std::memory_order_relaxed);
