@@ -4,8 +4,9 @@
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/HexDump.h"
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "QV/Str.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 // What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: tools/crash_harness.
 #include "ErrorHandlerDll/ExceptionHandler.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "support/LogTest.h"
 #include "support/SignalHandler.h"
@@ -102,7 +102,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
         []
         {
             InstallHandler(SIGSEGV, DumpAndExit);
-            const unsigned int depth = gFileLogger.GetSectionDepth();
+            const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
             for (int i = 0; i < 3; ++i)
             {
                 bool finished = false;
@@ -117,7 +117,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                                 Fault();
                             });
                     });
-                if (finished || gFileLogger.GetSectionDepth() != depth)
+                if (finished || gFileLogger.Emergency().GetSectionDepth() != depth)
                 {
                     return 1;
                 }
@@ -250,7 +250,7 @@ bool IsFreeForOthers()
 // Returns whether all is well in both processes.
 bool ForkAndLog(bool isFreeInChild)
 {
-    const unsigned int depth = gFileLogger.GetSectionDepth();
+    const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
     errno = ELIBBAD;
     const pid_t child = fork();
     const bool isKept = errno == ELIBBAD;
@@ -261,7 +261,7 @@ bool ForkAndLog(bool isFreeInChild)
     }
     int status = 1;
     waitpid(child, &status, 0);
-    return isKept && gFileLogger.GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
+    return isKept && gFileLogger.Emergency().GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
 }
 
 bool gForkWasGood = true;
@@ -357,7 +357,8 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
                         []
                         {
                             Crash::Dump::Current()->Log(0, 1, "", "held by the parent");
-                            gFileLogger.SetLease(0, UINTPTR_MAX, 60000); // longer than all the waits of the others
+                            gFileLogger.Emergency().SetLease(0, UINTPTR_MAX,
+                                                             60000); // longer than all the waits of the others
                             gStep = 1;
                             WaitFor(2);
                         });

@@ -1,8 +1,9 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/crash/HeldSignals.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <new>
@@ -24,7 +25,7 @@ class LogScope
 {
 public:
     LogScope(bool isEmergency, bool endsInterruptedCall, const HeldSignals& signals)
-        : m_endsInterruptedCall(isEmergency && endsInterruptedCall && gFileLogger.IsInCriticalSection())
+        : m_endsInterruptedCall(isEmergency && endsInterruptedCall && gFileLogger.Emergency().IsInCriticalSection())
     {
         if (isEmergency)
         {
@@ -37,14 +38,14 @@ public:
     }
     ~LogScope()
     {
-        if (!gFileLogger.IsInCriticalSection())
+        if (!gFileLogger.Emergency().IsInCriticalSection())
         {
             return; // somebody has waited for this dump too long
         }
         if (m_endsInterruptedCall)
         {
-            gFileLogger.ForgetInterruptedCall();
-            gFileLogger.RestoreSectionDepth(0);
+            gFileLogger.Emergency().ForgetInterruptedCall();
+            gFileLogger.Emergency().RestoreSectionDepth(0);
         }
         if (m_isHeld)
         {
@@ -106,7 +107,7 @@ Dump::Dump(DumpStack& stack, bool hasLog) noexcept : m_stack(stack), m_hasLog(ha
                    {
                        if (HasLog())
                        {
-                           gFileLogger.BeginDump();
+                           gFileLogger.Emergency().BeginDump();
                        }
                    });
     Crash::RunPart(m_stack, [this] { m_output.Prepare(); });
@@ -117,18 +118,18 @@ Dump::~Dump()
     WriteLines();
     if (HasLog())
     {
-        gFileLogger.EndDump();
-        gFileLogger.EndLease();
+        gFileLogger.Emergency().EndDump();
+        gFileLogger.Emergency().EndLease();
     }
     m_stack.m_dump = nullptr;
 }
 
 bool Dump::HasLog() noexcept
 {
-    m_hasLog = m_hasLog && gFileLogger.IsInCriticalSection();
+    m_hasLog = m_hasLog && gFileLogger.Emergency().IsInCriticalSection();
     if (m_hasLog)
     {
-        gFileLogger.SetLease(m_stack.Low(), m_stack.High(), kLeaseMs);
+        gFileLogger.Emergency().SetLease(m_stack.Low(), m_stack.High(), kLeaseMs);
     }
     return m_hasLog;
 }
@@ -162,7 +163,7 @@ void Dump::WriteLines() noexcept
                    {
                        if (HasLog())
                        {
-                           gFileLogger.FlushLogFile();
+                           gFileLogger.Emergency().Flush();
                        }
                    });
     m_output.WriteLines();
@@ -194,7 +195,8 @@ void Dump::Log(int level, unsigned int mask, const char* source, const char* tex
     {
         return;
     }
-    gFileLogger.ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
+    gFileLogger.Emergency()
+        .ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
     m_isLogDamaged = !Crash::RunPart(m_stack, logWithoutHeap);
 }
 
@@ -216,7 +218,7 @@ Place::Place(DumpStack& stack) noexcept
     : m_stack(stack),
       m_outer(stack.m_place),
       m_isEmergency(QV::EmergencyScope::GetState()),
-      m_sectionDepth(gFileLogger.GetSectionDepth())
+      m_sectionDepth(gFileLogger.Emergency().GetSectionDepth())
 {
     stack.m_place = this;
 }
@@ -231,10 +233,10 @@ void Place::Restore() const noexcept
     m_stack.m_place = m_outer; // a fault in what follows must not come back here
     Unwind::SetMask(m_stack.Mask());
     QV::EmergencyScope::RestoreState(m_isEmergency);
-    gFileLogger.RestoreSectionDepth(m_sectionDepth);
-    if (!m_isEmergency && gFileLogger.IsInCriticalSection())
+    gFileLogger.Emergency().RestoreSectionDepth(m_sectionDepth);
+    if (!m_isEmergency && gFileLogger.Emergency().IsInCriticalSection())
     {
-        gFileLogger.ForgetInterruptedCall();
+        gFileLogger.Emergency().ForgetInterruptedCall();
     }
 }
 

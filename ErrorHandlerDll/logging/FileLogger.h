@@ -8,6 +8,7 @@
 #include "ErrorHandlerDll/ErrorCodes.h"
 #include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LineClock.h"
+#include "ErrorHandlerDll/logging/LogEmergency.h"
 #include "ErrorHandlerDll/logging/LogFile.h"
 #include "QV/BaseString.h"
 #include "QV/EmergencyScope.h"
@@ -64,36 +65,14 @@ public:
                 : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
         if (entry == ZelvoWinAPI::Entry::TAKEN_OVER) [[unlikely]]
         {
-            ForgetInterruptedCall();
+            Emergency().ForgetInterruptedCall();
         }
         return entry != ZelvoWinAPI::Entry::REFUSED;
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
-    // Makes the state whole when what was interrupted in the middle of changing it will never go on. The caller holds the
-    // section.
-    void ForgetInterruptedCall();
-
-    // While this thread dumps, the section is its own only as long as its code runs on the stack [low, high), and for
-    // `milliseconds`.
-    void SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds)
-    {
-        ZelvoWinAPI::SetLease(&m_criticalSection, low, high, milliseconds);
-    }
-    void EndLease() { ZelvoWinAPI::EndLease(&m_criticalSection); }
-    bool IsInCriticalSection() const { return ZelvoWinAPI::IsInCriticalSection(&m_criticalSection); }
-
-    // From here to EndDump the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one
-    // write. What cannot be written by its end is lost. The caller holds the section meanwhile.
-    void BeginDump();
-    void EndDump();
-
-    // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
-    void ForgetStrategy() { m_strategy.store(nullptr, std::memory_order_relaxed); }
-
-    // How deep the calling thread is in the section, for code that leaves scopes by a jump.
-    unsigned int GetSectionDepth() const { return m_criticalSection.m_enterCount; }
-    void RestoreSectionDepth(unsigned int depth);
+    // What crash dumps do with the log.
+    LogEmergency Emergency() { return LogEmergency(*this); }
 
     // Around a fork: the child of a busy process must be able to log, and nothing buffered may be written by both.
     void BeforeFork();
@@ -114,6 +93,8 @@ public:
     std::size_t GetCurrentLineLength() const { return m_currentLineLength; }
 
 private:
+    friend class LogEmergency;
+
     // A buffer for long lines that is larger is given back after each: one huge dump must not cost a host memory for years.
     static constexpr std::size_t kMostKeptForLines = std::size_t{1024} * 1024;
 
@@ -122,16 +103,6 @@ private:
     void CountLine();
     bool PrepareOutputSource();
 
-    // A line straight to the disk, or into the buffer (BufferDump); async-signal-safe, whatever this or another thread was
-    // doing in the logger.
-    enum class Interrupted
-    {
-        FOR_EVER, // a dump: what was interrupted is lost
-        GOES_ON,  // a signal handler that logs and returns; between two files its line is dropped
-    };
-    bool WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted);
-    bool PrepareInEmergency(Interrupted interrupted);
-    bool MayBuffer() const;
     void DeleteStrategy();
 
     void Disable();
