@@ -40,8 +40,8 @@ namespace
 constexpr int kMaxDumps = 256;
 constexpr int kMaxFrames = 104;
 constexpr int kMaxThreads = 16;
-constexpr std::size_t kSignalStackSize = 65536;
-constexpr std::uintptr_t kGap = 0; // among the notes: here lie frames that the host cannot know
+constexpr std::size_t kSignalStackSize = 1 << 20; // under a sanitizer the dump needs much
+constexpr std::uintptr_t kGap = 0;                // among the notes: here lie frames that the host cannot know
 
 struct DumpRecord
 {
@@ -209,7 +209,7 @@ struct ThreadState
 };
 
 // A handler calls this first: the interrupted place belongs between its own frame and what was noted before.
-void NoteSignal(const ucontext_t* context, const void* returnAddress)
+[[gnu::noinline]] void NoteSignal(const ucontext_t* context, const void* returnAddress)
 {
     tThread->noteCount = tThread->noteCount - 2; // this function and the handler
     if (tThread->hasGap)
@@ -221,7 +221,7 @@ void NoteSignal(const ucontext_t* context, const void* returnAddress)
     AddNote(0); // this function, which is about to return
 }
 
-DumpRecord& RecordDump(const ucontext_t* context)
+[[gnu::noinline]] DumpRecord& RecordDump(const ucontext_t* context)
 {
     const int index = gRecord->dumpCount++;
     Require(index < kMaxDumps, 5);
@@ -261,7 +261,7 @@ void ReturnToThrow(ucontext_t* context)
     registers[REG_RIP] = reinterpret_cast<greg_t>(&ThrowPending);
 }
 
-void HandleFatalSignal(int signal, siginfo_t* info, void* context)
+[[gnu::noinline]] void HandleFatalSignal(int signal, siginfo_t* info, void* context)
 {
     const int notesBefore = tThread->noteCount;
     NoteSignal(static_cast<ucontext_t*>(context), __builtin_return_address(0));
@@ -361,7 +361,7 @@ void Step(void (*next)(int), int depth)
 
 void Descend(int depth);
 
-int DescendFromLibc(const void* depth, const void*)
+[[gnu::noinline]] int DescendFromLibc(const void* depth, const void*)
 {
     tThread->noteCount = tThread->noteCount - 1;
     AddNote(kGap); // libc's function
@@ -381,8 +381,8 @@ void Descend(int depth)
     }
     else if (depth % 5 == 4)
     {
-        --depth;
-        bsearch(&depth, &depth, 1, sizeof depth, DescendFromLibc);
+        int two[] = {depth - 1, depth - 1};
+        qsort(two, 2, sizeof two[0], DescendFromLibc);
     }
     else
     {
@@ -392,7 +392,9 @@ void Descend(int depth)
 
 void Overflow(int depth)
 {
-    Overflow(depth + 1);
+    volatile int next = depth + 1;
+    Overflow(next);
+    next = 0;
 }
 
 void OverflowTwice()
@@ -628,7 +630,7 @@ void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
         }
         unsigned char bytes[1600];
         std::generate(bytes, bytes + sizeof bytes, [i = 0]() mutable { return static_cast<unsigned char>(i++); });
-        LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes ", std::string(5000, 'x').c_str());
+        LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes ", "%05000d", 7);
         LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes", "", bytes, sizeof bytes);
     }
 }
