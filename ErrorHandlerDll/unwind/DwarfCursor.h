@@ -58,7 +58,6 @@ private:
 namespace PointerEncoding
 {
 constexpr std::uint8_t kAbsolute = 0x00;
-constexpr std::uint8_t kOmitted = 0xff;
 constexpr std::uint8_t kUnsigned4 = 0x03;
 constexpr std::uint8_t kUnsigned8 = 0x04;
 constexpr std::uint8_t kSigned4 = 0x0b;
