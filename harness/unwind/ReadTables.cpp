@@ -192,18 +192,29 @@ public:
 private:
     void ReadAt(const fs::path& path, Unwind::MemoryReader& memory, std::uintptr_t header, std::uintptr_t address)
     {
-        Unwind::FrameRegisters registers;
-        for (unsigned number = 0; number < Unwind::FrameRegisters::kCount; ++number)
+        Unwind::UnwindResult result = UnwindWith(m_stack.Middle(), memory, header, address);
+        if (result == Unwind::UnwindResult::NO_TABLES)
         {
-            registers.Set(number, m_stack.Middle());
+            result = UnwindWith(1, memory, header, address); // some tables take a register for an index
         }
-        const Unwind::UnwindResult result = Unwind::UnwindFrame(memory, header, address, registers);
         ++m_totals.addresses;
         m_totals.ends += result == Unwind::UnwindResult::END_OF_STACK ? 1 : 0;
         if (result == Unwind::UnwindResult::NO_TABLES)
         {
             Report(path, static_cast<long>(address - header), "a row that cannot be read");
         }
+    }
+
+    Unwind::UnwindResult UnwindWith(std::uint64_t value, Unwind::MemoryReader& memory, std::uintptr_t header,
+                                    std::uintptr_t address) const
+    {
+        Unwind::FrameRegisters registers;
+        for (unsigned number = 0; number < Unwind::FrameRegisters::kCount; ++number)
+        {
+            registers.Set(number, value);
+        }
+        registers.Set(Unwind::FrameRegisters::kStackPointer, m_stack.Middle());
+        return Unwind::UnwindFrame(memory, header, address, registers);
     }
 
     void Report(const fs::path& path, long code, const char* what)
@@ -233,7 +244,8 @@ int main(int count, char** arguments)
         constexpr auto kOptions = fs::directory_options::skip_permission_denied;
         for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder, kOptions))
         {
-            if (entry.is_regular_file() && !entry.is_symlink())
+            // Files of debug information keep the headers of what was taken out of them.
+            if (entry.is_regular_file() && !entry.is_symlink() && entry.path().extension() != ".debug")
             {
                 reader.ReadObject(entry.path());
             }
@@ -241,7 +253,7 @@ int main(int count, char** arguments)
     }
     const Totals& totals = reader.GetTotals();
     std::printf(
-        "%lu files (%lu without a search table), %lu entries read at %lu addresses; ends of stacks: %lu; unread: %lu\n",
+        "%lu objects (%lu without a search table), %lu entries read at %lu addresses; ends of stacks: %lu; unread: %lu\n",
         totals.files, totals.filesWithoutTable, totals.entries, totals.addresses, totals.ends, totals.unread);
     return totals.unread == 0 && totals.entries != 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
