@@ -700,8 +700,21 @@ void FaultRestricted()
     FaultTwice();
 }
 
+// The loader needs kilobytes to bind a function at its first call. What the library's functions need of that is on trial.
+void BindOwnFunctions()
+{
+    const ThreadState state;
+    state.Compare();
+    gettid();
+    if (sigsetjmp(tThread->place, 1) == 0)
+    {
+        siglongjmp(tThread->place, 1);
+    }
+}
+
 void FaultOnSmallSignalStack(void (*run)())
 {
+    BindOwnFunctions();
     // Room for a signal frame and 4 KiB.
     const std::size_t size = std::max<std::size_t>(8192, getauxval(AT_MINSIGSTKSZ) + 4096);
     pthread_join(Start(1, run, size, 65536), nullptr);
