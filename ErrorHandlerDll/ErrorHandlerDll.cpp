@@ -4,8 +4,9 @@
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/HexDump.h"
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "QV/Str.h"
 
 #include <algorithm>
@@ -36,7 +37,11 @@ void ConstructLogger()
 
 const struct LoggerLife
 {
-    LoggerLife() { ConstructLogger(); }
+    LoggerLife()
+    {
+        ConstructLogger();
+        QV::EmergencyScope::SetCheck([]() noexcept { return Crash::FindSignalRoad().isOnIt; });
+    }
     ~LoggerLife() { gFileLogger.Retire(); }
 } gLoggerLife;
 
@@ -50,7 +55,7 @@ const int gForkHandlers = pthread_atfork(
     []
     {
         gFileLogger.AfterForkInChild();
-        Crash::Dump::AfterForkInChild();
+        Crash::DumpStack::AfterForkInChild();
     });
 
 // Most messages fit: then they are formatted once, without the heap.

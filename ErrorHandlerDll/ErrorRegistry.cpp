@@ -5,8 +5,8 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorStrings.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
+#include "ErrorHandlerDll/MessageMap.h"
 
 #include <cstring>
 

@@ -9,7 +9,6 @@
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 
 #include <functional>
 #include <string_view>
@@ -168,29 +167,31 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoKeeper keeper;
-    if (Crash::Dump::IsBeyondHelp())
+    const bool isInDump = Crash::DumpStack::Current() != nullptr; // a fault in a dump that no part of it has caught
+    const Crash::SignalRoad road = Crash::FindSignalRoad();
+    if (isInDump || road.isTooDeep)
     {
         RecordHandlerFailure();
         return nullptr;
     }
-    const QV::EmergencyScope emergency; // as a rule this is called in a signal handler, too
+    const QV::EmergencyScope emergency(road.isOnIt);
     const ZelvoReaderErrorCode code = exception.GetExceptionCode();
     ErrorText message;
     RunTraced(
         Here(),
         [&]
         {
-            Crash::Dump::Run(
-                [&]
-                {
-                    CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is everybody's
-                    RecordError(code, message);
-                    if (gFileLogger.IsEnabled())
+            CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
+            RecordError(code, message);
+            if (gFileLogger.IsEnabled())
+            {
+                Crash::Dump::Run( // one, so that no other lines come between
+                    [&]
                     {
-                        Crash::LogLine(kBlockSeparator);
+                        Crash::Dump::Current()->Log(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "", kBlockSeparator);
                         exception.DumpExceptionContext(functionName);
-                    }
-                });
+                    });
+            }
             CallErrorCallback();
         },
         Here());

@@ -4,11 +4,18 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <string_view>
 
 // Messages, locations and the last error: what a host sees of an error is never longer, its NUL included.
 inline constexpr std::size_t kErrorTextSize = 512;
 
 using ErrorText = char[kErrorTextSize];
+
+// A null text from a host counts as the empty one.
+inline std::string_view TextOrEmpty(const char* text)
+{
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
 
 // How many of the first `length` bytes to keep so that the text does not end inside a UTF-8 sequence. Bytes that are not
 // UTF-8 count as characters of their own.

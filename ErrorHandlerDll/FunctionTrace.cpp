@@ -4,7 +4,6 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
 
 namespace
 {
@@ -15,9 +14,9 @@ void Write(const TracePoint& point, const char* message)
 {
     char prefix[kPrefixSize];
     FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", point.file, point.line, point.function);
-    if (QV::EmergencyScope::IsActive())
+    if (Crash::Dump* const dump = Crash::Dump::Current())
     {
-        Crash::LogLine(kTraceLevel, kTraceMask, prefix, message);
+        dump->Log(kTraceLevel, kTraceMask, prefix, message);
     }
     else
     {

@@ -5,7 +5,7 @@
 #ifndef ERRORHANDLERDLL_FUNCTIONTRACE_H
 #define ERRORHANDLERDLL_FUNCTIONTRACE_H
 
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 
 inline constexpr int kTraceLevel = 5;
 inline constexpr unsigned int kTraceMask = 0x20;

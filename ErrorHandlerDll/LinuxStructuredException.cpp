@@ -1,21 +1,21 @@
 // Fatal signals as objects, and the dump of their context. The dump runs in a signal handler, in a thread that was
-// interrupted anywhere: nothing below may take the heap, a lock without a bound, or memory at its word. See
+// interrupted anywhere: nothing below may allocate, wait without a time limit, or read memory that it has not checked. See
 // crash/Dump.h.
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
-#include "ErrorHandlerDll/crash/FrameText.h"
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/FrameText.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
-using Crash::LogLine;
+using Crash::Dump;
 
 namespace
 {
@@ -26,7 +26,6 @@ constexpr std::size_t kModuleLineSize = 310; // what readers of dumps are used t
 constexpr std::size_t kFrameLineSize = 4096; // a path, and of a long symbol what the stack of a signal handler has room for
 
 constexpr const char* kCallStackIndent = "     ";
-constexpr const char* kFaultInDump = "  A fault ended this part of the dump";
 
 constexpr std::uintptr_t kMemoryDumpLines = 20;
 constexpr std::size_t kMemoryDumpBytes = 16; // a line
@@ -40,7 +39,12 @@ constexpr const char* kExceptionNames[] = {"", "SEGV_MAPERR", "SEGV_ACCERR"};
 
 void Print(const char* line)
 {
-    Crash::StandardOutput::PrintLine(line);
+    Dump::Current()->Print(line);
+}
+
+void LogLine(const char* line, const char* source = "")
+{
+    Dump::Current()->Log(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, line);
 }
 
 void PrintAndLog(const char* line, const char* source = "")
@@ -52,26 +56,35 @@ void PrintAndLog(const char* line, const char* source = "")
 template <class Part>
 void RunPart(const Part& part)
 {
-    if (!Crash::Dump::RunPart(part))
+    if (!Dump::RunPart(part))
     {
-        PrintAndLog(kFaultInDump);
+        PrintAndLog(Crash::kFaultInDump);
     }
 }
 
 template <class Body>
 void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& exit)
 {
-    Crash::Dump::Run([&] { RunTraced(entry, body, exit); });
+    Dump::Run([&] { RunTraced(entry, body, exit); });
+}
+
+// For a dump that cannot be made: handlers that fault again and again, or no stack left for it.
+void PrintWithoutDump(std::string_view line)
+{
+    Crash::StandardOutput output;
+    output.PrintLine(line);
+    output.PrintLine(Crash::kFaultInDump);
+    output.WriteLines();
 }
 
 // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
 void CopyContext(ucontext_t& copy, const ucontext_t* context)
 {
     constexpr std::size_t kKernelPart = offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long);
-    if (!Crash::ReadMemory(context, &copy, sizeof copy))
+    if (!Unwind::ReadMemory(context, &copy, sizeof copy))
     {
         std::memset(&copy, 0, sizeof copy);
-        if (!Crash::ReadMemory(context, &copy, kKernelPart))
+        if (!Unwind::ReadMemory(context, &copy, kKernelPart))
         {
             std::memset(&copy, 0, sizeof copy);
         }
@@ -97,7 +110,7 @@ void LogMemoryLine(std::uintptr_t address)
 {
     unsigned char bytes[kMemoryDumpBytes];
     bool readable[kMemoryDumpBytes];
-    Crash::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
+    Unwind::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
 
     char hex[kMemoryDumpBytes * kHexWidth + 1];
     char characters[kMemoryDumpBytes + 1] = "";
@@ -124,31 +137,27 @@ void LogMemoryLine(std::uintptr_t address)
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
     : m_signal(signal), m_stackFrameCount(0)
 {
-    const bool isFault = Crash::Dump::IsFault(signal);
-    if (isFault)
+    CopyContext(m_context, context);
+    if (!Unwind::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
     {
-        Crash::Dump::LeaveFaultyPart(); // a fault in a dump of this thread goes back to that dump
+        std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
     }
-    const bool isBeyondHelp = isFault && Crash::Dump::IsBeyondHelp();
-    Crash::FrameRegisters here;
-    Crash::CaptureRegisters(here);
-    Crash::Dump::Run(
-        [&]
-        {
-            CopyContext(m_context, context);
-            if (!Crash::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
-            {
-                std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
-            }
-            if (isBeyondHelp)
-            {
-                Print(kFaultInDump);
-                Crash::Dump::WriteLines();
-                return;
-            }
-            RunPart([&] { m_stackFrameCount = Crash::WalkStack(here, m_stackFrames, kMaxFrames); });
-            DumpExceptionContext("StructuredException::StructuredException");
-        });
+    if (Crash::DumpStack::Current() != nullptr)
+    {
+        Dump::LeaveFaultyPart(signal, m_signalInfo.si_code);
+        return; // a signal that somebody has sent: the dump under way goes on when the host's handler returns
+    }
+    Crash::CallStack callStack = {{}, m_stackFrames, kMaxFrames};
+    Unwind::CaptureRegisters(callStack.start);
+    const auto dump = [&]
+    {
+        m_stackFrameCount = callStack.count;
+        DumpExceptionContext("StructuredException::StructuredException");
+    };
+    if (!Dump::Run(dump, &callStack, Dump::IsFault(signal, m_signalInfo.si_code)))
+    {
+        PrintWithoutDump(GetErrorMessage());
+    }
 }
 
 const char* StructuredException::GetExceptionString()
@@ -204,15 +213,15 @@ void StructuredException::DumpExceptionContext(const char* functionName)
 
             FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
             PrintAndLog(line);
-            Crash::Dump::WriteLines();
+            Dump::Current()->WriteLines();
 
             Print("GenerateCallStack...");
             RunPart([this] { GenerateCallStack(); });
             Print("Finished GenerateCallStack");
-            Crash::Dump::WriteLines();
+            Dump::Current()->WriteLines();
 
             RunPart([this] { DumpRegisters(m_context); });
-            Crash::Dump::WriteLines();
+            Dump::Current()->WriteLines();
 
             LogLine("");
             Print("GenerateModuleAddresses...");
@@ -231,7 +240,7 @@ void StructuredException::GenerateCallStack()
             LogLine("  Call stack:");
             Print("Call stack");
             const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
-            Crash::FrameTexts texts({m_stackFrames, count});
+            Unwind::FrameTexts texts({m_stackFrames, count});
             for (std::size_t i = 0; i < count; ++i)
             {
                 char line[kFrameLineSize];
@@ -250,9 +259,9 @@ void StructuredException::GenerateModuleAddresses()
         {
             LogLine("");
             LogLine("  Modules list:");
-            Crash::MemoryReader reader;
-            Crash::ModuleList modules(reader);
-            for (Crash::Module module = {}; modules.Next(module);)
+            Unwind::MemoryReader reader;
+            Unwind::ModuleList modules(reader);
+            for (Unwind::Module module = {}; modules.Next(module);)
             {
                 char path[kModuleLineSize];
                 char line[kModuleLineSize];

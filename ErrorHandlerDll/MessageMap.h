@@ -55,4 +55,9 @@ private:
     std::map<ZelvoReaderErrorCode, const char*> m_texts;
 };
 
+// Texts of custom codes, and texts that replace those of built-in codes; defined in ErrorHandlerDll.cpp, where the order of
+// construction matters.
+extern MessageMap gCustomErrorStrings;
+extern MessageMap gOverriddenErrorStrings;
+
 #endif

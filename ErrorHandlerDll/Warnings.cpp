@@ -2,7 +2,7 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
-// "This thread is writing its last words." Inside the scope the thread may have been interrupted anywhere, so it may hold
-// the heap's lock, the logger's section or any other: strings take their memory from a reserve, and the logger writes
-// without waiting for anything that may never come. Scopes nest. Async-signal-safe.
+// "This thread stands in a signal handler." It was interrupted anywhere, so it may hold the heap's lock, the logger's
+// section or any other: inside the scope strings take their memory from a reserve, and the logger writes without waiting for
+// anything that may never come. Scopes nest. Async-signal-safe.
 #ifndef QV_EMERGENCYSCOPE_H
 #define QV_EMERGENCYSCOPE_H
 
@@ -10,20 +10,43 @@ namespace QV
 class EmergencyScope
 {
 public:
-    EmergencyScope() noexcept { ++sDepth; }
-    ~EmergencyScope() { --sDepth; }
+    // Within a scope that is not active there is no emergency, whatever lies around it.
+    explicit EmergencyScope(bool isActive = true) noexcept : m_outer(sIsActive)
+    {
+        if (!sIsActive)
+        {
+            sWaitLeftMs = kMaxWaitMs;
+        }
+        sIsActive = isActive;
+    }
+    ~EmergencyScope() { sIsActive = m_outer; }
     EmergencyScope(const EmergencyScope&) = delete;
     EmergencyScope& operator=(const EmergencyScope&) = delete;
 
-    static bool IsActive() noexcept { return sDepth > 0; }
-    static int GetDepth() noexcept { return sDepth; }
+    static bool IsActive() noexcept { return sIsActive && CheckActive(); }
 
-    // For code that leaves scopes by a jump.
-    static void RestoreDepth(int depth) noexcept { sDepth = depth; }
+    // A handler of the host may leave scopes by a jump. So where one is active, this is asked whether the calling thread
+    // stands in a signal handler at all.
+    static void SetCheck(bool (*isInSignalHandler)() noexcept) noexcept;
+
+    // For code of the library that leaves scopes by a jump.
+    static bool GetState() noexcept { return sIsActive; }
+    static void RestoreState(bool isActive) noexcept { sIsActive = isActive; }
+
+    // How long an emergency waits for others. A host's watchdog gives a dying process a few seconds as a rule.
+    static constexpr int kMaxWaitMs = 1000;
+
+    // What is left of that for all waits of this emergency together.
+    static int& WaitLeftMs() noexcept { return sWaitLeftMs; }
 
 private:
+    static bool CheckActive() noexcept;
+
     // In the static block of thread-local storage: the first access in a thread must not allocate.
-    [[gnu::tls_model("initial-exec")]] static constinit thread_local int sDepth;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local bool sIsActive;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local int sWaitLeftMs;
+
+    const bool m_outer;
 };
 
 } // namespace QV

@@ -1,6 +1,7 @@
 // Recursive critical section on one futex word, and the thread id that serves as its owner.
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <linux/futex.h>
@@ -36,25 +37,10 @@ void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value)
     errno = savedErrno;
 }
 
-void Wait(std::atomic<std::uint32_t>& word, std::uint32_t self) noexcept
+void Sleep() noexcept
 {
-    for (int spin = 0; spin < kSpins; ++spin)
-    {
-        __builtin_ia32_pause();
-        if (word.load(std::memory_order_relaxed) == 0 && TryTake(word, self))
-        {
-            return;
-        }
-    }
-    // From here on the thread takes the section with the waiters' bit set: it cannot know whether others sleep still.
-    while (!TryTake(word, self | kWaitersBit))
-    {
-        std::uint32_t seen = word.load(std::memory_order_relaxed);
-        if (seen != 0 && ((seen & kWaitersBit) != 0 || word.compare_exchange_weak(seen, seen | kWaitersBit)))
-        {
-            Futex(word, FUTEX_WAIT, seen | kWaitersBit);
-        }
-    }
+    const timespec interval = {0, kPollIntervalNs};
+    syscall(SYS_nanosleep, &interval, nullptr);
 }
 
 std::uint32_t Owner(const _CRITICAL_SECTION* section) noexcept
@@ -62,19 +48,101 @@ std::uint32_t Owner(const _CRITICAL_SECTION* section) noexcept
     return section->m_ownerWord.load(std::memory_order_relaxed) & ~kWaitersBit;
 }
 
+Entry TakeOver(_CRITICAL_SECTION* section) noexcept
+{
+    section->m_leaseEnd.store(0, std::memory_order_relaxed);
+    section->m_enterCount = 0;
+    return Entry::TAKEN_OVER;
+}
+
+// Whether the calling code can be what the lease was set for.
+bool IsWithinLease(const _CRITICAL_SECTION* section) noexcept
+{
+    const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+    return section->m_leaseEnd.load(std::memory_order_relaxed) == 0 ||
+           (here >= section->m_leaseLow.load(std::memory_order_relaxed) &&
+            here < section->m_leaseHigh.load(std::memory_order_relaxed));
+}
+
 // Takes the section when it is free, or counts one entry more when this thread owns it.
-bool TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+Entry TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 {
     if (TryTake(section->m_ownerWord, self)) [[likely]]
     {
-        return true;
+        return Entry::ENTERED;
     }
-    if (Owner(section) == self)
+    if (Owner(section) != self)
     {
-        ++section->m_enterCount;
-        return true;
+        return Entry::REFUSED;
     }
-    return false;
+    if (!IsWithinLease(section))
+    {
+        return TakeOver(section);
+    }
+    ++section->m_enterCount;
+    return Entry::ENTERED;
+}
+
+// Watches the lease of another thread while this one waits. A process that was stopped for a while must not take it for
+// over before its owner could go on, so it must be seen to be over many times.
+class LeaseWatch
+{
+public:
+    Entry TryTakeOver(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+    {
+        const std::int64_t end = section->m_leaseEnd.load(std::memory_order_relaxed);
+        if (end == 0 || end != m_end || GetTickCount64() < end)
+        {
+            m_end = end;
+            m_seenOver = 0;
+            return Entry::REFUSED;
+        }
+        std::uint32_t owner = section->m_ownerWord.load(std::memory_order_relaxed);
+        if (++m_seenOver < kTimesSeenOver || owner == 0 ||
+            !section->m_ownerWord.compare_exchange_strong(owner, self | kWaitersBit, std::memory_order_acquire))
+        {
+            return Entry::REFUSED;
+        }
+        return TakeOver(section);
+    }
+
+private:
+    static constexpr int kTimesSeenOver = 100;
+
+    std::int64_t m_end = 0;
+    int m_seenOver = 0;
+};
+
+Entry Wait(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+{
+    std::atomic<std::uint32_t>& word = section->m_ownerWord;
+    for (int spin = 0; spin < kSpins; ++spin)
+    {
+        __builtin_ia32_pause();
+        if (word.load(std::memory_order_relaxed) == 0 && TryTake(word, self))
+        {
+            return Entry::ENTERED;
+        }
+    }
+    // From here on the thread takes the section with the waiters' bit set: it cannot know whether others sleep still.
+    LeaseWatch watch;
+    while (!TryTake(word, self | kWaitersBit))
+    {
+        std::uint32_t seen = word.load(std::memory_order_relaxed);
+        if (section->m_leaseEnd.load() != 0)
+        {
+            Sleep();
+            if (watch.TryTakeOver(section, self) == Entry::TAKEN_OVER)
+            {
+                return Entry::TAKEN_OVER;
+            }
+        }
+        else if (seen != 0 && ((seen & kWaitersBit) != 0 || word.compare_exchange_weak(seen, seen | kWaitersBit)))
+        {
+            Futex(word, FUTEX_WAIT, seen | kWaitersBit);
+        }
+    }
+    return Entry::ENTERED;
 }
 
 } // namespace
@@ -90,12 +158,10 @@ std::uint32_t AskThreadId() noexcept
     return tThreadId;
 }
 
-void EnterTakenSection(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+Entry EnterTakenSection(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 {
-    if (!TryEnter(section, self))
-    {
-        Wait(section->m_ownerWord, self);
-    }
+    const Entry entry = TryEnter(section, self);
+    return entry == Entry::REFUSED ? Wait(section, self) : entry;
 }
 
 void WakeWaiter(std::atomic<std::uint32_t>& ownerWord) noexcept
@@ -114,7 +180,7 @@ void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept
         pthread_atfork(nullptr, nullptr, ForgetThreadId);
     }
     section->m_enterCount = 0;
-    section->m_givenUpOn.store(0, std::memory_order_relaxed);
+    section->m_leaseEnd.store(0, std::memory_order_relaxed);
     section->m_ownerWord.store(0, std::memory_order_release);
 }
 
@@ -128,28 +194,36 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
     }
 }
 
-bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept
+Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    std::int64_t end = 0;
-    while (!TryEnter(section, self))
+    const std::int64_t end = GetTickCount64() + waitLeftMs;
+    LeaseWatch watch;
+    Entry entry = TryEnter(section, self);
+    while (entry == Entry::REFUSED && waitLeftMs > 0)
     {
-        const std::uint32_t owner = Owner(section);
-        if (owner != 0 && owner == section->m_givenUpOn.load(std::memory_order_relaxed))
-        {
-            return false;
-        }
-        const std::int64_t now = GetTickCount64();
-        end = end == 0 ? now + timeoutMs : end;
-        if (now >= end)
-        {
-            section->m_givenUpOn.store(owner, std::memory_order_relaxed);
-            return false;
-        }
-        const timespec interval = {0, kPollIntervalNs};
-        syscall(SYS_nanosleep, &interval, nullptr);
+        Sleep();
+        waitLeftMs = static_cast<int>(std::max<std::int64_t>(end - GetTickCount64(), 0));
+        entry = TryEnter(section, self);
+        entry = entry == Entry::REFUSED ? watch.TryTakeOver(section, self) : entry;
     }
-    return true;
+    return entry;
+}
+
+void SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds) noexcept
+{
+    section->m_leaseLow.store(low, std::memory_order_relaxed);
+    section->m_leaseHigh.store(high, std::memory_order_relaxed);
+    section->m_leaseEnd.store(GetTickCount64() + milliseconds);
+    if ((section->m_ownerWord.load() & kWaitersBit) != 0)
+    {
+        Futex(section->m_ownerWord, FUTEX_WAKE, INT_MAX); // they sleep without a limit
+    }
+}
+
+void EndLease(_CRITICAL_SECTION* section) noexcept
+{
+    section->m_leaseEnd.store(0, std::memory_order_relaxed);
 }
 
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
@@ -159,6 +233,7 @@ bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
 
 void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
+    EndLease(section);
     section->m_ownerWord.store(Detail::AskThreadId(), std::memory_order_relaxed);
 }
 

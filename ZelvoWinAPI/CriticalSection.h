@@ -17,7 +17,7 @@ constexpr std::uint32_t kWaitersBit = 0x80000000u;
 [[gnu::tls_model("initial-exec")]] extern constinit thread_local std::uint32_t tThreadId;
 
 std::uint32_t AskThreadId() noexcept;
-void EnterTakenSection(_CRITICAL_SECTION* section, std::uint32_t self) noexcept;
+Entry EnterTakenSection(_CRITICAL_SECTION* section, std::uint32_t self) noexcept;
 void WakeWaiter(std::atomic<std::uint32_t>& ownerWord) noexcept;
 
 inline bool TryTake(std::atomic<std::uint32_t>& ownerWord, std::uint32_t owner) noexcept
@@ -33,13 +33,10 @@ inline std::uint32_t GetCurrentThreadId() noexcept
     return Detail::tThreadId != 0 ? Detail::tThreadId : Detail::AskThreadId();
 }
 
-inline void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
+inline Entry EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    if (!Detail::TryTake(section->m_ownerWord, self)) [[unlikely]]
-    {
-        Detail::EnterTakenSection(section, self);
-    }
+    return Detail::TryTake(section->m_ownerWord, self) ? Entry::ENTERED : Detail::EnterTakenSection(section, self);
 }
 
 inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept

@@ -28,7 +28,16 @@ struct _CRITICAL_SECTION
 {
     std::atomic<std::uint32_t> m_ownerWord; // 0: free; else the owner's thread id, with kWaitersBit when others sleep on it
     std::uint32_t m_enterCount;             // how often the owner is inside beyond the first; touched by the owner only
-    std::atomic<std::uint32_t> m_givenUpOn; // the owner that somebody has waited for in vain
+    std::atomic<std::int64_t> m_leaseEnd;   // tick count; 0 without a lease
+    std::atomic<std::uintptr_t> m_leaseLow; // of the stack that the owner's code runs on: [low, high)
+    std::atomic<std::uintptr_t> m_leaseHigh;
+};
+
+enum class Entry
+{
+    REFUSED,
+    ENTERED,
+    TAKEN_OVER, // from an owner whose lease is over: what the section guards may be half changed
 };
 
 void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
@@ -37,13 +46,21 @@ void InitializeCriticalSection(_CRITICAL_SECTION* section) noexcept;
 void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
 // Two atomic operations and no call, when nobody else is inside.
-inline void EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
+inline Entry EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
 inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
-// Enters the section if it is free or becomes free within the time. An owner that was waited for in vain once is not waited
-// for again. Async-signal-safe, also when the interrupted code of this thread is inside.
-//   returns whether the section was entered
-bool TryEnterCriticalSection(_CRITICAL_SECTION* section, int timeoutMs) noexcept;
+// Enters the section if it is free or becomes free within the time. Async-signal-safe, also when the interrupted code of
+// this thread is inside.
+//   waitLeftMs  in: how long to wait at most, in milliseconds; out: less what was waited, for callers that may wait a
+//   certain
+//               time in all
+Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept;
+
+// A lease is for an owner that may leave its code by a jump and the section with it, as a dump can that faults. While it
+// lasts, only code on the stack [low, high) is taken for the owner: on another one the thread that owns the section enters
+// it afresh. So do other threads when its time is over. An owner that is late must look whether it is one still.
+void SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds) noexcept;
+void EndLease(_CRITICAL_SECTION* section) noexcept;
 
 // Whether the calling thread is inside.
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept;

@@ -1,5 +1,5 @@
 // The log under many threads, in forked children, and at the beginning and the end of the process.
-#include "ErrorHandlerDll/Internal.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "support/LogTest.h"
 
 #include <algorithm>

@@ -1,12 +1,12 @@
 // What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: tools/crash_harness.
 #include "ErrorHandlerDll/ExceptionHandler.h"
-#include "ErrorHandlerDll/Internal.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "support/LogTest.h"
+#include "support/SignalHandler.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,9 +14,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <thread>
 
 namespace
@@ -102,7 +102,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
         []
         {
             InstallHandler(SIGSEGV, DumpAndExit);
-            const unsigned int depth = gFileLogger.GetSectionDepth();
+            const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
             for (int i = 0; i < 3; ++i)
             {
                 bool finished = false;
@@ -117,12 +117,12 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                                 Fault();
                             });
                     });
-                if (finished || gFileLogger.GetSectionDepth() != depth)
+                if (finished || gFileLogger.Emergency().GetSectionDepth() != depth)
                 {
                     return 1;
                 }
             }
-            if (Crash::Dump::IsBeyondHelp())
+            if (Crash::DumpStack::Current() != nullptr)
             {
                 return 2;
             }
@@ -232,12 +232,16 @@ bool IsFreeForOthers()
     std::thread(
         [&isFree]
         {
-            const QV::EmergencyScope emergency; // does not wait for ever
-            isFree = gFileLogger.EnterCriticalSection();
-            if (isFree)
-            {
-                gFileLogger.LeaveCriticalSection();
-            }
+            InSignalHandler(
+                [&isFree]
+                {
+                    const QV::EmergencyScope emergency; // does not wait for ever
+                    isFree = gFileLogger.EnterCriticalSection();
+                    if (isFree)
+                    {
+                        gFileLogger.LeaveCriticalSection();
+                    }
+                });
         })
         .join();
     return isFree;
@@ -246,7 +250,7 @@ bool IsFreeForOthers()
 // Returns whether all is well in both processes.
 bool ForkAndLog(bool isFreeInChild)
 {
-    const unsigned int depth = gFileLogger.GetSectionDepth();
+    const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
     errno = ELIBBAD;
     const pid_t child = fork();
     const bool isKept = errno == ELIBBAD;
@@ -257,7 +261,7 @@ bool ForkAndLog(bool isFreeInChild)
     }
     int status = 1;
     waitpid(child, &status, 0);
-    return isKept && gFileLogger.GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
+    return isKept && gFileLogger.Emergency().GetSectionDepth() == depth && !IsFreeForOthers() && status == 0;
 }
 
 bool gForkWasGood = true;
@@ -294,7 +298,7 @@ void WaitFor(int step)
         });
     WaitFor(1);
     ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { gForkWasGood = ForkAndLog(true); }, nullptr);
-    Dump(true);
+    InSignalHandler([] { Dump(true); });
     gStep = 2;
     other.join();
 }
@@ -352,17 +356,21 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
                     Crash::Dump::Run(
                         []
                         {
-                            Crash::LogLine("held by the parent");
+                            Crash::Dump::Current()->Log(0, 1, "", "held by the parent");
+                            gFileLogger.Emergency().SetLease(0, UINTPTR_MAX,
+                                                             60000); // longer than all the waits of the others
                             gStep = 1;
                             WaitFor(2);
                         });
                 });
             WaitFor(1);
             bool good = false;
-            {
-                const QV::EmergencyScope emergency; // as in an error callback
-                good = ForkAndLog(true);
-            }
+            InSignalHandler(
+                [&good]
+                {
+                    const QV::EmergencyScope emergency; // as in an error callback
+                    good = ForkAndLog(true);
+                });
             gStep = 2;
             other.join();
             return good ? 0 : 1;
@@ -371,11 +379,11 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
     ExpectOnceInOrder(OnDisk(), {"from the child\n", "held by the parent\n"});
 }
 
-// A pipe that keeps what is written to it apart shows which lines go out together.
+// A socket that keeps what is written to it apart shows which lines go out together.
 TEST_F(CrashDumpTest, EachPartIsWrittenAtItsEnd)
 {
     int ends[2];
-    ASSERT_EQ(0, pipe2(ends, O_DIRECT));
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends));
     const int status = RunChild(
         [&]
         {
@@ -447,7 +455,7 @@ void DamageTheStrategy()
     for (std::size_t i = 0; i < sizeof gFileLogger / sizeof *members; ++i)
     {
         void* table = nullptr;
-        if (Crash::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
+        if (Unwind::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
         {
             *static_cast<std::uintptr_t*>(members[i]) = 0x1000; // aligned, which the sanitizers look at first
         }

@@ -1,7 +1,7 @@
-#include "ErrorHandlerDll/crash/FrameText.h"
+#include "ErrorHandlerDll/unwind/FrameText.h"
 
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -22,9 +22,9 @@ namespace
 
 int WalkFromHere(void** frames, int capacity)
 {
-    Crash::FrameRegisters here;
-    Crash::CaptureRegisters(here);
-    return Crash::WalkStack(here, frames, capacity);
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    return Unwind::WalkStack(here, frames, capacity).count;
 }
 
 std::string PlatformText(void* address)
@@ -40,7 +40,7 @@ std::string OurText(const void* address)
     char text[4096];
     errno = ERANGE;
     void* const frame = const_cast<void*>(address);
-    Crash::FrameTexts texts({&frame, 1});
+    Unwind::FrameTexts texts({&frame, 1});
     const int length = texts.Format(0, text, sizeof(text));
     EXPECT_EQ(errno, ERANGE);
     EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
@@ -94,12 +94,16 @@ TEST(FrameText, EqualsBacktraceSymbols)
     EXPECT_EQ(OurText(onlySymbol), PlatformText(onlySymbol));
     EXPECT_NE(OurText(onlySymbol).find("(PluginEntry+0)"), std::string::npos);
     dlclose(library);
+    void* const another = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
+    ASSERT_NE(another, nullptr) << dlerror();
+    EXPECT_EQ(OurText(dlsym(another, "qsort")), PlatformText(dlsym(another, "qsort")));
+    dlclose(another);
     const std::vector<void*> addresses = AddressesOfAllKinds();
-    for (std::size_t at = 0; at < addresses.size(); at += Crash::FrameTexts::kMostFrames)
+    for (std::size_t at = 0; at < addresses.size(); at += Unwind::FrameTexts::kMostFrames)
     {
         const auto frames =
-            std::span(addresses).subspan(at).first(std::min(addresses.size() - at, Crash::FrameTexts::kMostFrames));
-        Crash::FrameTexts texts(frames);
+            std::span(addresses).subspan(at).first(std::min(addresses.size() - at, Unwind::FrameTexts::kMostFrames));
+        Unwind::FrameTexts texts(frames);
         for (std::size_t i = 0; i < frames.size(); ++i)
         {
             char text[4096];
@@ -119,7 +123,7 @@ TEST(FrameText, KeepsOffsetAndAddressWhenCut)
     {
         text[size] = '!';
         void* const frame = address;
-        Crash::FrameTexts texts({&frame, 1});
+        Unwind::FrameTexts texts({&frame, 1});
         const int length = texts.Format(0, text, size);
         EXPECT_EQ(text[size], '!') << size;
         EXPECT_EQ(length, size == 0 ? 0 : static_cast<int>(std::strlen(text))) << size;
@@ -142,9 +146,9 @@ Listed ListModules()
     Listed listed;
     void* frames[20];
     listed.frames = WalkFromHere(frames, 20);
-    Crash::MemoryReader reader;
-    Crash::ModuleList modules(reader);
-    Crash::Module module;
+    Unwind::MemoryReader reader;
+    Unwind::ModuleList modules(reader);
+    Unwind::Module module;
     while (modules.Next(module))
     {
         char name[4096];

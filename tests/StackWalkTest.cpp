@@ -1,7 +1,8 @@
-#include "ErrorHandlerDll/crash/StackWalk.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -40,9 +41,9 @@ __attribute__((noinline)) int WalkFromHere(void** frames, int capacity)
         return 0;
     }
     void* own[kCapacity + 1];
-    Crash::FrameRegisters here;
-    Crash::CaptureRegisters(here);
-    const int count = Crash::WalkStack(here, own, capacity + 1) - 1;
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const int count = Unwind::WalkStack(here, own, capacity + 1).count - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }
@@ -53,10 +54,10 @@ constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x0
 int WalkFrom(const ucontext_t* context, void** frames, int capacity)
 {
     void* own[kCapacity + 1];
-    Crash::FrameRegisters trampoline;
-    trampoline.Set(Crash::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
-    trampoline.Set(Crash::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
-    const int count = Crash::WalkStack(trampoline, own, capacity + 1) - 1;
+    Unwind::FrameRegisters trampoline;
+    trampoline.Set(Unwind::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
+    trampoline.Set(Unwind::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
+    const int count = Unwind::WalkStack(trampoline, own, capacity + 1).count - 1;
     std::copy(own + 1, own + 1 + count, frames);
     return count;
 }
@@ -129,6 +130,66 @@ void RaiseInHandler()
     std::signal(SIGUSR2, SIG_DFL);
 }
 
+extern "C" void CallOnStack(void* stackEnd, void (*run)()); // with tables that lead back
+extern "C" const char gAfterCall[];
+asm(R"(
+    .pushsection .text
+CallOnStack:
+    .cfi_startproc
+    pushq %rbp
+    .cfi_def_cfa_offset 16
+    .cfi_offset %rbp, -16
+    movq %rsp, %rbp
+    .cfi_def_cfa_register %rbp
+    movq %rdi, %rsp
+    callq *%rsi
+gAfterCall:
+    leaveq
+    .cfi_def_cfa %rsp, 8
+    retq
+    .cfi_endproc
+    .popsection
+)");
+
+constexpr std::size_t kOwnStack = std::size_t{256} * 1024;
+
+void RunOnOwnStacks()
+{
+    alignas(16) char above[kOwnStack];
+    const auto below = std::make_unique<char[]>(kOwnStack);
+    CallOnStack(above + kOwnStack, CompareHere);
+    CallOnStack(below.get() + kOwnStack, CompareHere);
+}
+
+ucontext_t gResumer;
+
+void RunInCoroutine()
+{
+    const auto stack = std::make_unique<char[]>(kOwnStack);
+    ucontext_t coroutine;
+    getcontext(&coroutine);
+    coroutine.uc_stack.ss_sp = stack.get();
+    coroutine.uc_stack.ss_size = kOwnStack;
+    coroutine.uc_link = &gResumer;
+    makecontext(&coroutine, CompareHere, 0);
+    swapcontext(&gResumer, &coroutine);
+}
+
+int CompareInSort(const void*, const void*)
+{
+    CompareHere();
+    return 0;
+}
+
+void SortInAnotherNameSpace()
+{
+    void* const library = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    int numbers[2] = {};
+    reinterpret_cast<decltype(&std::qsort)>(dlsym(library, "qsort"))(numbers, 2, sizeof numbers[0], CompareInSort);
+    dlclose(library);
+}
+
 TEST(StackWalk, EqualsBacktrace)
 {
     const struct
@@ -141,6 +202,9 @@ TEST(StackWalk, EqualsBacktrace)
         {[] { Compare(0); }, "no room"},
         {[] { Realign(300); }, "realigned frame"},
         {RaiseInHandler, "nested signal handlers"},
+        {RunOnOwnStacks, "stacks of the program's own"},
+        {RunInCoroutine, "coroutine"},
+        {SortInAnotherNameSpace, "object of another name space"},
     };
     for (const auto& row : cases)
     {
@@ -158,7 +222,7 @@ constexpr int kStride = 97;
 
 volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
 volatile std::sig_atomic_t gSteps;
-Trace gInHandler[2];
+Trace gAtStep[2];
 Trace gInterrupted;
 
 void CompareAtStep(int, siginfo_t*, void* data)
@@ -169,10 +233,10 @@ void CompareAtStep(int, siginfo_t*, void* data)
     const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
     if (gSteps <= kEveryStep || gSteps % kStride == 0 || jumps)
     {
-        CaptureBoth(gInHandler, kCapacity);
+        CaptureBoth(gAtStep, kCapacity);
         gInterrupted.count = WalkFrom(context, gInterrupted.frames, kCapacity);
         const int handlerFrames = 3; // CaptureBoth, this function, the trampoline
-        if (!AreEqual(gInHandler[0], gInHandler[1]) || !AreEqual(gInHandler[0], gInterrupted, handlerFrames))
+        if (!AreEqual(gAtStep[0], gAtStep[1]) || !AreEqual(gAtStep[0], gInterrupted, handlerFrames))
         {
             gStepping = 0;
         }
@@ -197,8 +261,8 @@ void StepThrough(void (*run)(), int flags)
     asm volatile("nop");
     std::signal(SIGTRAP, SIG_DFL);
     EXPECT_GT(gSteps, 50);
-    EXPECT_TRUE(areEqual) << "at step " << gSteps << "\nbacktrace " << Print(gInHandler[0]) << "\nwalk "
-                          << Print(gInHandler[1]) << "\ninterrupted " << Print(gInterrupted);
+    EXPECT_TRUE(areEqual) << "at step " << gSteps << "\nbacktrace " << Print(gAtStep[0]) << "\nwalk " << Print(gAtStep[1])
+                          << "\ninterrupted " << Print(gInterrupted);
 }
 
 void StepFormatting()
@@ -255,6 +319,136 @@ TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
     }
 }
 
+// ---- What the walk tells besides: the signal handler that it met, and whether it came to the end ----
+
+Unwind::WalkResult gAnswer;
+const void* gContext; // of the handler that ran last
+
+// In this order: an answer with frames must equal the one without.
+__attribute__((noinline)) void Answer()
+{
+    void* frames[kCapacity];
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const Unwind::WalkResult stored = Unwind::WalkStack(here, frames, kCapacity);
+    gAnswer = Unwind::WalkStack(here, nullptr, 0);
+    EXPECT_EQ(gAnswer.count, 0);
+    EXPECT_GT(stored.count, 2);
+    EXPECT_EQ(stored.signalFrame, gAnswer.signalFrame);
+    EXPECT_EQ(stored.reachedEnd, gAnswer.reachedEnd);
+}
+
+__attribute__((noinline)) void AnswerBelow(int depth)
+{
+    depth > 0 ? AnswerBelow(depth - 1) : Answer();
+    asm volatile("");
+}
+
+sigjmp_buf gBeforeSignal;
+void (*gInHandler)();
+
+void RaiseAndRun(void (*run)(), int flags)
+{
+    struct sigaction action = {};
+    action.sa_sigaction = [](int, siginfo_t*, void* context)
+    {
+        gContext = context;
+        gInHandler();
+    };
+    action.sa_flags = SA_SIGINFO | SA_NODEFER | flags;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    gInHandler = run;
+    int (*const volatile raise)(int) = std::raise; // which may throw when the handler does
+    raise(SIGUSR1);
+}
+
+TEST(StackWalk, TellsOfTheSignalHandlerThatItMet)
+{
+    struct Row
+    {
+        const char* name;
+        void (*run)();
+        bool isInHandler;
+    };
+    const Row rows[] = {
+        {"no signal", Answer, false},
+        {"no signal, deep", [] { AnswerBelow(5000); }, false},
+        {"handler", [] { RaiseAndRun(Answer, 0); }, true},
+        {"deep in a handler", [] { RaiseAndRun([] { AnswerBelow(5000); }, 0); }, true},
+        {"handler in a handler", [] { RaiseAndRun([] { RaiseAndRun(Answer, 0); }, 0); }, true},
+        {"alternate stack", [] { RaiseAndRun(Answer, SA_ONSTACK); }, true},
+        {"deep on the alternate stack", [] { RaiseAndRun([] { AnswerBelow(5000); }, SA_ONSTACK); }, true},
+        {"after a handler", [] { RaiseAndRun([] {}, 0), Answer(); }, false},
+        {"catch clause after a throw out of a handler",
+         []
+         {
+             try
+             {
+                 RaiseAndRun([] { throw 5; }, 0);
+             }
+             catch (int)
+             {
+                 Answer();
+             }
+         },
+         false},
+        {"the same from the alternate stack",
+         []
+         {
+             try
+             {
+                 RaiseAndRun([] { AnswerBelow(100), throw 5; }, SA_ONSTACK);
+             }
+             catch (int)
+             {
+                 Answer();
+             }
+         },
+         false},
+        {"catch clause in a handler",
+         []
+         {
+             const auto run = []
+             {
+                 try
+                 {
+                     throw 5;
+                 }
+                 catch (int)
+                 {
+                     Answer();
+                 }
+             };
+             RaiseAndRun(run, 0);
+         },
+         true},
+        {"after a jump out of a handler",
+         []
+         {
+             if (sigsetjmp(gBeforeSignal, 1) == 0)
+             {
+                 RaiseAndRun([] { siglongjmp(gBeforeSignal, 1); }, SA_ONSTACK);
+             }
+             Answer();
+         },
+         false},
+    };
+    std::vector<unsigned char> memory(std::size_t{2048} * 1024);
+    stack_t stack = {};
+    stack.ss_sp = memory.data();
+    stack.ss_size = memory.size();
+    stack_t before;
+    ASSERT_EQ(sigaltstack(&stack, &before), 0);
+    for (const Row& row : rows)
+    {
+        gContext = nullptr;
+        row.run();
+        EXPECT_TRUE(gAnswer.reachedEnd) << row.name;
+        EXPECT_EQ(gAnswer.signalFrame, row.isInHandler ? reinterpret_cast<std::uintptr_t>(gContext) : 0) << row.name;
+    }
+    sigaltstack(&before, nullptr);
+}
+
 // push %rbp; mov %rsp, %rbp; call *%rdi; pop %rbp; ret
 constexpr unsigned char kGeneratedCode[] = {0x55, 0x48, 0x89, 0xe5, 0xff, 0xd7, 0x5d, 0xc3};
 
@@ -263,6 +457,7 @@ Trace gGenerated;
 void CaptureGenerated()
 {
     gGenerated.count = WalkFromHere(gGenerated.frames, kCapacity);
+    Answer();
 }
 
 TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
@@ -278,8 +473,59 @@ TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
     // Two frames more: CaptureGenerated and the generated code.
     ASSERT_EQ(gGenerated.count, direct.count + 2) << Print(gGenerated) << "\ndirect" << Print(direct);
     EXPECT_EQ(gGenerated.frames[1], static_cast<char*>(code) + 6);
+    EXPECT_FALSE(gAnswer.reachedEnd) << "a frame pointer is a guess";
     EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGenerated.frames + 3));
     munmap(code, 4096);
+}
+
+// A chain of frames in a stack made by hand, each found by the frame pointer that the one before has saved.
+TEST(StackWalk, FollowsOtherStacksButNeverBack)
+{
+    constexpr std::size_t kAll = 0;
+    std::vector<std::size_t> manySwitches;
+    for (std::size_t i = 20000; i > 0; i -= 1000)
+        manySwitches.push_back(i);
+    const struct
+    {
+        const char* name;
+        std::vector<std::size_t> frames; // positions in words, from the stack pointer of the first on
+        std::size_t count;
+        std::uint64_t beyondCall = 0; // where the frames return to
+    } rows[] = {
+        {"one stack", {2000, 2010, 2020}, kAll},
+        {"a stack above", {2000, 2010, 9000, 9010}, kAll},
+        {"a stack below", {2000, 2010, 100, 110}, kAll},
+        {"below, then back above", {2000, 2010, 100, 110, 9000}, kAll},
+        {"back to a stack that was left", {2000, 2010, 100, 2004}, 3},
+        {"back to the frame before", {2000, 2010, 2020, 2010}, 3},
+        {"the same frame", {2000, 2010, 2010}, 2},
+        {"what returned calls have left", {2000, 2010, 1980, 1990}, 2},
+        {"a stack below, to what is no return address", {2000, 2010, 100, 110}, 2, 1},
+        {"switches without end", manySwitches, 16},
+    };
+    const auto afterCall = reinterpret_cast<std::uint64_t>(gAfterCall);
+    for (const auto& row : rows)
+    {
+        std::vector<std::uint64_t> stack(21000);
+        const auto addressOf = [&](std::size_t index)
+        {
+            return reinterpret_cast<std::uint64_t>(&stack[row.frames[index]]);
+        };
+        for (std::size_t i = row.frames.size() - 1; i > 0; --i)
+        {
+            const bool isLast = i + 1 == row.frames.size();
+            stack[row.frames[i]] = isLast ? 0 : addressOf(i + 1);
+            stack[row.frames[i] + 1] = isLast ? 0 : afterCall + row.beyondCall;
+        }
+        Unwind::FrameRegisters start;
+        start.Set(Unwind::FrameRegisters::kProgramCounter, afterCall);
+        start.Set(Unwind::FrameRegisters::kStackPointer, addressOf(0));
+        start.Set(Unwind::FrameRegisters::kBasePointer, addressOf(1));
+        void* frames[kCapacity];
+        const Unwind::WalkResult result = Unwind::WalkStack(start, frames, kCapacity);
+        EXPECT_EQ(static_cast<std::size_t>(result.count), row.count == kAll ? row.frames.size() - 1 : row.count) << row.name;
+        EXPECT_EQ(result.reachedEnd, row.count == kAll) << row.name;
+    }
 }
 
 TEST(StackWalk, EndsOnDamagedStacks)

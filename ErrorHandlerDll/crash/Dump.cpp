@@ -1,195 +1,243 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
-#include "ErrorHandlerDll/Internal.h"
-#include "ErrorHandlerDll/crash/DumpOutput.h"
-#include "ErrorHandlerDll/crash/DumpStack.h"
-#include "ErrorHandlerDll/crash/SystemCall.h"
-#include "ZelvoWinAPI/ZelvoWinAPI.h"
+#include "ErrorHandlerDll/FixedText.h"
+#include "ErrorHandlerDll/crash/HeldSignals.h"
+#include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "ErrorHandlerDll/unwind/StackWalk.h"
 
-#include <ctime>
+#include <new>
 
 namespace Crash
 {
+
 namespace
 {
 
-constinit ZelvoWinAPI::_CRITICAL_SECTION gDumpSection = {};
+// A dump that has been left by a jump out of a nested fault keeps the log from others no longer than this. Each part starts
+// it anew; none waits that long.
+constexpr int kLeaseMs = 2000;
 
-// Another thread's dump may itself have to wait for the log and for standard output. All waits together stay below the three
-// seconds that a host's watchdog gives a dying process.
-constexpr int kOtherDumpWaitMs = 3 * FileLogger::kEmergencyWaitMs;
+constexpr int kMaxSignalFrames = 3;
 
-constexpr int kMostCallbacksThatFault = 3;
-
-// Writing to a closed pipe, beyond the file size limit of the process or to the terminal of another job raises these; a dump
-// must not end or stop the process earlier.
-constexpr SignalSet kSignalsOfWriting = SetOf(SIGPIPE) | SetOf(SIGXFSZ) | SetOf(SIGTTOU);
-
-constexpr SignalSet kSignalsOfFaults =
-    SetOf(SIGSEGV) | SetOf(SIGBUS) | SetOf(SIGILL) | SetOf(SIGFPE) | SetOf(SIGABRT) | SetOf(SIGTRAP) | SetOf(SIGSYS);
-
-constexpr SignalSet kSignalsOfWatchdogs = SetOf(SIGALRM); // a host may want to end a dump that takes too long
-
-// Lets all signals wait but those of faults and watchdogs: a handler that ends the process, or dumps itself, would cut the
-// dump.
-class HeldSignals
+// Holds the logger's section, unless its owner could be waited for no longer.
+class LogScope
 {
 public:
-    HeldSignals() noexcept : m_pendingBefore(PendingSignals()), m_hostMask(SetMask(kAllSignals)) { Hold(); }
-    ~HeldSignals()
+    LogScope(bool isEmergency, bool endsInterruptedCall, const HeldSignals& signals)
+        : m_endsInterruptedCall(isEmergency && endsInterruptedCall && gFileLogger.Emergency().IsInCriticalSection())
     {
-        SignalSet raised = PendingSignals() & ~m_pendingBefore & kSignalsOfWriting;
-        for (; raised != 0; raised &= raised - 1)
+        if (isEmergency)
         {
-            const SignalSet taken = raised & -raised;
-            const timespec noWait = {};
-            SystemCall(SYS_rt_sigtimedwait, ToArgument(&taken), 0, ToArgument(&noWait), sizeof taken);
+            m_isHeld = gFileLogger.EnterCriticalSection();
+            return;
         }
-        SetMask(m_hostMask);
+        signals.Release(); // it may take as long as it takes
+        m_isHeld = gFileLogger.EnterCriticalSection();
+        signals.Hold();
     }
-    HeldSignals(const HeldSignals&) = delete;
-    HeldSignals& operator=(const HeldSignals&) = delete;
+    ~LogScope()
+    {
+        if (!gFileLogger.Emergency().IsInCriticalSection())
+        {
+            return; // somebody has waited for this dump too long
+        }
+        if (m_endsInterruptedCall)
+        {
+            gFileLogger.Emergency().ForgetInterruptedCall();
+            gFileLogger.Emergency().RestoreSectionDepth(0);
+        }
+        if (m_isHeld)
+        {
+            gFileLogger.LeaveCriticalSection();
+        }
+    }
+    LogScope(const LogScope&) = delete;
+    LogScope& operator=(const LogScope&) = delete;
 
-    void Hold() const noexcept { SetMask(m_hostMask | (kAllSignals & ~kSignalsOfFaults & ~kSignalsOfWatchdogs)); }
+    bool IsHeld() const noexcept { return m_isHeld; }
 
 private:
-    const SignalSet m_pendingBefore;
-    const SignalSet m_hostMask;
+    const bool m_endsInterruptedCall;
+    bool m_isHeld = false;
 };
 
 } // namespace
 
-class Dump::Scope
+SignalRoad FindSignalRoad(CallStack* callStack) noexcept
 {
-public:
-    // First the dumps among each other, then the log: a dump that waits for another must not hold the log up.
-    Scope() noexcept
-        : m_hasDumpSection(ZelvoWinAPI::TryEnterCriticalSection(&gDumpSection, kOtherDumpWaitMs)),
-          m_hasLog(gFileLogger.EnterCriticalSection())
+    if (DumpStack::Current() != nullptr)
     {
-        sScope = this;
-        if (m_hasDumpSection)
-        {
-            StandardOutput::HoldLines();
-        }
+        return {}; // asked in a dump, of an emergency
     }
-    ~Scope()
+    CallStack own = {{}, nullptr, 0};
+    if (callStack == nullptr)
     {
-        if (m_hasLog)
-        {
-            gFileLogger.EndDump();
-            gFileLogger.LeaveCriticalSection();
-        }
-        if (m_hasDumpSection)
-        {
-            StandardOutput::ReleaseLines();
-            ZelvoWinAPI::LeaveCriticalSection(&gDumpSection);
-        }
-        sScope = nullptr;
+        callStack = &own;
+        Unwind::CaptureRegisters(own.start);
     }
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-
-    const ErrnoKeeper m_errno;
-    const QV::EmergencyScope m_emergency;
-    const HeldSignals m_signals;
-    const bool m_hasDumpSection;
-    const bool m_hasLog;
-};
-
-constinit thread_local const Dump::Place* Dump::sPlace = nullptr;
-constinit thread_local const Dump::Scope* Dump::sScope = nullptr;
-
-bool Dump::IsUnderWay() noexcept
-{
-    return sScope != nullptr;
+    SignalRoad road;
+    const HeldSignals signals;
+    DumpStack::Run(
+        [&](DumpStack& stack)
+        {
+            RunPart(stack,
+                    [&]
+                    {
+                        const Unwind::WalkResult walk =
+                            Unwind::WalkStack(callStack->start, callStack->frames, callStack->capacity);
+                        callStack->count = walk.count;
+                        road = {walk.signalFrames > 0 || !walk.reachedEnd, walk.signalFrames > kMaxSignalFrames};
+                    });
+        });
+    return road;
 }
 
-void Dump::RunOutermost(void (*run)(const void*), const void* body)
+Dump* Dump::Current() noexcept
 {
-    const Scope scope;
-    const auto runAll = [&]
+    const DumpStack* const stack = DumpStack::Current();
+    return stack == nullptr ? nullptr : stack->m_dump;
+}
+
+Dump::Dump(DumpStack& stack, bool hasLog) noexcept : m_stack(stack), m_hasLog(hasLog)
+{
+    m_stack.m_dump = this;
+    Crash::RunPart(m_stack,
+                   [this]
+                   {
+                       if (HasLog())
+                       {
+                           gFileLogger.Emergency().BeginDump();
+                       }
+                   });
+    Crash::RunPart(m_stack, [this] { m_output.Prepare(); });
+}
+
+Dump::~Dump()
+{
+    WriteLines();
+    if (HasLog())
     {
-        struct Writer
+        gFileLogger.Emergency().EndDump();
+        gFileLogger.Emergency().EndLease();
+    }
+    m_stack.m_dump = nullptr;
+}
+
+bool Dump::HasLog() noexcept
+{
+    m_hasLog = m_hasLog && gFileLogger.Emergency().IsInCriticalSection();
+    if (m_hasLog)
+    {
+        gFileLogger.Emergency().SetLease(m_stack.Low(), m_stack.High(), kLeaseMs);
+    }
+    return m_hasLog;
+}
+
+bool Dump::RunOutermost(void (*run)(const void*), const void* body, CallStack* callStack, bool endsInterruptedCall)
+{
+    const ErrnoKeeper errnoKeeper;
+    const HeldSignals signals;
+    const SignalRoad road = FindSignalRoad(callStack);
+    if (road.isTooDeep)
+    {
+        return false;
+    }
+    const QV::EmergencyScope emergency(road.isOnIt);
+    const LogScope log(road.isOnIt, endsInterruptedCall, signals);
+    return DumpStack::Run(
+        [&](DumpStack& stack)
         {
-            ~Writer() { WriteLines(); }
-        } writer;
-        RunPart(
-            [&]
+            Dump dump(stack, log.IsHeld());
+            if (!Crash::RunPart(stack, [&] { run(body); }))
             {
-                if (scope.m_hasLog)
-                {
-                    gFileLogger.BeginDump();
-                }
-            });
-        RunPart(StandardOutput::Prepare);
-        run(body);
-    };
-    RunOnDumpStack([](const void* all) { (*static_cast<decltype(&runAll)>(all))(); }, &runAll);
+                dump.Print(kFaultInDump);
+            }
+        });
 }
 
 void Dump::WriteLines() noexcept
 {
-    if (sScope != nullptr && sScope->m_hasLog)
+    Crash::RunPart(m_stack,
+                   [this]
+                   {
+                       if (HasLog())
+                       {
+                           gFileLogger.Emergency().Flush();
+                       }
+                   });
+    m_output.WriteLines();
+}
+
+void Dump::Log(int level, unsigned int mask, const char* source, const char* text)
+{
+    const auto log = [=]
     {
-        gFileLogger.FlushLogFile();
-    }
-    StandardOutput::WriteLines();
-}
-
-bool Dump::IsFault(int signal) noexcept
-{
-    return signal > 0 && (SetOf(signal) & kSignalsOfFaults) != 0;
-}
-
-void Dump::LeaveFaultyPart() noexcept
-{
-    if (sPlace != nullptr)
+        gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(text));
+    };
+    const auto logWithoutHeap = [=]
     {
-        siglongjmp(sPlace->m_context, 1);
-    }
-}
-
-bool Dump::IsBeyondHelp() noexcept
-{
-    return IsUnderWay() || QV::EmergencyScope::GetDepth() >= kMostCallbacksThatFault;
-}
-
-void Dump::AfterForkInChild() noexcept
-{
-    if (sScope != nullptr && sScope->m_hasDumpSection)
+        const QV::EmergencyScope emergency;
+        log();
+    };
+    const auto logAnyhow = [=]
     {
-        ZelvoWinAPI::AdoptCriticalSection(&gDumpSection);
+        try
+        {
+            log();
+        }
+        catch (const std::bad_alloc&)
+        {
+            logWithoutHeap();
+        }
+    };
+    if (m_isLogDamaged || Crash::RunPart(m_stack, logAnyhow))
+    {
         return;
     }
-    ZelvoWinAPI::InitializeCriticalSection(&gDumpSection); // its owner is no thread of the child
-    StandardOutput::Forget();
-    FreeDumpStacks();
+    gFileLogger.Emergency()
+        .ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
+    m_isLogDamaged = !Crash::RunPart(m_stack, logWithoutHeap);
 }
 
-Dump::Place::Place() noexcept
-    : m_outer(sPlace), m_emergencyDepth(QV::EmergencyScope::GetDepth()), m_sectionDepth(gFileLogger.GetSectionDepth())
+bool Dump::IsFault(int signal, int signalCode) noexcept
 {
-    sPlace = this;
+    return signal > 0 && (Unwind::SetOf(signal) & kSignalsOfFaults) != 0 && (signalCode > 0 || signal == SIGABRT);
 }
 
-Dump::Place::~Place()
+void Dump::LeaveFaultyPart(int signal, int signalCode) noexcept
 {
-    sPlace = m_outer;
-}
-
-void Dump::Place::Restore() const noexcept
-{
-    sPlace = m_outer; // a fault in what follows must not come back here
-    if (sScope != nullptr)
+    const DumpStack* const stack = DumpStack::Current();
+    if (IsFault(signal, signalCode) && stack != nullptr && stack->m_place != nullptr)
     {
-        sScope->m_signals.Hold();
+        siglongjmp(stack->m_place->m_context, 1);
     }
-    QV::EmergencyScope::RestoreDepth(m_emergencyDepth);
-    gFileLogger.RestoreSectionDepth(m_sectionDepth);
-    StandardOutput::Recover();
-    WriteLines();
+}
+
+Place::Place(DumpStack& stack) noexcept
+    : m_stack(stack),
+      m_outer(stack.m_place),
+      m_isEmergency(QV::EmergencyScope::GetState()),
+      m_sectionDepth(gFileLogger.Emergency().GetSectionDepth())
+{
+    stack.m_place = this;
+}
+
+Place::~Place()
+{
+    m_stack.m_place = m_outer;
+}
+
+void Place::Restore() const noexcept
+{
+    m_stack.m_place = m_outer; // a fault in what follows must not come back here
+    Unwind::SetMask(m_stack.Mask());
+    QV::EmergencyScope::RestoreState(m_isEmergency);
+    gFileLogger.Emergency().RestoreSectionDepth(m_sectionDepth);
+    if (!m_isEmergency && gFileLogger.Emergency().IsInCriticalSection())
+    {
+        gFileLogger.Emergency().ForgetInterruptedCall();
+    }
 }
 
 } // namespace Crash

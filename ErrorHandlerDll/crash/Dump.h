@@ -1,93 +1,133 @@
-// "This thread dumps." Everything on the road of a crash dump stands inside Dump::Run: strings take their memory from the
-// reserve, the logger writes without waiting for what may never come, the dumps of several threads come one after the other,
-// and all of it runs on a stack of the library. Async-signal-safe.
+// "This thread dumps." Everything on the road of a crash dump stands inside Dump::Run: it runs on a stack of the library,
+// with the logger's section held and most signals waiting, and a fault in it comes back to it. On the road of a signal it is
+// async-signal-safe and waits for nobody without a limit; elsewhere it is a call like any other.
 #ifndef ERRORHANDLERDLL_CRASH_DUMP_H
 #define ERRORHANDLERDLL_CRASH_DUMP_H
+
+#include "ErrorHandlerDll/crash/DumpOutput.h"
+#include "ErrorHandlerDll/crash/DumpStack.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
 
 #include <csetjmp>
 
 namespace Crash
 {
 
+inline constexpr const char* kFaultInDump = "  A fault ended this part of the dump";
+
+// Whether frames of signal handlers lie on the calling thread's stack.
+struct SignalRoad
+{
+    bool isOnIt = true;     // unless it is certain that there is none
+    bool isTooDeep = false; // handlers that fault again and again, as with a callback of the host that does
+};
+
+// The frames that a walk from `start` on finds.
+struct CallStack
+{
+    Unwind::FrameRegisters start;
+    void** frames;
+    int capacity;
+    int count = 0;
+};
+
+// Walks the calling thread's stack for signal handlers; from the given place on, whose frames it stores then.
+SignalRoad FindSignalRoad(CallStack* callStack = nullptr) noexcept;
+
+// A part of a dump that may fault, on a corrupt process. The fault reaches the host's signal handler again (when that is
+// installed with SA_NODEFER), which builds another StructuredException: its constructor comes back to the innermost part.
+class Place
+{
+public:
+    explicit Place(DumpStack& stack) noexcept;
+    ~Place();
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+
+    // The fault skipped the scopes that lie within, and the return of the handler that would have set the signal mask back.
+    void Restore() const noexcept;
+
+    mutable sigjmp_buf m_context;
+
+private:
+    DumpStack& m_stack;
+    const Place* const m_outer;
+    const bool m_isEmergency;
+    const unsigned int m_sectionDepth;
+};
+
+// Returns false when a fault ended the part.
+template <class Part>
+bool RunPart(DumpStack& stack, const Part& part)
+{
+    const Place place(stack);
+    if (sigsetjmp(place.m_context, 0) != 0) // the mask is restored below: saving it takes room
+    {
+        place.Restore();
+        return false;
+    }
+    part();
+    return true;
+}
+
 class Dump
 {
 public:
-    // Runs `body` as a dump of this thread; within another one, as a piece of that. Waits for another thread's dump and for
-    // the logger's section, for each a bounded time, and goes on without them then. What the body throws passes.
+    // The dump that the calling code belongs to; null when it belongs to none.
+    static Dump* Current() noexcept;
+
+    // Runs body() as a dump of this thread; within another one, as a piece of that. What the body throws passes.
+    //   callStack  filled before the body runs; the code that was interrupted by a hardware fault never goes on
+    //   returns    false when all stacks for dumps are in use, or the handlers on this thread's stack fault again and again:
+    //              nothing was run then
     template <class Body>
-    static void Run(const Body& body)
+    static bool Run(const Body& body, CallStack* callStack = nullptr, bool endsInterruptedCall = false)
     {
-        if (IsUnderWay())
+        if (Current() != nullptr)
         {
             body();
+            return true;
         }
-        else
-        {
-            RunOutermost([](const void* call) { (*static_cast<const Body*>(call))(); }, &body);
-        }
+        return RunOutermost([](const void* call) { (*static_cast<const Body*>(call))(); }, &body, callStack,
+                            endsInterruptedCall);
     }
 
-    // Runs a part of a dump that may fault, on a corrupt process. The fault reaches the host's signal handler again (when
-    // that is installed with SA_NODEFER), which builds another StructuredException: its constructor calls LeaveFaultyPart.
-    //   returns false when a fault ended the part
+    // The same for a part of the dump under way.
+    //   returns false when a fault ended it
     template <class Part>
     static bool RunPart(const Part& part)
     {
-        const Place place;
-        if (sigsetjmp(place.m_context, 0) != 0) // the mask is restored below: saving it costs a system call each time
-        {
-            place.Restore();
-            return false;
-        }
-        part();
-        return true;
+        return Crash::RunPart(*DumpStack::Current(), part);
     }
 
-    // Writes the lines that wait: at the end of each part, for who knows whether there is another.
-    static void WriteLines() noexcept;
+    // When the calling code runs in a signal handler within a dump of this thread: goes back to the part that the signal has
+    // ended. Returns when there is none, or the signal was sent and the dump can go on after the handler.
+    static void LeaveFaultyPart(int signal, int signalCode) noexcept;
 
-    // Whether the signal says that the thread which gets it has faulted. Others may arrive in the midst of a dump, too.
-    static bool IsFault(int signal) noexcept;
+    // Whether the signal tells of a fault of the thread that gets it, and not of somebody who sent it.
+    static bool IsFault(int signal, int signalCode) noexcept;
 
-    // Goes back to the RunPart of this thread that is under way. Returns when there is none.
-    static void LeaveFaultyPart() noexcept;
+    // Writes the lines that wait, after each part: the process may end before the next.
+    void WriteLines() noexcept;
 
-    // Whether this thread has faulted in a dump where no RunPart was under way, or time and again in the host's callback:
-    // another dump would only fault there again.
-    static bool IsBeyondHelp() noexcept;
-
-    // What other threads of the parent held in their dumps is free in the child.
-    static void AfterForkInChild() noexcept;
+    // Standard output and the log. A line that cannot be logged because what is damaged is the logger itself is lost, and
+    // the dump goes on without the log.
+    void Print(const char* line) noexcept { m_output.PrintLine(line); }
+    void Log(int level, unsigned int mask, const char* source, const char* text);
 
 private:
-    class Scope;
+    explicit Dump(DumpStack& stack, bool hasLog) noexcept;
+    ~Dump();
+    Dump(const Dump&) = delete;
+    Dump& operator=(const Dump&) = delete;
 
-    // Where a fault leads to. The innermost one counts.
-    class Place
-    {
-    public:
-        Place() noexcept;
-        ~Place();
-        Place(const Place&) = delete;
-        Place& operator=(const Place&) = delete;
+    static bool RunOutermost(void (*run)(const void*), const void* body, CallStack* callStack, bool endsInterruptedCall);
+    bool HasLog() noexcept;
 
-        // The fault skipped the scopes that lie within, and the return of the handler that would have set the signal mask
-        // back.
-        void Restore() const noexcept;
-
-        mutable sigjmp_buf m_context;
-
-    private:
-        const Place* m_outer;
-        int m_emergencyDepth;
-        unsigned int m_sectionDepth;
-    };
-
-    static bool IsUnderWay() noexcept;
-    static void RunOutermost(void (*run)(const void*), const void* body);
-
-    [[gnu::tls_model("initial-exec")]] static constinit thread_local const Place* sPlace;
-    [[gnu::tls_model("initial-exec")]] static constinit thread_local const Scope* sScope;
+    DumpStack& m_stack;
+    bool m_hasLog; // the logger's section is held
+    bool m_isLogDamaged = false;
+    StandardOutput m_output;
 };
 
 } // namespace Crash

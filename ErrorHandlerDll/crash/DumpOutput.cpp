@@ -1,16 +1,13 @@
 #include "ErrorHandlerDll/crash/DumpOutput.h"
 
-#include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "ErrorHandlerDll/Internal.h"
-#include "ErrorHandlerDll/crash/Dump.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
@@ -24,129 +21,34 @@ namespace Crash
 namespace
 {
 
-constinit std::atomic<bool> gLogIsDamaged = false;
+// A reader who was waited for in vain is not waited for again, until it is seen to read.
+constinit std::atomic<bool> gIsReaderStuck = false;
 
 } // namespace
 
-void LogLine(const char* text, const char* source)
-{
-    LogLine(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
-}
+StandardOutput::StandardOutput() noexcept : m_waitLeftMs(gIsReaderStuck.load() ? 0 : kMaxWaitMs) {}
 
-void LogLine(int level, unsigned int mask, const char* source, const char* text)
+StandardOutput::~StandardOutput()
 {
-    const auto log = [=]
+    if (m_isReopened)
     {
-        LogMessage(level, mask, source, text);
-    };
-    if (gLogIsDamaged.load(std::memory_order_relaxed) || Dump::RunPart(log))
-    {
-        return;
-    }
-    gFileLogger.ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
-    if (!Dump::RunPart(log))
-    {
-        gLogIsDamaged.store(true, std::memory_order_relaxed);
+        ZelvoWinAPI::CloseFile(m_descriptor);
     }
 }
 
-} // namespace Crash
-
-namespace Crash::StandardOutput
+void StandardOutput::Prepare() noexcept
 {
-
-namespace
-{
-
-constinit std::atomic<bool> gIsGivenUp = false;
-constinit std::atomic<bool> gMayBlock = true;
-constinit std::atomic<int> gWaitLeftMs = FileLogger::kEmergencyWaitMs; // of all lines together
-
-// Lines that wait. What a pipe takes in one piece.
-constinit char gLines[PIPE_BUF] = {};
-constinit std::size_t gLinesEnd = 0;
-constinit std::atomic<bool> gAreLinesInUse = false; // a watchdog's handler that dumps may interrupt the dump
-[[gnu::tls_model("initial-exec")]] constinit thread_local bool tHoldsLines = false;
-
-// A pipe that is ready takes this many bytes without blocking.
-constexpr std::size_t kUnblockedSize = PIPE_BUF;
-
-// Asked once a dump, where a fault is caught: a process that crashes may have overwritten `stdout` itself. Negative for a
-// stream without one.
-constinit std::atomic<int> gDescriptor = STDOUT_FILENO;
-
-int GetDescriptor() noexcept
-{
-    return gDescriptor.load(std::memory_order_relaxed);
-}
-
-// Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it. Where
-// one cannot wait, as without any descriptor left, the write itself has to tell.
-bool WaitUntilReady(int descriptor) noexcept
-{
-    if (!gMayBlock.load(std::memory_order_relaxed))
-    {
-        return true;
-    }
-    int result = 0;
-    do
-    {
-        pollfd watched = {descriptor, POLLOUT, 0};
-        const std::int64_t start = ZelvoWinAPI::GetTickCount64();
-        const int left = std::max(gWaitLeftMs.load(std::memory_order_relaxed), 0);
-        result = static_cast<int>(syscall(SYS_poll, &watched, 1, left)); // poll() may end a cancelled thread
-        gWaitLeftMs.fetch_sub(static_cast<int>(ZelvoWinAPI::GetTickCount64() - start), std::memory_order_relaxed);
-    } while (result < 0 && errno == EINTR && gWaitLeftMs.load(std::memory_order_relaxed) > 0);
-    const bool isReady = result > 0 || (result < 0 && errno != EINTR);
-    gIsGivenUp.store(!isReady, std::memory_order_relaxed);
-    return isReady;
-}
-
-// What was ready a moment ago may have been filled by another writer: this must not block where the kernel can do without.
-std::ptrdiff_t WriteReady(int descriptor, std::string_view text) noexcept
-{
-    if (gMayBlock.load(std::memory_order_relaxed))
-    {
-        const iovec piece = {const_cast<char*>(text.data()), text.size()};
-        const std::ptrdiff_t written = syscall(SYS_pwritev2, descriptor, &piece, 1, -1L, -1L, RWF_NOWAIT);
-        if (written >= 0 || errno == EAGAIN || errno == EINTR)
-        {
-            return written;
-        }
-    }
-    return ZelvoWinAPI::WriteFile(descriptor, text.data(), text.size());
-}
-
-// Writes the text, as far as it can be written.
-void Write(int descriptor, std::string_view text) noexcept
-{
-    while (!text.empty() && !gIsGivenUp.load(std::memory_order_relaxed) && WaitUntilReady(descriptor))
-    {
-        const std::ptrdiff_t count = WriteReady(descriptor, text.substr(0, kUnblockedSize));
-        if (count < 0 && errno == EAGAIN)
-        {
-            gWaitLeftMs.fetch_sub(1, std::memory_order_relaxed); // others may go on filling it for ever
-        }
-        else if (count == 0 || (count < 0 && errno != EINTR))
-        {
-            return;
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
-    }
-}
-
-} // namespace
-
-void Prepare() noexcept
-{
-    const int descriptor = fileno(stdout); // takes no lock
-    gDescriptor.store(descriptor, std::memory_order_relaxed);
-    if (descriptor < 0)
+    m_descriptor = fileno(stdout); // takes no lock
+    if (m_descriptor < 0)
     {
         return;
     }
     struct stat status = {};
-    gMayBlock.store(fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode), std::memory_order_relaxed);
+    m_mayBlock = fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode);
+    if (m_mayBlock)
+    {
+        ReopenWithoutBlocking();
+    }
 
     // Whoever else holds the stream's lock writes the buffer himself; this thread may hold it, too, in the middle of a
     // printf.
@@ -156,70 +58,99 @@ void Prepare() noexcept
         const char* const end = stdout->_IO_write_ptr;
         if (start != nullptr && start < end && end <= stdout->_IO_buf_end)
         {
-            Write(descriptor, std::string_view(start, static_cast<std::size_t>(end - start)));
+            Write(std::string_view(start, static_cast<std::size_t>(end - start)));
             __fpurge(stdout);
         }
         funlockfile(stdout);
     }
 }
 
-void HoldLines() noexcept
+// What is ready may be filled by another writer a moment later, and a write then blocks. Whether it does is a property of
+// the open file that other processes share, so this one opens a pipe or terminal of its own.
+void StandardOutput::ReopenWithoutBlocking() noexcept
 {
-    tHoldsLines = true;
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", m_descriptor);
+    const long own = syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    m_isReopened = own >= 0;
+    m_descriptor = m_isReopened ? static_cast<int>(own) : m_descriptor;
 }
 
-void WriteLines() noexcept
+// Signals that interrupt the wait are no reason to give up, and a reader that is slow but alive must not stretch it. Where
+// one cannot wait, as without any descriptor left, the write itself has to tell.
+bool StandardOutput::WaitUntilReady() noexcept
 {
-    if (tHoldsLines && !gAreLinesInUse.exchange(true))
+    if (!m_mayBlock)
     {
-        const std::size_t length = gLinesEnd;
-        gLinesEnd = 0; // first: a jump out of here must not write them again
-        Write(GetDescriptor(), {gLines, length});
-        gAreLinesInUse.store(false);
+        return true;
+    }
+    int result = 0;
+    do
+    {
+        pollfd watched = {m_descriptor, POLLOUT, 0};
+        const std::int64_t start = ZelvoWinAPI::GetTickCount64();
+        result = static_cast<int>(syscall(SYS_poll, &watched, 1, std::max(m_waitLeftMs, 0))); // poll() may end the thread
+        m_waitLeftMs -= static_cast<int>(ZelvoWinAPI::GetTickCount64() - start);
+    } while (result < 0 && errno == EINTR && m_waitLeftMs > 0);
+    m_isGivenUp = result == 0 || (result < 0 && errno == EINTR);
+    gIsReaderStuck.store(m_isGivenUp);
+    return !m_isGivenUp;
+}
+
+std::ptrdiff_t StandardOutput::WriteReady(std::string_view text) noexcept
+{
+    if (m_mayBlock && !m_isReopened)
+    {
+        const iovec piece = {const_cast<char*>(text.data()), text.size()};
+        const std::ptrdiff_t written = syscall(SYS_pwritev2, m_descriptor, &piece, 1, -1L, -1L, RWF_NOWAIT);
+        if (written >= 0 || errno == EAGAIN || errno == EINTR)
+        {
+            return written;
+        }
+    }
+    return ZelvoWinAPI::WriteFile(m_descriptor, text.data(), text.size());
+}
+
+// Writes the text, as far as it can be written.
+void StandardOutput::Write(std::string_view text) noexcept
+{
+    while (!text.empty() && !m_isGivenUp && WaitUntilReady())
+    {
+        const std::ptrdiff_t count = WriteReady(text.substr(0, sizeof m_lines));
+        if (count < 0 && errno == EAGAIN)
+        {
+            --m_waitLeftMs; // others may go on filling it for ever
+        }
+        else if (count == 0 || (count < 0 && errno != EINTR))
+        {
+            return;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
     }
 }
 
-void ReleaseLines() noexcept
+void StandardOutput::WriteLines() noexcept
 {
-    tHoldsLines = false;
+    const std::size_t length = m_used;
+    m_used = 0; // first: a jump out of here must not write them again
+    Write({m_lines, length});
 }
 
-void Recover() noexcept
+bool StandardOutput::Hold(std::string_view line) noexcept
 {
-    if (tHoldsLines)
-    {
-        gAreLinesInUse.store(false);
-    }
-}
-
-void Forget() noexcept
-{
-    gLinesEnd = 0;
-    gAreLinesInUse.store(false);
-}
-
-namespace
-{
-
-bool Hold(std::string_view line) noexcept
-{
-    if (line.size() >= sizeof gLines - gLinesEnd || gAreLinesInUse.exchange(true))
+    if (line.size() >= sizeof m_lines - m_used)
     {
         return false;
     }
-    line.copy(gLines + gLinesEnd, line.size());
-    gLines[gLinesEnd + line.size()] = '\n';
-    gLinesEnd += line.size() + 1;
-    gAreLinesInUse.store(false);
+    line.copy(m_lines + m_used, line.size());
+    m_lines[m_used + line.size()] = '\n';
+    m_used += line.size() + 1;
     return true;
 }
 
-} // namespace
-
-void PrintLine(std::string_view line) noexcept
+void StandardOutput::PrintLine(std::string_view line) noexcept
 {
-    const int descriptor = GetDescriptor();
-    if (descriptor < 0)
+    if (m_descriptor < 0)
     {
         if (ftrylockfile(stdout) == 0)
         {
@@ -229,12 +160,12 @@ void PrintLine(std::string_view line) noexcept
         }
         return;
     }
-    if (tHoldsLines && (Hold(line) || (WriteLines(), Hold(line))))
+    if (Hold(line) || (WriteLines(), Hold(line)))
     {
         return;
     }
-    Write(descriptor, line);
-    Write(descriptor, "\n");
+    Write(line);
+    Write("\n");
 }
 
-} // namespace Crash::StandardOutput
+} // namespace Crash

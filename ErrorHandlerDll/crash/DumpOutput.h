@@ -1,40 +1,50 @@
-// Where the lines of a dump go: to standard output, past stdio, whose lock and buffer the interrupted code may hold, and to
-// the log. Async-signal-safe inside a dump, unless the host has made standard output a stream without a descriptor.
+// Standard output for a dump: past stdio, whose lock and buffer the interrupted code may hold, and without waiting for long.
+// Async-signal-safe, unless the host has made standard output a stream without a descriptor.
 #ifndef ERRORHANDLERDLL_CRASH_DUMPOUTPUT_H
 #define ERRORHANDLERDLL_CRASH_DUMPOUTPUT_H
 
+#include <climits>
+#include <cstddef>
 #include <string_view>
 
 namespace Crash
 {
 
-// Logs a line. When that faults, because what is damaged is the logger itself, the line is lost, and the dumps of this
-// process go on without the log.
-void LogLine(int level, unsigned int mask, const char* source, const char* text);
+class StandardOutput
+{
+public:
+    StandardOutput() noexcept;
+    ~StandardOutput();
+    StandardOutput(const StandardOutput&) = delete;
+    StandardOutput& operator=(const StandardOutput&) = delete;
 
-// The same at level ZR_LOG_ERROR, all categories.
-void LogLine(const char* text, const char* source = "");
+    // Writes what stdio still buffers for the host, so that the dump comes behind it. May fault: a process that crashes may
+    // have overwritten `stdout` itself.
+    void Prepare() noexcept;
+
+    // Writes the text and a line feed, with the lines around it. A reader that does not read is waited for half a second in
+    // a dump; the rest of the dump does without standard output then.
+    void PrintLine(std::string_view line) noexcept;
+    void WriteLines() noexcept;
+
+private:
+    static constexpr int kMaxWaitMs = 500;
+
+    void ReopenWithoutBlocking() noexcept;
+    bool Hold(std::string_view line) noexcept;
+    void Write(std::string_view text) noexcept;
+    bool WaitUntilReady() noexcept;
+    std::ptrdiff_t WriteReady(std::string_view text) noexcept;
+
+    int m_descriptor = 1; // negative for a stream without one
+    bool m_isReopened = false;
+    bool m_mayBlock = true;
+    bool m_isGivenUp = false;
+    int m_waitLeftMs;
+    std::size_t m_used = 0;
+    char m_lines[PIPE_BUF]; // a pipe that is ready takes as much without blocking, and in one piece
+};
 
 } // namespace Crash
-
-namespace Crash::StandardOutput
-{
-
-// Writes what stdio still buffers for the host, so that the dump comes behind it. Called once for each dump.
-void Prepare() noexcept;
-
-// From here to ReleaseLines the lines of this thread wait for each other, so that many of them go out with one write. One
-// thread at a time.
-void HoldLines() noexcept;
-void WriteLines() noexcept;
-void ReleaseLines() noexcept;
-void Recover() noexcept; // after a fault in the midst of one
-void Forget() noexcept;  // in a forked child: they are another thread's, which the child does not have
-
-// Writes the text and a line feed, or holds them back. A reader that does not read is waited for half a second in the life
-// of the process; after that standard output is given up.
-void PrintLine(std::string_view line) noexcept;
-
-} // namespace Crash::StandardOutput
 
 #endif

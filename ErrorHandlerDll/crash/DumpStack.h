@@ -1,18 +1,64 @@
-// The stack that a dump runs on: the handler's own may be an alternate one of a few kilobytes, of which the signal frame has
-// taken half.
+// The stacks that dumps run on: the handler's own may be an alternate one of a few kilobytes, of which the signal frame has
+// taken half. Each belongs to one thread at a time, and what it is used for is told from where the thread's code runs: a
+// dump that was left by a jump leaves nothing behind that a later one would take for its own.
 #ifndef ERRORHANDLERDLL_CRASH_DUMPSTACK_H
 #define ERRORHANDLERDLL_CRASH_DUMPSTACK_H
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
 
 namespace Crash
 {
 
-// Calls run(argument) on a stack of the library, or on the caller's while all of those are in use. While it runs the thread
-// has no alternate stack: a nested signal would start at the top of it and overwrite the frames that wait there.
-// Exceptions pass. Async-signal-safe; takes about 300 bytes of the caller's stack.
-void RunOnDumpStack(void (*run)(const void*), const void* argument);
+class Dump;
+class Place;
 
-// In a forked child: the stacks of other threads are free.
-void FreeDumpStacks() noexcept;
+class DumpStack
+{
+public:
+    // The one that the calling code runs on; null when it runs on none.
+    static DumpStack* Current() noexcept;
+
+    // Calls body(stack) on a free stack, in place when the calling code is on one already. Meanwhile the thread has no
+    // alternate stack: a nested signal would start at the top of that and overwrite the frames that wait there. What the
+    // body throws passes. Async-signal-safe; takes about 300 bytes of the caller's stack.
+    //   returns false when none was free for half a second; the body was not called then
+    template <class Body>
+    static bool Run(const Body& body)
+    {
+        if (DumpStack* const current = Current())
+        {
+            body(*current);
+            return true;
+        }
+        return RunOnFree([](DumpStack& stack, const void* call) { (*static_cast<const Body*>(call))(stack); }, &body);
+    }
+
+    // The stacks of other threads are free.
+    static void AfterForkInChild() noexcept;
+
+    std::uint64_t Mask() const noexcept { return m_mask; } // of the signals that wait
+    std::uintptr_t Low() const noexcept { return m_low; }
+    std::uintptr_t High() const noexcept { return m_high; }
+
+    const Place* m_place = nullptr; // where a fault leads to
+    Dump* m_dump = nullptr;
+
+private:
+    using Function = void (*)(DumpStack& stack, const void* argument);
+    struct Call;
+    class AlternateStackOff;
+    class OwnerScope;
+
+    static bool RunOnFree(Function run, const void* argument);
+    static void RunCall(void* call);
+
+    std::uintptr_t m_low = 0;
+    std::uintptr_t m_high = 0;
+    std::uint64_t m_mask = 0;
+    stack_t m_alternate = {}; // of the thread
+};
 
 } // namespace Crash
 

@@ -3,7 +3,6 @@
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
 
-#include <climits>
 #include <cstring>
 
 namespace
@@ -26,7 +25,8 @@ FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDef
 void FileLogger::Retire()
 {
     // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
-    if (!ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs))
+    int waitLeftMs = QV::EmergencyScope::kMaxWaitMs;
+    if (ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) == ZelvoWinAPI::Entry::REFUSED)
     {
         Disable();
         m_retired.store(true);
@@ -122,31 +122,6 @@ void FileLogger::GetOptions(LoggingSettings* settings)
     settings->reserved = m_reserved;
 }
 
-void FileLogger::BeginDump()
-{
-    if (!m_busy.load(std::memory_order_relaxed)) // else this thread was interrupted in the middle of something
-    {
-        m_file.Flush();
-        m_buffersDump.store(!m_file.HasUnwrittenLines(), std::memory_order_relaxed);
-    }
-}
-
-void FileLogger::EndDump()
-{
-    if (m_buffersDump.exchange(false, std::memory_order_relaxed) && m_file.HasUnwrittenLines())
-    {
-        m_file.ForgetBuffer();
-    }
-}
-
-void FileLogger::RestoreSectionDepth(unsigned int depth)
-{
-    if (ZelvoWinAPI::IsInCriticalSection(&m_criticalSection))
-    {
-        m_criticalSection.m_enterCount = depth;
-    }
-}
-
 // A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a change.
 void FileLogger::BeforeFork()
 {
@@ -157,7 +132,7 @@ void FileLogger::BeforeFork()
     }
     if (m_busy.load(std::memory_order_relaxed))
     {
-        PrepareInEmergency(Interrupted::GOES_ON);
+        Emergency().PrepareOutput(LogEmergency::Caller::SIGNAL_HANDLER);
     }
     else
     {
@@ -243,75 +218,4 @@ bool FileLogger::PrepareOutputSource()
 void FileLogger::DeleteStrategy()
 {
     delete m_strategy.exchange(nullptr);
-}
-
-bool FileLogger::WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted)
-{
-    const LoggerSection section(*this);
-    if (m_retired.load(std::memory_order_relaxed))
-    {
-        return true;
-    }
-    char fields[LineClock::kStampLength + kLevelFieldSize + kThreadFieldSize];
-    char levelBuffer[kLevelFieldSize];
-    const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
-    char* end = m_clock.WriteStampInEmergency(fields);
-    end = CopyLevelField(end, levelField);
-    end = CopyThreadField(end, GetThreadField());
-
-    const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
-                                                        source, message, "\n"};
-    m_currentLineLength = parts[0].size() + source.size() + message.size() + 1;
-    if (!PrepareInEmergency(interrupted))
-    {
-        return false;
-    }
-    if (char* place = MayBuffer() ? m_file.Reserve(m_currentLineLength) : nullptr)
-    {
-        for (const std::string_view part : parts)
-        {
-            place += part.copy(place, part.size());
-        }
-        m_file.Commit(m_currentLineLength);
-        return true;
-    }
-    m_file.WritePastBuffer(parts);
-    return true;
-}
-
-// A thread that dumps without the section does not.
-bool FileLogger::MayBuffer() const
-{
-    return m_buffersDump.load(std::memory_order_relaxed) && ZelvoWinAPI::IsInCriticalSection(&m_criticalSection);
-}
-
-bool FileLogger::PrepareInEmergency(Interrupted interrupted)
-{
-    if (interrupted == Interrupted::GOES_ON)
-    {
-        // Names and files are the interrupted code's, and what it is flushing right now it writes itself.
-        if (IsLogFileOpen() && !m_file.IsFlushing())
-        {
-            m_file.FlushInEmergency();
-        }
-        return IsLogFileOpen();
-    }
-    if (!MayBuffer())
-    {
-        m_file.FlushInEmergency();
-    }
-    m_logFileName.Remeasure(); // the interrupted code may have been replacing it
-    if (m_logFileName.GetLength() >= PATH_MAX)
-    {
-        return IsLogFileOpen(); // no such file can be opened, and its name does not fit the reserve
-    }
-    if (FileLoggerStrategy* const strategy = m_strategy)
-    {
-        return strategy->PrepareOutputSource() && IsLogFileOpen();
-    }
-    if (!IsLogFileOpen())
-    {
-        m_file.Open(m_logFileName.GetData(), kAppendMode);
-    }
-    return IsLogFileOpen();
 }

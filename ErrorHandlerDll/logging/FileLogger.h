@@ -8,6 +8,7 @@
 #include "ErrorHandlerDll/ErrorCodes.h"
 #include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LineClock.h"
+#include "ErrorHandlerDll/logging/LogEmergency.h"
 #include "ErrorHandlerDll/logging/LogFile.h"
 #include "QV/BaseString.h"
 #include "QV/EmergencyScope.h"
@@ -53,31 +54,25 @@ public:
     template <class Message>
     [[gnu::noinline]] bool Write(int level, unsigned int mask, std::string_view source, Message message);
 
-    // Enters the section. In an emergency it is waited for no longer than kEmergencyWaitMs: its owner may be stopped for
-    // ever.
+    // Enters the section. In an emergency it is waited for no longer than the emergency may wait: its owner may be stopped
+    // for ever.
     //   returns whether it was entered, which is always so but in an emergency; only then it must be left
     bool EnterCriticalSection()
     {
-        if (QV::EmergencyScope::IsActive()) [[unlikely]]
+        const ZelvoWinAPI::Entry entry =
+            QV::EmergencyScope::IsActive()
+                ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::EmergencyScope::WaitLeftMs())
+                : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
+        if (entry == ZelvoWinAPI::Entry::TAKEN_OVER) [[unlikely]]
         {
-            return ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, kEmergencyWaitMs);
+            Emergency().ForgetInterruptedCall();
         }
-        ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
-        return true;
+        return entry != ZelvoWinAPI::Entry::REFUSED;
     }
     void LeaveCriticalSection() { ZelvoWinAPI::LeaveCriticalSection(&m_criticalSection); }
 
-    // From here to EndDump the lines of a dump wait in the buffer for FlushLogFile, so that many of them go out with one
-    // write. What cannot be written by its end is lost. The caller holds the section meanwhile.
-    void BeginDump();
-    void EndDump();
-
-    // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
-    void ForgetStrategy() { m_strategy.store(nullptr, std::memory_order_relaxed); }
-
-    // How deep the calling thread is in the section, for code that leaves scopes by a jump.
-    unsigned int GetSectionDepth() const { return m_criticalSection.m_enterCount; }
-    void RestoreSectionDepth(unsigned int depth);
+    // What crash dumps do with the log.
+    LogEmergency Emergency() { return LogEmergency(*this); }
 
     // Around a fork: the child of a busy process must be able to log, and nothing buffered may be written by both.
     void BeforeFork();
@@ -97,11 +92,9 @@ public:
     // Length in bytes of the line about to be written, its line feed included.
     std::size_t GetCurrentLineLength() const { return m_currentLineLength; }
 
-    // How long a dump waits for the section, and for the others that it can do without. A host's watchdog gives a dying
-    // process a few seconds as a rule.
-    static constexpr int kEmergencyWaitMs = 500;
-
 private:
+    friend class LogEmergency;
+
     // A buffer for long lines that is larger is given back after each: one huge dump must not cost a host memory for years.
     static constexpr std::size_t kMostKeptForLines = std::size_t{1024} * 1024;
 
@@ -110,16 +103,6 @@ private:
     void CountLine();
     bool PrepareOutputSource();
 
-    // A line straight to the disk, or into the buffer (BufferDump); async-signal-safe, whatever this or another thread was
-    // doing in the logger.
-    enum class Interrupted
-    {
-        FOR_EVER, // a dump: what was interrupted is lost
-        GOES_ON,  // a signal handler that logs and returns; between two files its line is dropped
-    };
-    bool WriteInEmergency(int level, std::string_view source, std::string_view message, Interrupted interrupted);
-    bool PrepareInEmergency(Interrupted interrupted);
-    bool MayBuffer() const;
     void DeleteStrategy();
 
     void Disable();

@@ -55,7 +55,7 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Me
     }
     if (QV::EmergencyScope::IsActive()) [[unlikely]]
     {
-        return HasRoomFor(message) && WriteInEmergency(level, source, ToText(message), Interrupted::FOR_EVER);
+        return HasRoomFor(message) && Emergency().Write(level, source, ToText(message), LogEmergency::Caller::DUMP);
     }
     const int hostErrno = errno;
     bool written = true;
@@ -65,7 +65,8 @@ bool FileLogger::Write(int level, unsigned int mask, std::string_view source, Me
         {
             // A signal handler that logs, while the code that it interrupted was here.
             const QV::EmergencyScope emergency;
-            written = HasRoomFor(message) && WriteInEmergency(level, source, ToText(message), Interrupted::GOES_ON);
+            written = HasRoomFor(message) &&
+                      Emergency().Write(level, source, ToText(message), LogEmergency::Caller::SIGNAL_HANDLER);
         }
         else if (!m_retired.load(std::memory_order_relaxed)) [[likely]]
         {

@@ -1,13 +1,13 @@
 // One step up the stack by an object's unwind tables (.eh_frame_hdr and .eh_frame).
-#ifndef ERRORHANDLERDLL_CRASH_CALLFRAMEINFO_H
-#define ERRORHANDLERDLL_CRASH_CALLFRAMEINFO_H
+#ifndef ERRORHANDLERDLL_UNWIND_CALLFRAMEINFO_H
+#define ERRORHANDLERDLL_UNWIND_CALLFRAMEINFO_H
 
-#include "ErrorHandlerDll/crash/FrameRegisters.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 enum class UnwindResult
@@ -25,6 +25,6 @@ enum class UnwindResult
 UnwindResult UnwindFrame(MemoryReader& reader, std::uintptr_t unwindHeader, std::uintptr_t address,
                          FrameRegisters& registers) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,16 +1,16 @@
 // The text of a stack frame, as backtrace_symbols gives it, made without the heap and without the loader.
-#ifndef ERRORHANDLERDLL_CRASH_FRAMETEXT_H
-#define ERRORHANDLERDLL_CRASH_FRAMETEXT_H
+#ifndef ERRORHANDLERDLL_UNWIND_FRAMETEXT_H
+#define ERRORHANDLERDLL_UNWIND_FRAMETEXT_H
 
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
-#include "ErrorHandlerDll/crash/SymbolTable.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/SymbolTable.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-namespace Crash
+namespace Unwind
 {
 
 class FrameTexts
@@ -43,6 +43,6 @@ private:
     Frame m_frames[kMostFrames];
 };
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

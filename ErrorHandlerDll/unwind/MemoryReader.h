@@ -1,15 +1,15 @@
 // Reading memory of this process that may not be there: a bad address gives false, never a fault.
 //
-// For code that runs after a fault, in a signal handler: no heap, no lock, no errno, and no descriptor that stays open.
-#ifndef ERRORHANDLERDLL_CRASH_MEMORYREADER_H
-#define ERRORHANDLERDLL_CRASH_MEMORYREADER_H
+// For code that runs after a fault, in a signal handler: no heap, no lock, no errno, no descriptor.
+#ifndef ERRORHANDLERDLL_UNWIND_MEMORYREADER_H
+#define ERRORHANDLERDLL_UNWIND_MEMORYREADER_H
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-namespace Crash
+namespace Unwind
 {
 
 // Access rights change only at page boundaries; larger pages are multiples of this one.
@@ -29,7 +29,7 @@ void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, st
 // Reads many small pieces that lie close together, such as unwind tables and stack words.
 //
 // Keeps the pages read last, for one system call a page instead of one a piece. They may be out of date soon: use a new one
-// for each task. 128 KiB, meant for the dump's stack.
+// for each task. 32 KiB, meant for the dump's stack.
 class MemoryReader
 {
 public:
@@ -54,7 +54,7 @@ public:
     std::size_t ReadString(std::uintptr_t address, char* out, std::size_t size) noexcept;
 
 private:
-    static constexpr std::size_t kPageCount = 32;
+    static constexpr std::size_t kPageCount = 8;
     static constexpr std::uintptr_t kNoPage = 1; // no page starts there
 
     // The bytes from `address` to the end of its page, `available` of them; null when they cannot be read.
@@ -66,6 +66,6 @@ private:
     unsigned char m_pages[kPageCount][kPageSize];
 };
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,9 +1,9 @@
-#include "ErrorHandlerDll/crash/FrameTable.h"
+#include "ErrorHandlerDll/unwind/FrameTable.h"
 
-#include "ErrorHandlerDll/crash/DwarfCursor.h"
-#include "ErrorHandlerDll/crash/FrameRegisters.h"
+#include "ErrorHandlerDll/unwind/DwarfCursor.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -205,4 +205,4 @@ bool FindFrameEntry(MemoryReader& reader, std::uintptr_t unwindHeader, std::uint
            address >= entry.codeStart && address < entry.codeEnd;
 }
 
-} // namespace Crash
+} // namespace Unwind

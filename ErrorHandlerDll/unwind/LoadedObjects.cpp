@@ -1,4 +1,4 @@
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
 
 #include <cerrno>
 #include <cstring>
@@ -6,23 +6,64 @@
 #include <link.h>
 #include <sys/auxv.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
 
-constexpr unsigned kMaxModules = 4096; // far above what any process loads; ends a list that leads nowhere
+constexpr unsigned kMaxModules = 4096;  // far above what any process loads; ends a list that leads nowhere
+constexpr unsigned kMaxNameSpaces = 64; // the C library has 16
+
+constexpr unsigned kMaxDynamicEntries = 512;
 
 } // namespace
 
-ModuleList::ModuleList(MemoryReader& reader) noexcept : m_reader(reader)
+std::uint64_t FindDynamicEntry(MemoryReader& reader, std::uintptr_t dynamic, std::int64_t tag) noexcept
 {
-    r_debug debug;
-    if (m_reader.Read(reinterpret_cast<std::uintptr_t>(&_r_debug), debug))
+    Elf64_Dyn entry;
+    for (unsigned i = 0; i < kMaxDynamicEntries && reader.Read(dynamic + i * sizeof(entry), entry) && entry.d_tag != DT_NULL;
+         ++i)
     {
-        m_next = reinterpret_cast<std::uintptr_t>(debug.r_map);
+        if (entry.d_tag == tag)
+        {
+            return entry.d_un.d_val;
+        }
     }
-    m_damaged = m_next == 0;
+    return 0;
+}
+
+ModuleList::ModuleList(MemoryReader& reader, Extent extent) noexcept
+    : m_reader(reader), m_extent(extent), m_record(reinterpret_cast<std::uintptr_t>(&_r_debug))
+{
+    OpenList();
+}
+
+void ModuleList::OpenList() noexcept
+{
+    r_debug record;
+    m_next = m_reader.Read(m_record, record) ? reinterpret_cast<std::uintptr_t>(record.r_map) : 0;
+    m_damaged |= m_next == 0;
+    m_record = m_extent == Extent::ALL_NAME_SPACES ? FindNextRecord() : 0;
+}
+
+// A program that itself refers to the record has a copy of it, without the link; its dynamic section knows the loader's own.
+std::uintptr_t ModuleList::FindNextRecord() noexcept
+{
+    constexpr int kFirstVersionWithLink = 2;
+    link_map program;
+    if (!m_reader.Read(m_next, program))
+    {
+        return 0;
+    }
+    const auto loadersOwn = FindDynamicEntry(m_reader, reinterpret_cast<std::uintptr_t>(program.l_ld), DT_DEBUG);
+    struct
+    {
+        r_debug record;
+        std::uintptr_t next;
+    } extended;
+    const bool hasLink = m_reader.Read(loadersOwn != 0 ? loadersOwn : m_record, extended) &&
+                         extended.record.r_version >= kFirstVersionWithLink;
+    return hasLink ? extended.next : 0;
 }
 
 bool ModuleList::NoteDamage() noexcept
@@ -35,9 +76,13 @@ bool ModuleList::NoteDamage() noexcept
 // The back links are no test for damage: they disagree for an instant whenever an object is taken out of the list.
 bool ModuleList::Next(Module& module) noexcept
 {
-    if (m_next == 0)
+    while (m_next == 0)
     {
-        return false;
+        if (m_record == 0 || ++m_nameSpaceCount == kMaxNameSpaces)
+        {
+            return false;
+        }
+        OpenList();
     }
     link_map entry;
     if (m_count == kMaxModules || m_next == m_landmark || !m_reader.Read(m_next, entry))
@@ -150,7 +195,7 @@ bool Describe(MemoryReader& reader, ElfObject& object) noexcept
 bool FindNearest(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
 {
     object = ElfObject{};
-    ModuleList modules(reader);
+    ModuleList modules(reader, ModuleList::Extent::ALL_NAME_SPACES);
     for (Module module; modules.Next(module);)
     {
         if (module.loadAddress <= address && module.loadAddress >= object.module.loadAddress)
@@ -164,7 +209,7 @@ bool FindNearest(MemoryReader& reader, std::uintptr_t address, ElfObject& object
 // The segments of an object may lie far from its load address.
 bool FindAnywhere(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept
 {
-    ModuleList modules(reader);
+    ModuleList modules(reader, ModuleList::Extent::ALL_NAME_SPACES);
     for (Module module; modules.Next(module);)
     {
         object = ElfObject{};
@@ -189,4 +234,4 @@ bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object)
     return false;
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,14 +1,14 @@
 // The exported symbols of a loaded object, searched in memory as dladdr searches them.
-#ifndef ERRORHANDLERDLL_CRASH_SYMBOLTABLE_H
-#define ERRORHANDLERDLL_CRASH_SYMBOLTABLE_H
+#ifndef ERRORHANDLERDLL_UNWIND_SYMBOLTABLE_H
+#define ERRORHANDLERDLL_UNWIND_SYMBOLTABLE_H
 
-#include "ErrorHandlerDll/crash/LoadedObjects.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 #include <span>
 
-namespace Crash
+namespace Unwind
 {
 
 struct Symbol
@@ -29,6 +29,6 @@ struct SymbolSearch
 //   signals async-signal-safe
 void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch* const> searches) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,8 +1,8 @@
-#include "ErrorHandlerDll/crash/DwarfExpression.h"
+#include "ErrorHandlerDll/unwind/DwarfExpression.h"
 
-#include "ErrorHandlerDll/crash/DwarfCursor.h"
+#include "ErrorHandlerDll/unwind/DwarfCursor.h"
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -147,4 +147,4 @@ bool EvaluateExpression(MemoryReader& reader, std::uintptr_t block, const FrameR
     return Machine(reader, registers, header.Position(), header.Position() + length).Run(initial, result);
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,14 +1,13 @@
-#include "ErrorHandlerDll/crash/SymbolTable.h"
+#include "ErrorHandlerDll/unwind/SymbolTable.h"
 
 #include <algorithm>
 #include <elf.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
 
-constexpr unsigned kMaxDynamicEntries = 512;
 constexpr std::uint32_t kMaxSymbols = 1u << 21;
 
 struct Tables
@@ -28,42 +27,17 @@ struct Range
 };
 
 // The linker has relocated these addresses in place, except where the section cannot be written to.
-std::uintptr_t Relocated(const ElfObject& object, std::uintptr_t address) noexcept
+std::uintptr_t FindTable(MemoryReader& reader, const ElfObject& object, std::int64_t tag) noexcept
 {
-    return address < object.module.loadAddress ? address + object.module.loadAddress : address;
+    const std::uintptr_t address = FindDynamicEntry(reader, object.module.dynamic, tag);
+    return address != 0 && address < object.module.loadAddress ? address + object.module.loadAddress : address;
 }
 
-bool ReadTables(MemoryReader& reader, const ElfObject& object, Tables& tables) noexcept
+Tables FindTables(MemoryReader& reader, const ElfObject& object) noexcept
 {
-    for (unsigned i = 0; i < kMaxDynamicEntries; ++i)
-    {
-        Elf64_Dyn entry;
-        if (!reader.Read(object.module.dynamic + i * sizeof(entry), entry) || entry.d_tag == DT_NULL)
-        {
-            break;
-        }
-        if (entry.d_tag == DT_SYMTAB)
-        {
-            tables.symbols = Relocated(object, entry.d_un.d_ptr);
-        }
-        else if (entry.d_tag == DT_STRTAB)
-        {
-            tables.strings = Relocated(object, entry.d_un.d_ptr);
-        }
-        else if (entry.d_tag == DT_STRSZ)
-        {
-            tables.stringsSize = entry.d_un.d_val;
-        }
-        else if (entry.d_tag == DT_GNU_HASH)
-        {
-            tables.gnuHash = Relocated(object, entry.d_un.d_ptr);
-        }
-        else if (entry.d_tag == DT_HASH)
-        {
-            tables.hash = Relocated(object, entry.d_un.d_ptr);
-        }
-    }
-    return tables.symbols != 0 && tables.strings != 0;
+    return {FindTable(reader, object, DT_SYMTAB), FindTable(reader, object, DT_STRTAB),
+            FindDynamicEntry(reader, object.module.dynamic, DT_STRSZ), FindTable(reader, object, DT_GNU_HASH),
+            FindTable(reader, object, DT_HASH)};
 }
 
 // This table covers the symbols from `symbolOffset` on, without a count: the last chain that a bucket begins ends with them.
@@ -177,9 +151,9 @@ void Look(const Elf64_Sym& symbol, const Tables& tables, std::uintptr_t loadAddr
 
 void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<SymbolSearch* const> searches) noexcept
 {
-    Tables tables;
+    const Tables tables = FindTables(reader, object);
     Range range;
-    if (!ReadTables(reader, object, tables) || !ReadRange(reader, tables, range))
+    if (tables.symbols == 0 || tables.strings == 0 || !ReadRange(reader, tables, range))
     {
         return;
     }
@@ -190,4 +164,4 @@ void FindSymbols(MemoryReader& reader, const ElfObject& object, std::span<Symbol
     }
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,13 +1,13 @@
 // The small stack machine by which unwind tables describe what no simple offset can, such as the frame of a signal handler.
-#ifndef ERRORHANDLERDLL_CRASH_DWARFEXPRESSION_H
-#define ERRORHANDLERDLL_CRASH_DWARFEXPRESSION_H
+#ifndef ERRORHANDLERDLL_UNWIND_DWARFEXPRESSION_H
+#define ERRORHANDLERDLL_UNWIND_DWARFEXPRESSION_H
 
-#include "ErrorHandlerDll/crash/FrameRegisters.h"
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/FrameRegisters.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 // Evaluates the expression at `block` (its length in LEB128, then the operations) with `initial` on the stack.
@@ -17,6 +17,6 @@ namespace Crash
 bool EvaluateExpression(MemoryReader& reader, std::uintptr_t block, const FrameRegisters& registers, std::uint64_t initial,
                         std::uint64_t& result) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

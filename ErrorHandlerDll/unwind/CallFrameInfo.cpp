@@ -1,10 +1,10 @@
-#include "ErrorHandlerDll/crash/CallFrameInfo.h"
+#include "ErrorHandlerDll/unwind/CallFrameInfo.h"
 
-#include "ErrorHandlerDll/crash/DwarfCursor.h"
-#include "ErrorHandlerDll/crash/DwarfExpression.h"
-#include "ErrorHandlerDll/crash/FrameTable.h"
+#include "ErrorHandlerDll/unwind/DwarfCursor.h"
+#include "ErrorHandlerDll/unwind/DwarfExpression.h"
+#include "ErrorHandlerDll/unwind/FrameTable.h"
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -402,4 +402,4 @@ UnwindResult UnwindFrame(MemoryReader& reader, std::uintptr_t unwindHeader, std:
     return ApplyRow(reader, entry, builder.Result(), unwindHeader, registers);
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,12 +1,12 @@
 // The kernel called directly, for code that must leave errno alone.
-#ifndef ERRORHANDLERDLL_CRASH_SYSTEMCALL_H
-#define ERRORHANDLERDLL_CRASH_SYSTEMCALL_H
+#ifndef ERRORHANDLERDLL_UNWIND_SYSTEMCALL_H
+#define ERRORHANDLERDLL_UNWIND_SYSTEMCALL_H
 
 #include <csignal>
 #include <cstdint>
 #include <sys/syscall.h>
 
-namespace Crash
+namespace Unwind
 {
 
 // Not libc's syscall(): that one writes errno.
@@ -53,6 +53,6 @@ inline SignalSet PendingSignals() noexcept
     return pending;
 }
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,13 +1,13 @@
 // The loaded objects: the dynamic linker's list of them, read without its lock and without trust in it, and where in an
 // object its code and its unwind tables lie.
-#ifndef ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
-#define ERRORHANDLERDLL_CRASH_LOADEDOBJECTS_H
+#ifndef ERRORHANDLERDLL_UNWIND_LOADEDOBJECTS_H
+#define ERRORHANDLERDLL_UNWIND_LOADEDOBJECTS_H
 
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 struct Module
@@ -26,7 +26,13 @@ struct Module
 class ModuleList
 {
 public:
-    explicit ModuleList(MemoryReader& reader) noexcept;
+    enum class Extent
+    {
+        FIRST_NAME_SPACE, // the program's own
+        ALL_NAME_SPACES,  // also those of dlmopen
+    };
+
+    explicit ModuleList(MemoryReader& reader, Extent extent = Extent::FIRST_NAME_SPACE) noexcept;
 
     // Moves to the next object; false at the end.
     bool Next(Module& module) noexcept;
@@ -35,14 +41,22 @@ public:
     bool IsDamaged() const noexcept { return m_damaged; }
 
 private:
+    void OpenList() noexcept;
+    std::uintptr_t FindNextRecord() noexcept;
     bool NoteDamage() noexcept;
 
     MemoryReader& m_reader;
+    const Extent m_extent;
+    std::uintptr_t m_record; // of the next name space; 0: there is none
     std::uintptr_t m_next = 0;
     std::uintptr_t m_landmark = 0; // an entry already seen; meeting it again proves a cycle
     unsigned m_count = 0;
+    unsigned m_nameSpaceCount = 0;
     bool m_damaged = false;
 };
+
+// The value of the first entry with the tag in a dynamic section; 0 when there is none.
+std::uint64_t FindDynamicEntry(MemoryReader& reader, std::uintptr_t dynamic, std::int64_t tag) noexcept;
 
 struct ElfObject
 {
@@ -62,6 +76,6 @@ struct ElfObject
 //   signals async-signal-safe
 bool FindObject(MemoryReader& reader, std::uintptr_t address, ElfObject& object) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

@@ -1,10 +1,10 @@
 // The registers of one stack frame, numbered as unwind tables number them on x86-64.
-#ifndef ERRORHANDLERDLL_CRASH_FRAMEREGISTERS_H
-#define ERRORHANDLERDLL_CRASH_FRAMEREGISTERS_H
+#ifndef ERRORHANDLERDLL_UNWIND_FRAMEREGISTERS_H
+#define ERRORHANDLERDLL_UNWIND_FRAMEREGISTERS_H
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 struct FrameRegisters
@@ -49,6 +49,6 @@ void CaptureValues(std::uint64_t* values) noexcept;
     registers.known = kCaptured;
 }
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

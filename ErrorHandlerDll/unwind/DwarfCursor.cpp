@@ -1,6 +1,6 @@
-#include "ErrorHandlerDll/crash/DwarfCursor.h"
+#include "ErrorHandlerDll/unwind/DwarfCursor.h"
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -115,4 +115,4 @@ void DwarfCursor::Skip(std::uint64_t size) noexcept
     }
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,13 +1,13 @@
 // Takes the numbers of unwind tables one after the other. A failed read gives 0 and is remembered: callers check once, at
 // the end of what belongs together.
-#ifndef ERRORHANDLERDLL_CRASH_DWARFCURSOR_H
-#define ERRORHANDLERDLL_CRASH_DWARFCURSOR_H
+#ifndef ERRORHANDLERDLL_UNWIND_DWARFCURSOR_H
+#define ERRORHANDLERDLL_UNWIND_DWARFCURSOR_H
 
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 class DwarfCursor
@@ -68,6 +68,6 @@ constexpr std::uint8_t kDataRelative = 0x30;
 constexpr std::uint8_t kFormatMask = 0x0f;
 } // namespace PointerEncoding
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

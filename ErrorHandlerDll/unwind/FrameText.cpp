@@ -1,10 +1,10 @@
-#include "ErrorHandlerDll/crash/FrameText.h"
+#include "ErrorHandlerDll/unwind/FrameText.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
@@ -177,4 +177,4 @@ int FrameTexts::Format(std::size_t index, char* out, int size) noexcept
     return static_cast<int>(text.Length());
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,13 +1,13 @@
 // Finds the unwind table entry of an address: the search table of .eh_frame_hdr, then the entry (FDE) and the part that it
 // shares with others (CIE).
-#ifndef ERRORHANDLERDLL_CRASH_FRAMETABLE_H
-#define ERRORHANDLERDLL_CRASH_FRAMETABLE_H
+#ifndef ERRORHANDLERDLL_UNWIND_FRAMETABLE_H
+#define ERRORHANDLERDLL_UNWIND_FRAMETABLE_H
 
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
 #include <cstdint>
 
-namespace Crash
+namespace Unwind
 {
 
 struct FrameEntry
@@ -31,6 +31,6 @@ struct FrameEntry
 //   signals async-signal-safe
 bool FindFrameEntry(MemoryReader& reader, std::uintptr_t unwindHeader, std::uintptr_t address, FrameEntry& entry) noexcept;
 
-} // namespace Crash
+} // namespace Unwind
 
 #endif

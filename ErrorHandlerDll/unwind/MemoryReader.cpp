@@ -1,35 +1,32 @@
-// The kernel copies the bytes and reports a bad address instead of raising a signal. In order of preference:
+// The kernel tells readable from unreadable instead of raising a signal, in one of two ways:
 //
-// 1. process_vm_readv on this process: one call, no state, sees unmapped and PROT_NONE pages and pages past a file's end.
-//    The id passed is the thread's: the process id stops working when the main thread has ended before the others.
-// 2. Where a sandbox refuses that: a pipe. `write` copies from the address with the same checks, `read` gives the bytes.
-//    The two descriptors live for one call only.
-// 3. Where no descriptor is left either: rt_sigprocmask with an invalid operation, which reads the set before it rejects the
-//    operation and so tells readable from unreadable; then a plain load. Another thread that unmaps the page in between
-//    makes the load fault, which is why this comes last.
+// 1. process_vm_readv on this process copies the bytes: one call, no state, sees unmapped and PROT_NONE pages and pages past
+// a
+//    file's end. The id passed is the thread's: the process id stops working when the main thread has ended before the
+//    others.
+// 2. Under a filter of system calls, which may kill the process for that: rt_sigprocmask with an invalid operation reads the
+//    set before it rejects the operation; then a plain load. Dumps need that call anyway. Another thread that unmaps the
+//    page in between makes the load fault, which is why this comes second.
 //
 // Rejected: msync and mincore do not notice pages without read access; /proc/self/mem reads through PROT_NONE and needs a
-// descriptor; a memfd is refused by more sandboxes than a pipe; a handler for SIGSEGV belongs to the host.
-#include "ErrorHandlerDll/crash/MemoryReader.h"
+// descriptor; pipes need two, and filters; a handler for SIGSEGV belongs to the host.
+#include "ErrorHandlerDll/unwind/MemoryReader.h"
 
-#include "ErrorHandlerDll/crash/SystemCall.h"
+#include "ErrorHandlerDll/unwind/SystemCall.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <iterator>
+#include <sys/prctl.h>
 #include <sys/uio.h>
 
-namespace Crash
+namespace Unwind
 {
 namespace
 {
 
 constexpr std::size_t kSignalSetSize = 8; // what the kernel expects and reads
-
-constinit std::atomic<bool> gDirectCopyRefused{false};
 
 enum class CopyResult
 {
@@ -38,8 +35,18 @@ enum class CopyResult
     NOT_AVAILABLE,
 };
 
-CopyResult CopyDirectly(const void* address, void* out, std::size_t size) noexcept
+bool IsFiltered() noexcept
 {
+    const long mode = SystemCall(SYS_prctl, PR_GET_SECCOMP);
+    return mode != 0 && mode != -EINVAL; // kernels without filters do not know the question
+}
+
+CopyResult CopyByKernel(const void* address, void* out, std::size_t size) noexcept
+{
+    if (IsFiltered())
+    {
+        return CopyResult::NOT_AVAILABLE;
+    }
     const iovec local{out, size};
     const iovec remote{const_cast<void*>(address), size};
     const long thread = ZelvoWinAPI::GetCurrentThreadId();
@@ -48,34 +55,7 @@ CopyResult CopyDirectly(const void* address, void* out, std::size_t size) noexce
     {
         return CopyResult::COPIED;
     }
-    if (copied == -EPERM || copied == -ENOSYS)
-    {
-        gDirectCopyRefused.store(true, std::memory_order_relaxed);
-    }
     return copied >= 0 || copied == -EFAULT ? CopyResult::UNREADABLE : CopyResult::NOT_AVAILABLE;
-}
-
-CopyResult CopyThroughPipe(const void* address, void* out, std::size_t size) noexcept
-{
-    int ends[2] = {-1, -1}; // filled by the kernel, out of the analyser's sight
-    if (SystemCall(SYS_pipe2, ToArgument(ends), O_CLOEXEC | O_NONBLOCK) != 0)
-    {
-        return CopyResult::NOT_AVAILABLE;
-    }
-    CopyResult result = CopyResult::NOT_AVAILABLE;
-    const long length = static_cast<long>(size);
-    const long written = SystemCall(SYS_write, ends[1], ToArgument(address), length);
-    if (written == -EFAULT)
-    {
-        result = CopyResult::UNREADABLE;
-    }
-    else if (written == length && SystemCall(SYS_read, ends[0], ToArgument(out), length) == length)
-    {
-        result = CopyResult::COPIED;
-    }
-    SystemCall(SYS_close, ends[0]);
-    SystemCall(SYS_close, ends[1]);
-    return result;
 }
 
 bool IsReadable(std::uintptr_t address) noexcept
@@ -113,20 +93,8 @@ bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
 
 bool ReadWithinPage(const void* address, void* out, std::size_t size) noexcept
 {
-    CopyResult result = CopyResult::NOT_AVAILABLE;
-    if (!gDirectCopyRefused.load(std::memory_order_relaxed))
-    {
-        result = CopyDirectly(address, out, size);
-    }
-    if (result == CopyResult::NOT_AVAILABLE)
-    {
-        result = CopyThroughPipe(address, out, size);
-    }
-    if (result == CopyResult::NOT_AVAILABLE)
-    {
-        return CopyAfterProbe(address, out, size);
-    }
-    return result == CopyResult::COPIED;
+    const CopyResult result = CopyByKernel(address, out, size);
+    return result == CopyResult::NOT_AVAILABLE ? CopyAfterProbe(address, out, size) : result == CopyResult::COPIED;
 }
 
 // The part of `size` bytes at `address` that lies in its page.
@@ -141,12 +109,6 @@ std::size_t PieceSize(std::uintptr_t address, std::size_t size) noexcept
 bool ReadMemory(const void* address, void* out, std::size_t size) noexcept
 {
     const auto start = reinterpret_cast<std::uintptr_t>(address);
-    const bool spansPages = PieceSize(start, size) < size;
-    if (spansPages && !gDirectCopyRefused.load(std::memory_order_relaxed) &&
-        CopyDirectly(address, out, size) == CopyResult::COPIED)
-    {
-        return true;
-    }
     for (std::size_t done = 0; done < size;)
     {
         const std::size_t piece = PieceSize(start + done, size - done);
@@ -243,4 +205,4 @@ std::size_t MemoryReader::ReadString(std::uintptr_t address, char* out, std::siz
     return length;
 }
 
-} // namespace Crash
+} // namespace Unwind

@@ -1,0 +1,57 @@
+// The log in an emergency: everything that a crash dump, or a signal handler that logs, does with it. Async-signal-safe,
+// whatever this or another thread was doing in the logger. Reached as gFileLogger.Emergency().
+#ifndef ERRORHANDLERDLL_LOGGING_LOGEMERGENCY_H
+#define ERRORHANDLERDLL_LOGGING_LOGEMERGENCY_H
+
+#include <cstdint>
+#include <string_view>
+
+class FileLogger;
+
+class LogEmergency
+{
+public:
+    explicit LogEmergency(FileLogger& logger) : m_log(logger) {}
+
+    // How deep the calling thread is in the logger's section, for code that leaves scopes by a jump.
+    unsigned int GetSectionDepth() const;
+    void RestoreSectionDepth(unsigned int depth) const;
+
+    // While this thread dumps, the section is its own only as long as its code runs on the stack [low, high), and for
+    // `milliseconds` (see ZelvoWinAPI::SetLease).
+    void SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds) const;
+    void EndLease() const;
+    bool IsInCriticalSection() const;
+
+    // The caller is certain that the code of this thread which was interrupted inside the logger will never go on, or that a
+    // dump was left by a jump, and holds the section. Afterwards the logger is as if the call had been cut off: whole lines
+    // that it took are kept or have been written once, and name, strategy and numbers are usable. The section is the
+    // caller's to give back (RestoreSectionDepth, LeaveCriticalSection).
+    void ForgetInterruptedCall() const;
+
+    // From here to EndDump the lines of a dump wait in the buffer for Flush, so that many of them go out with one write.
+    // What cannot be written by its end is lost. The caller holds the section meanwhile.
+    void BeginDump() const;
+    void EndDump() const;
+    void Flush() const;
+
+    // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
+    void ForgetStrategy() const;
+
+    enum class Caller
+    {
+        DUMP,           // the interrupted code is lost
+        SIGNAL_HANDLER, // the interrupted code goes on; between two files the line is dropped
+    };
+    // Writes a line straight to the file, or into the buffer (BeginDump). Result as FileLogger::Write.
+    bool Write(int level, std::string_view source, std::string_view message, Caller caller) const;
+
+    bool PrepareOutput(Caller caller) const;
+
+private:
+    bool MayBuffer() const;
+
+    FileLogger& m_log;
+};
+
+#endif
