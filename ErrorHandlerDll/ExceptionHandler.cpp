@@ -66,6 +66,22 @@ HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* 
     return exception;
 }
 
+// Apart from their caller, whose stack may be a signal's small one. The text is copied at once: its buffer is shared by all
+// objects.
+[[gnu::noinline]] void RecordSignal(StructuredException& exception)
+{
+    ErrorText message;
+    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
+    RecordError(exception.GetExceptionCode(), message);
+}
+
+[[gnu::noinline]] HalvikException* PropagateSignal(StructuredException& exception, const char* functionName)
+{
+    ErrorText message;
+    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
+    return MakePropagatedException(exception.GetExceptionCode(), message, functionName);
+}
+
 // Whether recording an error overwrites the text.
 bool LiesInLastError(const char* text)
 {
@@ -175,27 +191,27 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         return nullptr;
     }
     const QV::EmergencyScope emergency(road.isOnIt);
-    const ZelvoReaderErrorCode code = exception.GetExceptionCode();
-    ErrorText message;
+    const auto handle = [&]
+    {
+        RecordSignal(exception);
+        if (gFileLogger.IsEnabled())
+        {
+            Crash::Dump::Current()->Log(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "", kBlockSeparator);
+            exception.DumpExceptionContext(functionName);
+        }
+    };
     RunTraced(
         Here(),
         [&]
         {
-            CopyFixedText(message, sizeof message, exception.GetErrorMessage()); // its buffer is shared by all objects
-            RecordError(code, message);
-            if (gFileLogger.IsEnabled())
+            if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
             {
-                Crash::Dump::Run( // one, so that no other lines come between
-                    [&]
-                    {
-                        Crash::Dump::Current()->Log(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "", kBlockSeparator);
-                        exception.DumpExceptionContext(functionName);
-                    });
+                RecordSignal(exception);
             }
             CallErrorCallback();
         },
         Here());
-    return propagate ? MakePropagatedException(code, message, functionName) : nullptr;
+    return propagate ? PropagateSignal(exception, functionName) : nullptr;
 }
 
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)

@@ -75,8 +75,8 @@ public:
     // Code: the signal's si_code (not a code of the catalogue, though the numbers overlap). The block is the context dump,
     // which goes to standard output too. In a thread that has faulted in a dump where nothing could be caught, it only sets
     // ZR_ERROR_IN_EXCEPTION_HANDLER and returns null, with propagate, too.
-    static ERRORHANDLERDLL_API HalvikException* HandleStructuredException(const char* functionName,
-                                                                          StructuredException& exception, bool propagate);
+    static ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT HalvikException*
+    HandleStructuredException(const char* functionName, StructuredException& exception, bool propagate);
 
     // Reports the error and marks it handled; an exception that is handled already only leaves a "[propagating]" line at
     // level ZR_LOG_DEBUG_LOW. Neither deletes nor throws `exception`, which must not be null.

@@ -5,6 +5,18 @@
 #define ERRORHANDLERDLL_API __attribute__((visibility("default")))
 #define ERRORHANDLERDLL_NORETURN __attribute__((noreturn))
 
+// For what is called on the small stack of a signal handler: calls past the procedure linkage table, whose first call of a
+// function takes more of the stack than the function itself. Clang has no such attribute; its hosts link with -z now or give
+// the handler 3 KiB more.
+#if defined(__has_attribute)
+#if __has_attribute(noplt)
+#define ERRORHANDLERDLL_NOPLT __attribute__((noplt))
+#endif
+#endif
+#ifndef ERRORHANDLERDLL_NOPLT
+#define ERRORHANDLERDLL_NOPLT
+#endif
+
 // The compiler checks the arguments from position `firstArgument` against the printf format at position `formatArgument`.
 #define ERRORHANDLERDLL_PRINTF(formatArgument, firstArgument) __attribute__((format(printf, formatArgument, firstArgument)))
 

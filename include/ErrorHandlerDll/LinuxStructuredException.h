@@ -36,17 +36,17 @@ class StructuredException
 {
 public:
     // Copies the arguments, captures up to 100 frames of the calling thread's stack, and writes the context dump at once.
-    ERRORHANDLERDLL_API StructuredException(int signal, ucontext_t* context, siginfo_t* info);
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT StructuredException(int signal, ucontext_t* context, siginfo_t* info);
 
     // The signal's name: "Segmentation fault", "Bus error", "Floating Point Exception", "Illegal Instruction" or "Unknown".
-    ERRORHANDLERDLL_API const char* GetExceptionString();
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT const char* GetExceptionString();
 
     // The signal's si_code. Not a code of the catalogue, though the numbers overlap.
-    ERRORHANDLERDLL_API ZelvoReaderErrorCode GetExceptionCode();
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT ZelvoReaderErrorCode GetExceptionCode();
 
     // One line: name, code, fault address. Lies in one buffer of 512 bytes for the whole process, overwritten by the next
     // call on any object: copy it at once.
-    ERRORHANDLERDLL_API char* GetErrorMessage();
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT char* GetErrorMessage();
 
     // The name of a SIGSEGV si_code ("SEGV_MAPERR", "SEGV_ACCERR"), the empty text for every other value. Never null.
     static ERRORHANDLERDLL_API const char* GetExceptionName(int code);
@@ -56,15 +56,15 @@ public:
     static ERRORHANDLERDLL_API void UnRegisterHandler(SignalHandlers* handlers);
 
     // The whole dump: signal, fault address, call stack, registers, modules. `functionName` heads it.
-    ERRORHANDLERDLL_API void DumpExceptionContext(const char* functionName);
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT void DumpExceptionContext(const char* functionName);
 
     // The parts of the dump that have a list of their own. The frames are those that the constructor captured.
-    ERRORHANDLERDLL_API void GenerateCallStack();
-    ERRORHANDLERDLL_API void GenerateModuleAddresses();
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT void GenerateCallStack();
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT void GenerateModuleAddresses();
 
     // Logs 320 bytes of memory from `address` upwards as hex and characters, to the log only. Any address will do: a byte
     // that cannot be read shows as "??".
-    ERRORHANDLERDLL_API void GenerateStackDump(unsigned char* address);
+    ERRORHANDLERDLL_API ERRORHANDLERDLL_NOPLT void GenerateStackDump(unsigned char* address);
 
 private:
     static constexpr int kMaxFrames = 100;
