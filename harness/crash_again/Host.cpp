@@ -9,19 +9,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
+#include <chrono>
 #include <csetjmp>
 #include <csignal>
-#include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <new>
-#include <pthread.h>
 #include <sched.h>
 #include <string>
 #include <sys/auxv.h>
@@ -32,16 +27,23 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace
 {
 
-constexpr int kMaxDumps = 256;
-constexpr int kMaxFrames = 104;
-constexpr int kMaxThreads = 16;
 constexpr std::size_t kSignalStackSize = 1 << 20; // under a sanitizer the dump needs much
-constexpr std::uintptr_t kGap = 0;                // among the notes: here lie frames that the host cannot know
+constexpr int kMaxThreads = 16;
+constexpr std::uintptr_t kGap = 0; // among the notes: here lie frames that the host cannot know
+
+enum class Way
+{
+    JUMP,             // the library handles the fault in the signal handler, which is left by siglongjmp
+    JUMP_THEN_HANDLE, // left by siglongjmp first
+    THROW,            // thrown out of the handler
+    RETURN,           // the handler returns to a function that throws
+};
 
 struct DumpRecord
 {
@@ -50,7 +52,7 @@ struct DumpRecord
     std::int32_t written;  // 1: by the constructor, 2: by the library's handler, too
     std::int32_t count;
     std::uintptr_t programCounter;
-    std::uintptr_t frames[kMaxFrames]; // innermost first, as in the dump
+    std::uintptr_t frames[104]; // innermost first, as in the dump
 };
 
 struct Record
@@ -59,15 +61,7 @@ struct Record
     std::atomic<std::int32_t> stateChanges; // signal mask, alternate stack or errno after a dump
     std::atomic<std::int64_t> slowestDumpNs;
     std::int64_t lines[kMaxThreads];
-    DumpRecord dumps[kMaxDumps];
-};
-
-enum class Way
-{
-    JUMP,             // the library handles the fault in the signal handler, which is left by siglongjmp
-    JUMP_THEN_HANDLE, // left by siglongjmp first
-    THROW,            // thrown out of the handler
-    RETURN,           // the handler returns to a function that throws
+    DumpRecord dumps[256];
 };
 
 // Not in thread-local storage, which would take from small stacks.
@@ -78,21 +72,20 @@ struct Thread
     volatile bool isGuarded;
     Way way;
     bool hasGap; // the fault is in code that notes nothing
+    int number;
     sigjmp_buf place;
     DumpRecord* dump;
     alignas(StructuredException) unsigned char pending[sizeof(StructuredException)];
-    int writer;
-    void (*run)();
-    std::size_t signalStackSize;
 };
 
 Record* gRecord;
 Thread gThreads[kMaxThreads];
 thread_local Thread* tThread;
-Way gWay;
+std::string gCase;
 int gSecondsToLog = 1; // for a thread that starts after a fault
 bool gOthersCanLog = true;
 std::atomic<bool> gSendsIntoDumps;
+std::atomic<int> gState;
 
 void Require(bool condition, int status)
 {
@@ -104,9 +97,17 @@ void Require(bool condition, int status)
 
 std::int64_t Now()
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
+
+void LogNext()
+{
+    const int number = tThread->number;
+    const long long line = gRecord->lines[number] + 1;
+    if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", number, line))
+    {
+        gRecord->lines[number] = line;
+    }
 }
 
 [[gnu::no_instrument_function]] void AddNote(std::uintptr_t address)
@@ -116,71 +117,63 @@ std::int64_t Now()
     tThread->noteCount = count + 1;
 }
 
-void LogNext()
+[[gnu::no_instrument_function]] void DropNotes(int count)
 {
-    std::int64_t& lines = gRecord->lines[tThread->writer];
-    if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", tThread->writer,
-                     static_cast<long long>(lines + 1)))
-    {
-        ++lines;
-    }
+    tThread->noteCount = std::max(0, tThread->noteCount - count);
 }
 
 // ---- Threads ----------------------------------------------------------------------------------------------------------
 
-void UseSignalStack(std::size_t size)
+void BeginThread(int number, std::size_t signalStackSize)
 {
-    const std::size_t mapped = (size + 8191) & ~std::size_t{4095}; // a page without access below
-    auto* const memory = static_cast<char*>(mmap(nullptr, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(memory + 4096, mapped - 4096, PROT_READ | PROT_WRITE);
-    const stack_t stack = {memory + mapped - size, 0, size};
-    sigaltstack(&stack, nullptr);
-}
-
-void BeginThread(Thread& thread, const void* returnAddress)
-{
-    tThread = &thread;
-    thread.noteCount = 0;
-    AddNote(reinterpret_cast<std::uintptr_t>(returnAddress));
-    if (thread.signalStackSize != 0)
+    tThread = &gThreads[number];
+    tThread->number = number;
+    tThread->noteCount = 0;
+    if (signalStackSize != 0)
     {
-        UseSignalStack(thread.signalStackSize);
+        const std::size_t mapped = (signalStackSize + 8191) & ~std::size_t{4095}; // a page without access below
+        auto* const memory = static_cast<char*>(mmap(nullptr, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(memory + 4096, mapped - 4096, PROT_READ | PROT_WRITE);
+        const stack_t stack = {memory + mapped - signalStackSize, 0, signalStackSize};
+        sigaltstack(&stack, nullptr);
     }
 }
 
-void* RunThread(void* argument)
+template <class Run>
+std::jthread Start(int number, Run run, std::size_t signalStackSize = kSignalStackSize)
 {
-    Thread& thread = *static_cast<Thread*>(argument);
-    BeginThread(thread, __builtin_return_address(0));
-    thread.noteCount = 1; // the call above, noted half
-    thread.run();
-    return nullptr;
-}
-
-pthread_t Start(int writer, void (*run)(), std::size_t signalStackSize = kSignalStackSize, std::size_t stackSize = 1 << 20)
-{
-    Thread& thread = gThreads[writer];
-    thread.writer = writer;
-    thread.run = run;
-    thread.signalStackSize = signalStackSize;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stackSize);
-    pthread_t started = {};
-    Require(pthread_create(&started, &attributes, RunThread, &thread) == 0, 3);
-    return started;
+    return std::jthread(
+        [=]
+        {
+            BeginThread(number, signalStackSize);
+            run();
+        });
 }
 
 void LetOthersLog()
 {
     if (gOthersCanLog)
     {
-        const pthread_t other = Start(tThread->writer + kMaxThreads / 2, LogNext, 0);
-        timespec end = {};
-        clock_gettime(CLOCK_MONOTONIC, &end);
-        end.tv_sec += gSecondsToLog;
-        Require(pthread_clockjoin_np(other, nullptr, CLOCK_MONOTONIC, &end) == 0, 4);
+        std::atomic<bool> hasLogged{false};
+        const auto run = [&]
+        {
+            LogNext();
+            hasLogged = true;
+        };
+        const std::jthread other = Start(tThread->number + kMaxThreads / 2, run, 0);
+        for (const std::int64_t end = Now() + gSecondsToLog * std::int64_t{1000000000}; !hasLogged; usleep(100))
+        {
+            Require(Now() < end, 4);
+        }
     }
+}
+
+void SetStackSize(std::size_t size)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, size);
+    pthread_setattr_default_np(&attributes);
 }
 
 // ---- Signals ----------------------------------------------------------------------------------------------------------
@@ -211,7 +204,7 @@ struct ThreadState
 // A handler calls this first: the interrupted place belongs between its own frame and what was noted before.
 [[gnu::noinline]] void NoteSignal(const ucontext_t* context, const void* returnAddress)
 {
-    tThread->noteCount = tThread->noteCount - 2; // this function and the handler
+    DropNotes(2); // this function and the handler
     if (tThread->hasGap)
     {
         AddNote(kGap);
@@ -224,12 +217,12 @@ struct ThreadState
 [[gnu::noinline]] DumpRecord& RecordDump(const ucontext_t* context)
 {
     const int index = gRecord->dumpCount++;
-    Require(index < kMaxDumps, 5);
+    Require(index < static_cast<int>(std::size(gRecord->dumps)), 5);
     DumpRecord& dump = gRecord->dumps[index];
     dump.thread = gettid();
     dump.isBroken = gSendsIntoDumps ? 1 : 0;
     dump.programCounter = static_cast<std::uintptr_t>(context->uc_mcontext.gregs[REG_RIP]);
-    for (int i = tThread->noteCount - 2; i >= 0 && dump.count < kMaxFrames; --i)
+    for (int i = tThread->noteCount - 2; i >= 0 && dump.count < static_cast<int>(std::size(dump.frames)); --i)
     {
         dump.frames[dump.count++] = tThread->notes[i];
     }
@@ -252,23 +245,15 @@ void Handle(StructuredException& exception)
     throw StructuredException(Pending());
 }
 
-// As if the interrupted code had called a function that throws. The unwinder looks up the byte before a return address.
-void ReturnToThrow(ucontext_t* context)
+[[gnu::noinline]] void HandleFatalSignal(int signal, siginfo_t* info, void* argument)
 {
-    greg_t* const registers = context->uc_mcontext.gregs;
-    registers[REG_RSP] -= static_cast<greg_t>(sizeof(void*));
-    *reinterpret_cast<greg_t*>(registers[REG_RSP]) = registers[REG_RIP] + 1;
-    registers[REG_RIP] = reinterpret_cast<greg_t>(&ThrowPending);
-}
-
-[[gnu::noinline]] void HandleFatalSignal(int signal, siginfo_t* info, void* context)
-{
+    auto* const context = static_cast<ucontext_t*>(argument);
     const int notesBefore = tThread->noteCount;
-    NoteSignal(static_cast<ucontext_t*>(context), __builtin_return_address(0));
-    DumpRecord& dump = RecordDump(static_cast<ucontext_t*>(context));
+    NoteSignal(context, __builtin_return_address(0));
+    DumpRecord& dump = RecordDump(context);
     const ThreadState before;
     const std::int64_t start = Now();
-    StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+    StructuredException exception(signal, context, info);
     gRecord->slowestDumpNs = std::max<std::int64_t>(gRecord->slowestDumpNs, Now() - start);
     before.Compare();
     dump.written = 1;
@@ -292,7 +277,11 @@ void ReturnToThrow(ucontext_t* context)
     {
         siglongjmp(tThread->place, 1);
     }
-    ReturnToThrow(static_cast<ucontext_t*>(context));
+    // As if the interrupted code had called a function. The unwinder looks up the byte before a return address.
+    greg_t* const registers = context->uc_mcontext.gregs;
+    registers[REG_RSP] -= static_cast<greg_t>(sizeof(void*));
+    *reinterpret_cast<greg_t*>(registers[REG_RSP]) = registers[REG_RIP] + 1;
+    registers[REG_RIP] = reinterpret_cast<greg_t>(&ThrowPending);
 }
 
 void JumpOut(int, siginfo_t*, void*)
@@ -312,7 +301,8 @@ void Install(int signal, void (*handler)(int, siginfo_t*, void*))
 }
 
 // The boundary: what faults in `run` ends here, and all goes on.
-void Guard(Way way, void (*run)(int), int argument)
+template <class Run>
+void Guard(Way way, Run run)
 {
     const ThreadState before;
     const int notes = tThread->noteCount;
@@ -322,7 +312,7 @@ void Guard(Way way, void (*run)(int), int argument)
     {
         try
         {
-            run(argument);
+            run();
         }
         catch (StructuredException& exception)
         {
@@ -350,6 +340,7 @@ void Guard(Way way, void (*run)(int), int argument)
 
 using PluginStep = void (*)(void (*)(int), int);
 PluginStep gPluginStep;
+void Descend(int depth);
 
 template <int Size>
 void Step(void (*next)(int), int depth)
@@ -359,15 +350,13 @@ void Step(void (*next)(int), int depth)
     frame[0] = 0;
 }
 
-void Descend(int depth);
-
 [[gnu::noinline]] int DescendFromLibc(const void* depth, const void*)
 {
-    tThread->noteCount = tThread->noteCount - 1;
+    DropNotes(1);
     AddNote(kGap); // libc's function
     AddNote(reinterpret_cast<std::uintptr_t>(__builtin_return_address(0)));
     Descend(*static_cast<const int*>(depth));
-    tThread->noteCount = tThread->noteCount - 1;
+    DropNotes(1);
     return 0;
 }
 
@@ -397,51 +386,41 @@ void Overflow(int depth)
     next = 0;
 }
 
-void OverflowTwice()
+void Fault(Way way, int depth)
 {
-    tThread->hasGap = true; // between a call and its note
-    Guard(Way::JUMP, Overflow, 0);
-    Guard(Way::JUMP, Overflow, 0);
+    Guard(way, [=] { Descend(depth); });
 }
 
 void FaultTwice()
 {
-    Guard(Way::JUMP, Descend, 0);
-    Guard(Way::JUMP, Descend, 1);
-}
-
-void FaultTenTimes()
-{
-    for (const int depth : {0, 7, 3, 12, 1, 9, 2, 5, 14, 4})
-    {
-        Guard(gWay, Descend, depth);
-    }
+    Fault(Way::JUMP, 0);
+    Fault(Way::JUMP, 1);
 }
 
 // ---- Cases ------------------------------------------------------------------------------------------------------------
 
-std::atomic<int> gRunning;
-pthread_t gMain;
-
-void FaultInFourThreads()
+void FaultTenTimes(Way way)
 {
-    pthread_t threads[4];
-    gRunning = 4;
-    for (int i = 0; i < 4; ++i)
+    for (const int depth : {0, 7, 3, 12, 1, 9, 2, 5, 14, 4})
     {
-        threads[i] = Start(i + 1,
-                           []
-                           {
-                               for (int depth = 1; depth <= 4; ++depth)
-                               {
-                                   Guard(gWay, Descend, depth);
-                               }
-                               --gRunning;
-                           });
+        Fault(way, depth);
     }
+}
+
+void FaultInFourThreads(Way way)
+{
+    const auto run = [=]
+    {
+        for (int depth = 1; depth <= 4; ++depth)
+        {
+            Fault(way, depth);
+        }
+        ++gState;
+    };
+    const std::jthread threads[] = {Start(1, run), Start(2, run), Start(3, run), Start(4, run)};
     LoggingSettings settings;
     GetLoggingOptions(&settings);
-    for (int round = 0; gRunning > 0; ++round)
+    for (int round = 0; gState < 4; ++round)
     {
         LogNext();
         if (round % 7 == 0)
@@ -451,49 +430,40 @@ void FaultInFourThreads()
         }
         usleep(100);
     }
-    for (const pthread_t thread : threads)
-    {
-        pthread_join(thread, nullptr);
-    }
 }
 
-void FaultInChild()
+void FaultInChild(Way way)
 {
-    Guard(Way::JUMP, Descend, 4);
+    Fault(Way::JUMP, 4);
     const pid_t child = fork();
     if (child == 0)
     {
-        tThread->writer = 1;
-        Guard(Way::JUMP, Descend, 7);
-        Guard(Way::THROW, Descend, 2);
+        tThread->number = 1;
+        Fault(Way::JUMP, 7);
+        Fault(way, 2);
         std::exit(0);
     }
     int status = 1;
     waitpid(child, &status, 0);
-    Guard(Way::THROW, Descend, 3);
+    Fault(way, 3);
     Require(status == 0, 7);
 }
 
-void FaultInReloaded()
+void FaultInReloaded(Way way)
 {
     PluginStep place = nullptr;
     for (const char* const path : {"./first.so", "./second.so", "./first.so", "./second.so"})
     {
         void* const plugin = dlopen(path, RTLD_NOW);
-        static PluginStep step;
-        step = reinterpret_cast<PluginStep>(dlsym(plugin, "PluginStep"));
+        const auto step = reinterpret_cast<PluginStep>(dlsym(plugin, "PluginStep"));
         Require(place == nullptr || place == step, 8);
         place = step;
-        for (const Way way : {Way::JUMP, Way::THROW})
-        {
-            Guard(
-                way, [](int) { step(nullptr, 0); }, 0);
-        }
+        Guard(way, [=] { step(nullptr, 0); });
         dlclose(plugin);
     }
 }
 
-void JumpOutOfCallback()
+void JumpOutOfCallback(Way way)
 {
     const auto callback = [](ZelvoReaderErrorCode, char*, void*)
     {
@@ -501,98 +471,96 @@ void JumpOutOfCallback()
         siglongjmp(tThread->place, 1);
     };
     ExceptionHandler::SetErrorCallback(callback, nullptr);
-    FaultTenTimes();
+    FaultTenTimes(way);
     ExceptionHandler::SetErrorCallback(nullptr, nullptr);
     FaultTwice();
 }
 
 // The delays reach every stretch of the dumps of a fault.
-void JumpOutByAlarm()
+void JumpOutByAlarm(Way way)
 {
     for (int microseconds = 5; microseconds < 1000; microseconds += 12)
     {
-        const auto run = [](int delay)
+        const auto run = [=]
         {
-            const itimerval alarm = {{}, {0, delay}};
+            const itimerval alarm = {{}, {0, microseconds}};
             setitimer(ITIMER_REAL, &alarm, nullptr);
             Descend(1);
         };
-        Guard(Way::JUMP, run, microseconds);
+        Guard(way, run);
     }
     FaultTwice();
 }
 
-void SendIntoDumps()
+// Another thread sends a fault's signal into each dump.
+void SendIntoDumps(Way way)
 {
-    static std::atomic<int> delay;
+    const pthread_t main = pthread_self();
     gSendsIntoDumps = true;
     tThread->hasGap = true;
     for (int microseconds = 5; microseconds < 700; microseconds += 13)
     {
-        delay = 0;
-        const auto send = []
+        const auto send = [=]
         {
-            while (delay == 0)
+            gState.wait(0);
+            for (const std::int64_t end = Now() + microseconds * std::int64_t{1000}; Now() < end;)
             {
             }
-            for (const std::int64_t end = Now() + delay * std::int64_t{1000}; Now() < end;)
-            {
-            }
-            pthread_kill(gMain, SIGSEGV);
+            pthread_kill(main, SIGSEGV);
         };
-        const pthread_t sender = Start(1, send);
-        const auto run = [](int after)
+        gState = 0;
+        const std::jthread sender = Start(1, send);
+        const auto run = []
         {
-            delay = after;
+            gState = 1;
+            gState.notify_one();
             Descend(1);
         };
-        Guard(Way::JUMP, run, microseconds);
-        pthread_join(sender, nullptr);
+        Guard(way, run);
     }
     gSendsIntoDumps = false;
     tThread->hasGap = false;
     FaultTwice();
-    pthread_join(Start(2, FaultTwice), nullptr);
+    Start(2, FaultTwice).join();
 }
 
 // A handler that dumps and returns, anywhere in a loop that logs.
-void DumpOnRequest()
+void DumpOnRequest(Way)
 {
-    tThread->hasGap = true;
-    gRunning = 1;
-    const auto send = []
+    const pthread_t main = pthread_self();
+    const auto send = [=]
     {
-        for (int i = 0; i < 30; ++i)
+        for (unsigned int i = 0; i < 30; ++i)
         {
-            usleep(static_cast<useconds_t>(1000 + 37 * i));
-            pthread_kill(gMain, SIGUSR1);
+            usleep(1000 + 37 * i);
+            pthread_kill(main, SIGUSR1);
         }
         usleep(5000);
-        gRunning = 0;
+        gState = 1;
     };
-    const pthread_t sender = Start(1, send);
-    while (gRunning != 0)
+    tThread->hasGap = true;
+    const std::jthread sender = Start(1, send);
+    while (gState == 0)
     {
         LogNext();
     }
-    pthread_join(sender, nullptr);
 }
 
-void FaultInLogCall()
+void FaultInLogCall(Way way)
 {
-    for (const Way way : {Way::JUMP, Way::JUMP_THEN_HANDLE, Way::JUMP})
+    const auto run = []
     {
-        const auto run = [](int)
-        {
-            auto* const memory =
-                static_cast<unsigned char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-            mprotect(memory + 4096, 4096, PROT_NONE);
-            LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "bytes", memory + 4000, 4000);
-        };
+        auto* const memory =
+            static_cast<unsigned char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(memory + 4096, 4096, PROT_NONE);
+        LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "bytes", memory + 4000, 4000);
+    };
+    for (int i = 0; i < 4; ++i)
+    {
         tThread->hasGap = true;
-        Guard(way, run, 0);
+        Guard(way, run);
         tThread->hasGap = false;
-        Guard(Way::THROW, Descend, 1);
+        Fault(Way::JUMP, 1);
     }
 }
 
@@ -605,191 +573,145 @@ void FaultInHandler(int, siginfo_t*, void* context)
     Descend(2);
 }
 
-void FaultInHandlers()
+void FaultInHandlers(Way way)
 {
     Install(SIGUSR2, FaultInHandler);
-    for (const Way way : {Way::JUMP, Way::THROW, Way::JUMP_THEN_HANDLE})
-    {
-        Guard(
-            way, [](int) { raise(SIGUSR2); }, 0);
-        Guard(way, Descend, 3);
-    }
+    Guard(way, [] { raise(SIGUSR2); });
+    Fault(way, 3);
 }
-
-bool gSetsOptions;
 
 void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
 {
-    if (tThread->writer == 0)
+    if (gCase == "owner-throw-options")
     {
-        if (gSetsOptions)
-        {
-            LoggingSettings settings;
-            GetLoggingOptions(&settings);
-            SetLoggingOptions(&settings);
-        }
-        unsigned char bytes[1600];
-        std::generate(bytes, bytes + sizeof bytes, [i = 0]() mutable { return static_cast<unsigned char>(i++); });
-        LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes ", "%05000d", 7);
-        LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes", "", bytes, sizeof bytes);
+        LoggingSettings settings;
+        GetLoggingOptions(&settings);
+        SetLoggingOptions(&settings);
     }
+    unsigned char bytes[1600];
+    std::generate(bytes, bytes + sizeof bytes, [i = 0]() mutable { return static_cast<unsigned char>(i++); });
+    LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes ", "%05000d", 7);
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - bytes", "", bytes, sizeof bytes);
 }
 
 // Another thread keeps the log for two seconds, in the middle of an error block of its own.
-void FaultBesideOwner()
+void FaultBesideOwner(Way way)
 {
-    ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
-    gRunning = 0;
-    const auto holdLog = []
+    const auto writeBlock = [](const char*, void*)
     {
-        const auto writeBlock = [](const char*, void*)
-        {
-            LogNext();
-            gRunning = 1;
-            usleep(2000000);
-            LogNext();
-        };
-        ExceptionHandler::GenericHandleException("Host::Owner", ZR_ERROR_UNKNOWN, "owner", false, writeBlock, nullptr);
+        LogNext();
+        ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+        gState = 1;
+        sleep(2);
+        LogNext();
     };
-    const pthread_t owner = Start(1, holdLog);
-    while (gRunning == 0)
+    std::jthread owner =
+        Start(1, [=] { ExceptionHandler::GenericHandleException("", ZR_ERROR_UNKNOWN, "", false, writeBlock, {}); });
+    while (gState == 0)
     {
         usleep(1000);
     }
+    ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
     gOthersCanLog = false;
-    Guard(gWay, Descend, 2);
+    Fault(way, 2);
+    ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+    owner.join();
     gOthersCanLog = true;
-    pthread_join(owner, nullptr);
-    Guard(gWay, Descend, 3);
+    Fault(way, 3);
 }
 
-void SetOptionsBesideOwner()
+// What the process may no longer do.
+void Restrict()
 {
-    gSetsOptions = true;
-    FaultBesideOwner();
+    const auto forbid = [](__rlimit_resource resource)
+    {
+        const rlimit none = {};
+        return setrlimit(resource, &none) == 0;
+    };
+    const auto filter = [](std::uint32_t action)
+    {
+        sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
+                                 BPF_STMT(BPF_RET | BPF_K, action), BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+        const sock_fprog rule = {4, program};
+        return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &rule) == 0;
+    };
+    Require(gCase == "readv-refused" ? filter(SECCOMP_RET_ERRNO | EPERM)
+            : gCase == "readv-kills" ? filter(SECCOMP_RET_KILL_PROCESS)
+            : gCase == "no-proc"     ? unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0 &&
+                                       umount2("/proc", MNT_DETACH) == 0
+            : gCase == "chroot"             ? chroot(".") == 0
+            : gCase == "not-dumpable"       ? prctl(PR_SET_DUMPABLE, 0) == 0
+            : gCase == "no-memory"          ? forbid(RLIMIT_AS)
+            : gCase == "no-descriptors"     ? forbid(RLIMIT_NOFILE)
+            : gCase == "no-file-size"       ? forbid(RLIMIT_FSIZE)
+            : gCase == "closed-descriptors" ? close_range(3, ~0U, 0) == 0
+                                            : gCase == "fifo",
+            9);
 }
 
-void Filter(std::uint32_t action)
-{
-    const sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                                   BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
-                                   BPF_STMT(BPF_RET | BPF_K, action), BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog filter = {4, const_cast<sock_filter*>(program)};
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    Require(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0, 9);
-}
-
-void Limit(__rlimit_resource resource)
-{
-    const rlimit none = {};
-    setrlimit(resource, &none);
-}
-
-void HideProc()
-{
-    Require(unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0, 9);
-    Require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && umount2("/proc", MNT_DETACH) == 0, 9);
-}
-
-template <void (*kRestrict)()>
-void FaultRestricted()
+void FaultRestricted(Way way)
 {
     std::signal(SIGXFSZ, SIG_IGN);
-    Guard(Way::JUMP, Descend, 2);
-    kRestrict();
+    gOthersCanLog = gCase != "fifo";
+    Fault(way, 2);
+    Restrict();
     FaultTwice();
 }
 
-void FaultOnSmallSignalStack(void (*run)())
+void FaultOnSmallStack(Way way)
 {
-    // Room for a signal frame and 4 KiB.
-    const std::size_t size = std::max<std::size_t>(8192, getauxval(AT_MINSIGSTKSZ) + 4096);
-    pthread_join(Start(1, run, size, 65536), nullptr);
+    // The loader needs kilobytes to bind a function at its first call: of the host's own that is over before.
+    const ThreadState state;
+    state.Compare();
+    gettid();
+    if (sigsetjmp(tThread->place, 1) == 0)
+    {
+        siglongjmp(tThread->place, 1);
+    }
+    const std::size_t room = std::max<std::size_t>(8192, getauxval(AT_MINSIGSTKSZ) + 4096);
+    const auto overflow = [=]
+    {
+        tThread->hasGap = true; // between a call and its note
+        Guard(way, [] { Overflow(0); });
+        Guard(way, [] { Overflow(0); });
+    };
+    SetStackSize(gCase == "small-thread" ? 16384 : 65536);
+    const std::jthread thread = gCase == "small-thread" ? Start(1, FaultTwice, 0)
+                                : gCase == "overflow"   ? Start(1, overflow, room)
+                                                        : Start(1, FaultTwice, room);
 }
 
 const struct
 {
-    const char* name;
-    void (*run)();
+    void (*run)(Way);
     Way way;
+    const char* names; // each with a blank behind it
 } kCases[] = {
-    {"jump", FaultTenTimes, Way::JUMP},
-    {"jump-then-handle", FaultTenTimes, Way::JUMP_THEN_HANDLE},
-    {"throw", FaultTenTimes, Way::THROW},
-    {"return", FaultTenTimes, Way::RETURN},
-    {"threads-jump", FaultInFourThreads, Way::JUMP},
-    {"threads-throw", FaultInFourThreads, Way::THROW},
-    {"threads-return", FaultInFourThreads, Way::RETURN},
-    {"fork", FaultInChild, {}},
-    {"reload", FaultInReloaded, {}},
-    {"callback-jumps", JumpOutOfCallback, Way::JUMP},
-    {"alarm", JumpOutByAlarm, {}},
-    {"sent", SendIntoDumps, {}},
-    {"dumps-on-request", DumpOnRequest, {}},
-    {"fault-in-log-call", FaultInLogCall, {}},
-    {"nested", FaultInHandlers, {}},
-    {"owner-jump", FaultBesideOwner, Way::JUMP},
-    {"owner-jump-then-handle", FaultBesideOwner, Way::JUMP_THEN_HANDLE},
-    {"owner-throw", FaultBesideOwner, Way::THROW},
-    {"owner-throw-options", SetOptionsBesideOwner, Way::THROW},
-    {"readv-refused",
-     FaultRestricted<[]
-                     {
-                         Filter(SECCOMP_RET_ERRNO | EPERM);
-                     }>,
-     {}},
-    {"readv-kills",
-     FaultRestricted<[]
-                     {
-                         Filter(SECCOMP_RET_KILL_PROCESS);
-                     }>,
-     {}},
-    {"no-proc", FaultRestricted<HideProc>, {}},
-    {"chroot",
-     FaultRestricted<[]
-                     {
-                         Require(chroot(".") == 0, 9);
-                     }>,
-     {}},
-    {"not-dumpable",
-     FaultRestricted<[]
-                     {
-                         prctl(PR_SET_DUMPABLE, 0);
-                     }>,
-     {}},
-    {"no-memory",
-     FaultRestricted<[]
-                     {
-                         Limit(RLIMIT_AS);
-                     }>,
-     {}},
-    {"no-descriptors",
-     FaultRestricted<[]
-                     {
-                         Limit(RLIMIT_NOFILE);
-                     }>,
-     {}},
-    {"no-file-size",
-     FaultRestricted<[]
-                     {
-                         Limit(RLIMIT_FSIZE);
-                     }>,
-     {}},
-    {"closed-descriptors",
-     FaultRestricted<[]
-                     {
-                         close_range(3, ~0U, 0);
-                     }>,
-     {}},
-    {"fifo",
-     FaultRestricted<[]
-                     {
-                         gOthersCanLog = false;
-                     }>,
-     {}},
-    {"small-signal-stack", [] { FaultOnSmallSignalStack(FaultTwice); }, {}},
-    {"small-signal-stack-overflow", [] { FaultOnSmallSignalStack(OverflowTwice); }, {}},
-    {"small-thread", [] { pthread_join(Start(1, FaultTwice, 0, 16384), nullptr); }, {}},
+    {FaultTenTimes, Way::JUMP, "jump "},
+    {FaultTenTimes, Way::JUMP_THEN_HANDLE, "jump-then-handle "},
+    {FaultTenTimes, Way::THROW, "throw "},
+    {FaultTenTimes, Way::RETURN, "return "},
+    {FaultInFourThreads, Way::JUMP, "threads-jump "},
+    {FaultInFourThreads, Way::THROW, "threads-throw "},
+    {FaultInFourThreads, Way::RETURN, "threads-return "},
+    {FaultInChild, Way::THROW, "fork "},
+    {FaultInReloaded, Way::JUMP, "reload "},
+    {FaultInReloaded, Way::THROW, "reload-throw "},
+    {JumpOutOfCallback, Way::JUMP, "callback-jumps "},
+    {JumpOutByAlarm, Way::JUMP, "alarm "},
+    {SendIntoDumps, Way::JUMP, "sent "},
+    {DumpOnRequest, {}, "dumps-on-request "},
+    {FaultInLogCall, Way::JUMP, "log-call "},
+    {FaultInLogCall, Way::JUMP_THEN_HANDLE, "log-call-then-handle "},
+    {FaultInHandlers, Way::JUMP, "nested "},
+    {FaultInHandlers, Way::THROW, "nested-throw "},
+    {FaultBesideOwner, Way::JUMP, "owner-jump "},
+    {FaultBesideOwner, Way::JUMP_THEN_HANDLE, "owner-jump-then-handle "},
+    {FaultBesideOwner, Way::THROW, "owner-throw owner-throw-options "},
+    {FaultRestricted, Way::JUMP,
+     "readv-refused readv-kills no-proc chroot not-dumpable no-memory no-descriptors no-file-size closed-descriptors fifo "},
+    {FaultOnSmallStack, Way::JUMP, "small-signal-stack overflow small-thread "},
 };
 
 } // namespace
@@ -805,23 +727,23 @@ extern "C"
     }
     [[gnu::no_instrument_function]] void __cyg_profile_func_exit(void*, void*)
     {
-        if (tThread != nullptr && tThread->noteCount > 0)
+        if (tThread != nullptr)
         {
-            tThread->noteCount = tThread->noteCount - 1;
+            DropNotes(1);
         }
     }
 }
 
 int main(int argc, char** argv)
 {
+    Require(argc == 2, 2);
+    gCase = argv[1];
     const int descriptor = open("record", O_RDWR | O_CLOEXEC);
     gRecord = static_cast<Record*>(mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
     close(descriptor);
     gSecondsToLog = std::getenv("SLOW") != nullptr ? 30 : 1;
-    gMain = pthread_self();
-    gThreads[0].signalStackSize = kSignalStackSize;
-    BeginThread(gThreads[0], __builtin_return_address(0));
-    gThreads[0].noteCount = 1;
+    BeginThread(0, kSignalStackSize);
+    AddNote(reinterpret_cast<std::uintptr_t>(__builtin_return_address(0)));
     for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGUSR1})
     {
         Install(signal, HandleFatalSignal);
@@ -829,11 +751,10 @@ int main(int argc, char** argv)
     Install(SIGALRM, JumpOut);
     gPluginStep = reinterpret_cast<PluginStep>(dlsym(dlopen("./plugin.so", RTLD_NOW), "PluginStep"));
 
-    const std::string name = argc > 1 ? argv[1] : "";
     LoggingSettings settings = {};
     settings.flushInterval = 100;
     settings.maxFileSize = 20000;
-    settings.strategy = name.find("threads") == 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
+    settings.strategy = gCase.find("threads") == 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
     SetLoggingOptions(&settings);
     InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "hosta.log");
     for (int i = 0; i < 30; ++i)
@@ -843,11 +764,11 @@ int main(int argc, char** argv)
     LetOthersLog();
     for (const auto& each : kCases)
     {
-        if (each.name == name)
+        if (std::strstr(each.names, (gCase + " ").c_str()) == each.names ||
+            std::strstr(each.names, (" " + gCase + " ").c_str()))
         {
-            gWay = each.way;
-            each.run();
-            name == "fifo" ? _exit(0) : std::exit(0);
+            each.run(each.way);
+            gCase == "fifo" ? _exit(0) : std::exit(0);
         }
     }
     return 2;

@@ -31,7 +31,7 @@ plugin second.so 1256
     host host-O0 "$library" $gcc -O0
     host host-O3 "$library" $gcc -O3 -Wl,-z,now &
     host host-nopie "$library" $gcc -O2 -no-pie -fno-pie
-    host host-clang "$library" $clang -O2 &
+    host host-clang "$library" $clang -O2 -Wl,-z,now &
     host asan "$sanitized" $gcc -O1 -fsanitize=address,undefined
     wait
 }

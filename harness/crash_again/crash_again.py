@@ -9,6 +9,7 @@ BUILD is the folder that build.sh has filled. One row a failure, the counts at t
 import argparse
 import collections
 import concurrent.futures
+import fcntl
 import glob
 import os
 import re
@@ -26,7 +27,7 @@ LONGEST_DUMP = 3.0  # seconds: what a watchdog leaves a dying process
 MAX_FRAMES = 100
 MAX_GAP = 12
 MAX_DUMPS = 256
-MAX_BEHIND_MAIN = 5
+MAX_BEHIND_MAIN = 12  # libc and libstdc++ start threads
 HEAD = struct.Struct("2iq16q")
 DUMP = struct.Struct("4iQ104Q")
 BYTES = "".join(f"\n{' '.join(f'{i & 255:02X}' for i in range(row, row + 16))} : " for row in range(0, 1600, 16))
@@ -133,8 +134,8 @@ class Case:
         if f"|s{'-' * 22}|wHost - worker 1 line 1.|wHost - worker 1 line 2.|" not in text:
             self.wrong.append("the block of the log's owner is split")
         for what, whole in (("message", "|bHost - bytes " + "7".zfill(5000)), ("hex dump", "|bHost - bytes" + BYTES)):
-            if text.count(whole + "|") != 2:
-                self.wrong.append(f"{what} of the callback: {text.count(whole + '|')} of 2 whole")
+            if text.count(whole + "|") != 1:
+                self.wrong.append(f"{what} of the callback: {text.count(whole + '|')} whole")
 
     def judge_outside(self, place, outside):
         strange = [(letter, text) for letter, text in outside if letter not in self.allowed + "12"]
@@ -164,24 +165,26 @@ class Case:
             if log is not None and "x" not in self.allowed and collections.Counter(log) != collections.Counter(out):
                 self.wrong.append("log and output differ")
             for number, name in enumerate(self.names):
-                if not any(name in "".join(dump.frames) for dump in out[4 * number:4 * number + 4]):
+                if not any(name in "".join(dump.frames) for dump in out[2 * number:2 * number + 2]):
                     self.wrong.append(f"{name} is not in the call stacks of its faults")
 
 
 def make_fifo(folder):
     os.mkfifo(folder + "/hosta.log")
-    return os.open(folder + "/hosta.log", os.O_RDWR)  # and nobody reads
+    descriptor = os.open(folder + "/hosta.log", os.O_RDWR)  # and nobody reads
+    fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, 4096)
+    return descriptor
 
 
 BROKEN = "wxHhscfFeRrMmPpGCFgADa"  # any part of a dump
-WAYS = ["jump", "jump-then-handle", "throw", "return"]
-CASES = [Case(name) for name in WAYS + [
-    "threads-jump", "threads-throw", "threads-return", "fork", "callback-jumps", "alarm", "dumps-on-request",
-    "fault-in-log-call", "nested", "readv-refused", "readv-kills", "no-proc", "chroot", "not-dumpable", "no-memory",
-    "no-descriptors", "closed-descriptors", "small-signal-stack", "small-signal-stack-overflow", "small-thread"]]
-CASES += [Case("reload", names=["first.so", "second.so"] * 2), Case("sent", allowed=BROKEN)]
-CASES += [Case("no-file-size", log=False), Case("fifo", log=False, setup=make_fifo)]
-CASES += [Case(name, allowed="wbs") for name in ["owner-jump", "owner-jump-then-handle", "owner-throw", "owner-throw-options"]]
+WAYS = "jump jump-then-handle throw return".split()
+CASES = [Case(name) for name in WAYS + """
+    threads-jump threads-throw threads-return fork callback-jumps alarm dumps-on-request log-call log-call-then-handle nested
+    nested-throw readv-refused readv-kills no-proc chroot not-dumpable no-memory no-descriptors closed-descriptors
+    small-signal-stack overflow small-thread""".split()]
+CASES += [Case(name, names=["first.so", "second.so"] * 2) for name in ("reload", "reload-throw")]
+CASES += [Case("sent", allowed=BROKEN), Case("no-file-size", log=False), Case("fifo", log=False, setup=make_fifo)]
+CASES += [Case(name, allowed="wbs") for name in ("owner-jump", "owner-jump-then-handle", "owner-throw", "owner-throw-options")]
 
 
 def run(build, host, case, keep):
@@ -229,7 +232,7 @@ def main():
     parser.add_argument("--keep", action="store_true")
     options = parser.parse_args()
     build = os.path.abspath(options.build)
-    some = [case for case in CASES if case.name in WAYS + ["threads-jump", "small-signal-stack-overflow", "callback-jumps"]]
+    some = [case for case in CASES if case.name in WAYS + ["threads-jump", "overflow", "callback-jumps"]]
     few = [case for case in CASES if case.name in WAYS + ["callback-jumps"]]
     clang = [case for case in some if case.name not in ("throw", "return")]  # it has no exceptions out of instructions
     hosts = {"host-O1": CASES, "host-O0": some, "host-O3": some, "host-stripped": some, "host-nopie": some, "host-clang": clang,
