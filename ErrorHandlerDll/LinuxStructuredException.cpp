@@ -105,27 +105,25 @@ void DumpRegisters(const ucontext_t& context)
     }
 }
 
+// The byte at `address`, or 0 when it cannot be read.
+unsigned char GetMemoryContents(std::uintptr_t address, bool& readable)
+{
+    unsigned char byte = 0;
+    readable = Unwind::ReadMemory(reinterpret_cast<const void*>(address), &byte, sizeof byte);
+    return readable ? byte : 0;
+}
+
 // One line of memory: address, hex column, character column.
 void LogMemoryLine(std::uintptr_t address)
 {
-    unsigned char bytes[kMemoryDumpBytes];
-    bool readable[kMemoryDumpBytes];
-    Unwind::ReadMemoryBytes(reinterpret_cast<const void*>(address), bytes, readable, kMemoryDumpBytes);
-
     char hex[kMemoryDumpBytes * kHexWidth + 1];
     char characters[kMemoryDumpBytes + 1] = "";
     for (std::size_t i = 0; i < kMemoryDumpBytes; ++i)
     {
-        char* const hexByte = hex + i * kHexWidth;
-        if (readable[i])
-        {
-            FormatFixedText(hexByte, kHexWidth + 1, "%02x ", bytes[i]);
-        }
-        else
-        {
-            std::memcpy(hexByte, "?? ", kHexWidth + 1);
-        }
-        characters[i] = readable[i] && bytes[i] >= 0x20 && bytes[i] <= 0x7F ? static_cast<char>(bytes[i]) : '.';
+        bool readable = false;
+        const unsigned char byte = GetMemoryContents(address + i, readable);
+        FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, readable ? "%02x " : "?? ", byte);
+        characters[i] = readable && byte >= 0x20 && byte <= 0x7F ? static_cast<char>(byte) : '.';
     }
     char line[kDumpLineSize];
     FormatFixedText(line, sizeof line, "    %p  %s  %s", reinterpret_cast<void*>(address), hex, characters);

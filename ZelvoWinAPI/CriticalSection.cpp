@@ -7,7 +7,6 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace ZelvoWinAPI
@@ -23,7 +22,7 @@ namespace
 constexpr int kSpins = 100;
 
 // How often a bounded wait looks whether the section is free.
-constexpr long kPollIntervalNs = 1000000;
+constexpr int kPollIntervalMs = 1;
 
 void ForgetThreadId() noexcept
 {
@@ -35,12 +34,6 @@ void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value)
     const int savedErrno = errno;
     syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
     errno = savedErrno;
-}
-
-void Sleep() noexcept
-{
-    const timespec interval = {0, kPollIntervalNs};
-    syscall(SYS_nanosleep, &interval, nullptr);
 }
 
 std::uint32_t Owner(const _CRITICAL_SECTION* section) noexcept
@@ -131,7 +124,7 @@ Entry Wait(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
         std::uint32_t seen = word.load(std::memory_order_relaxed);
         if (section->m_leaseEnd.load() != 0)
         {
-            Sleep();
+            Sleep(kPollIntervalMs);
             if (watch.TryTakeOver(section, self) == Entry::TAKEN_OVER)
             {
                 return Entry::TAKEN_OVER;
@@ -202,7 +195,7 @@ Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexc
     Entry entry = TryEnter(section, self);
     while (entry == Entry::REFUSED && waitLeftMs > 0)
     {
-        Sleep();
+        Sleep(kPollIntervalMs);
         waitLeftMs = static_cast<int>(std::max<std::int64_t>(end - GetTickCount64(), 0));
         entry = TryEnter(section, self);
         entry = entry == Entry::REFUSED ? watch.TryTakeOver(section, self) : entry;

@@ -1,5 +1,6 @@
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <cerrno>
 #include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,6 +15,14 @@ std::int64_t GetTickCount64() noexcept
     timespec now = {};
     syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+void Sleep(int milliseconds) noexcept
+{
+    const int savedErrno = errno;
+    const timespec interval = {milliseconds / 1000, milliseconds % 1000 * 1000000L};
+    syscall(SYS_nanosleep, &interval, nullptr);
+    errno = savedErrno;
 }
 
 } // namespace ZelvoWinAPI

@@ -20,6 +20,9 @@ inline std::uint32_t GetCurrentThreadId() noexcept;
 // Milliseconds since some moment in the past; never goes back. Async-signal-safe.
 std::int64_t GetTickCount64() noexcept;
 
+// Async-signal-safe; leaves errno alone. A signal cuts it short.
+void Sleep(int milliseconds) noexcept;
+
 // ---- Critical sections ----
 
 // Recursive lock. Owner and lock are one atomic word, so there is no moment at which it is locked by nobody: a signal

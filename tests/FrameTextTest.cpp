@@ -41,9 +41,8 @@ std::string OurText(const void* address)
     errno = ERANGE;
     void* const frame = const_cast<void*>(address);
     Unwind::FrameTexts texts({&frame, 1});
-    const int length = texts.Format(0, text, sizeof(text));
+    texts.Format(0, text, sizeof(text));
     EXPECT_EQ(errno, ERANGE);
-    EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
     return text;
 }
 
@@ -119,17 +118,18 @@ TEST(FrameText, KeepsOffsetAndAddressWhenCut)
     auto* address = reinterpret_cast<char*>(dlsym(RTLD_DEFAULT, "_ZNSt9bad_allocD1Ev")) + 1;
     const std::string whole = OurText(address);
     const std::string tail = whole.substr(whole.rfind('+'));
-    for (int size = 0; size < 100; ++size)
+    for (std::size_t size = 1; size < 100; ++size)
     {
         text[size] = '!';
         void* const frame = address;
         Unwind::FrameTexts texts({&frame, 1});
-        const int length = texts.Format(0, text, size);
+        texts.Format(0, text, size);
+        const std::size_t length = std::strlen(text);
         EXPECT_EQ(text[size], '!') << size;
-        EXPECT_EQ(length, size == 0 ? 0 : static_cast<int>(std::strlen(text))) << size;
-        if (static_cast<std::size_t>(size) > tail.size() + 2 && static_cast<std::size_t>(length) < whole.size())
+        EXPECT_LT(length, size);
+        if (size > tail.size() + 2 && length < whole.size())
         {
-            EXPECT_EQ(std::string(text).substr(static_cast<std::size_t>(length) - tail.size()), tail) << size;
+            EXPECT_EQ(std::string(text).substr(length - tail.size()), tail) << size;
         }
     }
 }

@@ -45,11 +45,6 @@ int CheckAllKinds()
                 !Unwind::ReadMemory(pages.Border() - before, bytes, before))
                 return 2;
 
-        bool readable[16];
-        Unwind::ReadMemoryBytes(pages.Border() - 6, bytes, readable, 16);
-        for (int i = 0; i < 16; ++i)
-            if (readable[i] != (i < 6) || bytes[i] != (i < 6 ? pages.Border()[i - 6] : 0))
-                return 3;
         if (!CheckReader(pages.Border()))
             return 4;
     }

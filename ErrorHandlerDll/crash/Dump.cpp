@@ -2,7 +2,6 @@
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/crash/HeldSignals.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
@@ -171,38 +170,32 @@ void Dump::WriteLines() noexcept
 
 void Dump::Log(int level, unsigned int mask, const char* source, const char* text)
 {
-    const auto log = [=]
+    const auto log = [&](bool mayAllocate)
     {
+        const QV::EmergencyScope emergency(!mayAllocate || QV::EmergencyScope::GetState());
         gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(text));
     };
-    const auto logWithoutHeap = [=]
-    {
-        const QV::EmergencyScope emergency;
-        log();
-    };
-    const auto logAnyhow = [=]
+    const auto logAnyhow = [&]
     {
         try
         {
-            log();
+            log(true);
         }
         catch (const std::bad_alloc&)
         {
-            logWithoutHeap();
+            log(false);
         }
     };
-    if (m_isLogDamaged || Crash::RunPart(m_stack, logAnyhow))
+    if (!m_isLogDamaged && !RunPart(logAnyhow))
     {
-        return;
+        gFileLogger.Emergency().ForgetStrategy(); // lies on the heap, which is what is damaged as a rule
+        m_isLogDamaged = !RunPart([&] { log(false); });
     }
-    gFileLogger.Emergency()
-        .ForgetStrategy(); // lies on the heap, which is what is damaged as a rule; an open file does without
-    m_isLogDamaged = !Crash::RunPart(m_stack, logWithoutHeap);
 }
 
 bool Dump::IsFault(int signal, int signalCode) noexcept
 {
-    return signal > 0 && (Unwind::SetOf(signal) & kSignalsOfFaults) != 0 && (signalCode > 0 || signal == SIGABRT);
+    return signal > 0 && (SetOf(signal) & kSignalsOfFaults) != 0 && (signalCode > 0 || signal == SIGABRT);
 }
 
 void Dump::LeaveFaultyPart(int signal, int signalCode) noexcept
@@ -231,7 +224,7 @@ Place::~Place()
 void Place::Restore() const noexcept
 {
     m_stack.m_place = m_outer; // a fault in what follows must not come back here
-    Unwind::SetMask(m_stack.Mask());
+    SetMask(m_stack.Mask());
     QV::EmergencyScope::RestoreState(m_isEmergency);
     gFileLogger.Emergency().RestoreSectionDepth(m_sectionDepth);
     if (!m_isEmergency && gFileLogger.Emergency().IsInCriticalSection())

@@ -12,7 +12,6 @@
 #include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Crash
@@ -80,35 +79,17 @@ void StandardOutput::ReopenWithoutBlocking() noexcept
 // one cannot wait, as without any descriptor left, the write itself has to tell.
 bool StandardOutput::WaitUntilReady() noexcept
 {
-    if (!m_mayBlock)
-    {
-        return true;
-    }
-    int result = 0;
-    do
+    int result = m_mayBlock ? -1 : 1;
+    for (bool isCutShort = m_mayBlock; isCutShort; isCutShort = result < 0 && errno == EINTR && m_waitLeftMs > 0)
     {
         pollfd watched = {m_descriptor, POLLOUT, 0};
         const std::int64_t start = ZelvoWinAPI::GetTickCount64();
         result = static_cast<int>(syscall(SYS_poll, &watched, 1, std::max(m_waitLeftMs, 0))); // poll() may end the thread
         m_waitLeftMs -= static_cast<int>(ZelvoWinAPI::GetTickCount64() - start);
-    } while (result < 0 && errno == EINTR && m_waitLeftMs > 0);
+    }
     m_isGivenUp = result == 0 || (result < 0 && errno == EINTR);
     gIsReaderStuck.store(m_isGivenUp);
     return !m_isGivenUp;
-}
-
-std::ptrdiff_t StandardOutput::WriteReady(std::string_view text) noexcept
-{
-    if (m_mayBlock && !m_isReopened)
-    {
-        const iovec piece = {const_cast<char*>(text.data()), text.size()};
-        const std::ptrdiff_t written = syscall(SYS_pwritev2, m_descriptor, &piece, 1, -1L, -1L, RWF_NOWAIT);
-        if (written >= 0 || errno == EAGAIN || errno == EINTR)
-        {
-            return written;
-        }
-    }
-    return ZelvoWinAPI::WriteFile(m_descriptor, text.data(), text.size());
 }
 
 // Writes the text, as far as it can be written.
@@ -116,7 +97,8 @@ void StandardOutput::Write(std::string_view text) noexcept
 {
     while (!text.empty() && !m_isGivenUp && WaitUntilReady())
     {
-        const std::ptrdiff_t count = WriteReady(text.substr(0, sizeof m_lines));
+        const std::ptrdiff_t count =
+            ZelvoWinAPI::WriteFile(m_descriptor, text.data(), std::min(text.size(), sizeof m_lines));
         if (count < 0 && errno == EAGAIN)
         {
             --m_waitLeftMs; // others may go on filling it for ever

@@ -34,7 +34,6 @@ private:
     bool Hold(std::string_view line) noexcept;
     void Write(std::string_view text) noexcept;
     bool WaitUntilReady() noexcept;
-    std::ptrdiff_t WriteReady(std::string_view text) noexcept;
 
     int m_descriptor = 1; // negative for a stream without one
     bool m_isReopened = false;

@@ -4,7 +4,9 @@
 #ifndef ERRORHANDLERDLL_CRASH_DUMPSTACK_H
 #define ERRORHANDLERDLL_CRASH_DUMPSTACK_H
 
-#include <csignal>
+#include "ErrorHandlerDll/crash/Signals.h"
+
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -38,7 +40,7 @@ public:
     // The stacks of other threads are free.
     static void AfterForkInChild() noexcept;
 
-    std::uint64_t Mask() const noexcept { return m_mask; } // of the signals that wait
+    SignalSet Mask() const noexcept { return m_mask; } // of the signals that wait
     std::uintptr_t Low() const noexcept { return m_low; }
     std::uintptr_t High() const noexcept { return m_high; }
 
@@ -46,18 +48,26 @@ public:
     Dump* m_dump = nullptr;
 
 private:
+    // A dump takes 48 KiB, a fault in it some more. Pages that no dump reaches cost nothing.
+    static constexpr std::size_t kSize = std::size_t{96} * 1024;
+
     using Function = void (*)(DumpStack& stack, const void* argument);
-    struct Call;
-    class AlternateStackOff;
-    class OwnerScope;
 
     static bool RunOnFree(Function run, const void* argument);
-    static void RunCall(void* call);
+    static void RunCall(void* stack);
+    static DumpStack* TakeAny(std::uint32_t thread) noexcept;
+    bool TryTake(std::uint32_t thread) noexcept;
+    void GiveBackLeft() noexcept;
+    bool HoldsCaller() const noexcept;
 
-    std::uintptr_t m_low = 0;
+    std::atomic<std::uint32_t> m_owner{0}; // its thread id; 0: free
+    std::uintptr_t m_low = 0;              // where the dump's frames lie: [low, high)
     std::uintptr_t m_high = 0;
-    std::uint64_t m_mask = 0;
-    stack_t m_alternate = {}; // of the thread
+    SignalSet m_mask = 0;
+    Function m_run = nullptr;
+    const void* m_argument = nullptr;
+    stack_t m_alternate = {}; // of the owner
+    alignas(64) unsigned char m_memory[kSize] = {};
 };
 
 } // namespace Crash

@@ -58,28 +58,19 @@ private:
 };
 
 // The C library prints zero as a pointer and with "%#x" in ways of its own.
-void AppendPointer(Text& text, std::uintptr_t value) noexcept
+void AppendNumber(Text& text, std::uintptr_t value, const char* prefix, const char* zero) noexcept
 {
-    text.Append(value == 0 ? "(nil)" : "0x");
+    text.Append(value == 0 ? zero : prefix);
     if (value != 0)
     {
         text.AppendHex(value);
     }
 }
 
-void AppendOffset(Text& text, std::uintptr_t offset) noexcept
-{
-    text.Append(offset == 0 ? "+0" : "+0x");
-    if (offset != 0)
-    {
-        text.AppendHex(offset);
-    }
-}
-
 void AppendAddress(Text& text, std::uintptr_t address) noexcept
 {
     text.Append("[");
-    AppendPointer(text, address);
+    AppendNumber(text, address, "0x", "(nil)");
     text.Append("]");
 }
 
@@ -105,7 +96,7 @@ void AppendInObject(Text& text, MemoryReader& reader, const Module& module, cons
     Text tail(tailBuffer, sizeof(tailBuffer));
     if (origin != 0)
     {
-        AppendOffset(tail, address - origin);
+        AppendNumber(tail, address - origin, "+0x", "+0");
     }
     tail.Append(") ");
     AppendAddress(tail, address);
@@ -158,14 +149,10 @@ void FrameTexts::LookUp(std::size_t index) noexcept
     FindSymbols(m_reader, object, {searches, count});
 }
 
-int FrameTexts::Format(std::size_t index, char* out, int size) noexcept
+void FrameTexts::Format(std::size_t index, char* out, std::size_t size) noexcept
 {
-    if (size <= 0)
-    {
-        return 0;
-    }
     const Frame& frame = m_frames[index];
-    Text text(out, static_cast<std::size_t>(size));
+    Text text(out, size);
     if (frame.isInObject)
     {
         AppendInObject(text, m_reader, frame.module, frame.search.symbol, frame.search.address);
@@ -174,7 +161,6 @@ int FrameTexts::Format(std::size_t index, char* out, int size) noexcept
     {
         AppendAddress(text, frame.search.address);
     }
-    return static_cast<int>(text.Length());
 }
 
 } // namespace Unwind

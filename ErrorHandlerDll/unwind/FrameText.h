@@ -23,10 +23,9 @@ public:
 
     // Writes the text of a frame: "path(symbol+0x1f) [0x401b3f]", "path(+0x1b3f) [0x401b3f]", "path() [0x401b3f]" or
     // "[0x401b3f]".
-    //   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address
-    //   returns the length of the text; it is always terminated (size > 0)
+    //   size    bytes at `out`; a longer text loses the ends of path and symbol, never the offset and the address; not 0
     //   signals async-signal-safe
-    int Format(std::size_t index, char* out, int size) noexcept;
+    void Format(std::size_t index, char* out, std::size_t size) noexcept;
 
 private:
     struct Frame

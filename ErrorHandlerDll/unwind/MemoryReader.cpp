@@ -71,20 +71,15 @@ void CopyBytes(const void* from, void* to, std::size_t size) noexcept
     asm volatile("rep movsb" : "+S"(from), "+D"(to), "+c"(size) : : "memory");
 }
 
-bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept
-{
-    if (!IsReadable(reinterpret_cast<std::uintptr_t>(address)))
-    {
-        return false;
-    }
-    CopyBytes(address, out, size);
-    return true;
-}
-
 bool ReadWithinPage(const void* address, void* out, std::size_t size) noexcept
 {
     const CopyResult result = CopyByKernel(address, out, size);
-    return result == CopyResult::NOT_AVAILABLE ? CopyAfterProbe(address, out, size) : result == CopyResult::COPIED;
+    if (result == CopyResult::NOT_AVAILABLE && IsReadable(reinterpret_cast<std::uintptr_t>(address)))
+    {
+        CopyBytes(address, out, size);
+        return true;
+    }
+    return result == CopyResult::COPIED;
 }
 
 // The part of `size` bytes at `address` that lies in its page.
@@ -109,22 +104,6 @@ bool ReadMemory(const void* address, void* out, std::size_t size) noexcept
         done += piece;
     }
     return true;
-}
-
-void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, std::size_t size) noexcept
-{
-    const auto start = reinterpret_cast<std::uintptr_t>(address);
-    for (std::size_t done = 0; done < size;)
-    {
-        const std::size_t piece = PieceSize(start + done, size - done);
-        const bool copied = ReadWithinPage(reinterpret_cast<const void*>(start + done), out + done, piece);
-        if (!copied)
-        {
-            std::memset(out + done, 0, piece);
-        }
-        std::memset(readable + done, copied ? 1 : 0, piece);
-        done += piece;
-    }
 }
 
 const unsigned char* MemoryReader::Fetch(std::uintptr_t address, std::size_t& available) noexcept

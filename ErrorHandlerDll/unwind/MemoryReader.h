@@ -20,12 +20,6 @@ inline constexpr std::size_t kPageSize = 4096;
 //   signals async-signal-safe
 bool ReadMemory(const void* address, void* out, std::size_t size) noexcept;
 
-// Copies what can be read of the `size` bytes at `address`, and says for each byte whether it could be.
-//   out       unreadable bytes become 0
-//   readable  `size` flags
-//   signals   async-signal-safe
-void ReadMemoryBytes(const void* address, unsigned char* out, bool* readable, std::size_t size) noexcept;
-
 // Reads many small pieces that lie close together, such as unwind tables and stack words.
 //
 // Keeps the pages read last, for one system call a page instead of one a piece. They may be out of date soon: use a new one

@@ -126,7 +126,7 @@ public:
             const UnwindResult step = isEnd ? UnwindResult::END_OF_STACK : Step();
             if (step == UnwindResult::INTERRUPTED)
             {
-                result.signalFrame = result.signalFrames++ == 0 ? m_signalFrame : result.signalFrame;
+                ++result.signalFrames;
             }
             if (step != UnwindResult::UNWOUND && step != UnwindResult::INTERRUPTED)
             {
@@ -180,10 +180,6 @@ private:
         if (!m_road.GoTo(stackPointer, isInterrupted ? 0 : kStaleSize))
         {
             return false;
-        }
-        if (isInterrupted)
-        {
-            m_signalFrame = m_registers.StackPointer();
         }
         m_registers = caller;
         m_isInterrupted = isInterrupted;
@@ -288,7 +284,6 @@ private:
     std::size_t m_latestObject = 0;
     FrameRegisters m_registers;
     Road m_road;
-    std::uintptr_t m_signalFrame = 0; // the latest
     bool m_isInterrupted = false;
     bool m_hasGuessed = false; // a frame pointer may have led past frames, those of a signal handler, too
 };

@@ -12,9 +12,8 @@ namespace Unwind
 
 struct WalkResult
 {
-    int count = 0;                  // frames stored
-    std::uintptr_t signalFrame = 0; // the context (ucontext_t) of the innermost signal handler on the stack; 0: none met
-    int signalFrames = 0;           // signal handlers met
+    int count = 0;           // frames stored
+    int signalFrames = 0;    // signal handlers met
     bool reachedEnd = false; // came to the outermost frame, by tables all the way; else a signal handler may be missed
 };
 

@@ -2,8 +2,6 @@
 #ifndef ERRORHANDLERDLL_UNWIND_SYSTEMCALL_H
 #define ERRORHANDLERDLL_UNWIND_SYSTEMCALL_H
 
-#include <csignal>
-#include <cstdint>
 #include <sys/syscall.h>
 
 namespace Unwind
@@ -26,31 +24,6 @@ inline long SystemCall(long number, long a, long b = 0, long c = 0, long d = 0, 
 inline long ToArgument(const void* pointer) noexcept
 {
     return reinterpret_cast<long>(pointer);
-}
-
-// ---- Sets of signals as the kernel has them: an eighth of the C library's, which a small signal stack has no room for ----
-
-using SignalSet = std::uint64_t;
-
-constexpr SignalSet kAllSignals = ~SignalSet{0};
-
-constexpr SignalSet SetOf(int signal)
-{
-    return SignalSet{1} << (signal - 1);
-}
-
-inline SignalSet SetMask(SignalSet mask) noexcept
-{
-    SignalSet old = 0;
-    SystemCall(SYS_rt_sigprocmask, SIG_SETMASK, ToArgument(&mask), ToArgument(&old), sizeof mask);
-    return old;
-}
-
-inline SignalSet PendingSignals() noexcept
-{
-    SignalSet pending = 0;
-    SystemCall(SYS_rt_sigpending, ToArgument(&pending), sizeof pending);
-    return pending;
 }
 
 } // namespace Unwind

@@ -18,20 +18,29 @@ struct SignalHandlers;
 // The members that dump write to the log (level ZR_LOG_ERROR, all categories) and, whether or not logging is on, to standard
 // output. When one of them fails, what was thrown leaves it, and the last error is ZR_ERROR_IN_EXCEPTION_HANDLER.
 //
-//   signals  The constructor, the members that dump and ExceptionHandler::HandleStructuredException (propagate false) are
-//            async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader or this library. They
-//            take no heap, and wait for another thread's dump at most a second and a half, for the log and for standard
-//            output half a second each. When they return, every line is in the file: _exit or a kill -9 right after loses
-//            nothing, nor any line that was logged before.
-//   stack    at most 16 KiB beyond the signal frame: an alternate stack (sigaltstack) of MINSIGSTKSZ + 16 KiB is enough,
-//            with MINSIGSTKSZ as sysconf(_SC_MINSIGSTKSZ) tells it
+//   signals  In a signal handler the constructor, the members that dump and ExceptionHandler::HandleStructuredException
+//            (propagate false) are async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader or
+//            this library. They take no heap, and wait for a stack for dumps and for standard output half a second each, for
+//            the log and the dump of another thread a second. When they return, every line is in the file: _exit or a kill -9
+//            right after loses nothing, nor any line that was logged before.
+//   roads    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
+//            out of the handler, a dump is a call like any other: it waits for the log as long as it takes.
+//   stack    They run on a stack of the library. An alternate stack (sigaltstack) must have room for the signal frame and
+//            4 KiB, this object included; a handler that does more needs more. sysconf(_SC_MINSIGSTKSZ) tells the frame's
+//            size. Hosts of Clang need 3 KiB more unless they link with -z now.
 //   faults   A fault inside a dump (a corrupt process) reaches the host's handler again if that has SA_NODEFER: the
-//            StructuredException that it builds goes back to the dump under way, which says so and goes on.
-//   masks    While a thread dumps, all signals wait but those of faults and SIGALRM, a watchdog's.
+//            StructuredException that it builds goes back to the dump under way, which says so and goes on. Built there for
+//            a signal that somebody has sent, it holds the signal but no dump and no frames.
+//   jumps    A handler or an error callback may leave by a jump or a throw; nothing stays held. A handler that jumps out of
+//            a fault inside a dump without building an object keeps the log from other threads for two seconds.
+//   returns  Code of this library in which a hardware fault has struck never goes on: the call is over when the dump is
+//            written, and a handler must not return to it.
+//   masks    While a thread dumps, all signals wait but those of faults: SIGALRM, too, for no wait of a dump lasts.
 //   order    A dump has parts: head, call stack, registers, modules. The lines of a part are written together, at its end:
 //            what ends the process in the middle of one, without coming here, takes the lines of that part along.
-//   output   What stdio buffers for standard output is written first. A reader who does not read, or slowly, is waited for
-//            half a second in all.
+//   output   What stdio buffers for standard output is written first. A reader who does not read is waited for half a second,
+//            and not again before it has read. Where /proc is not mounted, a pipe that another process fills at the same
+//            moment may block the dump.
 class StructuredException
 {
 public:
