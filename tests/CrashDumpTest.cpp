@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csetjmp>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -132,6 +133,123 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
     EXPECT_EQ(0, status);
     EXPECT_EQ(1, Count(OnDisk(), "  Modules list:")); // that of the dump alone: the faults made none of their own
     EXPECT_EQ(1, Count(Printed(), "Finished GenerateModuleAddresses"));
+}
+
+namespace
+{
+
+sigjmp_buf gRecovery;
+int gLeaseMs = 0;
+
+void JumpOut(int, siginfo_t*, void*)
+{
+    siglongjmp(gRecovery, 1);
+}
+
+// A fault in a dump, whose handler jumps without building an object.
+void LeaveDump()
+{
+    InstallHandler(SIGSEGV, JumpOut);
+    if (sigsetjmp(gRecovery, 1) == 0)
+    {
+        Crash::Dump::Run(
+            []
+            {
+                const Crash::DumpStack& stack = *Crash::DumpStack::Current();
+                gFileLogger.Emergency().SetLease(stack.Low(), stack.High(), gLeaseMs);
+                Fault();
+            });
+    }
+}
+
+void LeaveCallback()
+{
+    ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { siglongjmp(gRecovery, 1); }, nullptr);
+    if (sigsetjmp(gRecovery, 1) == 0)
+    {
+        InSignalHandler([] { Dump(true); });
+    }
+    ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+}
+
+// A hex dump that runs into memory which is not there, inside the logger.
+void LeaveLogCall()
+{
+    static const auto handler = [](int signal, siginfo_t* info, void* context)
+    {
+        StructuredException(signal, static_cast<ucontext_t*>(context), info);
+        siglongjmp(gRecovery, 1);
+    };
+    InstallHandler(SIGSEGV, handler);
+    if (sigsetjmp(gRecovery, 1) == 0)
+    {
+        LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", reinterpret_cast<unsigned char*>(16), 1);
+    }
+}
+
+// Handlers within handlers, until the library refuses the innermost.
+void LeaveFaultyCallback()
+{
+    static const auto handler = [](int signal, siginfo_t* info, void* context)
+    {
+        StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+        ExceptionHandler::HandleStructuredException("Handler", exception, false);
+        siglongjmp(gRecovery, 1);
+    };
+    InstallHandler(SIGSEGV, handler);
+    ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { Fault(); }, nullptr);
+    if (sigsetjmp(gRecovery, 1) == 0)
+    {
+        Fault();
+    }
+    ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+}
+
+} // namespace
+
+TEST_F(CrashDumpTest, NothingStaysHeldWhereAJumpLeft)
+{
+    for (void (*const leave)() : {LeaveDump, LeaveCallback, LeaveLogCall, LeaveFaultyCallback})
+    {
+        std::filesystem::remove(m_folder / "app.log");
+        const std::string longText(5000, 'x');
+        const int status = RunPrinting(
+            [&]
+            {
+                stack_t alternate = {};
+                static char memory[65536];
+                alternate.ss_sp = memory;
+                alternate.ss_size = sizeof memory;
+                sigaltstack(&alternate, nullptr);
+                Log("before");
+                for (int i = 0; i < 5; ++i)
+                {
+                    gLeaseMs = i == 0 ? 10 : 60000;
+                    leave();
+                    if (i > 0)
+                    {
+                        Log("own");
+                    }
+                    std::thread([] { Log("other"); }).join();
+                }
+                // No emergency, where it would be cut; neither in a callback that no signal has led to.
+                static const auto logLongText = [&]
+                {
+                    LogFormatted(ZR_LOG_ERROR, 1, "", "%s", longText.c_str());
+                };
+                logLongText();
+                ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { logLongText(); }, nullptr);
+                Dump(true);
+                ShutdownLogging();
+                sigaltstack(nullptr, &alternate);
+                return alternate.ss_sp == memory && alternate.ss_flags == 0 ? 0 : 2;
+            });
+        EXPECT_EQ(0, status);
+        const std::string log = OnDisk();
+        EXPECT_EQ(5, Count(log, " - other\n")) << log;
+        EXPECT_EQ(2, Count(log, longText + "\n"));
+        EXPECT_EQ(2, Count(log.substr(log.find(longText)), "  Modules list:"));
+    }
 }
 
 TEST_F(CrashDumpTest, ALogThatCannotBeWrittenLeavesStandardOutput)

@@ -8,7 +8,7 @@ set -eu
 # make is named because the presets leave the generator to CMake's default.
 packages="g++ make cmake libgtest-dev python3 binutils"
 if [ "${1:-}" = --checks ]; then
-    packages="$packages clang clang-format clang-tidy llvm elfutils doxygen pkg-config valgrind"
+    packages="$packages clang clang-format clang-tidy llvm elfutils doxygen gdb pkg-config valgrind"
     packages="$packages dpkg-dev file lintian man-db abigail-tools lnav rsyslog faketime" # packages and readers of logs
 fi
 

@@ -55,11 +55,13 @@ enum Instruction : std::uint8_t
     EXPRESSION = 0x10,
     OFFSET_EXTENDED_SF = 0x11,
     GNU_ARGS_SIZE = 0x2e,
-    // These three hold an operand in the low six bits.
+    // These three hold an operand in the bits of kOperandMask.
     ADVANCE_LOC = 0x40,
     OFFSET = 0x80,
     RESTORE = 0xc0,
 };
+
+constexpr std::uint8_t kOperandMask = 0x3f;
 
 // Runs the instructions of an entry up to the row that covers the address.
 class RowBuilder
@@ -99,37 +101,33 @@ private:
 
     void Advance(std::uint64_t delta) noexcept { m_location += delta * m_entry.codeAlignment; }
 
-    // In unsigned numbers, as damaged tables may say anything.
-    std::int64_t Scaled(std::int64_t offset) const noexcept
+    bool Check(bool isSound) noexcept
     {
-        return static_cast<std::int64_t>(static_cast<std::uint64_t>(offset) *
-                                         static_cast<std::uint64_t>(m_entry.dataAlignment));
+        m_failed |= !isSound;
+        return isSound;
     }
 
-    std::int64_t ScaledUnsigned(DwarfCursor& cursor) const noexcept
+    // In unsigned numbers, as damaged tables may say anything.
+    std::int64_t Scaled(std::uint64_t offset) const noexcept
     {
-        return Scaled(static_cast<std::int64_t>(cursor.TakeUnsigned()));
+        return static_cast<std::int64_t>(offset * static_cast<std::uint64_t>(m_entry.dataAlignment));
     }
 
     std::int32_t Narrow(std::int64_t value) noexcept
     {
         const auto narrow = static_cast<std::int32_t>(value);
-        if (narrow != value)
-        {
-            m_failed = true;
-        }
+        Check(narrow == value);
         return narrow;
     }
 
     // Registers beyond those of the integer unit (vector registers, say) do not matter to a walk.
     void SetRule(std::uint64_t number, Rule rule, std::int64_t operand) noexcept
     {
-        if (number >= FrameRegisters::kCount)
+        if (number < FrameRegisters::kCount)
         {
-            return;
+            m_row.rules[number] = rule;
+            m_row.operands[number] = Narrow(operand);
         }
-        m_row.rules[number] = rule;
-        m_row.operands[number] = Narrow(operand);
     }
 
     std::int64_t TakeBlock(DwarfCursor& cursor) noexcept
@@ -150,22 +148,14 @@ private:
     void SetFrameRegister(std::uint64_t number) noexcept
     {
         m_row.isFrameExpression = false;
-        m_row.frameRegister = static_cast<std::uint8_t>(number);
-        if (number >= FrameRegisters::kCount)
-        {
-            m_failed = true;
-        }
+        m_row.frameRegister = Check(number < FrameRegisters::kCount) ? static_cast<std::uint8_t>(number) : std::uint8_t{0};
     }
 
-    void SetFrameOffset(std::int64_t offset) noexcept { m_row.frameOperand = Narrow(offset); }
+    void SetFrameOffset(std::uint64_t offset) noexcept { m_row.frameOperand = Narrow(static_cast<std::int64_t>(offset)); }
 
     void Remember() noexcept
     {
-        if (m_rememberedCount == kMaxRemembered)
-        {
-            m_failed = true;
-        }
-        else
+        if (Check(m_rememberedCount < kMaxRemembered))
         {
             m_remembered[m_rememberedCount++] = m_row;
         }
@@ -173,11 +163,7 @@ private:
 
     void RestoreRemembered() noexcept
     {
-        if (m_rememberedCount == 0)
-        {
-            m_failed = true;
-        }
-        else
+        if (Check(m_rememberedCount > 0))
         {
             m_row = m_remembered[--m_rememberedCount];
         }
@@ -185,84 +171,55 @@ private:
 
     void Execute(DwarfCursor& cursor, std::uint8_t instruction) noexcept
     {
-        const std::uint8_t operand = instruction & 0x3f;
-        switch (instruction & 0xc0)
-        {
-        case ADVANCE_LOC:
-            return Advance(operand);
-        case OFFSET:
-            return SetRule(operand, Rule::AT_OFFSET, ScaledUnsigned(cursor));
-        case RESTORE:
-            return Restore(operand);
-        default:
-            if (!ExecuteLocation(cursor, instruction) && !ExecuteFrame(cursor, instruction))
-            {
-                ExecuteRule(cursor, instruction);
-            }
-        }
-    }
-
-    bool ExecuteLocation(DwarfCursor& cursor, std::uint8_t instruction) noexcept
-    {
-        switch (instruction)
+        const std::uint8_t operand = instruction & kOperandMask;
+        const std::uint8_t kind = instruction & ~kOperandMask;
+        switch (kind != 0 ? kind : instruction)
         {
         case NOP:
-            return true;
+            return;
+        case ADVANCE_LOC:
+            return Advance(operand);
         case ADVANCE_LOC1:
-            Advance(cursor.Take<std::uint8_t>());
-            return true;
+            return Advance(cursor.Take<std::uint8_t>());
         case ADVANCE_LOC2:
-            Advance(cursor.Take<std::uint16_t>());
-            return true;
+            return Advance(cursor.Take<std::uint16_t>());
         case ADVANCE_LOC4:
-            Advance(cursor.Take<std::uint32_t>());
-            return true;
-        case GNU_ARGS_SIZE:
-            cursor.TakeUnsigned(); // only matters to exceptions
-            return true;
+            return Advance(cursor.Take<std::uint32_t>());
+        case OFFSET:
+            return SetRule(operand, Rule::AT_OFFSET, Scaled(cursor.TakeUnsigned()));
+        case RESTORE:
+            return Restore(operand);
         case REMEMBER_STATE:
-            Remember();
-            return true;
+            return Remember();
         case RESTORE_STATE:
-            RestoreRemembered();
-            return true;
-        default:
-            return false;
-        }
-    }
-
-    bool ExecuteFrame(DwarfCursor& cursor, std::uint8_t instruction) noexcept
-    {
-        switch (instruction)
-        {
+            return RestoreRemembered();
         case DEF_CFA:
             SetFrameRegister(cursor.TakeUnsigned());
-            SetFrameOffset(static_cast<std::int64_t>(cursor.TakeUnsigned()));
-            return true;
+            return SetFrameOffset(cursor.TakeUnsigned());
         case DEF_CFA_REGISTER:
-            SetFrameRegister(cursor.TakeUnsigned());
-            return true;
+            return SetFrameRegister(cursor.TakeUnsigned());
         case DEF_CFA_OFFSET:
-            SetFrameOffset(static_cast<std::int64_t>(cursor.TakeUnsigned()));
-            return true;
+            return SetFrameOffset(cursor.TakeUnsigned());
         case DEF_CFA_EXPRESSION:
             m_row.isFrameExpression = true;
             m_row.frameOperand = Narrow(TakeBlock(cursor));
-            return true;
+            return;
+        case GNU_ARGS_SIZE:
+            cursor.TakeUnsigned(); // only matters to exceptions
+            return;
         default:
-            return false;
+            ExecuteRule(cursor, instruction, cursor.TakeUnsigned());
         }
     }
 
-    void ExecuteRule(DwarfCursor& cursor, std::uint8_t instruction) noexcept
+    void ExecuteRule(DwarfCursor& cursor, std::uint8_t instruction, std::uint64_t number) noexcept
     {
-        const std::uint64_t number = cursor.TakeUnsigned();
         switch (instruction)
         {
         case OFFSET_EXTENDED:
-            return SetRule(number, Rule::AT_OFFSET, ScaledUnsigned(cursor));
+            return SetRule(number, Rule::AT_OFFSET, Scaled(cursor.TakeUnsigned()));
         case OFFSET_EXTENDED_SF:
-            return SetRule(number, Rule::AT_OFFSET, Scaled(cursor.TakeSigned()));
+            return SetRule(number, Rule::AT_OFFSET, Scaled(static_cast<std::uint64_t>(cursor.TakeSigned())));
         case UNDEFINED:
             return SetRule(number, Rule::UNDEFINED, 0);
         case SAME_VALUE:
@@ -291,98 +248,75 @@ private:
 };
 
 // Applies a row to the registers of a frame.
-class RowReader
+struct RowReader
 {
-public:
-    RowReader(MemoryReader& reader, const Row& row, const FrameRegisters& registers, std::uintptr_t base) noexcept
-        : m_reader(reader), m_row(row), m_registers(registers), m_base(base)
+    MemoryReader& reader;
+    const Row& row;
+    const FrameRegisters& registers;
+    const std::uintptr_t base;
+    std::uint64_t frame = 0; // its address (CFA)
+
+    UnwindResult Apply(const FrameEntry& entry, FrameRegisters& caller) noexcept
     {
+        if (row.rules[entry.returnRegister] == Rule::UNDEFINED)
+        {
+            return UnwindResult::END_OF_STACK;
+        }
+        if (!ComputeFrame())
+        {
+            return UnwindResult::NO_TABLES;
+        }
+        for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
+        {
+            if (std::uint64_t value; GetCallerValue(number, value))
+            {
+                caller.Set(number, value);
+            }
+        }
+        std::uint64_t returnAddress;
+        if (!caller.Get(entry.returnRegister, returnAddress) || !caller.IsKnown(FrameRegisters::kStackPointer))
+        {
+            return UnwindResult::NO_TABLES;
+        }
+        caller.Set(FrameRegisters::kProgramCounter, returnAddress);
+        return entry.isSignalFrame ? UnwindResult::INTERRUPTED : UnwindResult::UNWOUND;
     }
 
     bool ComputeFrame() noexcept
     {
-        if (m_row.isFrameExpression)
+        if (row.isFrameExpression)
         {
-            return EvaluateExpression(m_reader, Block(m_row.frameOperand), m_registers, 0, m_frame);
+            return EvaluateExpression(reader, base + Offset(row.frameOperand), registers, 0, frame);
         }
-        if (!m_registers.Get(m_row.frameRegister, m_frame))
-        {
-            return false;
-        }
-        m_frame += static_cast<std::uint64_t>(std::int64_t{m_row.frameOperand});
-        return true;
+        const bool isKnown = registers.Get(row.frameRegister, frame);
+        frame += Offset(row.frameOperand);
+        return isKnown;
     }
-
-    std::uint64_t Frame() const noexcept { return m_frame; }
 
     bool GetCallerValue(unsigned number, std::uint64_t& value) noexcept
     {
-        const std::int32_t operand = m_row.operands[number];
-        switch (m_row.rules[number])
+        const std::uint64_t operand = Offset(row.operands[number]);
+        switch (row.rules[number])
         {
         case Rule::UNCHANGED:
-            return m_registers.Get(number, value);
+            // Returning removes the frame, so the caller's stack begins where the frame ends unless the tables say
+            // otherwise.
+            value = frame;
+            return number == FrameRegisters::kStackPointer || registers.Get(number, value);
         case Rule::AT_OFFSET:
-            return m_reader.Read(m_frame + static_cast<std::uint64_t>(std::int64_t{operand}), value);
+            return reader.Read(frame + operand, value);
         case Rule::REGISTER:
-            return m_registers.Get(static_cast<std::uint64_t>(operand), value);
+            return registers.Get(operand, value);
         case Rule::AT_EXPRESSION:
-            return EvaluateExpression(m_reader, Block(operand), m_registers, m_frame, value) && m_reader.Read(value, value);
+            return EvaluateExpression(reader, base + operand, registers, frame, value) && reader.Read(value, value);
         case Rule::UNDEFINED:
             break;
         }
         return false;
     }
 
-private:
-    std::uintptr_t Block(std::int32_t distance) const noexcept
-    {
-        return m_base + static_cast<std::uintptr_t>(std::int64_t{distance});
-    }
-
-    MemoryReader& m_reader;
-    const Row& m_row;
-    const FrameRegisters& m_registers;
-    const std::uintptr_t m_base;
-    std::uint64_t m_frame = 0;
+    static std::uint64_t Offset(std::int32_t operand) noexcept { return static_cast<std::uint64_t>(std::int64_t{operand}); }
 };
-
-UnwindResult ApplyRow(MemoryReader& reader, const FrameEntry& entry, const Row& row, std::uintptr_t base,
-                      FrameRegisters& registers) noexcept
-{
-    RowReader rowReader(reader, row, registers, base);
-    if (row.rules[entry.returnRegister] == Rule::UNDEFINED)
-    {
-        return UnwindResult::END_OF_STACK;
-    }
-    if (!rowReader.ComputeFrame())
-    {
-        return UnwindResult::NO_TABLES;
-    }
-
-    FrameRegisters caller;
-    for (unsigned number = 0; number < FrameRegisters::kCount; ++number)
-    {
-        std::uint64_t value;
-        // Returning removes the frame, so the caller's stack begins where the frame ends unless the tables say otherwise.
-        if (number == FrameRegisters::kStackPointer && row.rules[number] == Rule::UNCHANGED)
-        {
-            caller.Set(number, rowReader.Frame());
-        }
-        else if (rowReader.GetCallerValue(number, value))
-        {
-            caller.Set(number, value);
-        }
-    }
-    std::uint64_t returnAddress;
-    if (!caller.Get(entry.returnRegister, returnAddress) || !caller.IsKnown(FrameRegisters::kStackPointer))
-    {
-        return UnwindResult::NO_TABLES;
-    }
-    caller.Set(FrameRegisters::kProgramCounter, returnAddress);
-    registers = caller;
-    return entry.isSignalFrame ? UnwindResult::INTERRUPTED : UnwindResult::UNWOUND;
-}
 
 } // namespace
 
@@ -399,7 +333,13 @@ UnwindResult UnwindFrame(MemoryReader& reader, std::uintptr_t unwindHeader, std:
     {
         return UnwindResult::NO_TABLES;
     }
-    return ApplyRow(reader, entry, builder.Result(), unwindHeader, registers);
+    FrameRegisters caller;
+    const UnwindResult result = RowReader{reader, builder.Result(), registers, unwindHeader}.Apply(entry, caller);
+    if (result == UnwindResult::UNWOUND || result == UnwindResult::INTERRUPTED)
+    {
+        registers = caller;
+    }
+    return result;
 }
 
 } // namespace Unwind

@@ -8,47 +8,24 @@ namespace
 constexpr unsigned kValueBits = 64;
 constexpr unsigned kMaxLebBits = 70; // ten bytes; more is no number
 
-constexpr std::uint8_t kApplicationMask = 0x70;
-constexpr std::uint8_t kPositionRelative = 0x10;
-constexpr std::uint8_t kIndirect = 0x80;
-
 } // namespace
 
-std::uint64_t DwarfCursor::TakeLeb(unsigned& bits, bool& negative) noexcept
+std::uint64_t DwarfCursor::TakeLeb(bool isSigned) noexcept
 {
     std::uint64_t value = 0;
-    std::uint8_t byte = 0;
-    bits = 0;
-    do
+    for (unsigned bits = 0; bits < kMaxLebBits;)
     {
-        byte = Take<std::uint8_t>();
-        if (bits < kValueBits)
-        {
-            value |= static_cast<std::uint64_t>(byte & 0x7f) << bits;
-        }
+        const auto byte = Take<std::uint8_t>();
+        value |= bits < kValueBits ? std::uint64_t{byte & 0x7fu} << bits : 0;
         bits += 7;
-    } while ((byte & 0x80) != 0 && bits < kMaxLebBits);
-    negative = (byte & 0x40) != 0;
-    return value;
-}
-
-std::uint64_t DwarfCursor::TakeUnsigned() noexcept
-{
-    unsigned bits;
-    bool negative;
-    return TakeLeb(bits, negative);
-}
-
-std::int64_t DwarfCursor::TakeSigned() noexcept
-{
-    unsigned bits;
-    bool negative;
-    std::uint64_t value = TakeLeb(bits, negative);
-    if (negative && bits < kValueBits)
-    {
-        value |= ~std::uint64_t{0} << bits;
+        if ((byte & 0x80) == 0)
+        {
+            const bool isNegative = isSigned && (byte & 0x40) != 0 && bits < kValueBits;
+            return isNegative ? value | ~std::uint64_t{0} << bits : value;
+        }
     }
-    return static_cast<std::int64_t>(value);
+    m_failed = true;
+    return 0;
 }
 
 std::uintptr_t DwarfCursor::TakeEncoded(std::uint8_t encoding, std::uintptr_t dataBase) noexcept
@@ -58,49 +35,31 @@ std::uintptr_t DwarfCursor::TakeEncoded(std::uint8_t encoding, std::uintptr_t da
     switch (encoding & PointerEncoding::kFormatMask)
     {
     case PointerEncoding::kAbsolute:
-    case 0x04:
-    case 0x0c:
+    case PointerEncoding::kUnsigned8:
+    case PointerEncoding::kSigned8:
         value = Take<std::uint64_t>();
         break;
-    case 0x01:
-        value = TakeUnsigned();
-        break;
-    case 0x02:
-        value = Take<std::uint16_t>();
-        break;
-    case 0x03:
+    case PointerEncoding::kUnsigned4:
         value = Take<std::uint32_t>();
-        break;
-    case 0x09:
-        value = static_cast<std::uintptr_t>(TakeSigned());
-        break;
-    case 0x0a:
-        value = static_cast<std::uintptr_t>(std::int64_t{Take<std::int16_t>()});
         break;
     case PointerEncoding::kSigned4:
         value = static_cast<std::uintptr_t>(std::int64_t{Take<std::int32_t>()});
         break;
     default:
-        return Fail<std::uintptr_t>();
+        m_failed = true;
     }
-    const std::uint8_t application = encoding & kApplicationMask;
-    if (application == kPositionRelative)
+    switch (encoding & ~PointerEncoding::kFormatMask)
     {
-        value += here;
+    case PointerEncoding::kAbsolute:
+        return value;
+    case PointerEncoding::kPositionRelative:
+        return value + here;
+    case PointerEncoding::kDataRelative:
+        return value + dataBase;
+    default:
+        m_failed = true;
+        return 0;
     }
-    else if (application == PointerEncoding::kDataRelative)
-    {
-        value += dataBase;
-    }
-    else if (application != 0)
-    {
-        return Fail<std::uintptr_t>();
-    }
-    if ((encoding & kIndirect) != 0 && !m_reader.Read(value, value))
-    {
-        return Fail<std::uintptr_t>();
-    }
-    return value;
 }
 
 void DwarfCursor::Skip(std::uint64_t size) noexcept

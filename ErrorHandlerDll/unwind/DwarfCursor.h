@@ -25,16 +25,19 @@ public:
         T value{};
         if (m_failed || m_position > m_end || m_end - m_position < sizeof(T) || !m_reader.Read(m_position, value))
         {
-            return Fail<T>();
+            m_failed = true;
+            return T{};
         }
         m_position += sizeof(T);
         return value;
     }
 
-    std::uint64_t TakeUnsigned() noexcept; // LEB128
-    std::int64_t TakeSigned() noexcept;    // LEB128
+    // In LEB128.
+    std::uint64_t TakeUnsigned() noexcept { return TakeLeb(false); }
+    std::int64_t TakeSigned() noexcept { return static_cast<std::int64_t>(TakeLeb(true)); }
 
-    // A pointer in the encoding that the tables name (DW_EH_PE_*); `dataBase` is what data-relative ones count from.
+    // A pointer in the encoding that the tables name (DW_EH_PE_*), of those that linkers write for this processor;
+    // `dataBase` is what data-relative ones count from.
     std::uintptr_t TakeEncoded(std::uint8_t encoding, std::uintptr_t dataBase) noexcept;
 
     void Skip(std::uint64_t size) noexcept;
@@ -44,14 +47,7 @@ public:
     std::uintptr_t Position() const noexcept { return m_position; }
 
 private:
-    template <class T>
-    T Fail() noexcept
-    {
-        m_failed = true;
-        return T{};
-    }
-
-    std::uint64_t TakeLeb(unsigned& bits, bool& negative) noexcept;
+    std::uint64_t TakeLeb(bool isSigned) noexcept;
 
     MemoryReader& m_reader;
     std::uintptr_t m_position;
@@ -62,8 +58,11 @@ private:
 namespace PointerEncoding
 {
 constexpr std::uint8_t kAbsolute = 0x00;
-constexpr std::uint8_t kOmitted = 0xff;
+constexpr std::uint8_t kUnsigned4 = 0x03;
+constexpr std::uint8_t kUnsigned8 = 0x04;
 constexpr std::uint8_t kSigned4 = 0x0b;
+constexpr std::uint8_t kSigned8 = 0x0c;
+constexpr std::uint8_t kPositionRelative = 0x10;
 constexpr std::uint8_t kDataRelative = 0x30;
 constexpr std::uint8_t kFormatMask = 0x0f;
 } // namespace PointerEncoding

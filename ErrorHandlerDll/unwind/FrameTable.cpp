@@ -9,11 +9,22 @@ namespace
 {
 
 constexpr std::uint8_t kHeaderVersion = 1;
-constexpr std::uint8_t kSortedTable = PointerEncoding::kDataRelative | PointerEncoding::kSigned4; // all linkers write this
-constexpr std::uint64_t kMaxEntries = 1u << 28;
+constexpr std::uint8_t kTablesEncoding = PointerEncoding::kPositionRelative | PointerEncoding::kSigned4;
+constexpr std::uint8_t kEntryEncoding = PointerEncoding::kDataRelative | PointerEncoding::kSigned4;
 constexpr std::uint32_t kLongLength = 0xffffffff;
 constexpr std::uint64_t kMaxEntrySize = 1u << 24;
 constexpr unsigned kMaxAugmentation = 8; // "zPLRSB" and the like
+
+// The head of .eh_frame_hdr as all linkers write it; the search entries follow.
+struct SearchHeader
+{
+    std::uint8_t version;
+    std::uint8_t tablesEncoding;
+    std::uint8_t countEncoding;
+    std::uint8_t entryEncoding;
+    std::int32_t tables;
+    std::uint32_t count;
+};
 
 struct SearchEntry
 {
@@ -21,49 +32,25 @@ struct SearchEntry
     std::int32_t entry;
 };
 
-struct SearchTable
-{
-    std::uintptr_t address = 0;
-    std::uint64_t count = 0;
-};
-
-bool ReadSearchTable(MemoryReader& reader, std::uintptr_t header, SearchTable& table) noexcept
-{
-    DwarfCursor cursor(reader, header, ~std::uintptr_t{0});
-    const auto version = cursor.Take<std::uint8_t>();
-    const auto framesEncoding = cursor.Take<std::uint8_t>();
-    const auto countEncoding = cursor.Take<std::uint8_t>();
-    const auto tableEncoding = cursor.Take<std::uint8_t>();
-    if (version != kHeaderVersion || countEncoding == PointerEncoding::kOmitted || tableEncoding != kSortedTable)
-    {
-        return false;
-    }
-    if (framesEncoding != PointerEncoding::kOmitted)
-    {
-        cursor.TakeEncoded(framesEncoding, header);
-    }
-    table.count = cursor.TakeEncoded(countEncoding, header);
-    table.address = cursor.Position();
-    return !cursor.HasFailed() && table.count > 0 && table.count < kMaxEntries;
-}
-
 // The last entry that starts at or below the address.
 bool Search(MemoryReader& reader, std::uintptr_t header, std::uintptr_t address, std::uintptr_t& found) noexcept
 {
-    SearchTable table;
-    if (!ReadSearchTable(reader, header, table))
+    SearchHeader head;
+    if (!reader.Read(header, head) || head.version != kHeaderVersion || head.tablesEncoding != kTablesEncoding ||
+        head.countEncoding != PointerEncoding::kUnsigned4 || head.entryEncoding != kEntryEncoding)
     {
         return false;
     }
+    const std::uintptr_t entries = header + sizeof(head);
     const auto key = static_cast<std::int64_t>(address - header);
     std::uint64_t low = 0;
-    std::uint64_t high = table.count;
+    std::uint64_t high = head.count;
     found = 0;
     while (low < high)
     {
         const std::uint64_t middle = low + (high - low) / 2;
         SearchEntry entry;
-        if (!reader.Read(table.address + middle * sizeof(entry), entry))
+        if (!reader.Read(entries + middle * sizeof(entry), entry))
         {
             return false;
         }

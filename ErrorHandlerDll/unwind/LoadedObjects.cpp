@@ -1,5 +1,6 @@
 #include "ErrorHandlerDll/unwind/LoadedObjects.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <elf.h>
@@ -141,18 +142,6 @@ ProgramHeaders FindHeaders(MemoryReader& reader, const Module& module) noexcept
     return {module.loadAddress + header.e_phoff, header.e_phnum};
 }
 
-void Extend(std::uintptr_t& start, std::uintptr_t& end, std::uintptr_t from, std::uintptr_t to) noexcept
-{
-    if (end == 0 || from < start)
-    {
-        start = from;
-    }
-    if (to > end)
-    {
-        end = to;
-    }
-}
-
 void NoteSegment(ElfObject& object, const Elf64_Phdr& segment) noexcept
 {
     const std::uintptr_t from = object.module.loadAddress + segment.p_vaddr;
@@ -165,10 +154,12 @@ void NoteSegment(ElfObject& object, const Elf64_Phdr& segment) noexcept
     {
         return;
     }
-    Extend(object.start, object.end, from & ~(kPageSize - 1), to);
+    object.start = std::min(object.start, from & ~(kPageSize - 1));
+    object.end = std::max(object.end, to);
     if ((segment.p_flags & PF_X) != 0)
     {
-        Extend(object.codeStart, object.codeEnd, from, to);
+        object.codeStart = std::min(object.codeStart, from);
+        object.codeEnd = std::max(object.codeEnd, to);
     }
 }
 

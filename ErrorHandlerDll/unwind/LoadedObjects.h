@@ -61,9 +61,9 @@ std::uint64_t FindDynamicEntry(MemoryReader& reader, std::uintptr_t dynamic, std
 struct ElfObject
 {
     Module module{};
-    std::uintptr_t start = 0; // all segments: [start, end)
+    std::uintptr_t start = ~std::uintptr_t{0}; // all segments: [start, end)
     std::uintptr_t end = 0;
-    std::uintptr_t codeStart = 0; // executable segments: [codeStart, codeEnd)
+    std::uintptr_t codeStart = ~std::uintptr_t{0}; // executable segments: [codeStart, codeEnd)
     std::uintptr_t codeEnd = 0;
     std::uintptr_t unwindHeader = 0; // address of the search table over the unwind tables; 0 when there is none
 

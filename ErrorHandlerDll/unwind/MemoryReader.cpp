@@ -66,19 +66,9 @@ bool IsReadable(std::uintptr_t address) noexcept
 }
 
 // Out of the sanitizers' sight: they would report what the program has freed, and the gaps between its objects.
-__attribute__((no_sanitize("address", "thread"))) void CopyBytes(const void* address, void* out, std::size_t size) noexcept
+void CopyBytes(const void* from, void* to, std::size_t size) noexcept
 {
-    using Word [[gnu::may_alias, gnu::aligned(1)]] = std::uint64_t;
-    const auto* from = static_cast<const volatile unsigned char*>(address); // volatile: not to become a call of memcpy
-    auto* to = static_cast<volatile unsigned char*>(out);
-    for (; size >= sizeof(Word); size -= sizeof(Word), from += sizeof(Word), to += sizeof(Word))
-    {
-        *reinterpret_cast<volatile Word*>(to) = *reinterpret_cast<const volatile Word*>(from);
-    }
-    for (; size > 0; --size)
-    {
-        *to++ = *from++;
-    }
+    asm volatile("rep movsb" : "+S"(from), "+D"(to), "+c"(size) : : "memory");
 }
 
 bool CopyAfterProbe(const void* address, void* out, std::size_t size) noexcept

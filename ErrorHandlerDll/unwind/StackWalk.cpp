@@ -45,12 +45,13 @@ bool EndsWithCall(const unsigned char (&code)[kLongestCall]) noexcept
         const unsigned char* const call = code + kLongestCall - length;
         const unsigned mode = call[1] >> 6;
         const unsigned operand = call[1] & 7;
+        const unsigned scaled = length > 2 ? call[2] & 7 : 0;
         if (call[0] != kIndirect || (call[1] >> 3 & 7) != 2)
         {
             continue;
         }
         const bool hasScale = mode != 3 && operand == 4;
-        const bool isLongAddress = mode == 2 || (mode == 0 && (operand == 5 || (hasScale && (call[2] & 7) == 5)));
+        const bool isLongAddress = mode == 2 || (mode == 0 && (operand == 5 || (hasScale && scaled == 5)));
         if (length == 2u + (hasScale ? 1 : 0) + (isLongAddress ? 4 : mode == 1 ? 1 : 0))
         {
             return true;
