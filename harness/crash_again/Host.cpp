@@ -582,6 +582,10 @@ void FaultInHandlers(Way way)
 
 void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
 {
+    if (tThread->number != 0)
+    {
+        return; // the owner's own error
+    }
     if (gCase == "owner-throw-options")
     {
         LoggingSettings settings;
@@ -597,10 +601,10 @@ void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
 // Another thread keeps the log for two seconds, in the middle of an error block of its own.
 void FaultBesideOwner(Way way)
 {
+    ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
     const auto writeBlock = [](const char*, void*)
     {
         LogNext();
-        ExceptionHandler::SetErrorCallback(nullptr, nullptr);
         gState = 1;
         sleep(2);
         LogNext();
@@ -611,10 +615,8 @@ void FaultBesideOwner(Way way)
     {
         usleep(1000);
     }
-    ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
     gOthersCanLog = false;
     Fault(way, 2);
-    ExceptionHandler::SetErrorCallback(nullptr, nullptr);
     owner.join();
     gOthersCanLog = true;
     Fault(way, 3);
