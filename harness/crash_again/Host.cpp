@@ -363,7 +363,7 @@ void Step(void (*next)(int), int depth)
 // Calls functions of many shapes, of the plug-in and of libc among them, and faults at depth 0.
 void Descend(int depth)
 {
-    static const PluginStep kSteps[] = {Step<16>, gPluginStep, Step<700>, Step<4000>};
+    const PluginStep steps[] = {Step<16>, gPluginStep, Step<700>, Step<4000>};
     if (depth == 0)
     {
         *reinterpret_cast<volatile int*>(0x10) = 1;
@@ -375,7 +375,7 @@ void Descend(int depth)
     }
     else
     {
-        kSteps[depth % 5](Descend, depth - 1);
+        steps[depth % 5](Descend, depth - 1);
     }
 }
 
