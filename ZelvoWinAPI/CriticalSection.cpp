@@ -190,9 +190,13 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept
 Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
+    Entry entry = TryEnter(section, self);
+    if (entry != Entry::REFUSED)
+    {
+        return entry;
+    }
     const std::int64_t end = GetTickCount64() + waitLeftMs;
     LeaseWatch watch;
-    Entry entry = TryEnter(section, self);
     while (entry == Entry::REFUSED && waitLeftMs > 0)
     {
         Sleep(kPollIntervalMs);
