@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <emmintrin.h>
+#include <string_view>
 
 namespace
 {
 
-constexpr std::size_t kBytesPerRow = 16;
+constexpr std::size_t kBytesPerRow = HexDump::kBytesPerRow;
 constexpr std::size_t kHexColumnWidth = 3 * kBytesPerRow - 1;
 constexpr std::string_view kColumnSeparator = " : ";
 
@@ -30,45 +31,32 @@ char* WriteFullCharacterColumn(char* out, const unsigned char* bytes)
     return out + kBytesPerRow;
 }
 
-char* WriteRow(char* out, const unsigned char* bytes, std::size_t count)
-{
-    char* const columnEnd = out + kHexColumnWidth;
-    char* const hexEnd = QV::Convert::ToHexStringA(out, bytes, count);
-    std::fill(hexEnd, columnEnd, ' ');
-    out = columnEnd + kColumnSeparator.copy(columnEnd, kColumnSeparator.size());
-    if (count == kBytesPerRow)
-    {
-        return WriteFullCharacterColumn(out, bytes);
-    }
-    return std::transform(bytes, bytes + count, out,
-                          [](unsigned char byte) { return IsShown(byte) ? static_cast<char>(byte) : '.'; });
-}
-
 } // namespace
 
-HexDump::HexDump(std::string_view message, const unsigned char* buffer, int length)
-    : m_message(message), m_bytes(buffer), m_count(buffer == nullptr || length <= 0 ? 0 : static_cast<std::size_t>(length))
+char* HexDump::ComposeRow(char* out, std::size_t row) const
 {
-}
-
-std::size_t HexDump::size() const
-{
-    const std::size_t rows = (m_count + kBytesPerRow - 1) / kBytesPerRow;
-    const std::size_t lineFeeds = rows > 0 ? rows : 1; // one behind the message, one between each two rows
-    return m_message.size() + lineFeeds + rows * (kHexColumnWidth + kColumnSeparator.size()) + m_count;
-}
-
-std::size_t HexDump::copy(char* out, std::size_t size) const
-{
-    out += m_message.copy(out, m_message.size());
-    *out++ = '\n';
-    for (std::size_t done = 0; done < m_count; done += kBytesPerRow)
+    const std::size_t first = row * kBytesPerRow;
+    const std::size_t count = std::min(kBytesPerRow, m_count - first);
+    if (count > 0)
     {
-        if (done > 0)
-        {
-            *out++ = '\n';
-        }
-        out = WriteRow(out, m_bytes + done, std::min(kBytesPerRow, m_count - done));
+        const unsigned char* const bytes = m_bytes + first;
+        char* const columnEnd = out + kHexColumnWidth;
+        std::fill(QV::Convert::ToHexStringA(out, bytes, count), columnEnd, ' ');
+        out = columnEnd + kColumnSeparator.copy(columnEnd, kColumnSeparator.size());
+        out = count == kBytesPerRow
+                  ? WriteFullCharacterColumn(out, bytes)
+                  : std::transform(bytes, bytes + count, out,
+                                   [](unsigned char byte) { return IsShown(byte) ? static_cast<char>(byte) : '.'; });
     }
-    return size;
+    *out = '\n';
+    return out + 1;
+}
+
+char* HexDump::Compose(char* out) const
+{
+    for (std::size_t row = 0; row < GetRowCount(); ++row)
+    {
+        out = ComposeRow(out, row);
+    }
+    return out;
 }

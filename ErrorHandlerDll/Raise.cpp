@@ -11,11 +11,14 @@
 namespace
 {
 
-// The message is cut to its field anyway: one pass into as many bytes will do, however long template and text are.
+// One byte more than the field of the exception has: what is cut for the field can see what comes behind.
+using Message = char[kErrorTextSize + 1];
+
+// The message is cut anyway: one pass will do, however long template and text are.
 [[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments)
 {
     char structuredText[kStructuredTextSize];
-    ErrorText message;
+    Message message;
     FormatTemplateV(message, sizeof message, FindErrorText(code, structuredText).data(), arguments);
     return new HalvikException(code, message, location);
 }
@@ -23,7 +26,7 @@ namespace
 [[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location)
 {
     char structuredText[kStructuredTextSize];
-    ErrorText message;
+    Message message;
     FormatTemplate(message, sizeof message, FindErrorText(ZR_ERROR_UNKNOWN_CODE, structuredText).data(),
                    static_cast<int>(code));
     return new HalvikException(code, message, location);

@@ -33,7 +33,7 @@ int Number(const std::string& name)
 class Search : public FileDependentLoggerStrategy
 {
 public:
-    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr, LOGGING_STRATEGY_APPEND)
+    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr)
     {
         SearchCurrentFiles(String(mask.c_str()));
     }
@@ -47,8 +47,10 @@ void Fill(const std::string& path, std::size_t size)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream file(path);
-    file.close();
-    std::filesystem::resize_file(path, size);
+    if (size > 0)
+    {
+        file.seekp(static_cast<std::streamoff>(size - 1)).put('\n'); // a file whose last line is whole
+    }
 }
 
 // Logs a line of so many bytes.

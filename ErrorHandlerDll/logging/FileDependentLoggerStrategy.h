@@ -4,7 +4,6 @@
 #define ERRORHANDLERDLL_LOGGING_FILEDEPENDENTLOGGERSTRATEGY_H
 
 #include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
-#include "QV/BaseString.h"
 
 class FileDependentLoggerStrategy : public FileLoggerStrategy
 {

@@ -1,6 +1,5 @@
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 
-#include "ErrorHandlerDll/logging/FileLogger.h"
 #include "ErrorHandlerDll/logging/LogFileName.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
@@ -32,27 +31,16 @@ std::string_view NumberPart(std::string_view name)
 
 } // namespace
 
-FileSizeLoggerStrategy::FileSizeLoggerStrategy(FileLogger* logger, unsigned int maxFileSize, ZelvoReaderLoggingStrategy type)
-    : FileDependentLoggerStrategy(logger, type), m_maxFileSize(maxFileSize)
-{
-}
-
 bool FileSizeLoggerStrategy::PrepareOutputSource()
 {
-    if (!m_logger->IsLogFileOpen()) [[unlikely]]
+    if (!m_output->IsOpen()) [[unlikely]]
     {
-        OpenHighestFile();
-        if (!m_logger->IsLogFileOpen())
-        {
-            return true; // the line is lost, and the next one starts again with the search
-        }
+        OpenHighestFile(); // when that fails the line is lost, and the next one starts again with the search
     }
-    const auto lineLength = static_cast<unsigned int>(m_logger->GetCurrentLineLength());
-    if (m_currentFileSize + lineLength >= m_maxFileSize)
+    if (m_output->GetSize() + static_cast<std::int64_t>(m_output->GetLineLength()) >= m_maxFileSize && m_output->IsOpen())
     {
         MoveToNextFile();
     }
-    m_currentFileSize += lineLength;
     return true;
 }
 
@@ -88,7 +76,7 @@ QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseStri
 void FileSizeLoggerStrategy::OpenHighestFile()
 {
     m_currentFileID = 1;
-    SearchCurrentFiles(GetFileSearchMask(m_logger->GetLogFileName(), ".*"));
+    SearchCurrentFiles(GetFileSearchMask(m_output->GetName(), ".*"));
     OpenCurrentFile();
 }
 
@@ -98,26 +86,25 @@ void FileSizeLoggerStrategy::MoveToNextFile()
     {
         return; // no number is left: the last file grows on
     }
-    if (!m_logger->FlushBeforeLeaving())
+    if (!m_output->Flush() && !m_output->Flush()) // one failing call is no reason to stay
     {
         return; // a next file would not get more room on the disk, and each try would leave an empty one
     }
     ++m_currentFileID;
-    m_logger->CloseLogFile();
+    m_output->Close();
     OpenCurrentFile();
 }
 
 // Opens the file of the current number, or of the next one whose name no directory bears: that would block the log for ever.
 void FileSizeLoggerStrategy::OpenCurrentFile()
 {
-    m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
-    m_logger->OpenLogFile("a+t");
-    while (!m_logger->IsLogFileOpen() && m_currentFileID < INT_MAX &&
-           ZelvoWinAPI::IsDirectory(m_logger->GetLogFileName().GetData()))
+    for (;; ++m_currentFileID)
     {
-        ++m_currentFileID;
-        m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
-        m_logger->OpenLogFile("a+t");
+        m_output->SetName(BuildLogFileName(m_output->GetName(), m_currentFileID));
+        m_output->Open(false);
+        if (m_output->IsOpen() || m_currentFileID == INT_MAX || !ZelvoWinAPI::IsDirectory(m_output->GetName().GetData()))
+        {
+            return;
+        }
     }
-    m_currentFileSize = static_cast<unsigned int>(m_logger->GetFileSize());
 }

@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
+#include <vector>
 
 namespace
 {
@@ -62,9 +64,22 @@ long __wrap_syscall(long number, ...)
         Faults::gOpenErrors.pop_front();
         return Fail(error);
     }
-    else if (number == SYS_write && (arguments[2] = Limit(arguments[2])) < 0)
+    else if (number == SYS_writev)
     {
-        return -1;
+        const auto* const pieces = reinterpret_cast<const iovec*>(arguments[1]);
+        std::vector<iovec> limited(pieces, pieces + arguments[2]);
+        long size = 0;
+        for (const iovec& piece : limited)
+        {
+            size += static_cast<long>(piece.iov_len);
+        }
+        size = Limit(size);
+        for (iovec& piece : limited)
+        {
+            piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(std::max(size, 0L)));
+            size -= static_cast<long>(piece.iov_len);
+        }
+        return size < 0 ? -1 : __real_syscall(number, arguments[0], limited.data(), arguments[2]);
     }
     return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
