@@ -53,18 +53,14 @@ const int gForkHandlers = pthread_atfork(
         Crash::Dump::AfterForkInChild();
     });
 
-// Apart from the exported functions, whose filtered calls then need no stack frame.
-[[gnu::noinline]] bool Write(int level, const char* source, std::string_view message, const HexDump* dump = nullptr)
-{
-    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), message, dump));
-}
+} // namespace
 
-[[gnu::noinline]] bool WriteText(int level, const char* source, const char* message)
+// Apart from LogMessage, whose filtered calls then need no stack frame. With its parameters and not local, as the compiler
+// would leave the mask out: then filtered calls do not move parameters either.
+[[gnu::noinline]] bool WriteTexts(int level, unsigned int, const char* source, const char* message)
 {
     return gFileLogger.Write(LogLine(level, TextOrEmpty(source), TextOrEmpty(message)));
 }
-
-} // namespace
 
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
@@ -94,7 +90,7 @@ void ShutdownLogging(void)
     {
         return true;
     }
-    return WriteText(level, source, message);
+    return WriteTexts(level, mask, source, message);
 }
 
 bool LogFormatted(int level, unsigned int mask, const char* source, const char* format, ...)
@@ -112,7 +108,7 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
         message.FormatV(format, arguments);
         va_end(arguments);
     }
-    return Write(level, source, message.GetText());
+    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), message.GetText()));
 }
 
 bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
@@ -123,7 +119,7 @@ bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, 
         return true;
     }
     const HexDump dump(buffer, length);
-    return Write(level, source, TextOrEmpty(message), &dump);
+    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)

@@ -20,33 +20,39 @@ constexpr bool IsShown(unsigned char byte)
 }
 
 // Sixteen characters at once; a byte from 0x80 up is negative here.
-char* WriteFullCharacterColumn(char* out, const unsigned char* bytes)
+char* ComposeFullCharacterColumn(char* out, const unsigned char* bytes)
 {
     const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
-    const __m128i printable =
-        _mm_and_si128(_mm_cmpgt_epi8(row, _mm_set1_epi8(0x1F)), _mm_cmplt_epi8(row, _mm_set1_epi8(0x7F)));
-    const __m128i shown = _mm_andnot_si128(_mm_cmpeq_epi8(row, _mm_set1_epi8('%')), printable);
-    const __m128i characters = _mm_or_si128(_mm_and_si128(shown, row), _mm_andnot_si128(shown, _mm_set1_epi8('.')));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), characters);
+    const __m128i isShown =
+        _mm_andnot_si128(_mm_cmpeq_epi8(row, _mm_set1_epi8('%')),
+                         _mm_and_si128(_mm_cmpgt_epi8(row, _mm_set1_epi8(0x1F)), _mm_cmplt_epi8(row, _mm_set1_epi8(0x7F))));
+    const __m128i text = _mm_or_si128(_mm_and_si128(isShown, row), _mm_andnot_si128(isShown, _mm_set1_epi8('.')));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), text);
     return out + kBytesPerRow;
+}
+
+char* WriteSeparator(char* out)
+{
+    return out + kColumnSeparator.copy(out, kColumnSeparator.size());
 }
 
 } // namespace
 
 char* HexDump::ComposeRow(char* out, std::size_t row) const
 {
-    const std::size_t first = row * kBytesPerRow;
-    const std::size_t count = std::min(kBytesPerRow, m_count - first);
-    if (count > 0)
+    const unsigned char* const bytes = m_bytes + row * kBytesPerRow;
+    const std::size_t count = m_count - row * kBytesPerRow;
+    if (count >= kBytesPerRow)
     {
-        const unsigned char* const bytes = m_bytes + first;
+        out = WriteSeparator(QV::Convert::ToHexStringA(out, bytes, kBytesPerRow));
+        out = ComposeFullCharacterColumn(out, bytes);
+    }
+    else if (count > 0)
+    {
         char* const columnEnd = out + kHexColumnWidth;
         std::fill(QV::Convert::ToHexStringA(out, bytes, count), columnEnd, ' ');
-        out = columnEnd + kColumnSeparator.copy(columnEnd, kColumnSeparator.size());
-        out = count == kBytesPerRow
-                  ? WriteFullCharacterColumn(out, bytes)
-                  : std::transform(bytes, bytes + count, out,
-                                   [](unsigned char byte) { return IsShown(byte) ? static_cast<char>(byte) : '.'; });
+        out = std::transform(bytes, bytes + count, WriteSeparator(columnEnd),
+                             [](unsigned char byte) { return IsShown(byte) ? static_cast<char>(byte) : '.'; });
     }
     *out = '\n';
     return out + 1;
@@ -54,7 +60,8 @@ char* HexDump::ComposeRow(char* out, std::size_t row) const
 
 char* HexDump::Compose(char* out) const
 {
-    for (std::size_t row = 0; row < GetRowCount(); ++row)
+    const std::size_t rows = GetRowCount();
+    for (std::size_t row = 0; row < rows; ++row)
     {
         out = ComposeRow(out, row);
     }
