@@ -6,7 +6,7 @@
 #include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/logging/LogLine.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 
 #include <new>
@@ -59,7 +59,7 @@ const int gForkHandlers = pthread_atfork(
 // would leave the mask out: then filtered calls do not move parameters either.
 [[gnu::noinline]] bool WriteTexts(int level, unsigned int, const char* source, const char* message)
 {
-    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), TextOrEmpty(message)));
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message)));
 }
 
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
@@ -108,7 +108,7 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
         message.FormatV(format, arguments);
         va_end(arguments);
     }
-    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), message.GetText()));
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), message.GetText()));
 }
 
 bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
@@ -119,7 +119,7 @@ bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, 
         return true;
     }
     const HexDump dump(buffer, length);
-    return gFileLogger.Write(LogLine(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)

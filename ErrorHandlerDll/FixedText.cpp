@@ -61,15 +61,6 @@ int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexc
     return length;
 }
 
-int FormatTemplate(char* text, std::size_t size, const char* messageTemplate, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, messageTemplate);
-    const int length = FormatTemplateV(text, size, messageTemplate, arguments);
-    va_end(arguments);
-    return length;
-}
-
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // that is what a template is
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept

@@ -26,7 +26,6 @@ void CopyFixedText(char* field, std::size_t size, const char* text) noexcept;
 [[gnu::format(printf, 3, 4)]] int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexcept;
 
 // The same for a message template, which is known only at run time: whoever raises or warns answers for the arguments.
-int FormatTemplate(char* text, std::size_t size, const char* messageTemplate, ...) noexcept;
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept;
 
 #endif

@@ -7,6 +7,7 @@
 #include <climits>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 using String = QV::BaseString<char>;
 
@@ -74,6 +75,17 @@ TEST(FormattedText, IsWholeOrEmpty)
     {
         expect(std::string(static_cast<std::size_t>(length - 1), ' ') + "7", "%*d", length, 7);
     }
+}
+
+// Between the two passes another thread may shorten an argument; here the first pass does, with what it counts.
+TEST(FormattedText, ShowsNothingBehindAnArgumentThatBecameShorter)
+{
+    std::vector<char> argument(2000, 'x');
+    argument.push_back('\0');
+    FormattedText text;
+    text.Format("%s%n", argument.data(), reinterpret_cast<int*>(&argument[1500])); // 2000 as an int: two bytes are zero
+    EXPECT_EQ(1502u, text.GetText().size());
+    EXPECT_EQ(std::string(1500, 'x'), text.GetText().substr(0, 1500));
 }
 
 TEST(Itoa, WritesDecimals)

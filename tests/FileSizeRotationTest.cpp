@@ -38,7 +38,7 @@ public:
         SearchCurrentFiles(String(mask.c_str()));
     }
     bool PrepareOutputSource() override { return false; }
-    void OnFileFound(const String& name) override { EXPECT_TRUE(m_names.insert(name.GetData()).second); }
+    void OnFileFound(std::string_view name) override { EXPECT_TRUE(m_names.emplace(name).second); }
 
     std::set<std::string> m_names;
 };

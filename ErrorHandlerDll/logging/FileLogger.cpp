@@ -2,7 +2,7 @@
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
-#include "ErrorHandlerDll/logging/LogLine.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
 
 #include <cstring>
@@ -28,36 +28,18 @@ private:
 
 } // namespace
 
-// The section, for a change of the settings. Not usable in an emergency without the section, in a call that interrupted one
-// of this thread inside the logger, and at the end of the process.
-class FileLogger::SettingsScope
+// Runs `change` in the section. Does nothing in an emergency without the section, in a call that interrupted one of this
+// thread inside the logger, and at the end of the process.
+template <class Change>
+void FileLogger::ChangeSettings(const Change& change)
 {
-public:
-    explicit SettingsScope(FileLogger& logger)
-        : m_section(logger), m_isUsable(m_section.IsEntered() && !logger.m_retired && !logger.m_busy), m_busy(logger.m_busy)
+    const LogSectionScope section(*this);
+    if (section.IsEntered() && !m_retired && !m_busy)
     {
-        if (m_isUsable)
-        {
-            m_busy.store(true, std::memory_order_release);
-        }
+        const BusyScope busy(m_busy);
+        change();
     }
-    ~SettingsScope()
-    {
-        if (m_isUsable)
-        {
-            m_busy.store(false, std::memory_order_release);
-        }
-    }
-    SettingsScope(const SettingsScope&) = delete;
-    SettingsScope& operator=(const SettingsScope&) = delete;
-
-    bool IsUsable() const { return m_isUsable; }
-
-private:
-    const LogSectionScope m_section;
-    const bool m_isUsable;
-    std::atomic<bool>& m_busy;
-};
+}
 
 FileLogger::FileLogger() : m_output(kDefaultFileName)
 {
@@ -99,57 +81,51 @@ void FileLogger::Disable()
 
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
 {
-    const SettingsScope scope(*this);
-    if (!scope.IsUsable())
-    {
-        return;
-    }
-    m_clock.WarmUp();
-    if (std::strcmp(fileName.GetData(), m_output.GetName().GetData()) != 0)
-    {
-        m_output.Close();
-        m_output.SetName(fileName);
-    }
-    if (!enable)
-    {
-        m_filterMask.store(0, std::memory_order_relaxed); // first: the new level may let more lines pass
-    }
-    m_logLevel.store(level, std::memory_order_relaxed);
-    m_logMask.store(mask, std::memory_order_relaxed);
-    m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
-    m_enabled.store(enable, std::memory_order_relaxed);
+    ChangeSettings(
+        [&]
+        {
+            m_clock.WarmUp();
+            if (std::strcmp(fileName.GetData(), m_output.GetName().GetData()) != 0)
+            {
+                m_output.Close();
+                m_output.SetName(fileName);
+            }
+            if (!enable)
+            {
+                m_filterMask.store(0, std::memory_order_relaxed); // first: the new level may let more lines pass
+            }
+            m_logLevel.store(level, std::memory_order_relaxed);
+            m_logMask.store(mask, std::memory_order_relaxed);
+            m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
+            m_enabled.store(enable, std::memory_order_relaxed);
+        });
 }
 
 void FileLogger::Shutdown()
 {
-    const SettingsScope scope(*this);
-    if (scope.IsUsable())
-    {
-        m_output.Close();
-    }
+    ChangeSettings([this] { m_output.Close(); });
 }
 
 void FileLogger::SetOptions(LoggingSettings* settings)
 {
-    const SettingsScope scope(*this);
-    if (!scope.IsUsable())
-    {
-        return;
-    }
-    m_settings.flushInterval = settings->flushInterval;
-    DeleteStrategy();
-    m_output.Close();
-    if (settings->strategy == LOGGING_STRATEGY_FILE_SIZE)
-    {
-        m_strategy = new FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
-        m_settings.maxFileSize = settings->maxFileSize;
-    }
-    else
-    {
-        m_strategy = new SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
-    }
-    m_settings.strategy = settings->strategy;
-    m_settings.reserved = settings->reserved;
+    ChangeSettings(
+        [=, this]
+        {
+            m_settings.flushInterval = settings->flushInterval;
+            DeleteStrategy();
+            m_output.Close();
+            if (settings->strategy == LOGGING_STRATEGY_FILE_SIZE)
+            {
+                m_strategy = new FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
+                m_settings.maxFileSize = settings->maxFileSize;
+            }
+            else
+            {
+                m_strategy = new SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
+            }
+            m_settings.strategy = settings->strategy;
+            m_settings.reserved = settings->reserved;
+        });
 }
 
 void FileLogger::GetOptions(LoggingSettings* settings)
@@ -194,7 +170,7 @@ void FileLogger::DeleteStrategy()
     delete m_strategy.exchange(nullptr);
 }
 
-bool FileLogger::Write(const LogLine& line)
+bool FileLogger::Write(const LogEntry& line)
 {
     const ErrnoKeeper keeper;
     if (QV::EmergencyScope::IsActive()) [[unlikely]]
@@ -214,7 +190,7 @@ bool FileLogger::Write(const LogLine& line)
     return WriteLine(line);
 }
 
-bool FileLogger::WriteLine(const LogLine& line)
+bool FileLogger::WriteLine(const LogEntry& line)
 {
     const std::size_t length = line.GetLength();
     m_output.SetLineLength(length); // for the strategy; a signal handler that logs in between changes it
@@ -240,9 +216,9 @@ bool FileLogger::WriteLine(const LogLine& line)
 }
 
 // The texts go to the file as they are, the rows of a dump through the buffer.
-void FileLogger::WriteLongLine(const LogLine& line)
+void FileLogger::WriteLongLine(const LogEntry& line)
 {
-    char prefix[LogLine::kMaxPrefixSize];
+    char prefix[LogEntry::kMaxPrefixSize];
     const char* const end = line.ComposePrefix(m_clock.WriteStamp(prefix));
     const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
     const HexDump* const dump = m_output.WritePastBuffer(pieces) ? line.GetDump() : nullptr;

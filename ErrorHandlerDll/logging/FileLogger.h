@@ -2,7 +2,7 @@
 // through the exported functions only. The way of an entry:
 //
 //   filter    FileLogger::CanWrite           stamp    LineClock            write   LogFile
-//   section   LogSectionScope                compose  LogLine              fork    LogFork
+//   section   LogSectionScope                compose  LogEntry              fork    LogFork
 //   rotate    FileSizeLoggerStrategy         buffer   LogOutput            emergency   LogEmergency
 //
 // One recursive critical section serialises the writers. Operations that need it held by their caller say so.
@@ -22,14 +22,12 @@
 #include <atomic>
 #include <cstdint>
 
-class LogLine;
+class LogEntry;
 
 class FileLogger
 {
 public:
     FileLogger();
-    FileLogger(const FileLogger&) = delete;
-    FileLogger& operator=(const FileLogger&) = delete;
 
     virtual ~FileLogger() { Retire(); }
 
@@ -58,7 +56,7 @@ public:
 
     // Writes one entry, which the filter has let pass.
     //   returns false when no file could be opened
-    bool Write(const LogLine& line);
+    bool Write(const LogEntry& line);
 
     // Writes what is buffered. The caller holds the section; in an emergency it may be without, and nothing is written then.
     void FlushLogFile();
@@ -87,10 +85,11 @@ public:
 private:
     friend class LogEmergency;
     friend class LogFork;
-    class SettingsScope;
 
-    bool WriteLine(const LogLine& line);
-    void WriteLongLine(const LogLine& line);
+    template <class Change>
+    void ChangeSettings(const Change& change);
+    bool WriteLine(const LogEntry& line);
+    void WriteLongLine(const LogEntry& line);
     bool PrepareOutputSource();
     void DeleteStrategy();
     void Disable();

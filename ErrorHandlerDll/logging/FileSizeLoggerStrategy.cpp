@@ -44,7 +44,7 @@ bool FileSizeLoggerStrategy::PrepareOutputSource()
     return true;
 }
 
-void FileSizeLoggerStrategy::OnFileFound(const QV::BaseString<char>& fileName)
+void FileSizeLoggerStrategy::OnFileFound(std::string_view fileName)
 {
     const int fileID = GetFileIDFromFileName(fileName);
     if (fileID > m_currentFileID && fileID < INT_MAX) // from INT_MAX no file could ever be moved on
@@ -53,14 +53,13 @@ void FileSizeLoggerStrategy::OnFileFound(const QV::BaseString<char>& fileName)
     }
 }
 
-int FileSizeLoggerStrategy::GetFileIDFromFileName(const QV::BaseString<char>& fileName)
+int FileSizeLoggerStrategy::GetFileIDFromFileName(std::string_view fileName)
 {
-    std::string_view name = fileName;
-    if (name.find('\\') != std::string_view::npos)
+    if (fileName.find('\\') != std::string_view::npos)
     {
-        name.remove_prefix(name.find_last_of("\\/") + 1);
+        fileName.remove_prefix(fileName.find_last_of("\\/") + 1);
     }
-    return ParseFileNumber(NumberPart(name));
+    return ParseFileNumber(NumberPart(fileName));
 }
 
 QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseString<char>& fileName, int fileID)

@@ -15,10 +15,10 @@ public:
     }
 
     bool PrepareOutputSource() override;
-    void OnFileFound(const QV::BaseString<char>& fileName) override;
+    void OnFileFound(std::string_view fileName) override;
 
     // The number that `fileName` carries, or -1.
-    static int GetFileIDFromFileName(const QV::BaseString<char>& fileName);
+    static int GetFileIDFromFileName(std::string_view fileName);
 
     // The name of file `fileID` of the series that `fileName` belongs to.
     static QV::BaseString<char> BuildLogFileName(const QV::BaseString<char>& fileName, int fileID);

@@ -1,7 +1,7 @@
 #include "ErrorHandlerDll/logging/LogEmergency.h"
 
 #include "ErrorHandlerDll/logging/FileLogger.h"
-#include "ErrorHandlerDll/logging/LogLine.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 
 #include <algorithm>
 
@@ -54,7 +54,7 @@ void LogEmergency::ForgetStrategy() const
     m_log.m_strategy.store(nullptr, std::memory_order_relaxed);
 }
 
-bool LogEmergency::Write(const LogLine& line, Caller caller) const
+bool LogEmergency::Write(const LogEntry& line, Caller caller) const
 {
     const LogSectionScope section(m_log);
     if (m_log.m_retired)
@@ -66,7 +66,7 @@ bool LogEmergency::Write(const LogLine& line, Caller caller) const
     {
         return false;
     }
-    char prefix[LogLine::kMaxPrefixSize];
+    char prefix[LogEntry::kMaxPrefixSize];
     const char* const end = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
     const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
     if (section.IsEntered())

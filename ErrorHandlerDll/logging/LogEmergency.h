@@ -6,7 +6,7 @@
 #include "ErrorHandlerDll/logging/LogFile.h"
 
 class FileLogger;
-class LogLine;
+class LogEntry;
 
 class LogEmergency
 {
@@ -41,7 +41,7 @@ public:
     // Writes an entry straight to the file, or into the buffer (BeginDump). Of a hex dump only the first bytes are written
     // in a dump, and a longer one is dropped in a handler. Without the section it touches nothing but the open descriptor.
     //   returns false when there is no file, or no end of waiting for it
-    bool Write(const LogLine& line, Caller caller) const;
+    bool Write(const LogEntry& line, Caller caller) const;
 
     static constexpr std::size_t kMaxDumpedBytes = 512;
 

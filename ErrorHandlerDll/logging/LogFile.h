@@ -15,10 +15,6 @@ public:
     using Pieces = std::span<const std::string_view>;
     static constexpr std::size_t kMaxPieces = 4;
 
-    LogFile() = default;
-    LogFile(const LogFile&) = delete;
-    LogFile& operator=(const LogFile&) = delete;
-
     bool IsOpen() const { return GetDescriptor() >= 0; }
 
     // The host has closed the descriptor, as daemons do. Such a file is not open, and is not emptied by the next opening.

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <utility>
 #include <vector>
 
 namespace
@@ -74,12 +75,18 @@ long __wrap_syscall(long number, ...)
             size += static_cast<long>(piece.iov_len);
         }
         size = Limit(size);
+        long left = std::max(size, 0L);
         for (iovec& piece : limited)
         {
-            piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(std::max(size, 0L)));
-            size -= static_cast<long>(piece.iov_len);
+            piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(left));
+            left -= static_cast<long>(piece.iov_len);
         }
-        return size < 0 ? -1 : __real_syscall(number, arguments[0], limited.data(), arguments[2]);
+        const long result = size < 0 ? -1 : __real_syscall(number, arguments[0], limited.data(), arguments[2]);
+        if (Faults::gAfterWrite != nullptr)
+        {
+            std::exchange(Faults::gAfterWrite, nullptr)();
+        }
+        return result;
     }
     return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }

@@ -1,7 +1,7 @@
 // Compose: one entry of the log, from its parts to the bytes of the file. All fields are measured first, so that the entry
 // is composed where it will be written from, by copies of fixed size. That costs no allocation and one copy.
-#ifndef ERRORHANDLERDLL_LOGGING_LOGLINE_H
-#define ERRORHANDLERDLL_LOGGING_LOGLINE_H
+#ifndef ERRORHANDLERDLL_LOGGING_LOGENTRY_H
+#define ERRORHANDLERDLL_LOGGING_LOGENTRY_H
 
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/logging/LineClock.h"
@@ -24,18 +24,16 @@ struct ThreadField
 
 [[gnu::tls_model("initial-exec")]] extern constinit thread_local ThreadField tThreadField;
 
-class LogLine
+class LogEntry
 {
     static constexpr std::size_t kLevelSize = 24; // room for "Level -2147483648 - " and its NUL
 
 public:
     // Texts and bytes must outlive it. With a dump the message stands above the rows.
-    LogLine(int level, std::string_view source, std::string_view message, const HexDump* dump = nullptr)
+    LogEntry(int level, std::string_view source, std::string_view message, const HexDump* dump = nullptr)
         : m_level(GetLogLevelAsString(level)), m_thread(GetThreadField()), m_source(source), m_message(message), m_dump(dump)
     {
     }
-    LogLine(const LogLine&) = delete;
-    LogLine& operator=(const LogLine&) = delete;
 
     std::size_t GetLength() const
     {
