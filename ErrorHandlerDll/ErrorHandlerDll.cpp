@@ -3,13 +3,12 @@
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/HexDump.h"
+#include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
-#include "QV/Str.h"
 
-#include <algorithm>
 #include <new>
 #include <pthread.h>
 
@@ -49,47 +48,23 @@ const int gForkHandlers = pthread_atfork(
     []
     {
         const ErrnoKeeper keeper;
-        gFileLogger.BeforeFork();
+        LogFork::Before(gFileLogger);
     },
-    [] { gFileLogger.AfterForkInParent(); },
+    [] { LogFork::AfterInParent(gFileLogger); },
     []
     {
-        gFileLogger.AfterForkInChild();
+        LogFork::AfterInChild(gFileLogger);
         Crash::DumpStack::AfterForkInChild();
     });
 
-// Most messages fit: then they are formatted once, without the heap.
-constexpr int kMessageBufferSize = 1024;
-
-// Dumped with a message of up to two thousand characters, they fit into the memory that there is in an emergency.
-constexpr int kMostBytesInEmergency = 512;
-
-// Apart from LogMessage, whose filtered calls then need no stack frame: that is 14 instructions less.
-[[gnu::noinline]] bool WriteTexts(int level, unsigned int mask, const char* source, const char* message)
-{
-    return gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(message));
-}
-
-[[gnu::format(printf, 4, 0)]] bool WriteFormatted(int level, unsigned int mask, std::string_view source, const char* format,
-                                                  va_list& arguments)
-{
-    char buffer[kMessageBufferSize];
-    const int length = QV::Str::FormatArgs(buffer, kMessageBufferSize, format, arguments);
-    if (length < 0)
-    {
-        return gFileLogger.Write(level, mask, source, std::string_view());
-    }
-    if (length < kMessageBufferSize || QV::EmergencyScope::IsActive())
-    {
-        const std::size_t kept =
-            length < kMessageBufferSize ? static_cast<std::size_t>(length) : CutUtf8(buffer, kMessageBufferSize - 1);
-        return gFileLogger.Write(level, mask, source, std::string_view(buffer, kept));
-    }
-    const QV::BaseString<char> message = QV::BaseString<char>::FormatV(format, arguments);
-    return gFileLogger.Write(level, mask, source, std::string_view(message));
-}
-
 } // namespace
+
+// Apart from LogMessage, whose filtered calls then need no stack frame. With its parameters and not local, as the compiler
+// would leave the mask out: then filtered calls do not move parameters either.
+[[gnu::noinline]] bool WriteTexts(int level, unsigned int, const char* source, const char* message)
+{
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message)));
+}
 
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
@@ -101,8 +76,8 @@ void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fi
 const char* GetLogFilename(void)
 {
     ConstructLogger();
-    const LoggerSection section(gFileLogger);
-    return gFileLogger.IsRetired() ? "" : gFileLogger.GetLogFileName().GetData();
+    const char* const name = gFileLogger.GetLogFileName();
+    return name == nullptr ? "" : name;
 }
 
 void ShutdownLogging(void)
@@ -129,12 +104,15 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
         return true;
     }
     const ErrnoKeeper keeper;
-    va_list arguments;
-    va_start(arguments, format);
-    const bool written = format == nullptr ? gFileLogger.Write(level, mask, TextOrEmpty(source), std::string_view())
-                                           : WriteFormatted(level, mask, TextOrEmpty(source), format, arguments);
-    va_end(arguments);
-    return written;
+    FormattedText message;
+    if (format != nullptr)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        message.FormatV(format, arguments);
+        va_end(arguments);
+    }
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), message.GetText()));
 }
 
 bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
@@ -144,8 +122,8 @@ bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, 
     {
         return true;
     }
-    const int dumped = QV::EmergencyScope::IsActive() ? std::min(length, kMostBytesInEmergency) : length;
-    return gFileLogger.Write(level, mask, TextOrEmpty(source), HexDump(TextOrEmpty(message), buffer, dumped));
+    const HexDump dump(buffer, length);
+    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)

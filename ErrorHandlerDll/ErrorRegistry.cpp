@@ -67,13 +67,13 @@ std::string_view MakeStructuredText(ZelvoReaderErrorCode code, char (&text)[kStr
 ZelvoReaderErrorCode CopyText(std::string_view text, char* buffer, int* length) noexcept
 {
     const int available = *length;
-    const int needed = static_cast<int>(text.size()) + 1;
-    *length = needed;
-    if (available < needed)
+    const std::size_t needed = text.size() + 1;
+    *length = static_cast<int>(needed);
+    if (available < 0 || static_cast<std::size_t>(available) < needed)
     {
         return ZR_ERROR_STRING_BUFFER_TOO_SMALL;
     }
-    std::memcpy(buffer, text.data(), text.size() + 1);
+    std::memcpy(buffer, text.data(), needed);
     return ZR_ERROR_NONE;
 }
 

@@ -42,7 +42,7 @@ void WriteErrorBlock(const WriteLines& writeLines)
 {
     if (gFileLogger.IsEnabled())
     {
-        const LoggerSection section(gFileLogger);
+        const LogSectionScope section(gFileLogger);
         LogErrorLine("", kBlockSeparator);
         writeLines();
         gFileLogger.FlushLogFile();

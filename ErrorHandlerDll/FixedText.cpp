@@ -1,42 +1,40 @@
 #include "ErrorHandlerDll/FixedText.h"
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "QV/Str.h"
 
-#include <cstdio>
 #include <cstring>
 
 namespace
 {
 
-// Length of the sequence that starts with `lead`; 0 for a byte that continues one.
-std::size_t GetUtf8SequenceLength(unsigned char lead) noexcept
+bool ContinuesUtf8(char byte) noexcept
 {
-    if (lead < 0x80)
-    {
-        return 1;
-    }
-    if (lead < 0xC0)
-    {
-        return 0;
-    }
-    return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
-} // namespace
-
+// How many of the first `length` bytes to keep so that the text does not end inside a UTF-8 sequence, when one goes on
+// behind them. Bytes that are not UTF-8 count as characters of their own.
 std::size_t CutUtf8(const char* text, std::size_t length) noexcept
 {
     constexpr std::size_t kLongestIncomplete = 3;
     for (std::size_t back = 1; back <= kLongestIncomplete && back <= length; ++back)
     {
-        const std::size_t sequenceLength = GetUtf8SequenceLength(static_cast<unsigned char>(text[length - back]));
-        if (sequenceLength > 0)
+        const auto byte = static_cast<unsigned char>(text[length - back]);
+        if (byte >= 0xC0) // starts a sequence of two, three or four bytes
         {
+            const std::size_t sequenceLength = byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
             return sequenceLength > back ? length - back : length;
+        }
+        if (byte < 0x80)
+        {
+            return length;
         }
     }
     return length;
 }
+
+} // namespace
 
 void CopyFixedText(char* field, std::size_t size, const char* text) noexcept
 {
@@ -46,7 +44,8 @@ void CopyFixedText(char* field, std::size_t size, const char* text) noexcept
         length = strnlen(text, size);
         if (length == size)
         {
-            length = CutUtf8(text, size - 1);
+            --length;
+            length = ContinuesUtf8(text[length]) ? CutUtf8(text, length) : length;
         }
         std::memmove(field, text, length);
     }
@@ -62,31 +61,15 @@ int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexc
     return length;
 }
 
-int FormatTemplate(char* text, std::size_t size, const char* messageTemplate, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, messageTemplate);
-    const int length = FormatTemplateV(text, size, messageTemplate, arguments);
-    va_end(arguments);
-    return length;
-}
-
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // that is what a template is
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept
 {
     const ErrnoKeeper keeper;
-    va_list copy;
-    va_copy(copy, arguments);
-    const int length = std::vsnprintf(text, size, messageTemplate, copy);
-    va_end(copy);
-    if (length < 0)
+    const int length = QV::Str::FormatArgs(text, size, messageTemplate, arguments);
+    if (length >= 0 && static_cast<std::size_t>(length) >= size)
     {
-        text[0] = '\0';
-    }
-    else if (static_cast<std::size_t>(length) >= size)
-    {
-        text[CutUtf8(text, size - 1)] = '\0';
+        text[CutUtf8(text, size - 1)] = '\0'; // nobody knows what comes behind
     }
     return length;
 }

@@ -17,10 +17,6 @@ inline std::string_view TextOrEmpty(const char* text)
     return text == nullptr ? std::string_view() : std::string_view(text);
 }
 
-// How many of the first `length` bytes to keep so that the text does not end inside a UTF-8 sequence. Bytes that are not
-// UTF-8 count as characters of their own.
-std::size_t CutUtf8(const char* text, std::size_t length) noexcept;
-
 // Fills all `size` bytes of the field: the text, cut when it must be, and zero bytes behind it. `text` may be null and may
 // lie in the field itself.
 void CopyFixedText(char* field, std::size_t size, const char* text) noexcept;
@@ -30,7 +26,6 @@ void CopyFixedText(char* field, std::size_t size, const char* text) noexcept;
 [[gnu::format(printf, 3, 4)]] int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexcept;
 
 // The same for a message template, which is known only at run time: whoever raises or warns answers for the arguments.
-int FormatTemplate(char* text, std::size_t size, const char* messageTemplate, ...) noexcept;
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept;
 
 #endif

@@ -1,22 +1,34 @@
-// A message with the hex dump of a buffer below it, written straight into the log line.
+// The rows of a hex dump below a message, written straight into the log line.
 #ifndef ERRORHANDLERDLL_HEXDUMP_H
 #define ERRORHANDLERDLL_HEXDUMP_H
 
 #include <cstddef>
-#include <string_view>
 
 class HexDump
 {
 public:
-    // Both texts must outlive the dump. No bytes are dumped from a null buffer or for a count of 0 or less.
-    HexDump(std::string_view message, const unsigned char* buffer, int length);
+    // No bytes are dumped from a null buffer or for a count of 0 or less. The bytes must outlive the dump.
+    HexDump(const unsigned char* buffer, int length)
+        : m_bytes(buffer), m_count(buffer == nullptr || length <= 0 ? 0 : static_cast<std::size_t>(length))
+    {
+    }
 
-    // Length of the text in characters, and the text itself without a NUL; see FileLogger::Write.
-    std::size_t size() const;
-    std::size_t copy(char* out, std::size_t size) const;
+    static constexpr std::size_t kBytesPerRow = 16;
+    static constexpr std::size_t kMaxRowLength = 3 * kBytesPerRow - 1 + 3 + kBytesPerRow + 1; // hex, " : ", text, line feed
+
+    std::size_t GetByteCount() const { return m_count; }
+
+    // Without bytes one empty row, which is a line feed.
+    std::size_t GetRowCount() const { return m_count == 0 ? 1 : (m_count + kBytesPerRow - 1) / kBytesPerRow; }
+
+    // Length of all rows with their line feeds.
+    std::size_t GetLength() const { return m_count == 0 ? 1 : GetRowCount() * (kMaxRowLength - kBytesPerRow) + m_count; }
+
+    // Write one row with its line feed, and all. They return the end of what they wrote.
+    char* ComposeRow(char* out, std::size_t row) const;
+    char* Compose(char* out) const;
 
 private:
-    std::string_view m_message;
     const unsigned char* m_bytes;
     std::size_t m_count;
 };

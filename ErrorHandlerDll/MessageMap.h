@@ -4,6 +4,8 @@
 
 #include "ErrorHandlerDll/ErrorCodes.h"
 
+#include <climits>
+#include <cstring>
 #include <map>
 
 class MessageMap
@@ -25,10 +27,10 @@ public:
         return entry == m_texts.end() ? nullptr : entry->second;
     }
 
-    // Keeps the pointer, not a copy. Returns false for a null text.
+    // Keeps the pointer, not a copy. Returns false for a null text, and for one whose size with its NUL is no int.
     bool Set(ZelvoReaderErrorCode code, const char* text)
     {
-        if (!AreUsable() || text == nullptr)
+        if (!AreUsable() || text == nullptr || std::strlen(text) >= INT_MAX)
         {
             return false;
         }

@@ -5,28 +5,29 @@
 //   - 600 go when no registers are saved that the unwinder must restore. So what needs them is a function apart.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
-#include "ErrorHandlerDll/FixedText.h"
+#include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/HalvikException.h"
 
 namespace
 {
 
-// The message is cut to its field anyway: one pass into as many bytes will do, however long template and text are.
-[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments)
+// `text` is filled with the arguments; it is cut to its field in the exception.
+[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, ZelvoReaderErrorCode text, const char* location,
+                                                 va_list& arguments)
 {
     char structuredText[kStructuredTextSize];
-    ErrorText message;
-    FormatTemplateV(message, sizeof message, FindErrorText(code, structuredText).data(), arguments);
-    return new HalvikException(code, message, location);
+    FormattedText message;
+    message.FormatV(FindErrorText(text, structuredText).data(), arguments);
+    return new HalvikException(code, message.GetData(), location);
 }
 
-[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location)
+[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location, ...)
 {
-    char structuredText[kStructuredTextSize];
-    ErrorText message;
-    FormatTemplate(message, sizeof message, FindErrorText(ZR_ERROR_UNKNOWN_CODE, structuredText).data(),
-                   static_cast<int>(code));
-    return new HalvikException(code, message, location);
+    va_list arguments;
+    va_start(arguments, location);
+    HalvikException* const exception = MakeException(code, ZR_ERROR_UNKNOWN_CODE, location, arguments);
+    va_end(arguments);
+    return exception;
 }
 
 } // namespace
@@ -35,8 +36,9 @@ void RaiseError(ZelvoReaderErrorCode code, const char* location, ...)
 {
     va_list arguments;
     va_start(arguments, location);
-    HalvikException* const exception =
-        IsBuiltInCode(code) ? MakeException(code, location, arguments) : MakeUnknownCodeException(code, location);
+    HalvikException* const exception = IsBuiltInCode(code)
+                                           ? MakeException(code, code, location, arguments)
+                                           : MakeUnknownCodeException(code, location, static_cast<int>(code));
     va_end(arguments);
     throw exception;
 }
@@ -45,7 +47,7 @@ void RaiseErrorVar(ZelvoReaderErrorCode code, const char* location, va_list argu
 {
     va_list copy; // a list that is a parameter is a pointer, and the helpers take the list itself
     va_copy(copy, arguments);
-    HalvikException* const exception = MakeException(code, location, copy);
+    HalvikException* const exception = MakeException(code, code, location, copy);
     va_end(copy);
     throw exception;
 }

@@ -4,10 +4,8 @@
 #define QV_BASESTRING_H
 
 #include "QV/Memory.h"
-#include "QV/Str.h"
 
 #include <climits>
-#include <cstdarg>
 #include <cstddef>
 #include <new>
 #include <string>
@@ -53,42 +51,9 @@ public:
         m_length = 0;
     }
 
-    void Append(View text)
-    {
-        if (text.empty())
-        {
-            return;
-        }
-        const std::size_t length = static_cast<std::size_t>(m_length) + text.size();
-        Char* data = Allocate(length);
-        Copy(data, View(*this));
-        Copy(data + m_length, text);
-        data[length] = Char();
-        Memory::Free(m_data);
-        m_data = data;
-        m_length = static_cast<int>(length);
-    }
-    void Append(const BaseString& text) { Append(View(text)); }
-    void Append(const Char* text) { Append(text == nullptr ? View() : View(text)); }
-
-    // Makes the string `length` characters long and returns its characters for the caller to fill. What they hold before is
-    // undefined. The buffer is kept when the length does not change: a line as long as the line before costs no allocation.
-    Char* SetLength(std::size_t length)
-    {
-        if (length != static_cast<std::size_t>(m_length))
-        {
-            Char* data = Allocate(length);
-            Memory::Free(m_data);
-            m_data = data;
-            m_length = static_cast<int>(length);
-            m_data[m_length] = Char();
-        }
-        return m_data;
-    }
-
     // Takes the length from the NUL. For a reader that may have interrupted an assignment, between its buffer and its
     // length.
-    void Remeasure() { m_length = static_cast<int>(View(m_data).size()); }
+    void Remeasure() { m_length = m_data == nullptr ? 0 : static_cast<int>(View(m_data).size()); }
 
     // A string of several parts, allocated once.
     template <typename... Parts>
@@ -113,26 +78,6 @@ public:
     int GetLength() const { return m_length; }
     const Char* GetData() const { return m_data; }
     operator View() const { return View(m_data, static_cast<std::size_t>(m_length)); }
-
-    // printf-style formatting in two passes. A format that fails gives the empty string.
-    [[gnu::format(printf, 1, 2)]] static BaseString Format(const char* format, ...)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        BaseString result = FormatV(format, arguments);
-        va_end(arguments);
-        return result;
-    }
-    [[gnu::format(printf, 1, 0)]] static BaseString FormatV(const char* format, va_list& arguments)
-    {
-        const int length = Str::GetFormattedLength(format, arguments);
-        BaseString result(OfLength{static_cast<std::size_t>(length > 0 ? length : 0)});
-        if (length > 0)
-        {
-            Str::FormatArgs(result.m_data, length + 1, format, arguments);
-        }
-        return result;
-    }
 
 private:
     struct OfLength

@@ -3,7 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cpuid.h>
-#include <cstring>
+#include <cstdint>
 #include <immintrin.h>
 
 namespace QV::Convert
@@ -13,113 +13,87 @@ namespace
 {
 
 constexpr std::size_t kBlockSize = 16; // bytes that the wide instructions take at once
+alignas(kBlockSize) constexpr char kDigits[] = "0123456789ABCDEF";
 
-// The digit pair of each byte value: one copy of two characters a byte instead of two look-ups.
-constexpr std::array<char, 512> MakeDigitPairs()
+// For 16 characters of a block's text: the byte that each shows, which half of it, and what makes a blank of a zero.
+struct Window
 {
-    constexpr const char* kDigits = "0123456789ABCDEF";
-    std::array<char, 512> pairs{};
-    for (std::size_t value = 0; value < 256; ++value)
+    alignas(kBlockSize) std::array<char, kBlockSize> bytes;
+    alignas(kBlockSize) std::array<char, kBlockSize> highHalves;
+    alignas(kBlockSize) std::array<char, kBlockSize> lowHalves;
+    alignas(kBlockSize) std::array<char, kBlockSize> blanks;
+};
+
+constexpr std::array<Window, 3> MakeWindows()
+{
+    std::array<Window, 3> windows{};
+    for (std::size_t i = 0; i < 3 * kBlockSize; ++i)
     {
-        pairs[2 * value] = kDigits[value >> 4];
-        pairs[2 * value + 1] = kDigits[value & 0xF];
+        Window& window = windows[i / kBlockSize];
+        const std::size_t at = i % kBlockSize;
+        window.bytes[at] = static_cast<char>(i / 3);
+        window.highHalves[at] = i % 3 == 0 ? 0x0F : 0;
+        window.lowHalves[at] = i % 3 == 1 ? 0x0F : 0;
+        window.blanks[at] = i % 3 == 2 ? '0' ^ ' ' : 0;
     }
-    return pairs;
+    return windows;
 }
 
-constexpr std::array<char, 512> kDigitPairs = MakeDigitPairs();
+constexpr std::array<Window, 3> kWindows = MakeWindows();
 
-bool AskForByteShuffle() noexcept
+__m128i Load(const void* aligned)
 {
-    unsigned int eax = 0;
-    unsigned int ebx = 0;
-    unsigned int ecx = 0;
-    unsigned int edx = 0;
-    return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_SSSE3) != 0;
+    return _mm_load_si128(static_cast<const __m128i*>(aligned));
+}
+
+// 16 bytes to their 47 characters, and a blank.
+__attribute__((target("ssse3"))) char* WriteBlock(char* out, const unsigned char* bytes)
+{
+    const __m128i digits = Load(kDigits);
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+#pragma GCC unroll 3
+    for (const Window& window : kWindows)
+    {
+        const __m128i shown = _mm_shuffle_epi8(block, Load(&window.bytes));
+        const __m128i high = _mm_and_si128(_mm_srli_epi16(shown, 4), Load(&window.highHalves));
+        const __m128i low = _mm_and_si128(shown, Load(&window.lowHalves));
+        const __m128i text = _mm_xor_si128(_mm_shuffle_epi8(digits, _mm_or_si128(high, low)), Load(&window.blanks));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), text);
+        out += kBlockSize;
+    }
+    return out - 1;
 }
 
 // Asked once: on a virtual machine the question costs as much as a dump.
 bool HasByteShuffle() noexcept
 {
-    enum : int
+    static constinit std::atomic<std::uint32_t> features = 0; // never 0 when they are known
+    std::uint32_t known = features.load(std::memory_order_relaxed);
+    if (known == 0) [[unlikely]]
     {
-        UNKNOWN,
-        NO,
-        YES
-    };
-    static constinit std::atomic<int> answer = UNKNOWN;
-    if (answer.load(std::memory_order_relaxed) == UNKNOWN)
-    {
-        answer.store(AskForByteShuffle() ? YES : NO, std::memory_order_relaxed);
+        std::uint32_t other = 0;
+        __get_cpuid(1, &other, &other, &known, &other);
+        known |= 1; // the bit of an older extension, for which nobody asks
+        features.store(known, std::memory_order_relaxed);
     }
-    return answer.load(std::memory_order_relaxed) == YES;
-}
-
-// 16 bytes to their 47 characters. Of 32 digits the three stores take the 1st to 11th, 12th to 22nd and 22nd to 32nd, with
-// the blanks between the pairs. A quarter faster over a large dump than the table.
-__attribute__((target("ssse3"))) char* WriteBlock(char* out, const unsigned char* bytes)
-{
-    constexpr char kNone = -1; // gives a zero, on which the blank is put
-    const __m128i digits = _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'A', 'B', 'C', 'D', 'E', 'F');
-    const __m128i lowHalves = _mm_set1_epi8(0x0F);
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
-    const __m128i high = _mm_shuffle_epi8(digits, _mm_and_si128(_mm_srli_epi16(block, 4), lowHalves));
-    const __m128i low = _mm_shuffle_epi8(digits, _mm_and_si128(block, lowHalves));
-    const __m128i first = _mm_unpacklo_epi8(high, low);
-    const __m128i second = _mm_unpackhi_epi8(high, low);
-
-    const __m128i startOfFirst = _mm_setr_epi8(0, 1, kNone, 2, 3, kNone, 4, 5, kNone, 6, 7, kNone, 8, 9, kNone, 10);
-    const __m128i endOfFirst =
-        _mm_setr_epi8(11, kNone, 12, 13, kNone, 14, 15, kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone);
-    const __m128i startOfSecond =
-        _mm_setr_epi8(kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone, 0, 1, kNone, 2, 3, kNone, 4, 5);
-    const __m128i endOfSecond = _mm_setr_epi8(5, kNone, 6, 7, kNone, 8, 9, kNone, 10, 11, kNone, 12, 13, kNone, 14, 15);
-    const __m128i blanksOfFirst = _mm_setr_epi8(0, 0, ' ', 0, 0, ' ', 0, 0, ' ', 0, 0, ' ', 0, 0, ' ', 0);
-    const __m128i blanksOfSecond = _mm_setr_epi8(0, ' ', 0, 0, ' ', 0, 0, ' ', 0, 0, ' ', 0, 0, ' ', 0, 0);
-
-    const auto store = [out](int position, __m128i characters)
-    {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + position), characters);
-    };
-    store(0, _mm_or_si128(_mm_shuffle_epi8(first, startOfFirst), blanksOfFirst));
-    store(16, _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(first, endOfFirst), _mm_shuffle_epi8(second, startOfSecond)),
-                           blanksOfSecond));
-    store(31, _mm_or_si128(_mm_shuffle_epi8(second, endOfSecond), blanksOfSecond));
-    return out + 3 * kBlockSize - 1;
-}
-
-char* WriteByTable(char* out, const unsigned char* bytes, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i)
-    {
-        if (i > 0)
-        {
-            *out++ = ' ';
-        }
-        std::memcpy(out, &kDigitPairs[std::size_t{2} * bytes[i]], 2);
-        out += 2;
-    }
-    return out;
+    return (known & bit_SSSE3) != 0;
 }
 
 } // namespace
 
 char* ToHexStringA(char* out, const unsigned char* bytes, std::size_t count)
 {
-    if (count < kBlockSize || !HasByteShuffle())
+    if (count == kBlockSize && HasByteShuffle())
     {
-        return WriteByTable(out, bytes, count);
+        return WriteBlock(out, bytes);
     }
-    out = WriteBlock(out, bytes);
-    for (bytes += kBlockSize, count -= kBlockSize; count > 0;)
+    for (std::size_t i = 0; i < count; ++i)
     {
+        *out++ = kDigits[bytes[i] >> 4];
+        *out++ = kDigits[bytes[i] & 0xF];
         *out++ = ' ';
-        const std::size_t size = count < kBlockSize ? count : kBlockSize;
-        out = size == kBlockSize ? WriteBlock(out, bytes) : WriteByTable(out, bytes, size);
-        bytes += size;
-        count -= size;
     }
-    return out;
+    return count == 0 ? out : out - 1;
 }
 
 } // namespace QV::Convert

@@ -1,20 +1,18 @@
-// The two halves of printf-style formatting: measure, then format into a buffer of the measured size. Both work on a copy of
-// the argument list, so the same list serves both passes.
+// printf-style formatting.
 #ifndef QV_STR_H
 #define QV_STR_H
 
 #include <cstdarg>
+#include <cstddef>
 
 namespace QV::Str
 {
 
-// Characters that the formatted text has, without its NUL; negative when the format fails.
-[[gnu::format(printf, 1, 0)]] int GetFormattedLength(const char* format, va_list& arguments);
-
-// Writes the formatted text with its NUL, `capacity` bytes at the most: an argument that another thread makes longer between
-// the passes is cut.
-//   returns as GetFormattedLength, so a first try at a buffer of any size also measures
-[[gnu::format(printf, 3, 0)]] int FormatArgs(char* destination, int capacity, const char* format, va_list& arguments);
+// Writes the formatted text with its NUL, `capacity` bytes at the most; a text that does not fit is cut, a format that fails
+// gives the empty text. The list is left unconsumed.
+//   returns the characters that the whole text has, without its NUL; negative when the format fails
+[[gnu::format(printf, 3, 0)]] int FormatArgs(char* destination, std::size_t capacity, const char* format,
+                                             va_list& arguments);
 
 } // namespace QV::Str
 

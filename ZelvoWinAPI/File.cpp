@@ -1,8 +1,10 @@
 // Files by descriptor. The calls go through syscall(), whose wrappers are no cancellation points.
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -53,6 +55,24 @@ std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int6
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept
 {
     return syscall(SYS_writev, descriptor, pieces, count);
+}
+
+bool WaitUntilWritable(int descriptor, int* waitLeftMs) noexcept
+{
+    if (waitLeftMs != nullptr && *waitLeftMs <= 0)
+    {
+        return false;
+    }
+    pollfd entry = {descriptor, POLLOUT, 0};
+    const std::int64_t start = GetTickCount64();
+    const long ready = syscall(SYS_poll, &entry, 1, waitLeftMs == nullptr ? -1 : *waitLeftMs);
+    if (waitLeftMs != nullptr)
+    {
+        // At least 1: other writers may fill it for ever in the moment in which it takes something.
+        const std::int64_t waited = std::max<std::int64_t>(GetTickCount64() - start, 1);
+        *waitLeftMs = static_cast<int>(std::max<std::int64_t>(*waitLeftMs - waited, 0));
+    }
+    return ready > 0 || (ready < 0 && errno == EINTR);
 }
 
 void CloseFile(int descriptor) noexcept

@@ -90,6 +90,11 @@ std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int6
 // One writev(2) of `count` pieces. Returns the bytes written, or -1 with errno set.
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept;
 
+// Waits until the file takes bytes again, which it could not (EAGAIN).
+//   waitLeftMs  in: how long to wait at most, in milliseconds; out: less what was waited; null: as long as it takes
+//   returns     whether to try again
+bool WaitUntilWritable(int descriptor, int* waitLeftMs) noexcept;
+
 void CloseFile(int descriptor) noexcept;
 
 // ---- File search ----
@@ -147,8 +152,8 @@ bool IsDirectory(const char* path) noexcept;
 
 // ---- Numbers ----
 
-// Writes `value` in `radix` (2 to 36, lower-case digits; a sign only in radix 10, the other radices show the 32 bits) with
-// its NUL to `buffer`, which must have room for 34 bytes. Any other radix gives the empty text. Returns `buffer`.
+// Writes `value` in decimal with its NUL to `buffer`, which must have room for 12 bytes. Any other `radix` than 10 gives the
+// empty text. Returns `buffer`.
 char* itoa(int value, char* buffer, int radix) noexcept;
 
 } // namespace ZelvoWinAPI

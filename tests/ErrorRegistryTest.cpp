@@ -1,8 +1,11 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
+#include <climits>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace
 {
@@ -114,4 +117,31 @@ TEST_F(ErrorRegistry, KeepsThePointerAndResetsOnlyOverrides)
     EXPECT_EQ("Already initialised", TextOf(ZR_ERROR_ALREADY_INITIALISED));
     EXPECT_EQ("then", TextOf(0x10010));
     EXPECT_TRUE(AddCustomErrorMessage(Code(0x10010), "static"));
+}
+
+// Its size with the NUL must be an int: a needed size that wraps would let a small buffer pass. A small file, mapped over
+// and over, gives the text.
+TEST_F(ErrorRegistry, RefusesATextWhoseSizeIsNoInt)
+{
+    constexpr std::size_t kTile = std::size_t{4} << 20;
+    constexpr std::size_t kTiles = (std::size_t{1} << 31) / kTile;
+    const int file = memfd_create("text", 0);
+    ASSERT_EQ(0, ftruncate(file, kTile));
+    auto* const text = static_cast<char*>(
+        mmap(nullptr, (kTiles + 1) * kTile, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_NE(MAP_FAILED, text);
+    for (std::size_t tile = 0; tile < kTiles; ++tile)
+    {
+        mmap(text + tile * kTile, kTile, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0);
+    }
+    std::memset(text, 'x', kTile);
+    close(file);
+    char buffer[10];
+    int length = sizeof buffer;
+    EXPECT_FALSE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 1)); // 2^31 - 1 characters
+    EXPECT_TRUE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 2));
+    EXPECT_EQ(ZR_ERROR_STRING_BUFFER_TOO_SMALL, GetErrorString(ZR_ERROR_ALREADY_INITIALISED, buffer, &length));
+    EXPECT_EQ(INT_MAX, length);
+    ResetErrorMessages();
+    munmap(text, (kTiles + 1) * kTile);
 }

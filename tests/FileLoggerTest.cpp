@@ -1,5 +1,6 @@
 // Entries: filter, fields, texts, settings, flushing.
 #include "support/Allocations.h"
+#include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 
@@ -32,18 +33,6 @@ const wchar_t kNoCharacter[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
 std::string ThreadField()
 {
     return "[ThreadID: " + std::to_string(gettid()) + "] - ";
-}
-
-// The open descriptor of a file, or -1.
-int DescriptorOf(const std::string& path)
-{
-    int descriptor = 1023;
-    std::error_code error;
-    while (descriptor >= 0 && std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error) != path)
-    {
-        --descriptor;
-    }
-    return descriptor;
 }
 
 } // namespace

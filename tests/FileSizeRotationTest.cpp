@@ -33,12 +33,12 @@ int Number(const std::string& name)
 class Search : public FileDependentLoggerStrategy
 {
 public:
-    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr, LOGGING_STRATEGY_APPEND)
+    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr)
     {
         SearchCurrentFiles(String(mask.c_str()));
     }
     bool PrepareOutputSource() override { return false; }
-    void OnFileFound(const String& name) override { EXPECT_TRUE(m_names.insert(name.GetData()).second); }
+    void OnFileFound(std::string_view name) override { EXPECT_TRUE(m_names.emplace(name).second); }
 
     std::set<std::string> m_names;
 };
@@ -47,8 +47,10 @@ void Fill(const std::string& path, std::size_t size)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream file(path);
-    file.close();
-    std::filesystem::resize_file(path, size);
+    if (size > 0)
+    {
+        file.seekp(static_cast<std::streamoff>(size - 1)).put('\n'); // a file whose last line is whole
+    }
 }
 
 // Logs a line of so many bytes.

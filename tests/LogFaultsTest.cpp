@@ -76,16 +76,46 @@ TEST_F(LogFaultsTest, TakesBackALongLineThatFailed)
 
 TEST_F(LogFaultsTest, AForkThatCannotFlushLeavesTheLinesToTheParent)
 {
-    Log("parent");
-    Faults::gWrites = {{0, ENOSPC}};
-    EXPECT_EQ(0, RunChild(
-                     []
-                     {
-                         Log("child");
-                         ShutdownLogging();
-                         return 0;
-                     }));
-    EXPECT_EQ((std::vector<std::string>{"child", "parent"}), ClosedTexts());
+    const struct
+    {
+        const char* what;
+        std::deque<Faults::WriteFault> faults;
+    } rows[] = {{"nothing written", {{0, ENOSPC}}}, {"half a line", {{30, 0}, {0, ENOSPC}}}};
+    for (const auto& row : rows)
+    {
+        Start(row.what);
+        Log("parent");
+        Faults::gWrites = row.faults;
+        EXPECT_EQ(0, RunChild(
+                         []
+                         {
+                             Log("child");
+                             ShutdownLogging();
+                             return 0;
+                         }));
+        EXPECT_EQ((std::vector<std::string>{"child", "parent"}), ClosedTexts(row.what)) << row.what;
+    }
+}
+
+TEST_F(LogFaultsTest, StartsOnALineOfItsOwn)
+{
+    for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
+    {
+        for (const std::size_t length : {std::size_t{10}, std::size_t{100000}})
+        {
+            const std::string name = std::to_string(strategy) + std::to_string(length) + ".1.log";
+            std::ofstream(m_folder / name) << "whole\nkilled in the mid";
+            SetOptions(strategy, 1000000);
+            Start(name);
+            Log(std::string(length, 'x'));
+            ShutdownLogging();
+            Log("again");
+            ShutdownLogging();
+            const std::string text = OnDisk(name);
+            EXPECT_TRUE(text.starts_with("whole\nkilled in the mid\n"));
+            EXPECT_EQ(2u, ParseLog(text.substr(text.find("mid") + 4)).size());
+        }
+    }
 }
 
 TEST_F(LogFaultsTest, StaysInANumberedFileThatCannotBeFlushed)

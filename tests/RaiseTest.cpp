@@ -107,6 +107,8 @@ TEST_F(Raise, CutsLongTextsBetweenCharacters)
         {std::string(508, 'x') + "\U0001F600", 508},
         {std::string(509, 'x') + "\u00E9\u00E9", 511},
         {std::string(600, '\xA4'), 511}, // Latin-1
+        {std::string(600, '\xE9'), 511},
+        {std::string(510, 'x') + "\xE9y", 511},
     };
     for (const auto& row : rows)
     {

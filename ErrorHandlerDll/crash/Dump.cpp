@@ -2,6 +2,7 @@
 
 #include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/FixedText.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
@@ -173,7 +174,7 @@ void Dump::Log(int level, unsigned int mask, const char* source, const char* tex
     const auto log = [&](bool mayAllocate)
     {
         const QV::EmergencyScope emergency(!mayAllocate || QV::EmergencyScope::GetState());
-        gFileLogger.Write(level, mask, TextOrEmpty(source), TextOrEmpty(text));
+        gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(text)));
     };
     const auto logAnyhow = [&]
     {
@@ -186,7 +187,7 @@ void Dump::Log(int level, unsigned int mask, const char* source, const char* tex
             log(false);
         }
     };
-    if (!m_isLogDamaged && !RunPart(logAnyhow))
+    if (gFileLogger.CanWrite(level, mask) && !m_isLogDamaged && !RunPart(logAnyhow))
     {
         gFileLogger.Emergency().ForgetStrategy(); // lies on the heap, which is what is damaged as a rule
         m_isLogDamaged = !RunPart([&] { log(false); });

@@ -3,23 +3,10 @@
 #include "ErrorHandlerDll/logging/LogFileName.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
-#include <memory>
-#include <string_view>
-
-namespace
-{
-
-struct SearchCloser
-{
-    void operator()(void* handle) const { ZelvoWinAPI::FindClose(handle); }
-};
-
-} // namespace
-
 void FileDependentLoggerStrategy::SearchCurrentFiles(const QV::BaseString<char>& searchMask)
 {
     ZelvoWinAPI::_WIN32_FIND_DATA found;
-    const std::unique_ptr<void, SearchCloser> search(ZelvoWinAPI::FindFirstFile(searchMask.GetData(), &found));
+    void* const search = ZelvoWinAPI::FindFirstFile(searchMask.GetData(), &found);
     if (search == nullptr)
     {
         return;
@@ -29,9 +16,10 @@ void FileDependentLoggerStrategy::SearchCurrentFiles(const QV::BaseString<char>&
         const std::string_view name = found.cFileName;
         if (name != "." && name != "..")
         {
-            OnFileFound(QV::BaseString<char>(name));
+            OnFileFound(name);
         }
-    } while (ZelvoWinAPI::FindNextFile(search.get(), &found) != 0);
+    } while (ZelvoWinAPI::FindNextFile(search, &found) != 0);
+    ZelvoWinAPI::FindClose(search);
 }
 
 QV::BaseString<char> FileDependentLoggerStrategy::GetFileSearchMask(const QV::BaseString<char>& fileName,

@@ -4,7 +4,6 @@
 #define ERRORHANDLERDLL_LOGGING_FILEDEPENDENTLOGGERSTRATEGY_H
 
 #include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
-#include "QV/BaseString.h"
 
 class FileDependentLoggerStrategy : public FileLoggerStrategy
 {
@@ -12,8 +11,9 @@ public:
     using FileLoggerStrategy::FileLoggerStrategy;
 
     // Calls OnFileFound with the bare name of every entry that matches `searchMask`, "." and ".." excepted.
+    // OnFileFound must not throw.
     virtual void SearchCurrentFiles(const QV::BaseString<char>& searchMask);
-    virtual void OnFileFound(const QV::BaseString<char>& fileName) = 0;
+    virtual void OnFileFound(std::string_view fileName) = 0;
 
     // The mask that every numbered name of the series of `fileName` matches: `wildcard` takes the place of the text between
     // the last two dots of the last component, or stands before its last dot when there is only one.

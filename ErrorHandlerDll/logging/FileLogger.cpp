@@ -1,6 +1,8 @@
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
+#include "ErrorHandlerDll/ErrnoKeeper.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
 
 #include <cstring>
@@ -10,38 +12,65 @@ namespace
 
 constexpr const char* kDefaultFileName = "ZelvoReader.log";
 constexpr unsigned int kDefaultFlushInterval = 100;
-constexpr const char* kAppendMode = "a+t";
 
-[[gnu::tls_model("initial-exec")]] constinit thread_local bool tEnteredForFork = false;
+// Says that the logger's state is in the middle of a change, for a scope. The caller holds the section.
+class BusyScope
+{
+public:
+    explicit BusyScope(std::atomic<bool>& busy) : m_busy(busy) { m_busy.store(true, std::memory_order_release); }
+    ~BusyScope() { m_busy.store(false, std::memory_order_release); }
+    BusyScope(const BusyScope&) = delete;
+    BusyScope& operator=(const BusyScope&) = delete;
+
+private:
+    std::atomic<bool>& m_busy;
+};
 
 } // namespace
 
-FileLogger::FileLogger() : m_logFileName(kDefaultFileName), m_flushInterval(kDefaultFlushInterval)
+// Runs `change` in the section. Does nothing in an emergency without the section, in a call that interrupted one of this
+// thread inside the logger, and at the end of the process.
+template <class Change>
+void FileLogger::ChangeSettings(const Change& change)
 {
+    const LogSectionScope section(*this);
+    if (section.IsEntered() && !m_retired && !m_busy)
+    {
+        const BusyScope busy(m_busy);
+        change();
+    }
+}
+
+FileLogger::FileLogger() : m_output(kDefaultFileName)
+{
+    m_settings.flushInterval = kDefaultFlushInterval;
     m_clock.WarmUp();
     ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection);
 }
 
 void FileLogger::Retire()
 {
-    // At the end of a process another thread may have been stopped inside for ever; that must not stop the end, too.
-    int waitLeftMs = QV::EmergencyScope::kMaxWaitMs;
-    if (ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) == ZelvoWinAPI::Entry::REFUSED)
+    // Another thread may have been stopped inside for ever; that must not stop the end of the process, too.
+    int waitLeftMs = kMaxWaitMs;
+    const bool isEntered =
+        ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) != ZelvoWinAPI::Entry::REFUSED;
+    Disable();
+    m_retired.store(true);
+    if (!isEntered)
     {
-        Disable();
-        m_retired.store(true);
-        if (!m_file.IsFlushing()) // else that thread is writing it, however slowly
+        if (!m_output.IsFlushing()) // else that thread is writing it, however slowly
         {
-            m_file.FlushInEmergency();
+            m_output.WriteBuffered(&waitLeftMs);
         }
         return;
     }
-    Disable();
-    m_retired.store(true);
-    CloseLogFile();
+    if (m_busy.load(std::memory_order_relaxed)) // the end comes in a signal handler
+    {
+        Emergency().ForgetInterruptedCall();
+    }
+    m_output.Close(&waitLeftMs);
     DeleteStrategy();
-    m_logFileName.Release();
-    m_currentLine.Release();
+    m_output.Release();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
 }
 
@@ -53,163 +82,83 @@ void FileLogger::Disable()
 
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
 {
-    const LoggerSection section(*this);
-    if (m_retired.load(std::memory_order_relaxed))
-    {
-        return;
-    }
-    const BusyScope busy(m_busy);
-    if (std::strcmp(fileName.GetData(), m_logFileName.GetData()) != 0)
-    {
-        CloseLogFile();
-        SetLogFileName(fileName);
-    }
-    if (!enable)
-    {
-        m_filterMask.store(0, std::memory_order_relaxed); // first: the new level may let more lines pass
-    }
-    m_logLevel.store(level, std::memory_order_relaxed);
-    m_logMask.store(mask, std::memory_order_relaxed);
-    m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
-    m_enabled.store(enable, std::memory_order_relaxed);
+    ChangeSettings(
+        [&]
+        {
+            m_clock.WarmUp();
+            if (std::strcmp(fileName.GetData(), m_output.GetName().GetData()) != 0)
+            {
+                m_output.Close();
+                m_output.SetName(fileName);
+            }
+            if (!enable)
+            {
+                m_filterMask.store(0, std::memory_order_relaxed); // first: the new level may let more lines pass
+            }
+            m_logLevel.store(level, std::memory_order_relaxed);
+            m_logMask.store(mask, std::memory_order_relaxed);
+            m_filterMask.store(enable ? mask : 0, std::memory_order_relaxed);
+            m_enabled.store(enable, std::memory_order_relaxed);
+        });
 }
 
 void FileLogger::Shutdown()
 {
-    const LoggerSection section(*this);
-    const BusyScope busy(m_busy);
-    CloseLogFile();
+    ChangeSettings([this] { m_output.Close(); });
 }
 
 void FileLogger::SetOptions(LoggingSettings* settings)
 {
-    const LoggerSection section(*this);
-    if (m_retired.load(std::memory_order_relaxed))
-    {
-        return;
-    }
-    const BusyScope busy(m_busy);
-    m_flushInterval = settings->flushInterval;
-    DeleteStrategy();
-    CloseLogFile();
-    switch (settings->strategy)
-    {
-    case LOGGING_STRATEGY_OVERWRITE:
-        m_strategy = new SimpleLoggerStrategy(this, "w+t", settings->strategy);
-        break;
-    case LOGGING_STRATEGY_FILE_SIZE:
-        m_strategy = new FileSizeLoggerStrategy(this, settings->maxFileSize, settings->strategy);
-        break;
-    default:
-        m_strategy = new SimpleLoggerStrategy(this, "a+t", settings->strategy);
-        break;
-    }
-    m_reserved = settings->reserved;
+    ChangeSettings(
+        [=, this]
+        {
+            m_settings.flushInterval = settings->flushInterval;
+            DeleteStrategy();
+            m_output.Close();
+            if (settings->strategy == LOGGING_STRATEGY_FILE_SIZE)
+            {
+                m_strategy = new FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
+                m_settings.maxFileSize = settings->maxFileSize;
+            }
+            else
+            {
+                m_strategy = new SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
+            }
+            m_settings.strategy = settings->strategy;
+            m_settings.reserved = settings->reserved;
+        });
 }
 
 void FileLogger::GetOptions(LoggingSettings* settings)
 {
-    const LoggerSection section(*this);
+    const LogSectionScope section(*this);
+    *settings = m_settings;
     settings->logLevel = m_logLevel.load(std::memory_order_relaxed);
     settings->logMask = m_logMask.load(std::memory_order_relaxed);
-    settings->flushInterval = m_flushInterval;
-    const FileLoggerStrategy* const strategy = m_strategy;
-    settings->strategy = strategy == nullptr ? LOGGING_STRATEGY_APPEND : strategy->GetType();
-    // Only SetOptions makes strategies of this type, and it makes no other class for it.
-    settings->maxFileSize = settings->strategy == LOGGING_STRATEGY_FILE_SIZE
-                                ? static_cast<const FileSizeLoggerStrategy*>(strategy)->GetMaxFileSize()
-                                : 0;
-    settings->reserved = m_reserved;
 }
 
-// A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a change.
-void FileLogger::BeforeFork()
+const char* FileLogger::GetLogFileName()
 {
-    tEnteredForFork = EnterCriticalSection();
-    if (!tEnteredForFork)
-    {
-        return;
-    }
-    if (m_busy.load(std::memory_order_relaxed))
-    {
-        Emergency().PrepareOutput(LogEmergency::Caller::SIGNAL_HANDLER);
-    }
-    else
-    {
-        FlushLogFile();
-    }
-}
-
-void FileLogger::AfterForkInParent()
-{
-    if (tEnteredForFork)
-    {
-        LeaveCriticalSection();
-    }
-}
-
-void FileLogger::AfterForkInChild()
-{
-    m_buffersDump.store(false, std::memory_order_relaxed); // a dump does not go on in the child
-    if (!m_busy.load(std::memory_order_relaxed))
-    {
-        m_file.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
-    }
-    if (tEnteredForFork)
-    {
-        ZelvoWinAPI::AdoptCriticalSection(&m_criticalSection);
-        LeaveCriticalSection();
-    }
-    else
-    {
-        ZelvoWinAPI::InitializeCriticalSection(&m_criticalSection); // its owner is no thread of the child
-    }
-}
-
-void FileLogger::OpenLogFile(const QV::BaseString<char>& mode)
-{
-    if (IsLogFileOpen()) // one that was lost keeps its lines for this opening
-    {
-        CloseLogFile();
-    }
-    m_file.Open(m_logFileName.GetData(), mode);
-}
-
-// The characters of an unchanged name stay where they are: hosts hold pointers to them.
-void FileLogger::SetLogFileName(const QV::BaseString<char>& name)
-{
-    if (std::string_view(name) != std::string_view(m_logFileName))
-    {
-        m_logFileName = name;
-    }
+    const LogSectionScope section(*this);
+    return section.IsEntered() && !m_retired ? m_output.GetName().GetData() : nullptr;
 }
 
 void FileLogger::FlushLogFile()
 {
     if (QV::EmergencyScope::IsActive())
     {
-        m_file.FlushInEmergency();
+        Emergency().Flush();
         return;
     }
     const BusyScope busy(m_busy);
-    m_file.Flush();
-}
-
-bool FileLogger::FlushBeforeLeaving()
-{
-    const bool isEmergency = QV::EmergencyScope::IsActive();
-    for (int i = 0; i < 2 && m_file.HasUnwrittenLines(); ++i) // one failing call is no reason to stay
-    {
-        isEmergency ? m_file.FlushInEmergency() : m_file.Flush();
-    }
-    return !m_file.HasUnwrittenLines();
+    m_output.Flush();
 }
 
 bool FileLogger::PrepareOutputSource()
 {
     if (m_strategy.load(std::memory_order_relaxed) == nullptr) [[unlikely]]
     {
-        m_strategy = new SimpleLoggerStrategy(this, kAppendMode, LOGGING_STRATEGY_APPEND);
+        m_strategy = new SimpleLoggerStrategy(&m_output, false);
     }
     return m_strategy.load(std::memory_order_relaxed)->PrepareOutputSource();
 }
@@ -217,5 +166,70 @@ bool FileLogger::PrepareOutputSource()
 // A dump must never find a strategy that is being deleted.
 void FileLogger::DeleteStrategy()
 {
+    m_settings.strategy = LOGGING_STRATEGY_APPEND; // which the next line installs
+    m_settings.maxFileSize = 0;
     delete m_strategy.exchange(nullptr);
+}
+
+bool FileLogger::Write(const LogEntry& line)
+{
+    const ErrnoKeeper keeper;
+    if (QV::EmergencyScope::IsActive()) [[unlikely]]
+    {
+        return Emergency().Write(line, LogEmergency::Caller::DUMP);
+    }
+    const LogSectionScope section(*this);
+    if (m_busy.load(std::memory_order_relaxed)) [[unlikely]] // this thread's code here was interrupted
+    {
+        return Emergency().Write(line, LogEmergency::Caller::SIGNAL_HANDLER);
+    }
+    if (m_retired.load(std::memory_order_relaxed)) [[unlikely]]
+    {
+        return true;
+    }
+    const BusyScope busy(m_busy);
+    return WriteLine(line);
+}
+
+bool FileLogger::WriteLine(const LogEntry& line)
+{
+    const std::size_t length = line.GetLength();
+    m_output.SetLineLength(length); // for the strategy; a signal handler that logs in between changes it
+    if (!PrepareOutputSource() || !m_output.IsOpen())
+    {
+        return false;
+    }
+    if (char* const place = m_output.Reserve(length)) [[likely]]
+    {
+        line.Compose(m_clock.WriteStamp(place));
+        m_output.Commit(length);
+    }
+    else if (length > LogOutput::kBufferSize && m_output.Flush()) // the lines before it come first
+    {
+        WriteLongLine(line);
+    }
+    if (++m_linesSinceFlush > m_settings.flushInterval)
+    {
+        m_output.Flush();
+        m_linesSinceFlush = 0;
+    }
+    return true;
+}
+
+// The texts go to the file as they are, the rows of a dump through the buffer.
+void FileLogger::WriteLongLine(const LogEntry& line)
+{
+    char prefix[LogEntry::kMaxPrefixSize];
+    const char* const end = line.ComposePrefix(m_clock.WriteStamp(prefix));
+    const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
+    const HexDump* const dump = m_output.WritePastBuffer(pieces) ? line.GetDump() : nullptr;
+    for (std::size_t row = 0; dump != nullptr && row < dump->GetRowCount(); ++row)
+    {
+        char* const place = m_output.Reserve(HexDump::kMaxRowLength);
+        if (place == nullptr)
+        {
+            break;
+        }
+        m_output.Commit(static_cast<std::size_t>(dump->ComposeRow(place, row) - place));
+    }
 }

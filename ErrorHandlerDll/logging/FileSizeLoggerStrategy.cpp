@@ -1,6 +1,5 @@
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 
-#include "ErrorHandlerDll/logging/FileLogger.h"
 #include "ErrorHandlerDll/logging/LogFileName.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
@@ -32,31 +31,20 @@ std::string_view NumberPart(std::string_view name)
 
 } // namespace
 
-FileSizeLoggerStrategy::FileSizeLoggerStrategy(FileLogger* logger, unsigned int maxFileSize, ZelvoReaderLoggingStrategy type)
-    : FileDependentLoggerStrategy(logger, type), m_maxFileSize(maxFileSize)
-{
-}
-
 bool FileSizeLoggerStrategy::PrepareOutputSource()
 {
-    if (!m_logger->IsLogFileOpen()) [[unlikely]]
+    if (!m_output->IsOpen()) [[unlikely]]
     {
-        OpenHighestFile();
-        if (!m_logger->IsLogFileOpen())
-        {
-            return true; // the line is lost, and the next one starts again with the search
-        }
+        OpenHighestFile(); // when that fails the line is lost, and the next one starts again with the search
     }
-    const auto lineLength = static_cast<unsigned int>(m_logger->GetCurrentLineLength());
-    if (m_currentFileSize + lineLength >= m_maxFileSize)
+    if (m_output->GetSize() + static_cast<std::int64_t>(m_output->GetLineLength()) >= m_maxFileSize && m_output->IsOpen())
     {
         MoveToNextFile();
     }
-    m_currentFileSize += lineLength;
     return true;
 }
 
-void FileSizeLoggerStrategy::OnFileFound(const QV::BaseString<char>& fileName)
+void FileSizeLoggerStrategy::OnFileFound(std::string_view fileName)
 {
     const int fileID = GetFileIDFromFileName(fileName);
     if (fileID > m_currentFileID && fileID < INT_MAX) // from INT_MAX no file could ever be moved on
@@ -65,14 +53,13 @@ void FileSizeLoggerStrategy::OnFileFound(const QV::BaseString<char>& fileName)
     }
 }
 
-int FileSizeLoggerStrategy::GetFileIDFromFileName(const QV::BaseString<char>& fileName)
+int FileSizeLoggerStrategy::GetFileIDFromFileName(std::string_view fileName)
 {
-    std::string_view name = fileName;
-    if (name.find('\\') != std::string_view::npos)
+    if (fileName.find('\\') != std::string_view::npos)
     {
-        name.remove_prefix(name.find_last_of("\\/") + 1);
+        fileName.remove_prefix(fileName.find_last_of("\\/") + 1);
     }
-    return ParseFileNumber(NumberPart(name));
+    return ParseFileNumber(NumberPart(fileName));
 }
 
 QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseString<char>& fileName, int fileID)
@@ -88,7 +75,7 @@ QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseStri
 void FileSizeLoggerStrategy::OpenHighestFile()
 {
     m_currentFileID = 1;
-    SearchCurrentFiles(GetFileSearchMask(m_logger->GetLogFileName(), ".*"));
+    SearchCurrentFiles(GetFileSearchMask(m_output->GetName(), ".*"));
     OpenCurrentFile();
 }
 
@@ -98,26 +85,25 @@ void FileSizeLoggerStrategy::MoveToNextFile()
     {
         return; // no number is left: the last file grows on
     }
-    if (!m_logger->FlushBeforeLeaving())
+    if (!m_output->Flush() && !m_output->Flush()) // one failing call is no reason to stay
     {
         return; // a next file would not get more room on the disk, and each try would leave an empty one
     }
     ++m_currentFileID;
-    m_logger->CloseLogFile();
+    m_output->Close();
     OpenCurrentFile();
 }
 
 // Opens the file of the current number, or of the next one whose name no directory bears: that would block the log for ever.
 void FileSizeLoggerStrategy::OpenCurrentFile()
 {
-    m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
-    m_logger->OpenLogFile("a+t");
-    while (!m_logger->IsLogFileOpen() && m_currentFileID < INT_MAX &&
-           ZelvoWinAPI::IsDirectory(m_logger->GetLogFileName().GetData()))
+    for (;; ++m_currentFileID)
     {
-        ++m_currentFileID;
-        m_logger->SetLogFileName(BuildLogFileName(m_logger->GetLogFileName(), m_currentFileID));
-        m_logger->OpenLogFile("a+t");
+        m_output->SetName(BuildLogFileName(m_output->GetName(), m_currentFileID));
+        m_output->Open(false);
+        if (m_output->IsOpen() || m_currentFileID == INT_MAX || !ZelvoWinAPI::IsDirectory(m_output->GetName().GetData()))
+        {
+            return;
+        }
     }
-    m_currentFileSize = static_cast<unsigned int>(m_logger->GetFileSize());
 }

@@ -1,5 +1,5 @@
-// Numbered files: before a line would bring the current file to the size limit, the log moves on to the next number. Starts
-// with the highest number on disk. Files are never deleted or moved.
+// Rotate: numbered files. Before a line would bring the current file to the size limit, the log moves on to the next number.
+// Starts with the highest number on disk. Files are never deleted or moved.
 #ifndef ERRORHANDLERDLL_LOGGING_FILESIZELOGGERSTRATEGY_H
 #define ERRORHANDLERDLL_LOGGING_FILESIZELOGGERSTRATEGY_H
 
@@ -8,26 +8,27 @@
 class FileSizeLoggerStrategy : public FileDependentLoggerStrategy
 {
 public:
-    FileSizeLoggerStrategy(FileLogger* logger, unsigned int maxFileSize, ZelvoReaderLoggingStrategy type);
+    // `maxFileSize`: in bytes.
+    FileSizeLoggerStrategy(LogOutput* output, unsigned int maxFileSize)
+        : FileDependentLoggerStrategy(output), m_maxFileSize(maxFileSize)
+    {
+    }
 
     bool PrepareOutputSource() override;
-    void OnFileFound(const QV::BaseString<char>& fileName) override;
+    void OnFileFound(std::string_view fileName) override;
 
     // The number that `fileName` carries, or -1.
-    static int GetFileIDFromFileName(const QV::BaseString<char>& fileName);
+    static int GetFileIDFromFileName(std::string_view fileName);
 
     // The name of file `fileID` of the series that `fileName` belongs to.
     static QV::BaseString<char> BuildLogFileName(const QV::BaseString<char>& fileName, int fileID);
-
-    unsigned int GetMaxFileSize() const { return m_maxFileSize; }
 
 private:
     void OpenHighestFile();
     void MoveToNextFile();
     void OpenCurrentFile();
 
-    unsigned int m_maxFileSize;         // bytes
-    unsigned int m_currentFileSize = 0; // bytes, once the line being prepared is written
+    unsigned int m_maxFileSize;
     int m_currentFileID = 1;
 };
 

@@ -1,7 +1,10 @@
 #include "ErrorHandlerDll/logging/LineClock.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstring>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace
 {
@@ -24,10 +27,36 @@ void WriteDateAndTime(char* stamp, const std::tm& time)
     WriteTwoDigits(stamp + 15, time.tm_sec);
 }
 
-// Calendar fields of a count of seconds since 1970.
-std::tm ToCalendar(std::time_t seconds)
+std::uint64_t GetBlockedSignals()
 {
-    const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
+    std::uint64_t signals = 0;
+    syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &signals, sizeof signals);
+    return signals;
+}
+
+} // namespace
+
+// A line that is logged in a signal handler must not wait for the lock of the zone's data: the interrupted code may hold it.
+// A handler blocks its signal, or runs on a stack of its own.
+bool LineClock::MayAskForZone() const
+{
+    stack_t stack = {};
+    sigaltstack(nullptr, &stack);
+    return !m_isZoneLost && (GetBlockedSignals() & ~m_usualMask) == 0 && (stack.ss_flags & SS_ONSTACK) == 0;
+}
+
+std::tm LineClock::AskForZone(std::time_t second)
+{
+    tzset(); // localtime_r alone would go on with the zone of the first call for as long as the process lives
+    std::tm local = {};
+    localtime_r(&second, &local);
+    m_utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
+    return local;
+}
+
+std::tm LineClock::Compute(std::time_t second) const
+{
+    const std::chrono::sys_seconds time{std::chrono::seconds(second + m_utcOffset.load(std::memory_order_relaxed))};
     const auto midnight = std::chrono::floor<std::chrono::days>(time);
     const std::chrono::year_month_day date(midnight);
     const std::chrono::hh_mm_ss clock(time - midnight);
@@ -41,24 +70,25 @@ std::tm ToCalendar(std::time_t seconds)
     return fields;
 }
 
-} // namespace
-
 void LineClock::SetSecond(std::time_t second)
 {
-    tzset(); // localtime_r alone would go on with the zone of the first call for as long as the process lives
-    std::tm local = {};
-    localtime_r(&second, &local);
-    WriteDateAndTime(m_text, local);
-    m_utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
+    m_second = -1; // a call that is cut off here leaves half a text
+    WriteDateAndTime(m_text, MayAskForZone() ? AskForZone(second) : Compute(second));
     m_second = second;
 }
 
-char* LineClock::WriteStampInEmergency(char* out) const
+void LineClock::WarmUp()
+{
+    m_usualMask = GetBlockedSignals();
+    SetSecond(std::time(nullptr));
+}
+
+char* LineClock::WriteStampSignalSafe(char* out) const
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     std::memcpy(out, kStampForm, kStampLength);
-    WriteDateAndTime(out, ToCalendar(now.tv_sec + m_utcOffset.load(std::memory_order_relaxed)));
+    WriteDateAndTime(out, Compute(now.tv_sec));
     WriteMilliseconds(out, now.tv_nsec);
     return out + kStampLength;
 }

@@ -1,9 +1,10 @@
-// The timestamp field of log lines: local date and time to the millisecond, "16/11/26 15:38:45.007 - ".
+// Stamp: the timestamp field of log lines, local date and time to the millisecond, "16/11/26 15:38:45.007 - ".
 #ifndef ERRORHANDLERDLL_LOGGING_LINECLOCK_H
 #define ERRORHANDLERDLL_LOGGING_LINECLOCK_H
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 class LineClock
@@ -26,13 +27,17 @@ public:
         return out + kStampLength;
     }
 
-    // Learns the zone, so that the first dump has it even if no line was logged before.
-    void WarmUp() { SetSecond(std::time(nullptr)); }
+    // The same without the lock of the zone's data: the calendar is computed, with the offset to UTC that was learned last.
+    // Async-signal-safe.
+    char* WriteStampSignalSafe(char* out) const;
 
-    // The same stamp without the lock of the zone's data, which the interrupted thread may hold: the calendar is computed
-    // here, with the offset to UTC of the last line that was logged. A dump long after it, in a process that logs nothing
-    // else, may miss a change to or from summer time. Async-signal-safe.
-    char* WriteStampInEmergency(char* out) const;
+    // Tells that this is an ordinary call, in no signal handler, and learns the zone, so that the first dump has it even if
+    // no line was logged before.
+    void WarmUp();
+
+    // In a forked child, when another thread of its parent may have held the lock of the zone's data: it is never free
+    // again.
+    void ForgetZone() { m_isZoneLost = true; }
 
 private:
     static constexpr std::size_t kMillisecondsAt = 18;
@@ -45,11 +50,16 @@ private:
         stamp[kMillisecondsAt + 2] = static_cast<char>('0' + milliseconds % 10);
     }
     void SetSecond(std::time_t second);
+    bool MayAskForZone() const;
+    std::tm AskForZone(std::time_t second);
+    std::tm Compute(std::time_t second) const;
 
     // The text of this second is kept: the local time asks the file system for the zone each time, which costs more than all
     // the rest of a line.
     std::time_t m_second = -1;
     std::atomic<long> m_utcOffset{0}; // seconds
+    std::uint64_t m_usualMask = 0;    // signals that the host's threads block as a rule
+    bool m_isZoneLost = false;
     char m_text[kStampLength + 1] = "00/00/00 00:00:00.000 - ";
 };
 

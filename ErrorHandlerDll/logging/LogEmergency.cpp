@@ -1,9 +1,9 @@
 #include "ErrorHandlerDll/logging/LogEmergency.h"
 
 #include "ErrorHandlerDll/logging/FileLogger.h"
-#include "ErrorHandlerDll/logging/LineFields.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 
-#include <climits>
+#include <algorithm>
 
 unsigned int LogEmergency::GetSectionDepth() const
 {
@@ -35,12 +35,7 @@ bool LogEmergency::IsInCriticalSection() const
 
 void LogEmergency::ForgetInterruptedCall() const
 {
-    m_log.m_file.FlushInEmergency();
-    if (!m_log.m_file.HasUnwrittenLines())
-    {
-        m_log.m_file.ForgetBuffer();
-    }
-    m_log.m_logFileName.Remeasure();
+    m_log.m_output.ForgetInterruptedCall();
     m_log.m_buffersDump.store(false, std::memory_order_relaxed);
     m_log.m_busy.store(false, std::memory_order_relaxed);
 }
@@ -49,22 +44,24 @@ void LogEmergency::BeginDump() const
 {
     if (!m_log.m_busy.load(std::memory_order_relaxed)) // else this thread was interrupted in the middle of something
     {
-        m_log.m_file.Flush();
-        m_log.m_buffersDump.store(!m_log.m_file.HasUnwrittenLines(), std::memory_order_relaxed);
+        m_log.m_buffersDump.store(m_log.m_output.Flush(), std::memory_order_relaxed);
     }
 }
 
 void LogEmergency::EndDump() const
 {
-    if (m_log.m_buffersDump.exchange(false, std::memory_order_relaxed) && m_log.m_file.HasUnwrittenLines())
+    if (m_log.m_buffersDump.exchange(false, std::memory_order_relaxed) && m_log.m_output.HasUnwrittenLines())
     {
-        m_log.m_file.ForgetBuffer();
+        m_log.m_output.ForgetBuffer();
     }
 }
 
 void LogEmergency::Flush() const
 {
-    m_log.FlushLogFile();
+    if (ZelvoWinAPI::IsInCriticalSection(&m_log.m_criticalSection) && !m_log.m_retired)
+    {
+        m_log.m_output.WriteBuffered();
+    }
 }
 
 void LogEmergency::ForgetStrategy() const
@@ -72,73 +69,95 @@ void LogEmergency::ForgetStrategy() const
     m_log.m_strategy.store(nullptr, std::memory_order_relaxed);
 }
 
-bool LogEmergency::Write(int level, std::string_view source, std::string_view message, Caller caller) const
+bool LogEmergency::Write(const LogEntry& line, Caller caller) const
 {
-    const LoggerSection section(m_log);
-    if (m_log.IsRetired())
+    const LogSectionScope section(m_log);
+    if (m_log.m_retired)
     {
         return true;
     }
-    char fields[LineClock::kStampLength + kLevelFieldSize + kThreadFieldSize];
-    char levelBuffer[kLevelFieldSize];
-    const std::string_view levelField = GetLogLevelAsString(level, levelBuffer);
-    char* end = m_log.m_clock.WriteStampInEmergency(fields);
-    end = CopyLevelField(end, levelField);
-    end = CopyThreadField(end, GetThreadField());
-
-    const std::string_view parts[LogFile::kMaxParts] = {std::string_view(fields, static_cast<std::size_t>(end - fields)),
-                                                        source, message, "\n"};
-    m_log.m_currentLineLength = parts[0].size() + source.size() + message.size() + 1;
-    if (!PrepareOutput(caller))
+    const HexDump* const dump = line.GetDump();
+    if (dump != nullptr && dump->GetByteCount() > kMaxDumpedBytes && caller == Caller::SIGNAL_HANDLER)
     {
         return false;
     }
-    if (char* place = MayBuffer() ? m_log.m_file.Reserve(m_log.m_currentLineLength) : nullptr)
+    char prefix[LogEntry::kMaxPrefixSize];
+    const char* const end = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
+    const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
+    if (section.IsEntered())
     {
-        for (const std::string_view part : parts)
+        m_log.m_output.SetLineLength(line.GetLength());
+        if (!PrepareOutput(caller))
         {
-            place += part.copy(place, part.size());
+            return false;
         }
-        m_log.m_file.Commit(m_log.m_currentLineLength);
-        return true;
     }
-    m_log.m_file.WritePastBuffer(parts);
+    bool isWritten = Put(pieces, section.IsEntered());
+    for (std::size_t row = 0;
+         dump != nullptr && row < std::min(dump->GetRowCount(), kMaxDumpedBytes / HexDump::kBytesPerRow); ++row)
+    {
+        char text[HexDump::kMaxRowLength];
+        const std::string_view rowText(text, dump->ComposeRow(text, row));
+        isWritten = isWritten && Put({&rowText, 1}, section.IsEntered());
+    }
+    return isWritten;
+}
+
+bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
+{
+    if (!hasSection)
+    {
+        return m_log.m_output.WriteBesideOwner(pieces);
+    }
+    std::size_t length = 0;
+    for (const std::string_view piece : pieces)
+    {
+        length += piece.size();
+    }
+    char* place = MayBuffer() ? m_log.m_output.Reserve(length) : nullptr;
+    if (place == nullptr)
+    {
+        m_log.m_output.WritePastBuffer(pieces);
+        return m_log.m_output.IsOpen();
+    }
+    for (const std::string_view piece : pieces)
+    {
+        place += piece.copy(place, piece.size());
+    }
+    m_log.m_output.Commit(length);
     return true;
 }
 
-// A thread that dumps without the section does not.
 bool LogEmergency::MayBuffer() const
 {
-    return m_log.m_buffersDump.load(std::memory_order_relaxed) && ZelvoWinAPI::IsInCriticalSection(&m_log.m_criticalSection);
+    return m_log.m_buffersDump.load(std::memory_order_relaxed);
 }
 
 bool LogEmergency::PrepareOutput(Caller caller) const
 {
+    LogOutput& output = m_log.m_output;
     if (caller == Caller::SIGNAL_HANDLER)
     {
         // Names and files are the interrupted code's, and what it is flushing right now it writes itself.
-        if (m_log.IsLogFileOpen() && !m_log.m_file.IsFlushing())
+        if (output.IsOpen() && !output.IsFlushing())
         {
-            m_log.m_file.FlushInEmergency();
+            output.WriteBuffered();
         }
-        return m_log.IsLogFileOpen();
+        return output.IsOpen();
     }
+    const bool canOpen = output.RemeasureName(); // the interrupted code may have been replacing it
     if (!MayBuffer())
     {
-        m_log.m_file.FlushInEmergency();
+        output.WriteBuffered();
     }
-    m_log.m_logFileName.Remeasure(); // the interrupted code may have been replacing it
-    if (m_log.m_logFileName.GetLength() >= PATH_MAX)
+    FileLoggerStrategy* const strategy = m_log.m_strategy;
+    if (canOpen && strategy != nullptr)
     {
-        return m_log.IsLogFileOpen(); // no such file can be opened, and its name does not fit the reserve
+        return strategy->PrepareOutputSource() && output.IsOpen();
     }
-    if (FileLoggerStrategy* const strategy = m_log.m_strategy)
+    if (canOpen && !output.IsOpen())
     {
-        return strategy->PrepareOutputSource() && m_log.IsLogFileOpen();
+        output.Open(false);
     }
-    if (!m_log.IsLogFileOpen())
-    {
-        m_log.m_file.Open(m_log.m_logFileName.GetData(), "a+t");
-    }
-    return m_log.IsLogFileOpen();
+    return output.IsOpen();
 }

@@ -1,12 +1,14 @@
-// The log in an emergency: everything that a crash dump, or a signal handler that logs, does with it. Async-signal-safe,
-// whatever this or another thread was doing in the logger. Reached as gFileLogger.Emergency().
+// Emergency: the log when something has gone wrong, everything that a crash dump, or a signal handler that logs, does with
+// it. Async-signal-safe, whatever this or another thread was doing in the logger. Reached as gFileLogger.Emergency().
 #ifndef ERRORHANDLERDLL_LOGGING_LOGEMERGENCY_H
 #define ERRORHANDLERDLL_LOGGING_LOGEMERGENCY_H
 
+#include "ErrorHandlerDll/logging/LogFile.h"
+
 #include <cstdint>
-#include <string_view>
 
 class FileLogger;
+class LogEntry;
 
 class LogEmergency
 {
@@ -23,8 +25,8 @@ public:
     void EndLease() const;
     bool IsInCriticalSection() const;
 
-    // The caller is certain that the code of this thread which was interrupted inside the logger will never go on, or that a
-    // dump was left by a jump, and holds the section. Afterwards the logger is as if the call had been cut off: whole lines
+    // The caller holds the section, and is certain that the code of this thread which was interrupted inside the logger will
+    // never go on, or that a dump was left by a jump. Afterwards the logger is as if the call had been cut off: whole lines
     // that it took are kept or have been written once, and name, strategy and numbers are usable. The section is the
     // caller's to give back (RestoreSectionDepth, LeaveCriticalSection).
     void ForgetInterruptedCall() const;
@@ -43,13 +45,18 @@ public:
         DUMP,           // the interrupted code is lost
         SIGNAL_HANDLER, // the interrupted code goes on; between two files the line is dropped
     };
-    // Writes a line straight to the file, or into the buffer (BeginDump). Result as FileLogger::Write.
-    bool Write(int level, std::string_view source, std::string_view message, Caller caller) const;
 
-    bool PrepareOutput(Caller caller) const;
+    // Writes an entry straight to the file, or into the buffer (BeginDump). Of a hex dump only the first bytes are written
+    // in a dump, and a longer one is dropped in a handler. Without the section it touches nothing but the open descriptor.
+    //   returns false when there is no file, or no end of waiting for it
+    bool Write(const LogEntry& line, Caller caller) const;
+
+    static constexpr std::size_t kMaxDumpedBytes = 512;
 
 private:
     bool MayBuffer() const;
+    bool PrepareOutput(Caller caller) const;
+    bool Put(LogFile::Pieces pieces, bool hasSection) const;
 
     FileLogger& m_log;
 };

@@ -2,152 +2,146 @@
 
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <utility>
 
-void LogFile::Open(const char* name, std::string_view mode)
+namespace
 {
-    const bool empties = mode.substr(0, 1) == "w" && !m_isLost;
-    const int how = empties ? O_TRUNC : O_APPEND;
-    m_descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | how);
-    if (IsOpen())
+
+constexpr std::string_view kLineFeed = "\n";
+
+iovec ToVector(std::string_view text)
+{
+    return {const_cast<char*>(text.data()), text.size()};
+}
+
+// The one loop that writes. `beginsWithLineFeed` is set false when the line feed is in the file.
+//   returns 0, or the error that ended it
+int Write(int descriptor, LogFile::Pieces pieces, std::atomic<std::size_t>& written, bool& beginsWithLineFeed,
+          int* waitLeftMs)
+{
+    for (;;)
     {
-        m_isLost = false;
-        m_bufferPosition = lseek(m_descriptor, 0, SEEK_END);
+        iovec vectors[LogFile::kMaxPieces + 1];
+        int count = 0;
+        if (beginsWithLineFeed)
+        {
+            vectors[count++] = ToVector(kLineFeed);
+        }
+        const int first = count;
+        std::size_t skipped = written.load(std::memory_order_relaxed);
+        for (const std::string_view piece : pieces)
+        {
+            const std::size_t inFile = std::min(skipped, piece.size());
+            skipped -= inFile;
+            if (inFile < piece.size())
+            {
+                vectors[count++] = ToVector(piece.substr(inFile));
+            }
+        }
+        if (count == first)
+        {
+            return 0;
+        }
+        std::ptrdiff_t size = ZelvoWinAPI::WritePieces(descriptor, vectors, count);
+        if (size > 0)
+        {
+            size -= std::exchange(beginsWithLineFeed, false) ? 1 : 0;
+            written.store(written.load(std::memory_order_relaxed) + static_cast<std::size_t>(size),
+                          std::memory_order_release);
+        }
+        else if (size == 0)
+        {
+            return EIO;
+        }
+        else if (errno == EAGAIN ? !ZelvoWinAPI::WaitUntilWritable(descriptor, waitLeftMs) : errno != EINTR)
+        {
+            return errno;
+        }
     }
+}
+
+} // namespace
+
+// A regular file takes no notice of O_NONBLOCK; all others must be able to stop taking bytes without stopping the caller.
+std::int64_t LogFile::Open(const char* name, bool empties)
+{
+    const int truncation = empties && !m_wasClosedByHost ? O_TRUNC : 0;
+    const int descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | truncation);
+    m_descriptor.store(descriptor, std::memory_order_relaxed);
+    if (descriptor < 0)
+    {
+        return 0;
+    }
+    m_wasClosedByHost = false;
+    return LookAtEnd();
+}
+
+std::int64_t LogFile::LookAtEnd()
+{
+    struct stat status = {};
+    fstat(GetDescriptor(), &status);
+    m_endsInsideLine = status.st_size > 0 && EndsInsideLine(false);
+    return status.st_size + (m_endsInsideLine ? 1 : 0);
 }
 
 void LogFile::Close()
 {
-    Flush();
-    if (IsOpen() && m_used > 0)
-    {
-        Flush(); // one failing call must not cost a line
-    }
-    if (IsOpen() && m_used > 0)
-    {
-        CutTornLine();
-    }
-    m_used = 0;
-    m_written = 0;
-    m_isLost = false;
-    const int descriptor = m_descriptor;
-    m_descriptor = -1; // before it is closed: a dump must not take a number for ours that is somebody else's by then
+    m_wasClosedByHost = false;
+    const int descriptor =
+        m_descriptor.exchange(-1); // first: a dump must not take a number for ours that is another's by then
     if (descriptor >= 0)
     {
         ZelvoWinAPI::CloseFile(descriptor);
     }
 }
 
-char* LogFile::ReserveAfterFlush(std::size_t length)
+bool LogFile::WriteAll(Pieces pieces, std::atomic<std::size_t>& written, int* waitLeftMs)
 {
-    Flush();
-    const std::size_t used = m_used;
-    return length <= kBufferSize - used ? m_buffer + used : nullptr;
-}
-
-void LogFile::Flush()
-{
-    const std::size_t used = m_used.load(std::memory_order_relaxed);
-    m_flushing.store(true, std::memory_order_release);
-    if (WriteBuffered(m_written.load(std::memory_order_relaxed), used))
+    const int error = Write(GetDescriptor(), pieces, written, m_endsInsideLine, waitLeftMs);
+    if (error == EBADF && IsOpen())
     {
-        // In this order: without bytes in the buffer the other numbers say nothing.
-        m_used.store(0, std::memory_order_release);
-        m_written.store(0, std::memory_order_release);
-        if (m_bufferPosition != kUnknownPosition)
-        {
-            m_bufferPosition += static_cast<std::int64_t>(used);
-        }
+        m_descriptor.store(-1, std::memory_order_relaxed);
+        m_wasClosedByHost = true;
     }
-    m_flushing.store(false, std::memory_order_release);
+    return error == 0;
 }
 
-// A descriptor that the host has closed is ours no longer.
-void LogFile::NoteFailure(std::ptrdiff_t count)
+bool LogFile::WriteBesideOwner(Pieces pieces, int* waitLeftMs) const
 {
-    if (count < 0 && errno == EBADF)
+    std::atomic<std::size_t> written = 0;
+    bool beginsWithLineFeed = EndsInsideLine(false);
+    return Write(GetDescriptor(), pieces, written, beginsWithLineFeed, waitLeftMs) == 0;
+}
+
+void LogFile::EndOnWholeLine(Pieces pieces, std::size_t size)
+{
+    if (size > 0 && !TakeBack(pieces, size))
     {
-        m_descriptor = -1;
-        m_isLost = true;
+        m_endsInsideLine = EndsInsideLine(true);
     }
 }
 
-// Writes the bytes [written, used) of the buffer and notes how far it got. Returns whether all of them are in the file.
-bool LogFile::WriteBuffered(std::size_t written, std::size_t used)
+std::int64_t LogFile::GetPosition() const
 {
-    while (written < used)
-    {
-        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(m_descriptor, m_buffer + written, used - written);
-        if (count < 0 && errno == EINTR)
-        {
-            continue;
-        }
-        if (count <= 0)
-        {
-            NoteFailure(count);
-            return false;
-        }
-        written += static_cast<std::size_t>(count);
-        m_written.store(written, std::memory_order_release);
-    }
-    return true;
-}
-
-void LogFile::WriteLongLine(std::string_view line)
-{
-    if (m_used > 0)
-    {
-        return; // the lines before it cannot be written, and they come first
-    }
-    std::size_t written = 0;
-    while (written < line.size())
-    {
-        const std::ptrdiff_t count = ZelvoWinAPI::WriteFile(m_descriptor, line.data() + written, line.size() - written);
-        if (count < 0 && errno == EINTR)
-        {
-            continue;
-        }
-        if (count <= 0)
-        {
-            NoteFailure(count);
-            break;
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    if (written < line.size() && TakeBack(line.substr(0, written)))
-    {
-        return;
-    }
-    if (m_bufferPosition != kUnknownPosition)
-    {
-        m_bufferPosition += static_cast<std::int64_t>(written);
-    }
-    if (written < line.size())
-    {
-        m_buffer[0] = '\n'; // ends the torn line, so that the next one starts on its own
-        Commit(1);
-    }
+    return lseek(GetDescriptor(), 0, SEEK_CUR);
 }
 
 // Whether `text` stands in the file right before the position `end`.
-bool LogFile::FileHoldsBefore(std::int64_t end, std::string_view text) const
+bool LogFile::HoldsBefore(std::int64_t end, std::string_view text) const
 {
     char bytes[256];
     std::int64_t position = end - static_cast<std::int64_t>(text.size());
-    if (position < 0)
+    while (position >= 0 && !text.empty())
     {
-        return false;
-    }
-    while (!text.empty())
-    {
-        const std::size_t size = text.size() < sizeof bytes ? text.size() : sizeof bytes;
-        if (ZelvoWinAPI::ReadFile(m_descriptor, bytes, size, position) != static_cast<std::ptrdiff_t>(size) ||
+        const std::size_t size = std::min(text.size(), sizeof bytes);
+        if (ZelvoWinAPI::ReadFile(GetDescriptor(), bytes, size, position) != static_cast<std::ptrdiff_t>(size) ||
             std::memcmp(bytes, text.data(), size) != 0)
         {
             return false;
@@ -155,117 +149,38 @@ bool LogFile::FileHoldsBefore(std::int64_t end, std::string_view text) const
         text.remove_prefix(size);
         position += static_cast<std::int64_t>(size);
     }
-    return true;
+    return position >= 0;
 }
 
-// The file ends in the first part of a line whose rest is lost: takes that part back, provided the file still ends in it.
-//   returns whether nothing of it is left
-bool LogFile::TakeBack(std::string_view torn) const
+bool LogFile::EndsInsideLine(bool ifUnknown) const
 {
     struct stat status = {};
-    return torn.empty() ||
-           (fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) && FileHoldsBefore(status.st_size, torn) &&
-            ftruncate(m_descriptor, status.st_size - static_cast<off_t>(torn.size())) == 0 &&
-            lseek(m_descriptor, 0, SEEK_END) >= 0); // without O_APPEND the next write would leave a hole
+    char last = '\n';
+    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
+    {
+        return ifUnknown;
+    }
+    return status.st_size > 0 && ZelvoWinAPI::ReadFile(GetDescriptor(), &last, 1, status.st_size - 1) == 1 && last != '\n';
 }
 
-void LogFile::CutTornLine() const
+bool LogFile::TakeBack(Pieces pieces, std::size_t size) const
 {
-    const std::size_t written = m_written;
-    std::size_t lineStart = written;
-    while (lineStart > 0 && m_buffer[lineStart - 1] != '\n')
+    struct stat status = {};
+    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
     {
-        --lineStart;
+        return false;
     }
-    TakeBack({m_buffer + lineStart, written - lineStart}); // when this fails too, nothing more can be done
-}
-
-int LogFile::GetSize() const
-{
-    if (!IsOpen())
+    std::int64_t end = status.st_size - static_cast<std::int64_t>(size);
+    const std::int64_t start = end;
+    for (std::string_view piece : pieces)
     {
-        return -1;
-    }
-    const std::int64_t start = m_bufferPosition == kUnknownPosition ? 0 : m_bufferPosition;
-    const std::int64_t size = start + static_cast<std::int64_t>(m_used.load(std::memory_order_relaxed));
-    return size > INT_MAX ? INT_MAX : static_cast<int>(size);
-}
-
-// How many of the `used` bytes in the buffer are in the file. In the middle of a flush the file itself is asked: its
-// position moves with each write. The bytes are compared all the same: a forked child shares the position.
-std::size_t LogFile::WrittenSoFar(std::size_t used) const
-{
-    const std::size_t noted = m_written.load(std::memory_order_acquire);
-    if (!m_flushing.load(std::memory_order_acquire))
-    {
-        return noted;
-    }
-    const std::int64_t position = lseek(m_descriptor, 0, SEEK_CUR);
-    const std::int64_t moved = position - m_bufferPosition;
-    const auto isInFileUpTo = [&](std::size_t end)
-    {
-        return FileHoldsBefore(position, {m_buffer + noted, end - noted});
-    };
-    if (m_bufferPosition != kUnknownPosition && moved >= static_cast<std::int64_t>(noted) &&
-        moved <= static_cast<std::int64_t>(used) && isInFileUpTo(static_cast<std::size_t>(moved)))
-    {
-        return static_cast<std::size_t>(moved);
-    }
-    return isInFileUpTo(used) ? used : noted; // other processes write to the file, too
-}
-
-void LogFile::FlushInEmergency()
-{
-    const std::size_t used = m_used.load(std::memory_order_acquire);
-    if (!IsOpen() || used == 0)
-    {
-        return;
-    }
-    const std::size_t written = WrittenSoFar(used);
-    if (written < used)
-    {
-        WriteBuffered(written, used);
-    }
-    else
-    {
-        m_written.store(used, std::memory_order_release);
-    }
-    m_flushing.store(false, std::memory_order_release);
-}
-
-void LogFile::WritePastBuffer(const std::string_view (&parts)[kMaxParts])
-{
-    FlushInEmergency();
-    iovec pieces[kMaxParts];
-    std::size_t left = 0;
-    for (int i = 0; i < kMaxParts; ++i)
-    {
-        pieces[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
-        left += parts[i].size();
-    }
-    m_bufferPosition = kUnknownPosition; // these bytes are none of the buffer's
-    iovec* piece = pieces;
-    while (left > 0)
-    {
-        std::ptrdiff_t count = ZelvoWinAPI::WritePieces(m_descriptor, piece, static_cast<int>(pieces + kMaxParts - piece));
-        if (count < 0 && errno == EINTR)
+        piece = piece.substr(0, size);
+        size -= piece.size();
+        end += static_cast<std::int64_t>(piece.size());
+        if (!HoldsBefore(end, piece))
         {
-            continue;
+            return false;
         }
-        if (count <= 0)
-        {
-            return;
-        }
-        left -= static_cast<std::size_t>(count);
-        if (left == 0)
-        {
-            return;
-        }
-        for (; count > 0 && static_cast<std::size_t>(count) >= piece->iov_len; ++piece)
-        {
-            count -= static_cast<std::ptrdiff_t>(piece->iov_len);
-        }
-        piece->iov_base = static_cast<char*>(piece->iov_base) + count;
-        piece->iov_len -= static_cast<std::size_t>(count);
     }
+    return ftruncate(GetDescriptor(), start) == 0;
 }

@@ -1,19 +1,26 @@
-// One file under the logger's name, opened in a fixed mode whenever it is not open.
+// One file under the logger's name, opened in the same way whenever it is not open.
 #ifndef ERRORHANDLERDLL_LOGGING_SIMPLELOGGERSTRATEGY_H
 #define ERRORHANDLERDLL_LOGGING_SIMPLELOGGERSTRATEGY_H
 
 #include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
-#include "QV/BaseString.h"
 
 class SimpleLoggerStrategy : public FileLoggerStrategy
 {
 public:
-    SimpleLoggerStrategy(FileLogger* logger, const QV::BaseString<char>& mode, ZelvoReaderLoggingStrategy type);
+    // `empties`: whether an opening empties the file.
+    SimpleLoggerStrategy(LogOutput* output, bool empties) : FileLoggerStrategy(output), m_empties(empties) {}
 
-    bool PrepareOutputSource() override;
+    bool PrepareOutputSource() override
+    {
+        if (!m_output->IsOpen())
+        {
+            m_output->Open(m_empties);
+        }
+        return true;
+    }
 
 private:
-    QV::BaseString<char> m_fileMode;
+    bool m_empties;
 };
 
 #endif

@@ -25,6 +25,12 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 
 // ---- Logging ----------------------------------------------------------------------------------------------------------
 //
+// In a crash dump, and in what a host's handlers do within one, a call waits no longer than half a second in all: for the
+// logger's lock, which another thread may hold for ever, and for a log file that takes nothing, such as a pipe that nobody
+// reads. Without the lock an entry goes straight to the open file, and InitialiseLogging, SetLoggingOptions and
+// ShutdownLogging do nothing. There a formatted message is cut to 1,023 characters and a hex dump to 512 bytes. All other
+// calls wait as long as it takes; fork and the end of the process half a second.
+//
 // One log for the whole process, disabled until InitialiseLogging enables it. Each call below writes one entry:
 //
 //   16/11/26 15:38:45.007 - WARNING    - [ThreadID: 4711] - <source><message>
@@ -37,12 +43,16 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 //   level     highest level that is written (ZR_LOG_...)
 //   mask      categories that are written
 //   fileName  path of the log file. Another name than the current one closes the open file at once; the next entry opens the
-//             new one. With LOGGING_STRATEGY_FILE_SIZE it names the series: "reader.log" gives "reader.1.log" and so on.
+//             new one. With LOGGING_STRATEGY_FILE_SIZE it names the series: "reader.log" gives "reader.1.log" and so on, and
+//             the empty name ".1.log". A new file gets the mode 0666 less the umask; symbolic links are followed, so choose a
+//             folder in which nobody else may create the predictable names of a series. A file that ends inside a line,
+//             as a killed process leaves it, is gone on with on a new line.
+// Not from a signal handler that may have interrupted a call of the library; it does nothing there.
 ERRORHANDLERDLL_API void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName);
 
 // The path of the current log file; with LOGGING_STRATEGY_FILE_SIZE that of the numbered file.
 //   returns a pointer into the logger, never null, valid until the name next changes (InitialiseLogging with another
-//           name, or a rotation): copy the text at once
+//           name, or a rotation): copy the text at once; the empty text in a dump that cannot have the logger's lock
 ERRORHANDLERDLL_API const char* GetLogFilename(void);
 
 // Flushes and closes the log file. Logging stays enabled: the next entry opens the file again.
@@ -90,15 +100,16 @@ ERRORHANDLERDLL_API void GetLoggingOptions(LoggingSettings* settings);
 ERRORHANDLERDLL_API ZelvoReaderErrorCode GetErrorString(ZelvoReaderErrorCode code, char* buffer, int* length);
 
 // Replaces the template of a built-in code, for GetErrorString, RaiseError and RaiseErrorVar. The text must take the
-// arguments that the template takes.
+// arguments that the template takes, in their order: the C library ends the process for a "%2$s" without its "%1$s",
+// and for a "%n".
 //   text     kept, not copied: must stay valid and unchanged until it is replaced, the overrides are reset or the library is
 //            unloaded
-//   returns  false, and changes nothing, when the code is not built in or the text is null
+//   returns  false, and changes nothing, when the code is not built in, the text is null, or its size with the NUL is no int
 ERRORHANDLERDLL_API bool SetErrorMessage(ZelvoReaderErrorCode code, const char* text);
 
 // Defines or replaces the text of a custom code, 0x10000 to 0x1FFFF.
 //   text     kept, not copied: must stay valid and unchanged until it is replaced or the library is unloaded
-//   returns  false, and changes nothing, when the code is not a custom one or the text is null
+//   returns  false, and changes nothing, when the code is not a custom one, the text is null, or its size with the NUL is no int
 ERRORHANDLERDLL_API bool AddCustomErrorMessage(ZelvoReaderErrorCode code, const char* text);
 
 // Removes all overrides; custom texts stay. Always true. Never throws.

@@ -5,6 +5,9 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -62,9 +65,28 @@ long __wrap_syscall(long number, ...)
         Faults::gOpenErrors.pop_front();
         return Fail(error);
     }
-    else if (number == SYS_write && (arguments[2] = Limit(arguments[2])) < 0)
+    else if (number == SYS_writev)
     {
-        return -1;
+        const auto* const pieces = reinterpret_cast<const iovec*>(arguments[1]);
+        std::vector<iovec> limited(pieces, pieces + arguments[2]);
+        long size = 0;
+        for (const iovec& piece : limited)
+        {
+            size += static_cast<long>(piece.iov_len);
+        }
+        size = Limit(size);
+        long left = std::max(size, 0L);
+        for (iovec& piece : limited)
+        {
+            piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(left));
+            left -= static_cast<long>(piece.iov_len);
+        }
+        const long result = size < 0 ? -1 : __real_syscall(number, arguments[0], limited.data(), arguments[2]);
+        if (Faults::gAfterWrite != nullptr)
+        {
+            std::exchange(Faults::gAfterWrite, nullptr)();
+        }
+        return result;
     }
     return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }

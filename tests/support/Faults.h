@@ -14,10 +14,11 @@ struct WriteFault
     int m_error;
 };
 
-inline std::deque<WriteFault> gWrites; // one for each of the next writes; those after them succeed
-inline std::deque<int> gOpenErrors;    // one for each of the next files opened
-inline long gDiskSpace = -1;           // bytes that can be written until ENOSPC; below 0: any number
-inline int gSearches = 0;              // directories opened
+inline std::deque<WriteFault> gWrites;  // one for each of the next writes; those after them succeed
+inline std::deque<int> gOpenErrors;     // one for each of the next files opened
+inline long gDiskSpace = -1;            // bytes that can be written until ENOSPC; below 0: any number
+inline void (*gAfterWrite)() = nullptr; // called once, when the bytes are in the file and nobody has been told
+inline int gSearches = 0;               // directories opened
 
 } // namespace Faults
 

@@ -23,11 +23,11 @@ namespace
 constexpr std::size_t kMaxFileSize = 20000;
 constexpr int kNobody = 65534;
 
-void Write(int first, int last, int* taken = nullptr)
+void Write(int first, int last, int* taken = nullptr, int writer = 0)
 {
     for (int i = first; i < last; ++i)
     {
-        const bool isTaken = Subject::Log(LineText(0, i).c_str());
+        const bool isTaken = Subject::Log(LineText(writer, i).c_str());
         if (taken != nullptr)
         {
             *taken += isTaken ? 1 : 0;
@@ -124,6 +124,47 @@ bool FileSizeLimit()
     return ReportGap("file size limit of the process, lifted", Judge(folder.Path()), status, 50, 3000, 4000);
 }
 
+// The limit cuts a line, the child of a fork logs beside it, and both have room again.
+bool LimitedAndForked()
+{
+    constexpr int kRounds = 100;
+    constexpr int kLines = 40;
+    const ScratchFolder folder;
+    const auto body = [&]
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        Subject::Open(folder.Path(), 0);
+        for (int round = 0; round < kRounds; ++round)
+        {
+            const std::uintmax_t size = round == 0 ? 0 : std::filesystem::file_size(folder.Path() + "/app.log");
+            const rlimit small = {size + 500, RLIM_INFINITY};
+            const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &small);
+            Write(round * kLines, (round + 1) * kLines);
+            const pid_t child = fork();
+            setrlimit(RLIMIT_FSIZE, &none);
+            if (child == 0)
+            {
+                Write(round * kLines, (round + 1) * kLines, nullptr, 1);
+                Subject::Close();
+                _exit(0);
+            }
+            if (round % 2 == 0) // else both write at a time
+            {
+                waitpid(child, nullptr, 0);
+            }
+            Subject::Close();
+            waitpid(child, nullptr, 0);
+        }
+    };
+    const int status = RunChild(body);
+    const Verdict verdict = Judge(folder.Path());
+    const int lost = verdict.Lost(0, kRounds * kLines) + verdict.Lost(1, kRounds * kLines);
+    return Report("file size limit, forks", status == 0 && verdict.IsWhole() && lost == 0,
+                  Figures("%d forks: status %x, %d torn, %d doubled, %d lost", kRounds, static_cast<unsigned int>(status),
+                          verdict.m_torn, verdict.m_doubled, lost));
+}
+
 bool DeviceFull()
 {
     const ScratchFolder folder;
@@ -217,6 +258,7 @@ int main()
     bool good = DiskFull(false);
     good = (!Subject::kRotates || DiskFull(true)) && good;
     good = FileSizeLimit() && good;
+    good = LimitedAndForked() && good;
     good = DeviceFull() && good;
     good = Moved(
                "renamed under the log",

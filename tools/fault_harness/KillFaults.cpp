@@ -13,7 +13,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <random>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -21,7 +25,7 @@
 namespace
 {
 
-constexpr int kMostWriters = 4;
+constexpr int kMaxWriters = 4;
 constexpr std::size_t kMaxFileSize = 200000;
 constexpr int kDefaultLinesPerFlush = 101;
 
@@ -37,13 +41,13 @@ struct Case
 constexpr Case kCases[] = {{"full-speed-10", 10, 0, 2, 0},
                            {"full-speed-10-rotating", 10, kMaxFileSize, 2, 0},
                            {"full-speed", kDefaultLinesPerFlush, 0, 2, 0},
-                           {"working", kDefaultLinesPerFlush, 0, kMostWriters, 100000}};
+                           {"working", kDefaultLinesPerFlush, 0, kMaxWriters, 100000}};
 
 // Written by the process that is killed.
 struct Progress
 {
     std::atomic<bool> m_started;
-    std::atomic<int> m_taken[kMostWriters];
+    std::atomic<int> m_taken[kMaxWriters];
 
     int Lines() const
     {
@@ -92,6 +96,13 @@ void LogAndWork(int writer, std::size_t work, std::atomic<int>* taken)
     progress.m_started = true;
     LogAndWork(0, work, &progress.m_taken[0]);
     std::abort();
+}
+
+std::string Read(const std::string& path)
+{
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
 }
 
 // Returns for how many seconds it logged.
@@ -158,6 +169,36 @@ bool Killed(const Case& load, int rounds)
                           lines / seconds, wholeEnds, rounds, mostLost, torn, doubled));
 }
 
+// One log is killed again and again: whatever its end looked like, the next process ruins no line of the one before.
+bool KilledAndRestarted(const Case& load, int rounds)
+{
+    static Progress& progress = *static_cast<Progress*>(SharedMemory(sizeof(Progress)));
+    const ScratchFolder folder;
+    std::mt19937 random(1);
+    std::map<std::string, std::string> before; // contents of the files
+    int torn = 0;
+    int changed = 0;
+    for (int round = 0; round < rounds; ++round)
+    {
+        RunAndKill(load, 0, folder, progress, static_cast<unsigned int>(500 + random() % 3000));
+        for (auto& [path, contents] : before)
+        {
+            const std::string now = Read(path);
+            changed += now.compare(0, contents.size(), contents) == 0 ? 0 : 1;
+        }
+        for (const auto& file : std::filesystem::directory_iterator(folder.Path()))
+        {
+            std::string& contents = before[file.path()] = Read(file.path());
+            torn += !contents.empty() && contents.back() != '\n' ? 1 : 0;
+        }
+    }
+    const int joined = Judge(folder.Path()).m_joined;
+    return Report(
+        std::string("killed and restarted, ") + load.m_name, joined == 0 && changed == 0,
+        Figures("%d restarts, %d files found with half a line: %d lines joined, %d files with other contents before", rounds,
+                torn, joined, changed));
+}
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -170,6 +211,7 @@ int main(int count, char** arguments)
         if ((load.m_maxFileSize == 0 || Subject::kRotates) && (count < 3 || std::strcmp(arguments[2], load.m_name) == 0))
         {
             good = Killed(load, rounds) && good;
+            good = (load.m_linesPerSecond > 0 || KilledAndRestarted(load, rounds)) && good;
         }
     }
     return good ? 0 : 1;

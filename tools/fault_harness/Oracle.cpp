@@ -37,6 +37,14 @@ void JudgeLine(const std::string& line, Verdict& verdict, std::map<std::pair<int
         {
             verdict.m_firstTorn = line;
         }
+        for (std::size_t at = 1; at < line.size(); ++at)
+        {
+            if (Subject::PrefixLength(std::string_view(line).substr(at)) != std::string_view::npos)
+            {
+                ++verdict.m_joined;
+                break;
+            }
+        }
     }
 }
 

@@ -19,6 +19,7 @@ struct Verdict
     std::map<int, std::vector<std::string>> m_prefixes;
     int m_lines = 0;
     int m_torn = 0;     // neither a whole line nor one of the subject's own
+    int m_joined = 0;   // of those, lines in which another one starts
     int m_doubled = 0;  // whole lines that are there once already
     int m_openEnds = 0; // files that end without a line feed; what stands behind the last one counts nowhere else
     std::string m_firstTorn;

@@ -33,10 +33,27 @@ void LogUntilStopped(int writer)
     }
 }
 
-// Children of a process whose other threads log write lines of their own and end without a word.
-bool Forked()
+void AskForLocalTime()
 {
-    constexpr int kThreads = 4;
+    while (!gStop)
+    {
+        const std::time_t now = std::time(nullptr);
+        std::tm local = {};
+        localtime_r(&now, &local);
+    }
+}
+
+void Allocate()
+{
+    while (!gStop)
+    {
+        std::free(std::malloc(1000));
+    }
+}
+
+// Children of a process whose other threads log, or do what the log needs, write lines of their own and end without a word.
+bool Forked(const char* name, int loggingThreads, const std::vector<void (*)()>& others)
+{
     constexpr int kChildLines = 3;
     const int forks = 200 * gScale;
     const ScratchFolder folder;
@@ -47,7 +64,11 @@ bool Forked()
     Subject::Open(folder.Path(), 0);
     std::vector<std::thread> threads;
     gStop = false;
-    for (int i = 0; i < kThreads; ++i)
+    for (void (*const other)() : others)
+    {
+        threads.emplace_back(other);
+    }
+    for (int i = 0; i < loggingThreads; ++i)
     {
         threads.emplace_back(
             [i]
@@ -93,9 +114,21 @@ bool Forked()
             wrongThread += prefix.find(id) == std::string::npos ? 1 : 0;
         }
     }
-    return Report("forked while four threads log", hung == 0 && verdict.IsWhole() && wrongThread == 0 && lost == 0,
+    return Report(name, hung == 0 && verdict.IsWhole() && wrongThread == 0 && lost == 0,
                   Figures("%d forks: %d hung or crashed, %d torn, %d doubled, %d wrong thread ids, %d lost", forks, hung,
                           verdict.m_torn, verdict.m_doubled, wrongThread, lost));
+}
+
+bool ForkedBesideLog()
+{
+    return Forked("forked while four threads log", 4, {});
+}
+
+// The parent's log rests: each child asks for the time of another second than its parent's last line.
+bool ForkedBesideLibc()
+{
+    return Forked("forked while others ask for time and memory", 0, {AskForLocalTime, AskForLocalTime, Allocate}) &&
+           Forked("forked while others do all of that", 2, {AskForLocalTime, Allocate});
 }
 
 bool Shared()
@@ -347,7 +380,8 @@ constexpr Case kCases[] = {{"shared", Shared},
                            {"interrupted", Interrupted},
                            {"descriptors", StandardDescriptorsClosed},
                            {"inherited", Inherited},
-                           {"forked", Forked}};
+                           {"forked", ForkedBesideLog},
+                           {"forked-libc", ForkedBesideLibc}};
 
 } // namespace
 

@@ -1,0 +1,77 @@
+#include "ErrorHandlerDll/logging/LogFork.h"
+
+#include "ErrorHandlerDll/logging/FileLogger.h"
+
+#include <sched.h>
+#include <sys/single_threaded.h>
+
+namespace
+{
+
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool tEnteredForFork = false;
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool tHadThreads = false;
+
+// A bounded wait looks once in a millisecond, when other threads that log may have taken the section again.
+bool EnterSection(ZelvoWinAPI::_CRITICAL_SECTION& section, int& waitLeftMs)
+{
+    constexpr int kTries = 1000;
+    for (int i = 0; i < kTries; ++i)
+    {
+        int noWaitMs = 0;
+        if (ZelvoWinAPI::TryEnterCriticalSection(&section, noWaitMs) != ZelvoWinAPI::Entry::REFUSED)
+        {
+            return true;
+        }
+        sched_yield();
+    }
+    return ZelvoWinAPI::TryEnterCriticalSection(&section, waitLeftMs) != ZelvoWinAPI::Entry::REFUSED;
+}
+
+} // namespace
+
+// A crash handler may fork, too: then the section may be another thread's for ever, or the state in the middle of a change.
+void LogFork::Before(FileLogger& logger)
+{
+    int ownWaitLeftMs = FileLogger::kMaxWaitMs;
+    int& waitLeftMs = QV::EmergencyScope::IsActive() ? QV::EmergencyScope::WaitLeftMs() : ownWaitLeftMs;
+    tHadThreads = __libc_single_threaded == 0;
+    tEnteredForFork = EnterSection(logger.m_criticalSection, waitLeftMs);
+    if (!tEnteredForFork || !logger.m_output.HasUnwrittenLines())
+    {
+        return;
+    }
+    if (!logger.m_busy.load(std::memory_order_relaxed))
+    {
+        logger.m_output.Flush(&waitLeftMs);
+    }
+    else if (!logger.m_output.IsFlushing())
+    {
+        logger.m_output.WriteBuffered(&waitLeftMs);
+    }
+}
+
+void LogFork::AfterInParent(FileLogger& logger)
+{
+    if (tEnteredForFork)
+    {
+        logger.LeaveCriticalSection();
+    }
+}
+
+void LogFork::AfterInChild(FileLogger& logger)
+{
+    logger.m_output.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
+    if (tHadThreads)
+    {
+        logger.m_clock.ForgetZone();
+    }
+    if (tEnteredForFork)
+    {
+        logger.m_buffersDump.store(false, std::memory_order_relaxed); // a dump does not go on in the child
+        ZelvoWinAPI::AdoptCriticalSection(&logger.m_criticalSection);
+        logger.LeaveCriticalSection();
+        return;
+    }
+    logger.Emergency().ForgetInterruptedCall(); // its owner is no thread of the child
+    ZelvoWinAPI::InitializeCriticalSection(&logger.m_criticalSection);
+}
