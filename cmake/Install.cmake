@@ -18,6 +18,7 @@ install(FILES
     include/ErrorHandlerDll/Export.h
     include/ErrorHandlerDll/HalvikException.h
     include/ErrorHandlerDll/LinuxStructuredException.h
+    include/ErrorHandlerDll/Log.h
     include/ErrorHandlerDll/Version.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll COMPONENT Development)
 
