@@ -11,7 +11,9 @@ install(TARGETS ErrorHandlerDll EXPORT ErrorHandlerDllTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
+    include/ErrorHandlerDll/Boundary.h
     include/ErrorHandlerDll/CheckedRaise.h
+    include/ErrorHandlerDll/CrashHandler.h
     include/ErrorHandlerDll/ErrorCodes.h
     include/ErrorHandlerDll/ErrorHandlerDll.h
     include/ErrorHandlerDll/ExceptionHandler.h

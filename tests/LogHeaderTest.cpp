@@ -150,7 +150,8 @@ TEST(Here, TakesTheUnitFromAnyPath)
     static_assert(UnitOfFile("a/").empty());
 }
 
-// The format is not checked, or the compiler would complain of "%m".
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // a checked format may not hold "%m"
 bool LogV(int level, const char* format, ...)
 {
     va_list arguments;
@@ -160,13 +161,14 @@ bool LogV(int level, const char* format, ...)
     va_end(arguments);
     return first && again;
 }
+#pragma GCC diagnostic pop
 
 TEST(LogHeader, WritesLists)
 {
     const CapturedLog log(ZR_LOG_WARNING);
     const std::string longest(70000, 'x');
     std::vector<std::string> expected;
-    for (const std::size_t length : {0, 1023, 1024, 70000})
+    for (const std::size_t length : {0U, 1023U, 1024U, 70000U})
     {
         errno = ENOENT;
         EXPECT_TRUE(LogV(ZR_LOG_ERROR, "%.*s|%m", static_cast<int>(length), longest.c_str()));

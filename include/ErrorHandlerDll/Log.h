@@ -27,10 +27,8 @@
 #define ZR_LOG_COMPILED_LEVEL 0x7FFFFFFF
 #endif
 
-// Each shared object keeps its own copy of the functions: several of them in a process may have been built with different
-// versions of this header.
 #ifdef __cplusplus
-#define ERRORHANDLERDLL_INLINE __attribute__((visibility("hidden"))) inline
+#define ERRORHANDLERDLL_INLINE inline
 #define ERRORHANDLERDLL_CAST(type, value) static_cast<type>(value)
 #else
 #define ERRORHANDLERDLL_INLINE static inline
@@ -41,186 +39,195 @@
 #include <exception>
 #include <string_view>
 #include <type_traits>
+#if __cplusplus >= 202002L && !defined(ZR_LOG_NO_FORMAT) &&                                                                 \
+    __has_include(<format>) // ZR_LOG_NO_FORMAT saves time to compile
+#include <version>
+#if defined(__cpp_lib_format) || (defined(_LIBCPP_VERSION) && _LIBCPP_VERSION >= 170000)
+#define ERRORHANDLERDLL_HAS_FORMAT
+#include <format>
+#endif
+#endif
+
+// Hidden: each shared object keeps its own copy, as several in a process may have been built with different versions of this
+// header.
+#pragma GCC visibility push(hidden)
 
 // Parts of the macros, not to be used otherwise.
-namespace ErrorHandlerDllDetail __attribute__((visibility("hidden")))
+namespace ErrorHandlerDllDetail
 {
 
-    constexpr bool IsNamePart(char c)
+constexpr bool IsNamePart(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '$' || c == '~' ||
+           static_cast<unsigned char>(c) >= 0x80;
+}
+
+constexpr std::string_view UnitOfFile(std::string_view file)
+{
+    const std::size_t slash = file.rfind('/');
+    const std::string_view name = slash == std::string_view::npos ? file : file.substr(slash + 1);
+    const std::size_t dot = name.rfind('.');
+    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+// Walks over what GCC and Clang print for a function, "ns::Unit<int>::Run(int)::<lambda()>": names between "::", each
+// with its template arguments, parameters and qualifiers.
+class PrettyName
+{
+public:
+    constexpr explicit PrettyName(std::string_view text) : m_text(text) {}
+
+    // The last name that somebody gave: lambdas belong to the function in which they stand.
+    constexpr std::string_view LastGiven()
     {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '$' ||
-               c == '~' || static_cast<unsigned char>(c) >= 0x80;
+        std::string_view last;
+        bool isInLambda = false;
+        while (m_at < m_text.size())
+        {
+            const std::string_view name = Next();
+            const bool isCallOfLambda = isInLambda && name == "operator()"; // Clang prints it, GCC does not
+            isInLambda = name.empty();
+            last = name.empty() || isCallOfLambda ? last : name;
+        }
+        return last;
     }
 
-    constexpr std::string_view UnitOfFile(std::string_view file)
+private:
+    constexpr char Peek(std::size_t ahead = 0) const { return m_at + ahead < m_text.size() ? m_text[m_at + ahead] : '\0'; }
+
+    // The name of this part, empty for what has none; goes on behind the "::" that ends the part.
+    constexpr std::string_view Next()
     {
-        const std::size_t slash = file.rfind('/');
-        const std::string_view name = slash == std::string_view::npos ? file : file.substr(slash + 1);
-        const std::size_t dot = name.rfind('.');
-        return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
+        const std::size_t start = m_at;
+        const bool isOperator = m_text.substr(m_at, 8) == "operator" && !IsNamePart(Peek(8));
+        if (isOperator)
+        {
+            SkipOperatorName();
+        }
+        while (IsNamePart(Peek()))
+        {
+            ++m_at;
+        }
+        const std::string_view name = m_text.substr(start, m_at - start);
+        while (m_at < m_text.size() && !(Peek() == ':' && Peek(1) == ':'))
+        {
+            SkipOne();
+        }
+        m_at += 2;
+        return name;
     }
 
-    // Walks over what GCC and Clang print for a function, "ns::Unit<int>::Run(int)::<lambda()>": names between "::", each
-    // with its template arguments, parameters and qualifiers.
-    class PrettyName
+    // "operator()", "operator<", "operator std::vector<int>": up to the parameters.
+    constexpr void SkipOperatorName()
     {
-    public:
-        constexpr explicit PrettyName(std::string_view text) : m_text(text) {}
-
-        // The last name that somebody gave: lambdas belong to the function in which they stand.
-        constexpr std::string_view LastGiven()
+        m_at += 8;
+        if (Peek() == '(')
         {
-            std::string_view last;
-            bool isInLambda = false;
-            while (m_at < m_text.size())
-            {
-                const std::string_view name = Next();
-                const bool isCallOfLambda = isInLambda && name == "operator()"; // Clang prints it, GCC does not
-                isInLambda = name.empty();
-                last = name.empty() || isCallOfLambda ? last : name;
-            }
-            return last;
+            m_at += 2;
+            return;
         }
-
-    private:
-        constexpr char Peek(std::size_t ahead = 0) const
+        const bool isConversion = Peek() == ' ';
+        while (m_at < m_text.size() && Peek() != '(')
         {
-            return m_at + ahead < m_text.size() ? m_text[m_at + ahead] : '\0';
-        }
-
-        // The name of this part, empty for what has none; goes on behind the "::" that ends the part.
-        constexpr std::string_view Next()
-        {
-            const std::size_t start = m_at;
-            const bool isOperator = m_text.substr(m_at, 8) == "operator" && !IsNamePart(Peek(8));
-            if (isOperator)
-            {
-                SkipOperatorName();
-            }
-            while (IsNamePart(Peek()))
-            {
-                ++m_at;
-            }
-            const std::string_view name = m_text.substr(start, m_at - start);
-            while (m_at < m_text.size() && !(Peek() == ':' && Peek(1) == ':'))
+            if (isConversion && Peek() == '<')
             {
                 SkipOne();
             }
-            m_at += 2;
-            return name;
-        }
-
-        // "operator()", "operator<", "operator std::vector<int>": up to the parameters.
-        constexpr void SkipOperatorName()
-        {
-            m_at += 8;
-            if (Peek() == '(')
+            else
             {
-                m_at += 2;
-                return;
-            }
-            const bool isConversion = Peek() == ' ';
-            while (m_at < m_text.size() && Peek() != '(')
-            {
-                if (isConversion && Peek() == '<')
-                {
-                    SkipOne();
-                }
-                else
-                {
-                    ++m_at;
-                }
-            }
-        }
-
-        // One character, or all between a pair of brackets. What is in round ones may hold a '<' or '>' that is no bracket.
-        constexpr void SkipOne()
-        {
-            int round = 0;
-            int angle = 0;
-            do
-            {
-                const char c = Peek();
-                if (c == '\'')
-                {
-                    m_at += Peek(1) == '\\' ? 3 : 2;
-                }
-                round += c == '(' || c == '{' ? 1 : (c == ')' || c == '}' ? -1 : 0);
-                angle += round > 0 ? 0 : (c == '<' ? 1 : (c == '>' ? -1 : 0));
                 ++m_at;
-            } while ((round > 0 || angle > 0) && m_at < m_text.size());
-        }
-
-        std::string_view m_text;
-        std::size_t m_at = 0;
-    };
-
-    // `pretty` is that of a member function of a class in a lambda at the place: "static ... char*
-    // Scan()::<lambda()>::Place::...".
-    constexpr std::string_view FunctionOfPlace(std::string_view pretty)
-    {
-        const std::size_t star = pretty.find('*') + 1;
-        const std::size_t end = pretty.rfind("::ErrorHandlerDllPlace::");
-        const std::size_t start = star < pretty.size() && pretty[star] == ' ' ? star + 1 : star;
-        const std::string_view name = PrettyName(pretty.substr(start, end - start)).LastGiven();
-        return name.empty() ? std::string_view("static") : name;
-    }
-
-    template <std::size_t size>
-    struct HereText
-    {
-        char text[size];
-    };
-
-    constexpr std::size_t DigitCount(unsigned int number)
-    {
-        std::size_t digits = 1;
-        for (; number > 9; number /= 10)
-        {
-            ++digits;
-        }
-        return digits;
-    }
-
-    template <class Place>
-    constexpr auto MakeHere()
-    {
-        constexpr std::string_view unit = UnitOfFile(Place::File());
-        constexpr std::string_view function = FunctionOfPlace(Place::Function());
-        constexpr std::size_t digits = DigitCount(Place::Line());
-        HereText<unit.size() + function.size() + digits + sizeof "() : () - "> here = {};
-        std::size_t at = 0;
-        const auto append = [&](std::string_view part)
-        {
-            for (const char c : part)
-            {
-                here.text[at++] = c;
             }
-        };
-        append(unit);
-        append("(");
-        unsigned int line = Place::Line();
-        for (std::size_t i = digits; i-- > 0; line /= 10)
-        {
-            here.text[at + i] = static_cast<char>('0' + line % 10);
         }
-        at += digits;
-        append(") : ");
-        append(function);
-        append("() - ");
-        return here;
     }
 
-    template <class Place>
-    inline constexpr auto kHere = MakeHere<Place>();
-
-    template <class Place>
-    constexpr const char* Here(Place)
+    // One character, or all between a pair of brackets. What is in round ones may hold a '<' or '>' that is no bracket.
+    constexpr void SkipOne()
     {
-        return kHere<Place>.text;
+        int round = 0;
+        int angle = 0;
+        do
+        {
+            const char c = Peek();
+            if (c == '\'')
+            {
+                m_at += Peek(1) == '\\' ? 3 : 2;
+            }
+            round += c == '(' || c == '{' ? 1 : (c == ')' || c == '}' ? -1 : 0);
+            angle += round > 0 ? 0 : (c == '<' ? 1 : (c == '>' ? -1 : 0));
+            ++m_at;
+        } while ((round > 0 || angle > 0) && m_at < m_text.size());
     }
 
-} // namespace )
+    std::string_view m_text;
+    std::size_t m_at = 0;
+};
+
+// `pretty` is that of a member function of a class in a lambda at the place: "static ... char*
+// Scan()::<lambda()>::Place::...".
+constexpr std::string_view FunctionOfPlace(std::string_view pretty)
+{
+    const std::size_t star = pretty.find('*') + 1;
+    const std::size_t end = pretty.rfind("::ErrorHandlerDllPlace::");
+    const std::size_t start = star < pretty.size() && pretty[star] == ' ' ? star + 1 : star;
+    const std::string_view name = PrettyName(pretty.substr(start, end - start)).LastGiven();
+    return name.empty() ? std::string_view("static") : name;
+}
+
+template <std::size_t size>
+struct HereText
+{
+    char text[size];
+};
+
+constexpr std::size_t DigitCount(unsigned int number)
+{
+    std::size_t digits = 1;
+    for (; number > 9; number /= 10)
+    {
+        ++digits;
+    }
+    return digits;
+}
+
+template <class Place>
+constexpr auto MakeHere()
+{
+    constexpr std::string_view unit = UnitOfFile(Place::File());
+    constexpr std::string_view function = FunctionOfPlace(Place::Function());
+    constexpr std::size_t digits = DigitCount(Place::Line());
+    HereText<unit.size() + function.size() + digits + sizeof "() : () - "> here = {};
+    std::size_t at = 0;
+    const auto append = [&](std::string_view part)
+    {
+        for (const char c : part)
+        {
+            here.text[at++] = c;
+        }
+    };
+    append(unit);
+    append("(");
+    unsigned int line = Place::Line();
+    for (std::size_t i = digits; i-- > 0; line /= 10)
+    {
+        here.text[at + i] = static_cast<char>('0' + line % 10);
+    }
+    at += digits;
+    append(") : ");
+    append(function);
+    append("() - ");
+    return here;
+}
+
+template <class Place>
+inline constexpr auto kHere = MakeHere<Place>();
+
+template <class Place>
+constexpr const char* Here(Place)
+{
+    return kHere<Place>.text;
+}
+
+} // namespace ErrorHandlerDllDetail
 
 // The text "Unit(42) : Function() - " of the place where it stands: unit is the name of the file without folder and
 // extension; inside a lambda, function is the one around it, and "static" where there is none. Made at compile time, of
@@ -421,8 +428,7 @@ ERRORHANDLERDLL_INLINE bool LogHex(int level, unsigned int mask, const char* sou
 
 // The same for the elements of a vector, string, array, span or whatever else has data() and size().
 template <class Container>
-__attribute__((visibility("hidden"))) auto LogHex(int level, unsigned int mask, const char* source, const char* message,
-                                                  const Container& container)
+auto LogHex(int level, unsigned int mask, const char* source, const char* message, const Container& container)
     -> decltype(container.data() != nullptr && container.size() > 0)
 {
     using Element = std::remove_reference_t<decltype(*container.data())>;
@@ -431,43 +437,42 @@ __attribute__((visibility("hidden"))) auto LogHex(int level, unsigned int mask, 
 }
 
 template <class Element, std::size_t count>
-__attribute__((visibility("hidden"))) bool LogHex(int level, unsigned int mask, const char* source, const char* message,
-                                                  const Element (&array)[count])
+bool LogHex(int level, unsigned int mask, const char* source, const char* message, const Element (&array)[count])
 {
     static_assert(std::is_trivially_copyable_v<Element>, "the bytes of these elements are not their contents");
     return LogHex(level, mask, source, message, array, sizeof array);
 }
 
-namespace ErrorHandlerDllDetail __attribute__((visibility("hidden")))
+namespace ErrorHandlerDllDetail
 {
 
-    class TraceScope
+class TraceScope
+{
+public:
+    explicit TraceScope(const char* here) : m_here(here), m_exceptions(std::uncaught_exceptions())
     {
-    public:
-        explicit TraceScope(const char* here) : m_here(here), m_exceptions(std::uncaught_exceptions())
+        LogMessage(kLevel, kMask, m_here, "[Entering]");
+    }
+    TraceScope(const TraceScope&) = delete;
+    TraceScope& operator=(const TraceScope&) = delete;
+    // Potentially throwing: the unwinding of a cancelled thread must get through.
+    ~TraceScope() noexcept(false)
+    {
+        if (std::uncaught_exceptions() == m_exceptions)
         {
-            LogMessage(kLevel, kMask, m_here, "[Entering]");
+            LogMessage(kLevel, kMask, m_here, "[Exiting]");
         }
-        TraceScope(const TraceScope&) = delete;
-        TraceScope& operator=(const TraceScope&) = delete;
-        // Potentially throwing: the unwinding of a cancelled thread must get through.
-        ~TraceScope() noexcept(false)
-        {
-            if (std::uncaught_exceptions() == m_exceptions)
-            {
-                LogMessage(kLevel, kMask, m_here, "[Exiting]");
-            }
-        }
+    }
 
-    private:
-        static constexpr int kLevel = 5; // as the library's own trace
-        static constexpr unsigned int kMask = 0x20;
+private:
+    static constexpr int kLevel = 5; // as the library's own trace
+    static constexpr unsigned int kMask = 0x20;
 
-        const char* m_here;
-        int m_exceptions;
-    };
+    const char* m_here;
+    int m_exceptions;
+};
 
-} // namespace )
+} // namespace ErrorHandlerDllDetail
 
 // A statement: writes "[Entering]" here and "[Exiting]" when the scope ends, as the library's own functions do, both with
 // this place, at level 5 and mask 0x20. A scope that an exception leaves writes no second line.
@@ -475,35 +480,31 @@ namespace ErrorHandlerDllDetail __attribute__((visibility("hidden")))
 #define ERRORHANDLERDLL_TRACE_SCOPE(line) ERRORHANDLERDLL_TRACE_SCOPE_(line)
 #define ERRORHANDLERDLL_TRACE_SCOPE_(line) const ::ErrorHandlerDllDetail::TraceScope zrTraceScope##line(ZR_HERE)
 
-// ZR_LOGF is there when the compiler's library has std::format. It takes a moment to compile: who does not use it defines
-// ZR_LOG_NO_FORMAT.
-#if __cplusplus >= 202002L && !defined(ZR_LOG_NO_FORMAT) && __has_include(<format>)
-#include <version>
-#if defined(__cpp_lib_format) || (defined(_LIBCPP_VERSION) && _LIBCPP_VERSION >= 170000)
-#include <format>
+// ZR_LOGF is there when the compiler's library has std::format.
+#ifdef ERRORHANDLERDLL_HAS_FORMAT
 
-namespace ErrorHandlerDllDetail __attribute__((visibility("hidden")))
+namespace ErrorHandlerDllDetail
 {
 
-    template <class... Arguments>
-    bool LogStandardFormat(int level, unsigned int mask, const char* source, std::format_string<Arguments...> format,
-                           Arguments&&... arguments)
+template <class... Arguments>
+bool LogStandardFormat(int level, unsigned int mask, const char* source, std::format_string<Arguments...> format,
+                       Arguments&&... arguments)
+{
+    if (!ErrorHandlerDllPasses(level, mask))
     {
-        if (!ErrorHandlerDllPasses(level, mask))
-        {
-            return true;
-        }
-        char local[1024];
-        const auto result = std::format_to_n(local, sizeof local - 1, format, arguments...);
-        if (static_cast<std::size_t>(result.size) < sizeof local)
-        {
-            *result.out = '\0';
-            return LogMessage(level, mask, source, local);
-        }
-        return LogMessage(level, mask, source, std::format(format, arguments...).c_str());
+        return true;
     }
+    char local[1024];
+    const auto result = std::format_to_n(local, sizeof local - 1, format, arguments...);
+    if (static_cast<std::size_t>(result.size) < sizeof local)
+    {
+        *result.out = '\0';
+        return LogMessage(level, mask, source, local);
+    }
+    return LogMessage(level, mask, source, std::format(format, arguments...).c_str());
+}
 
-} // namespace )
+} // namespace ErrorHandlerDllDetail
 
 // ZR_LOGF(level, mask, "{} of {}", ...): as ZR_LOG, with the formats of std::format, checked when compiled.
 //   throws  also what the formatting of an argument throws
@@ -513,8 +514,8 @@ namespace ErrorHandlerDllDetail __attribute__((visibility("hidden")))
             ? ::ErrorHandlerDllDetail::LogStandardFormat(ERRORHANDLERDLL_LEVEL(level), (mask), ZR_HERE, __VA_ARGS__)        \
             : true)
 #endif
-#endif
 
+#pragma GCC visibility pop
 #endif // __cplusplus
 
 #endif
