@@ -157,7 +157,7 @@ void HandleSentWithInfo()
 void HandleAbortOnce()
 {
     Handle(
-        SIGABRT, [](int) {}, SA_RESETHAND);
+        SIGABRT, [](int) {}, static_cast<int>(SA_RESETHAND));
 }
 void SendFault()
 {
