@@ -12,7 +12,7 @@
 #include <cstdio>
 
 // Writes through a bad pointer, to show what a dump looks like. Not local to this file, so that the dump can name it.
-void RunIntoFault();
+__attribute__((noinline)) void RunIntoFault();
 void RunIntoFault()
 {
     volatile std::uintptr_t neverMapped = 0x9300;
