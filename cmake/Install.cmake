@@ -23,6 +23,13 @@ install(FILES
     include/ErrorHandlerDll/Log.h
     include/ErrorHandlerDll/Version.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll COMPONENT Development)
+install(FILES
+    include/ErrorHandlerDll/adapters/BoostLog.h
+    include/ErrorHandlerDll/adapters/FlushLog.h
+    include/ErrorHandlerDll/adapters/Glog.h
+    include/ErrorHandlerDll/adapters/Libusb.h
+    include/ErrorHandlerDll/adapters/Spdlog.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll/adapters COMPONENT Development)
 
 install(EXPORT ErrorHandlerDllTargets NAMESPACE ErrorHandlerDll::
     DESTINATION ${packageFolder} COMPONENT Development)
