@@ -486,8 +486,9 @@ private:
 namespace ErrorHandlerDllDetail
 {
 
+// References: formatted a second time when the text is long, no argument may have been moved from.
 template <class... Arguments>
-bool LogStandardFormat(int level, unsigned int mask, const char* source, std::format_string<Arguments...> format,
+bool LogStandardFormat(int level, unsigned int mask, const char* source, std::format_string<Arguments&...> format,
                        Arguments&&... arguments)
 {
     if (!ErrorHandlerDllPasses(level, mask))
