@@ -231,8 +231,8 @@ constexpr const char* Here(Place)
 
 // The text "Unit(42) : Function() - " of the place where it stands: unit is the name of the file without folder and
 // extension; inside a lambda, function is the one around it, and "static" where there is none. Made at compile time, of
-// static storage: fit as a source, as a location of a raise, and to be kept. Not in a default template argument or behind
-// decltype.
+// static storage: fit as a source, as a location of a raise, and to be kept. Not in a default template argument, behind
+// decltype, or for a constant static member inside its class.
 #define ZR_HERE                                                                                                             \
     (::ErrorHandlerDllDetail::Here(                                                                                         \
         []                                                                                                                  \
