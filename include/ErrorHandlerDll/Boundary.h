@@ -32,6 +32,9 @@
 // header.
 #pragma GCC visibility push(hidden)
 
+// What unwinds a cancelled thread is no object: the undefined behaviour sanitizer would complain of the reference to it.
+#define ERRORHANDLERDLL_CATCHES_UNWINDING __attribute__((no_sanitize("undefined")))
+
 namespace ErrorHandlerDllDetail
 {
 
@@ -50,7 +53,7 @@ private:
 };
 
 template <class Handle>
-bool Succeeds(const Handle& handle)
+ERRORHANDLERDLL_CATCHES_UNWINDING bool Succeeds(const Handle& handle)
 {
     try
     {
@@ -83,7 +86,7 @@ auto HandleAndReport(const Handle& handle, const OnError& onError, ZelvoReaderEr
 
 // The ladder. The most special clause comes first: std::bad_alloc derives from std::exception.
 template <class Body, class OnError>
-auto RunAtBoundary(const char* name, Body& body, const OnError& onError)
+ERRORHANDLERDLL_CATCHES_UNWINDING auto RunAtBoundary(const char* name, Body& body, const OnError& onError)
     -> decltype(onError(ZR_ERROR_NONE, static_cast<const char*>(nullptr)))
 {
     constexpr const char* kUnknown = "An unknown error occurred";
@@ -182,7 +185,7 @@ auto AtBoundaryOr(const char* name, const OnError& onError, Body&& body) -> decl
 // propagating. Whoever catches it last deletes it.
 //   throws  HalvikException*, or what the handler throws, see ExceptionHandler
 template <class Body>
-auto AtInnerBoundary(const char* name, Body&& body) -> decltype(body())
+ERRORHANDLERDLL_CATCHES_UNWINDING auto AtInnerBoundary(const char* name, Body&& body) -> decltype(body())
 {
     try
     {
