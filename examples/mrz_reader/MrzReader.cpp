@@ -134,7 +134,7 @@ Zone ReadZone(const std::string& where, const Lines& lines)
 // Outer boundary: a faulty zone is a verdict, and the next one is read.
 Verdict JudgeZone(const std::string& where, const Lines& lines)
 {
-    const Verdict verdict = AtBoundaryOr(
+    Verdict verdict = AtBoundaryOr(
         ZR_HERE,
         [&](ZelvoReaderErrorCode, const char* text) {
             return Verdict{false, where + ": " + text};

@@ -364,7 +364,7 @@ ERRORHANDLERDLL_INLINE ERRORHANDLERDLL_PRINTF(4, 0) bool LogFormattedV(int level
 {
     const int errnoOfCaller = errno; // "%m" prints it
     char local[1024] = "";
-    char* allocated __attribute__((cleanup(ErrorHandlerDllFree))) = NULL;
+    char* allocated __attribute__((cleanup(ErrorHandlerDllFree))) = NULL; // NOLINT(modernize-use-nullptr): C, too
     va_list copy;
     int length;
     if (!ErrorHandlerDllPasses(level, mask))
@@ -372,7 +372,7 @@ ERRORHANDLERDLL_INLINE ERRORHANDLERDLL_PRINTF(4, 0) bool LogFormattedV(int level
         return true;
     }
     va_copy(copy, arguments);
-    length = format == NULL ? 0 : vsnprintf(local, sizeof local, format, copy);
+    length = !format ? 0 : vsnprintf(local, sizeof local, format, copy);
     va_end(copy);
     if (length < 0)
     {
@@ -382,7 +382,7 @@ ERRORHANDLERDLL_INLINE ERRORHANDLERDLL_PRINTF(4, 0) bool LogFormattedV(int level
     {
         const size_t size = ERRORHANDLERDLL_CAST(size_t, length) + 1;
         allocated = ERRORHANDLERDLL_CAST(char*, malloc(size));
-        if (allocated != NULL)
+        if (allocated)
         {
             errno = errnoOfCaller;
             va_copy(copy, arguments);
@@ -391,7 +391,7 @@ ERRORHANDLERDLL_INLINE ERRORHANDLERDLL_PRINTF(4, 0) bool LogFormattedV(int level
         }
     }
     errno = errnoOfCaller;
-    return LogMessage(level, mask, source, allocated != NULL ? allocated : local);
+    return LogMessage(level, mask, source, allocated ? allocated : local);
 }
 
 // ZR_LOG(level, mask, format, ...): LogFormatted with ZR_HERE as source.
