@@ -104,7 +104,8 @@ def table(subjects):
     metrics = list(dict.fromkeys(metric for values in subjects.values() for metric in values))
     head = metrics[0] if "ns" not in metrics else "ns"
     limit = subjects.get("limit", {}).get(head)
-    others = [values[head] for name, values in subjects.items() if name not in ("library", "limit") and head in values]
+    no_peers = ("library", "limit", "spdlog, our sink")
+    others = [values[head] for name, values in subjects.items() if name not in no_peers and head in values]
     best = min(others, default=None)
     yield f"| subject | {' | '.join(metrics)} | {head} x limit | {head} x best peer |"
     yield "|---|" + "---:|" * (len(metrics) + 2)

@@ -11,15 +11,25 @@ install(TARGETS ErrorHandlerDll EXPORT ErrorHandlerDllTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
+    include/ErrorHandlerDll/Boundary.h
     include/ErrorHandlerDll/CheckedRaise.h
+    include/ErrorHandlerDll/CrashHandler.h
     include/ErrorHandlerDll/ErrorCodes.h
     include/ErrorHandlerDll/ErrorHandlerDll.h
     include/ErrorHandlerDll/ExceptionHandler.h
     include/ErrorHandlerDll/Export.h
     include/ErrorHandlerDll/HalvikException.h
     include/ErrorHandlerDll/LinuxStructuredException.h
+    include/ErrorHandlerDll/Log.h
     include/ErrorHandlerDll/Version.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll COMPONENT Development)
+install(FILES
+    include/ErrorHandlerDll/adapters/BoostLog.h
+    include/ErrorHandlerDll/adapters/FlushLog.h
+    include/ErrorHandlerDll/adapters/Glog.h
+    include/ErrorHandlerDll/adapters/Libusb.h
+    include/ErrorHandlerDll/adapters/Spdlog.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ErrorHandlerDll/adapters COMPONENT Development)
 
 install(EXPORT ErrorHandlerDllTargets NAMESPACE ErrorHandlerDll::
     DESTINATION ${packageFolder} COMPONENT Development)

@@ -9,6 +9,7 @@ set -eu
 packages="g++ make cmake libgtest-dev python3 binutils"
 if [ "${1:-}" = --checks ]; then
     packages="$packages clang clang-format clang-tidy llvm elfutils doxygen gdb pkg-config valgrind"
+    packages="$packages libspdlog-dev libgoogle-glog-dev libboost-log-dev libusb-1.0-0-dev" # peers of the adapters
     packages="$packages dpkg-dev file lintian man-db abigail-tools lnav rsyslog faketime" # packages and readers of logs
 fi
 

@@ -1,72 +1,33 @@
 // The pattern for functions that a library exports to applications: nothing is thrown through them, and whatever happens
-// inside becomes a code, a block in boundary.log and one call of the error callback. Every exported function goes through
-// AtBoundary, so the catch clauses are written once.
-#include <ErrorHandlerDll/ErrorHandlerDll.h>
-#include <ErrorHandlerDll/ExceptionHandler.h>
-#include <ErrorHandlerDll/HalvikException.h>
-#include <ErrorHandlerDll/LinuxStructuredException.h>
+// inside becomes a code, a block in boundary.log and one call of the error callback. Every exported function goes through a
+// boundary, so nobody writes catch clauses.
+#include <ErrorHandlerDll/Boundary.h>
+#include <ErrorHandlerDll/Log.h>
 
 #include <cstdio>
-#include <new>
 #include <stdexcept>
+#include <string>
 
 namespace
 {
 
-template <typename Body>
-ZelvoReaderErrorCode AtBoundary(const char* name, Body body)
-{
-    try
-    {
-        body();
-        return ZR_ERROR_NONE; // the last error stays: it is that of the last failure
-    }
-    catch (HalvikException* exception)
-    {
-        ExceptionHandler::HandleHalvikException(name, exception);
-        const ZelvoReaderErrorCode code = exception->GetErrorCode();
-        delete exception;
-        return code;
-    }
-    catch (StructuredException& exception)
-    {
-        ExceptionHandler::HandleStructuredException(name, exception, false);
-        return ZR_ERROR_SYSTEM; // its own code is a signal's, not one of the catalogue
-    }
-    catch (std::bad_alloc& exception) // before std::exception, from which it derives
-    {
-        ExceptionHandler::HandleBadAllocException(name, exception, false);
-        return ZR_ERROR_MEMORY_ALLOCATION;
-    }
-    catch (std::exception& exception)
-    {
-        ExceptionHandler::HandleSTDException(name, exception, false);
-        return ZR_ERROR_UNKNOWN;
-    }
-    catch (...)
-    {
-        ExceptionHandler::HandleUnknownException(name, false);
-        return ZR_ERROR_UNKNOWN;
-    }
-}
-
-// Two functions of a library's interface.
+// Three functions of a library's interface.
 
 ZelvoReaderErrorCode ReadPage(int page)
 {
-    return AtBoundary("ReadPage() - ",
+    return AtBoundary(ZR_HERE,
                       [page]
                       {
                           if (page < 1)
                           {
-                              RaiseError(ZR_ERROR_INDEX_OUT_OF_BOUNDS, "Scanner(31) : ReadPage() - ", "page", page, 1, 9);
+                              RaiseError(ZR_ERROR_INDEX_OUT_OF_BOUNDS, ZR_HERE, "page", page, 1, 9);
                           }
                       });
 }
 
 ZelvoReaderErrorCode ParsePage(const char* text)
 {
-    return AtBoundary("ParsePage() - ",
+    return AtBoundary(ZR_HERE,
                       [text]
                       {
                           if (*text == '\0')
@@ -74,6 +35,12 @@ ZelvoReaderErrorCode ParsePage(const char* text)
                               throw std::runtime_error("empty page");
                           }
                       });
+}
+
+// Not every function returns a code: here it is the value that stands for an error.
+int CountLines(const std::string& page, std::size_t start)
+{
+    return AtBoundaryOr(ZR_HERE, -1, [&] { return page.at(start) == '\n' ? 0 : 1; });
 }
 
 void ReportError(ZelvoReaderErrorCode code, char* message, void* param)
@@ -91,6 +58,7 @@ int main()
     ExceptionHandler::SetErrorCallback(ReportError, &reported);
 
     const bool asExpected = ReadPage(1) == ZR_ERROR_NONE && ReadPage(0) == ZR_ERROR_INDEX_OUT_OF_BOUNDS &&
-                            ParsePage("") == ZR_ERROR_UNKNOWN && reported == 2;
+                            ParsePage("") == ZR_ERROR_UNKNOWN && CountLines("text", 0) == 1 && CountLines("text", 9) == -1 &&
+                            reported == 3;
     return asExpected ? 0 : 1;
 }

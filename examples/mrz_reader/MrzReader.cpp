@@ -1,10 +1,12 @@
 #include "MrzReader.h"
 
-#include "CrashHandler.h"
 #include "HostErrors.h"
 #include "HostLog.h"
 #include "MrzParser.h"
+#include <ErrorHandlerDll/Boundary.h>
 #include <ErrorHandlerDll/CheckedRaise.h>
+#include <ErrorHandlerDll/CrashHandler.h>
+#include <ErrorHandlerDll/Log.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,8 +17,6 @@
 #include <memory>
 #include <system_error>
 #include <thread>
-
-#define SOURCE(function) HOST_LOG_SOURCE(MrzReader, function)
 
 namespace Mrz
 {
@@ -33,7 +33,7 @@ struct CloseFile
 
 [[noreturn]] void RaiseReadError(const std::string& path, const std::string& reason)
 {
-    RaiseCheckedError<ZR_ERROR_FILE_READ>(SOURCE(RaiseReadError), (path + ": " + reason).c_str());
+    RaiseCheckedError<ZR_ERROR_FILE_READ>(ZR_HERE, (path + ": " + reason).c_str());
 }
 
 void CheckIsRegularFile(const std::string& path)
@@ -42,7 +42,7 @@ void CheckIsRegularFile(const std::string& path)
     const std::filesystem::file_status status = std::filesystem::status(path, error);
     if (status.type() == std::filesystem::file_type::not_found)
     {
-        RaiseCheckedError<ZR_ERROR_FILE_NOT_FOUND>(SOURCE(CheckIsRegularFile), path.c_str());
+        RaiseCheckedError<ZR_ERROR_FILE_NOT_FOUND>(ZR_HERE, path.c_str());
     }
     if (error)
     {
@@ -79,7 +79,7 @@ std::string LoadFile(const std::string& path)
 // The location names the zone: an error block alone says which document it is about.
 void RaiseFault(const Fault& fault, const std::string& where)
 {
-    const std::string location = SOURCE(RaiseFault) + where + ": ";
+    const std::string location = ZR_HERE + where + ": ";
     char text[128];
     switch (fault.kind)
     {
@@ -110,18 +110,18 @@ void WarnOfOddDates(const Zone& zone, const std::string& where)
 {
     if (!IsPlausibleDate(zone.birthDate))
     {
-        LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of birth as " + zone.birthDate).c_str());
+        LogWarning(0, ZR_HERE, (where + ": no such day of birth as " + zone.birthDate).c_str());
     }
     if (!IsPlausibleDate(zone.expiryDate))
     {
-        LogWarning(0, SOURCE(WarnOfOddDates), (where + ": no such day of expiry as " + zone.expiryDate).c_str());
+        LogWarning(0, ZR_HERE, (where + ": no such day of expiry as " + zone.expiryDate).c_str());
     }
 }
 
 // Inner boundary: what is wrong with the zone is reported here and goes on.
 Zone ReadZone(const std::string& where, const Lines& lines)
 {
-    return Boundary::Inner(SOURCE(ReadZone),
+    return AtInnerBoundary(ZR_HERE,
                            [&]
                            {
                                Zone zone;
@@ -134,25 +134,28 @@ Zone ReadZone(const std::string& where, const Lines& lines)
 // Outer boundary: a faulty zone is a verdict, and the next one is read.
 Verdict JudgeZone(const std::string& where, const Lines& lines)
 {
-    Zone zone;
-    const Boundary::Outcome outcome = Boundary::Outer(SOURCE(JudgeZone), [&] { zone = ReadZone(where, lines); });
-    const bool valid = outcome.code == ZR_ERROR_NONE;
-    Verdict verdict = {valid, where + ": " + (valid ? "valid - " + Describe(zone) : outcome.text)};
-    LogMessage(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(JudgeZone), verdict.text.c_str());
+    Verdict verdict = AtBoundaryOr(
+        ZR_HERE,
+        [&](ZelvoReaderErrorCode, const char* text) {
+            return Verdict{false, where + ": " + text};
+        },
+        [&] {
+            return Verdict{true, where + ": valid - " + Describe(ReadZone(where, lines))};
+        });
+    Log(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, ZR_HERE, verdict.text);
     return verdict;
 }
 
 std::vector<Verdict> JudgeZones(const std::string& path)
 {
-    LogFormatted(ZR_LOG_DEBUG_LOW, HostLog::kFiles, SOURCE(JudgeZones), "Opening %s", path.c_str());
+    ZR_LOG(ZR_LOG_DEBUG_LOW, HostLog::kFiles, "Opening %s", path.c_str());
     const std::string bytes = LoadFile(path);
-    LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, HostLog::kRawData, SOURCE(JudgeZones), path.c_str(),
-                             reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    LogHex(ZR_LOG_DEBUG_HIGH, HostLog::kRawData, ZR_HERE, path.c_str(), bytes);
 
     const std::vector<Lines> zones = SplitIntoZones(bytes);
     if (zones.empty())
     {
-        RaiseCheckedError<ZR_ERROR_DECODE>(SOURCE(JudgeZones), (path + " holds no zone").c_str());
+        RaiseCheckedError<ZR_ERROR_DECODE>(ZR_HERE, (path + " holds no zone").c_str());
     }
     std::vector<Verdict> verdicts;
     verdicts.reserve(zones.size());
@@ -166,7 +169,7 @@ std::vector<Verdict> JudgeZones(const std::string& path)
 // Inner boundary of a file.
 std::vector<Verdict> ReadFile(const std::string& path)
 {
-    return Boundary::Inner(SOURCE(ReadFile), [&] { return JudgeZones(path); });
+    return AtInnerBoundary(ZR_HERE, [&] { return JudgeZones(path); });
 }
 
 // Threads that cannot be had are done without: the calling thread alone would get through the work.
@@ -181,15 +184,14 @@ std::vector<std::jthread> StartThreads(size_t count, const std::function<void()>
             threads.emplace_back(
                 [work]
                 {
-                    const CrashHandler::AlternateStack stack;
+                    const CrashHandlerStack stack;
                     work();
                 });
         }
     }
     catch (const std::system_error& error)
     {
-        LogFormatted(ZR_LOG_WARNING, HostLog::kFiles, SOURCE(StartThreads), "Going on with %zu threads - %s",
-                     threads.size() + 1, error.what());
+        ZR_LOG(ZR_LOG_WARNING, HostLog::kFiles, "Going on with %zu threads - %s", threads.size() + 1, error.what());
     }
     return threads;
 }
@@ -205,7 +207,13 @@ std::vector<FileResult> ReadFiles(const std::vector<std::string>& paths, unsigne
     {
         for (size_t i = next++; i < paths.size(); i = next++)
         {
-            results[i].outcome = Boundary::Outer(SOURCE(ReadFiles), [&] { results[i].verdicts = ReadFile(paths[i]); });
+            FileResult& result = results[i];
+            const auto keep = [&result](ZelvoReaderErrorCode code, const char* text)
+            {
+                result.code = code;
+                std::snprintf(result.text, sizeof result.text, "%s", text);
+            };
+            AtBoundaryOr(ZR_HERE, keep, [&] { result.verdicts = ReadFile(paths[i]); });
         }
     };
 

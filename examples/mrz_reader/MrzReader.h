@@ -1,7 +1,7 @@
 // Reads files with machine-readable zones on several threads and judges each zone. Logs as it goes; never stops at a fault.
 #pragma once
 
-#include "Boundary.h"
+#include <ErrorHandlerDll/ErrorCodes.h>
 
 #include <string>
 #include <vector>
@@ -17,7 +17,9 @@ struct Verdict
 
 struct FileResult
 {
-    Boundary::Outcome outcome;     // an error when the file could not be read or holds no zone
+    // An error when the file could not be read or holds no zone. No heap behind the text: memory may just have run out.
+    ZelvoReaderErrorCode code = ZR_ERROR_NONE;
+    char text[512] = "";
     std::vector<Verdict> verdicts; // one for each zone
 };
 

@@ -1,15 +1,23 @@
-// A host of the library: reads machine-readable zones of travel documents logs its work into a size-rotated log,
+// A host of the library: reads machine-readable zones of travel documents, logs its work into a size-rotated log,
 // and reports what goes wrong as errors of the library.
-#include "Boundary.h"
 #include "CommandLine.h"
-#include "CrashHandler.h"
 #include "HostErrors.h"
 #include "HostLog.h"
 #include "MrzReader.h"
+#include <ErrorHandlerDll/Boundary.h>
+#include <ErrorHandlerDll/CrashHandler.h>
+#include <ErrorHandlerDll/Log.h>
 
+#include <cstdint>
 #include <cstdio>
 
-#define SOURCE(function) HOST_LOG_SOURCE(Main, function)
+// Writes through a bad pointer, to show what a dump looks like. Not local to this file, so that the dump can name it.
+__attribute__((noinline)) void RunIntoFault();
+void RunIntoFault()
+{
+    volatile std::uintptr_t neverMapped = 0x9300;
+    *reinterpret_cast<volatile int*>(neverMapped) = 1;
+}
 
 namespace
 {
@@ -30,8 +38,7 @@ void StartLogging(const CommandLine& commandLine)
     settings.maxFileSize = commandLine.maxFileSize;
     SetLoggingOptions(&settings);
 
-    if (!LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, SOURCE(StartLogging), "mrz_reader starts, log level %d",
-                      commandLine.level))
+    if (!ZR_LOG(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "mrz_reader starts, log level %d", commandLine.level))
     {
         std::fprintf(stderr, "mrz_reader: cannot write the log %s; going on without\n", commandLine.logFile.c_str());
     }
@@ -49,9 +56,9 @@ int Report(const std::vector<std::string>& paths, const std::vector<Mrz::FileRes
             std::printf("%s\n", verdict.text.c_str());
             ++(verdict.valid ? valid : faulty);
         }
-        if (results[i].outcome.code != ZR_ERROR_NONE)
+        if (results[i].code != ZR_ERROR_NONE)
         {
-            std::printf("%s: %s\n", paths[i].c_str(), results[i].outcome.text);
+            std::printf("%s: %s\n", paths[i].c_str(), results[i].text);
             ++faulty;
         }
     }
@@ -59,7 +66,7 @@ int Report(const std::vector<std::string>& paths, const std::vector<Mrz::FileRes
     std::snprintf(summary, sizeof summary, "Summary: %zu file(s), %d zone(s) valid, %d fault(s), %u error(s), %u warning(s)",
                   results.size(), valid, faulty, reported.errors.load(), reported.warnings.load());
     std::puts(summary);
-    LogMessage(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, SOURCE(Report), summary);
+    Log(ZR_LOG_DEBUG_LOW, HostLog::kVerdicts, ZR_HERE, summary);
     return faulty == 0 ? ALL_VALID : SOME_INVALID;
 }
 
@@ -70,7 +77,7 @@ int Run(const CommandLine& commandLine, const HostErrors::Reported& reported)
     std::printf("Log: %s\n", GetLogFilename());
     if (commandLine.crash)
     {
-        CrashHandler::RunIntoFault();
+        RunIntoFault();
     }
     return status;
 }
@@ -89,15 +96,16 @@ int main(int argc, char** argv)
     // Before any other thread runs.
     static HostErrors::Reported reported;
     HostErrors::Register(reported);
-    CrashHandler::Install();
-    const CrashHandler::AlternateStack stack;
+    InstallCrashHandlers(CrashReport::DUMP_AND_CALLBACK); // the callback does no more than a signal handler may
+    InstallTerminateHandler();
+    const CrashHandlerStack stack;
 
-    int status = SOME_INVALID;
-    const Boundary::Outcome outcome = Boundary::Outer(SOURCE(main), [&] { status = Run(*commandLine, reported); });
-    if (outcome.code != ZR_ERROR_NONE)
+    const auto fail = [](ZelvoReaderErrorCode, const char* text)
     {
-        std::fprintf(stderr, "mrz_reader: %s\n", outcome.text);
-    }
+        std::fprintf(stderr, "mrz_reader: %s\n", text);
+        return SOME_INVALID;
+    };
+    const int status = AtBoundaryOr(ZR_HERE, fail, [&]() -> int { return Run(*commandLine, reported); });
     ShutdownLogging();
     return status;
 }

@@ -1,0 +1,156 @@
+// Boundary.h: what each kind of exception becomes at each kind of boundary.
+#include "ErrorHandlerDll/Boundary.h"
+
+#include "ErrorHandlerDll/Log.h"
+#include "support/LogTest.h"
+
+#include <functional>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+
+namespace
+{
+
+void RaiseNotFound()
+{
+    RaiseError(ZR_ERROR_FILE_NOT_FOUND, "Here - ", "a.txt");
+}
+
+// Not a crash: an object like that of a signal handler, caught far from it.
+void ThrowStructured()
+{
+    ucontext_t context = {};
+    siginfo_t info = {};
+    info.si_signo = SIGSEGV;
+    const StructuredException exception(SIGSEGV, &context, &info);
+    throw exception;
+}
+
+const struct Row
+{
+    const char* what;
+    void (*raise)();
+    ZelvoReaderErrorCode code;
+    const char* text;
+} kRows[] = {
+    {"nothing", [] {}, ZR_ERROR_NONE, "none"},
+    {"own", RaiseNotFound, ZR_ERROR_FILE_NOT_FOUND, "The file a.txt does not exist"},
+    {"no object", [] { throw static_cast<HalvikException*>(nullptr); }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
+    {"structured", ThrowStructured, ZR_ERROR_SYSTEM, "Segmentation fault"},
+    {"memory", [] { throw std::bad_alloc(); }, ZR_ERROR_MEMORY_ALLOCATION, "std::bad_alloc"},
+    {"standard", [] { throw std::logic_error("odd"); }, ZR_ERROR_UNKNOWN, "odd"},
+    {"other", [] { throw 1; }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
+};
+
+class Boundary : public testing::Test
+{
+protected:
+    Boundary()
+    {
+        ExceptionHandler::SetErrorCallback([](auto, auto, void* count) { ++*static_cast<int*>(count); }, &m_reported);
+    }
+    ~Boundary() override { ExceptionHandler::SetErrorCallback(nullptr, nullptr); }
+
+    CapturedLog m_log;
+    int m_reported = 0;
+};
+
+TEST_F(Boundary, GivesCodeAndTextOfEachKind)
+{
+    for (const Row& row : kRows)
+    {
+        m_reported = 0;
+        testing::internal::CaptureStdout(); // the dump of the structured one
+        const bool isError = row.code != ZR_ERROR_NONE;
+        EXPECT_EQ(AtBoundary("AtBoundary() - ", row.raise), row.code) << row.what;
+        const auto asText = [&](ZelvoReaderErrorCode code, const char* text)
+        {
+            return std::to_string(code) + text;
+        };
+        const std::string text = AtBoundaryOr("AtBoundaryOr() - ", asText,
+                                              [&]() -> std::string
+                                              {
+                                                  row.raise();
+                                                  return "0none";
+                                              });
+        EXPECT_EQ(text, std::to_string(row.code) + row.text) << row.what;
+        EXPECT_EQ(m_reported, isError ? 2 : 0) << row.what;
+        testing::internal::GetCapturedStdout();
+    }
+}
+
+TEST_F(Boundary, ReportsOnceOverSeveralBoundaries)
+{
+    for (const Row& row : kRows)
+    {
+        m_reported = 0;
+        testing::internal::CaptureStdout();
+        const ZelvoReaderErrorCode code = AtBoundary(
+            "Outer() - ", [&] { AtInnerBoundary("Middle() - ", [&] { AtInnerBoundary("Inner() - ", row.raise); }); });
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(code, row.code) << row.what;
+        EXPECT_EQ(m_reported, row.code != ZR_ERROR_NONE ? 1 : 0) << row.what;
+    }
+}
+
+TEST_F(Boundary, TakesValuesAndFunctionsForErrors)
+{
+    int target = 5;
+    EXPECT_EQ(AtBoundaryOr("B - ", -1, [] { return 7; }), 7);
+    EXPECT_EQ(AtBoundaryOr("B - ", -1, []() -> int { throw 1; }), -1);
+    EXPECT_EQ(AtBoundaryOr("B - ", nullptr, [&]() -> int* { throw 1; }), nullptr);
+    EXPECT_EQ(&AtBoundaryOr("B - ", std::ref(target), [&]() -> int& { throw 1; }), &target);
+    EXPECT_EQ(AtBoundaryOr(
+                  "B - ", [](ZelvoReaderErrorCode code) { return -code; }, []() -> int { throw 1; }),
+              -1);
+    AtBoundaryOr(
+        "B - ", [&](ZelvoReaderErrorCode, const char*) { target = 6; }, [] { throw 1; });
+    EXPECT_EQ(target, 6);
+    EXPECT_EQ(AtInnerBoundary("B - ", [] { return 8; }), 8);
+    EXPECT_THROW(AtBoundaryOr(
+                     "B - ", [](ZelvoReaderErrorCode) -> int { throw 2L; }, []() -> int { throw 1; }),
+                 long);
+}
+
+TEST_F(Boundary, ContainsWhatTheHandlingThrows)
+{
+    const struct
+    {
+        const char* what;
+        void (*callback)(ZelvoReaderErrorCode, char*, void*);
+    } kCallbacks[] = {{"a value",
+                       [](auto, auto, auto)
+                       {
+                           throw 1;
+                       }},
+                      {"an own one", [](auto, auto, auto)
+                       {
+                           RaiseNotFound();
+                       }}};
+    for (const auto& row : kCallbacks)
+    {
+        ExceptionHandler::SetErrorCallback(row.callback, nullptr);
+        EXPECT_EQ(AtBoundary("B - ", RaiseNotFound), ZR_ERROR_IN_EXCEPTION_HANDLER) << row.what;
+        EXPECT_EQ(AtBoundary("B - ", [] { throw 1; }), ZR_ERROR_IN_EXCEPTION_HANDLER) << row.what;
+    }
+}
+
+TEST_F(Boundary, LetsAThreadBeCancelled)
+{
+    static bool gIsBehind; // a boundary that swallows the unwinding makes the C library abort
+    const auto run = [](void*) -> void*
+    {
+        AtBoundary("B - ", []
+                   { AtInnerBoundary("B - ", [] { AtBoundaryOr("B - ", 1, []() -> int { pthread_exit(&gIsBehind); }); }); });
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, run, nullptr));
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, &gIsBehind);
+    EXPECT_EQ(m_reported, 0);
+}
+
+} // namespace
