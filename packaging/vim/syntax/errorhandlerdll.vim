@@ -7,7 +7,7 @@ syntax match ehdTime /^\d\d\/\d\d\/\d\d \d\d:\d\d:\d\d\.\d\{3}/ nextgroup=ehdErr
 syntax match ehdError / - \(ERROR\|Level -\d\+\) *\ze - / contained nextgroup=ehdThread
 syntax match ehdWarning / - WARNING *\ze - / contained nextgroup=ehdThread
 syntax match ehdDebug / - \(DEBUG_LOW\|DEBUG_HIGH\|Level \d\+\) *\ze - / contained nextgroup=ehdThread
-syntax match ehdThread / - \[ThreadID: -\?\d\+\] -/ contained nextgroup=ehdBlock,ehdSource skipwhite
+syntax match ehdThread / - \[ThreadID: -\?\d\+\] -\( \|$\)/ contained nextgroup=ehdBlock,ehdSource
 syntax match ehdSource /\S.\{-}() - / contained nextgroup=ehdBlock
 syntax match ehdBlock /-\{22}$/ contained
 syntax match ehdBlock /\[\(caught\|propagating\)\]: /
