@@ -25,7 +25,8 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 
 // ---- Logging ----------------------------------------------------------------------------------------------------------
 //
-// One log for the whole process, disabled until InitialiseLogging enables it. Each call below writes one entry:
+// One log for the whole process, disabled until InitialiseLogging enables it. LogMessage, LogFormatted and
+// LogMessageAndBufferAsHex write one entry a call:
 //
 //   16/11/26 15:38:45.007 - WARNING    - [ThreadID: 4711] - <source><message>
 //
@@ -49,6 +50,9 @@ ERRORHANDLERDLL_API const char* GetLogFilename(void);
 ERRORHANDLERDLL_API void ShutdownLogging(void);
 
 // Writes one entry.
+//   level   ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, or any other number: higher is more detailed
+//   mask    the categories that the entry belongs to, a bit each, of the host's choice; ZR_LOG_ALL_CATEGORIES for all
+//   source  where in the program the entry comes from, free text
 //   returns true when it was written or filtered out, false when no log file could be opened (the entry is dropped)
 ERRORHANDLERDLL_API bool LogMessage(int level, unsigned int mask, const char* source, const char* message);
 
