@@ -23,7 +23,8 @@ done
 if [ "$(id -u)" -eq 0 ]; then
     asRoot=
 elif ! command -v sudo >/dev/null; then
-    echo "setup: missing packages, and neither root nor sudo to install them. Please have installed:$missing" >&2
+    echo "setup: packages are missing, and there is neither root nor sudo to install them. Have this run as root:" >&2
+    echo "apt-get install --no-install-recommends$missing" >&2
     exit 1
 elif [ -t 0 ]; then
     asRoot=sudo
@@ -45,7 +46,8 @@ installMissing() {
 if ! installMissing; then
     if ! aptGet update || ! installMissing; then
         cat "$log" >&2
-        echo "setup: the installation failed, see above" >&2
+        echo "setup: the installation failed, see above. By hand, as root:" >&2
+        echo "apt-get install --no-install-recommends$missing" >&2
         exit 1
     fi
 fi
