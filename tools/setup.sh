@@ -10,7 +10,7 @@ packages="g++ make cmake libgtest-dev python3 binutils"
 if [ "${1:-}" = --checks ]; then
     packages="$packages clang clang-format clang-tidy llvm elfutils doxygen pkg-config valgrind"
     packages="$packages dpkg-dev file lintian man-db abigail-tools lnav rsyslog faketime" # packages and readers of logs
-    packages="$packages gdb vim libivykis0 libjson-c5 libnet1 libpcre3 libwrap0" # the last five for an unpacked syslog-ng
+    packages="$packages gdb vim logrotate libivykis0 libjson-c5 libnet1 libpcre3 libwrap0" # the last five for an unpacked syslog-ng
 fi
 
 missing=
