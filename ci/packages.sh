@@ -40,7 +40,7 @@ for archive in "${archives[@]}"; do
 done
 echo "Built ${names[*]}"
 
-lintianOptions=(--fail-on error,warning --tag-display-limit 0)
+lintianOptions=(--fail-on "error,warning" --tag-display-limit 0)
 [ "$(id -u)" -ne 0 ] || lintianOptions+=(--allow-root)
 quietly lintian "${lintianOptions[@]}" "${archives[@]}"
 echo "lintian: no errors, no warnings but those explained in packaging/debian/lintian"
@@ -67,7 +67,7 @@ for archive in "${archives[@]}"; do
 done
 quietly mandb --create "$work/tree/usr/share/man"
 for page in LogMessage SetErrorCallback LoggingSettings ErrorHandlerDll errorhandlerdll-symbolize; do
-    man -M "$work/tree/usr/share/man" "$page" | grep "^$page(\|, $page[ ,]\|   $page[ ,]" >"$work/found" || fail "man $page shows no page"
+    man -M "$work/tree/usr/share/man" "$page" | grep "^${page}(\|[ ,]${page}[ ,]" >"$work/found" || fail "man $page shows no page"
 done
 man -M "$work/tree/usr/share/man" -k "crash dump" >"$work/found" || fail "man -k finds no page on crash dumps"
 find "$work"/tree/usr/share/man/man? -name '*.gz' >"$work/pages"
@@ -111,7 +111,7 @@ quietly cmake -S "$documents/liberrorhandlerdll-dev/examples" -B "$work/examples
 quietly cmake --build "$work/examples" --parallel 2
 (cd "$work" && quietly "$work/examples/minimal_cpp" && quietly "$work/examples/mrz_reader/mrz_reader" --log mrz.log -- \
     "$documents"/liberrorhandlerdll-dev/examples/mrz_reader/samples/td*.txt)
-for run in 1 2; do
+for _ in first second; do
     (cd "$work" && quietly python3 "$documents/liberrorhandlerdll-dev/examples/python/host.py")
 done
 

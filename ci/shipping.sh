@@ -84,7 +84,7 @@ startDaemon() { # NAME
     daemons+=($!)
 }
 
-received() { cat "$work/$1/entries.json" 2>/dev/null | wc -l; }
+received() { if [ -e "$work/$1/entries.json" ]; then wc -l <"$work/$1/entries.json"; else echo 0; fi; }
 written() { cat "$work/$1"/log/*.log | grep -c '^../../.. ..:..:..\....' || true; }
 
 for name in "$@"; do

@@ -36,7 +36,7 @@ expect() { # PATTERN-OF-GREP GROUPS: the lines that match, and no others, start 
     wanted=$(grep -nE -- "$1" "$work/all.log" | cut -d: -f1)
     found=$(tail -n +2 "$work/listing" | grep -nE -- "^$2( |$)" | cut -d: -f1)
     [ -n "$wanted" ] && [ "$wanted" = "$found" ] || {
-        echo "vim: '$2' is on the lines" $found, not $wanted >&2
+        echo "vim: '$2' is on the lines ${found//$'\n'/ }, not ${wanted//$'\n'/ }" >&2
         status=1
     }
 }

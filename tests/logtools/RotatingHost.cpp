@@ -1,6 +1,5 @@
-// Logs numbered entries while its log is rotated: RotatingHost LOG ENTRIES [MAX_FILE_SIZE]. With a size it rotates by itself;
-// without one it opens its log afresh whenever it is told to by SIGHUP. Half of the entries have
-// further lines.
+// Logs numbered entries while its log is rotated: RotatingHost LOG ENTRIES [MAX_FILE_SIZE]. With a size it rotates by
+// itself; without one it opens its log afresh whenever it is told to by SIGHUP. Half of the entries have further lines.
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
 
 #include <csignal>
