@@ -6,10 +6,9 @@ import gdb
 import gdb.printing
 
 # All that is taken from the library's inside.
-LOGGER = "gLoggerStorage.m_logger"
-LOG_FILE, LOG_NAME = "m_file", "m_logFileName"
+OUTPUT = "gLoggerStorage.m_logger.m_file"
 BUFFER, USED, WRITTEN, FLUSHING = "m_buffer", "m_used", "m_written", "m_flushing"
-NAME_TEXT = "m_data"
+NAME = "gLoggerStorage.m_logger.m_logFileName.m_data"
 
 
 def _evaluate(expression):
@@ -48,12 +47,11 @@ errorhandlerdll tail"""
         super().__init__("errorhandlerdll tail", gdb.COMMAND_DATA)
 
     def invoke(self, argument, from_tty):
-        logger = _evaluate(LOGGER)
+        _evaluate("gLoggerStorage")
         try:
-            file = logger[LOG_FILE]
-            used, written, flushing = (_number(file[name]) for name in (USED, WRITTEN, FLUSHING))
-            lines = _bytes(file[BUFFER], used)[written:]
-            name = _text(logger[LOG_NAME][NAME_TEXT])
+            output, name = gdb.parse_and_eval(OUTPUT), _text(gdb.parse_and_eval(NAME))
+            used, written, flushing = (_number(output[member]) for member in (USED, WRITTEN, FLUSHING))
+            lines = _bytes(output[BUFFER], used)[written:]
         except gdb.error as error:
             raise gdb.GdbError(f"the log cannot be read; is this script of the library's version? {error}") from error
         gdb.write(f"{len(lines)} bytes are not in {name} yet{':' if lines else ''}\n")
