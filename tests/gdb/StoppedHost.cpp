@@ -32,7 +32,7 @@ int main(int argc, char** argv)
         }
         // One of each kind, for the debugger.
         const ZelvoReaderErrorCode codes[] = {ZR_ERROR_NONE, static_cast<ZelvoReaderErrorCode>(0x10007),
-                                              static_cast<ZelvoReaderErrorCode>(0xC0000005),
+                                              static_cast<ZelvoReaderErrorCode>(static_cast<int>(0xC0000005U)),
                                               static_cast<ZelvoReaderErrorCode>(500)};
         static_cast<void>(codes);
         std::abort();
