@@ -1,12 +1,17 @@
 #!/bin/bash
 # Runs every command of every page as it stands there. The tree is covered by an overlay and /var/log by an empty folder, seen by
-# these processes only, so a page may install to DIR, remove old logs and signal the process "reader". Needs root or sudo.
+# these processes only, so a page may install to DIR, remove old logs and signal the process "reader". Needs root or sudo, and the
+# right to mount, which containers may withhold: then it says so, and nothing is run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "${1:-}" != --inside ]; then
     tools/build.sh release
     tools/build.sh package
     if [ "$(id -u)" -eq 0 ]; then asRoot=(); else asRoot=(sudo -n); fi
+    if ! "${asRoot[@]}" unshare --mount mount -t tmpfs pages /mnt; then
+        echo "pages: NOT RUN, no command of any page was tried: this machine does not let root mount" >&2
+        exit 0
+    fi
     exec "${asRoot[@]}" unshare --mount --pid --fork --mount-proc ci/pages.sh --inside
 fi
 
