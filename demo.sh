@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what is missing, builds the library and the example host, lets the host read FILE... (or the samples) and shows its
-# log. Exit status: 0 done; 1 something failed, or a FILE holds a faulty zone.
+# log. Exit status: 0 done; 1 something failed, or a FILE holds a faulty zone; 2 a FILE cannot be read.
 #   ./demo.sh [FILE...]
 set -eu
 root=$(cd "$(dirname "$0")" && pwd) # FILE... stay relative to the caller's folder, so there is no cd here
@@ -13,6 +13,21 @@ if [ $# -eq 0 ]; then
     samples=true
     set -- "$root"/examples/mrz_reader/samples/*
 fi
+
+for file in "$@"; do
+    problem=
+    if [ ! -e "$file" ]; then
+        problem="there is no such file"
+    elif [ -d "$file" ]; then
+        problem="this is a folder, not a file"
+    elif [ ! -r "$file" ]; then
+        problem="it cannot be read"
+    fi
+    if [ -n "$problem" ]; then
+        verdict="NOTHING DONE: $file: $problem"
+        exit 2
+    fi
+done
 
 "$root/tools/setup.sh"
 "$root/tools/build.sh" release mrz_reader
@@ -32,11 +47,17 @@ echo "The log files are in $logs:"
 # shellcheck disable=SC2012 # our own file names
 newest=$(ls -v "$logs" | tail -n 1)
 echo
-echo "mrz_reader.1.log starts:"
-head -n 12 "$logs/mrz_reader.1.log"
-echo
-echo "$newest ends:"
-tail -n 12 "$logs/$newest"
+shown=12 # lines of each end
+if [ "$newest" = mrz_reader.1.log ] && [ "$(wc -l <"$logs/$newest")" -le $((2 * shown)) ]; then
+    echo "$newest reads:"
+    cat "$logs/$newest"
+else
+    echo "mrz_reader.1.log starts:"
+    head -n $shown "$logs/mrz_reader.1.log"
+    echo
+    echo "$newest ends:"
+    tail -n $shown "$logs/$newest"
+fi
 echo
 
 if [ "$status" -eq 0 ]; then

@@ -34,9 +34,9 @@ quietly cmake -S tests/consumer -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix"
 quietly cmake --build "$work/build"
 runHosts "$work/build"
 
-export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" LD_LIBRARY_PATH="$prefix/lib"
+export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 flags="-Wall -Wextra -Wpedantic -Werror $(pkg-config --cflags ErrorHandlerDll)"
-libraries=$(pkg-config --libs ErrorHandlerDll)
+libraries="$(pkg-config --libs ErrorHandlerDll) -Wl,-rpath,$(pkg-config --variable=libdir ErrorHandlerDll)"
 # shellcheck disable=SC2086 # lists of words
 buildHosts() {
     quietly "$1" -std=c11 $flags tests/consumer/CHost.c -o "$work/CHost" $libraries

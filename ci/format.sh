@@ -5,7 +5,7 @@ cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-find QV ZelvoWinAPI ErrorHandlerDll include tests bench examples tools -type f \
+find QV ZelvoWinAPI ErrorHandlerDll include tests harness bench examples tools -type f \
     \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) >"$work/files" 2>/dev/null || true
 if ! xargs -d '\n' clang-format --dry-run --Werror <"$work/files" 2>"$work/findings"; then
     sed -n 's/: error: .*//p' "$work/findings" | cut -d: -f1 | uniq >&2

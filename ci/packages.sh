@@ -40,10 +40,10 @@ for archive in "${archives[@]}"; do
 done
 echo "Built ${names[*]}"
 
-lintianOptions=(--fail-on error --tag-display-limit 0)
+lintianOptions=(--fail-on "error,warning" --tag-display-limit 0)
 [ "$(id -u)" -ne 0 ] || lintianOptions+=(--allow-root)
 quietly lintian "${lintianOptions[@]}" "${archives[@]}"
-echo "lintian: no errors, $(grep -c '^W:' "$work/log" || true) warnings"
+echo "lintian: no errors, no warnings but those explained in packaging/debian/lintian"
 
 installed=("${names[@]}")
 quietly "${asRoot[@]}" dpkg -i "${archives[@]}"
@@ -61,15 +61,29 @@ case $symbolised in
 *) fail "LogMessage is not found in $debugFile: $symbolised" ;;
 esac
 
-# From the archive, not from the machine: small installations of Debian leave documentation out.
-quietly dpkg-deb -x "$folder"/liberrorhandlerdll-dev_*.deb "$work/tree"
-man -M "$work/tree/usr/share/man" LogMessage | grep 'LogMessage(3)' >"$work/found" || fail "man LogMessage shows no page"
-find "$work/tree/usr/share/man" -name '*.gz' >"$work/pages"
+# From the archives, not from the machine: small installations of Debian leave documentation out.
+for archive in "${archives[@]}"; do
+    quietly dpkg-deb -x "$archive" "$work/tree"
+done
+quietly mandb --create "$work/tree/usr/share/man"
+for page in LogMessage SetErrorCallback LoggingSettings ErrorHandlerDll errorhandlerdll-symbolize; do
+    man -M "$work/tree/usr/share/man" "$page" | grep "^${page}(\|[ ,]${page}[ ,]" >"$work/found" || fail "man $page shows no page"
+done
+man -M "$work/tree/usr/share/man" -k "crash dump" >"$work/found" || fail "man -k finds no page on crash dumps"
+find "$work"/tree/usr/share/man/man? -name '*.gz' >"$work/pages"
 while read -r page; do
     warnings=$(man --warnings -E UTF-8 -l "$page" 2>&1 >/dev/null)
     [ -z "$warnings" ] || fail "$page: $warnings"
 done <"$work/pages"
 echo "$(wc -l <"$work/pages") man pages"
+
+# Links of the installed pages lead somewhere; names of the source tree are left only where the page is about it.
+documents=$work/tree/usr/share/doc
+docs/CheckLinks.sh "$documents/errorhandlerdll-tools" "$documents"/errorhandlerdll-tools/*.md || fail "dead links"
+grep -nE '(^|[^[/])(tools/symbolize|examples/[a-z]|packaging/(lnav|rsyslog|syslog-ng|gdb|vim))' "$documents"/errorhandlerdll-tools/*.md &&
+    fail "these lines name files of the source tree"
+find "$work/tree" -type d -empty -not -path '*/man/cat?' >"$work/found"
+[ ! -s "$work/found" ] || fail "empty folders: $(cat "$work/found")"
 
 runHosts() # FOLDER
 {
@@ -91,6 +105,27 @@ mkdir "$work/pkg-config"
 quietly gcc -std=c11 "${compilerFlags[@]}" tests/consumer/CHost.c -o "$work/pkg-config/CHost" "${libraries[@]}"
 quietly g++ -std=c++17 "${compilerFlags[@]}" tests/consumer/CppHost.cpp -o "$work/pkg-config/CppHost" "${libraries[@]}"
 runHosts "$work/pkg-config"
+
+# The examples as they lie there.
+quietly cmake -S "$documents/liberrorhandlerdll-dev/examples" -B "$work/examples"
+quietly cmake --build "$work/examples" --parallel 2
+(cd "$work" && quietly "$work/examples/minimal_cpp" && quietly "$work/examples/mrz_reader/mrz_reader" --log mrz.log -- \
+    "$documents"/liberrorhandlerdll-dev/examples/mrz_reader/samples/td*.txt)
+for _ in first second; do
+    (cd "$work" && quietly python3 "$documents/liberrorhandlerdll-dev/examples/python/host.py")
+done
+
+# A dump, symbolised by the installed tool, in a folder that has nothing of the source tree: the library's own frame needs the
+# package of the debug symbols.
+(cd "$work" && examples/crash_handler >dump || true) 2>/dev/null
+(cd "$work" && errorhandlerdll-symbolize dump >frames) || fail "$(cat "$work/frames")"
+grep 'StructuredException.* at ErrorHandlerDll/LinuxStructuredException.cpp:[0-9]' "$work/frames" >"$work/found" ||
+    fail "no line of the library: $(cat "$work/frames")"
+find /usr/share/errorhandlerdll -name '*.pyc' >"$work/found"
+[ ! -s "$work/found" ] || fail "the tool leaves files behind"
+ci/gdb.sh --installed
+ci/vim.sh --installed
+ci/lnav.sh --installed
 
 files=$(dpkg -L "${names[@]}" | sort -u)
 installed=()

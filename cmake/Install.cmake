@@ -47,3 +47,20 @@ string(REGEX REPLACE "/$" "" prefixFromPkgConfig "${prefixFromPkgConfig}")
 configure_file(cmake/ErrorHandlerDll.pc.in ErrorHandlerDll.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ErrorHandlerDll.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+# For those who read logs and dumps, with or without the library (component Tools): the symboliser; its page and those of the
+# two formats come from docs/man.
+set(toolsFolder ${CMAKE_INSTALL_DATADIR}/errorhandlerdll)
+file(READ tools/symbolize_dump.py symboliser)
+if(ERRORHANDLERDLL_DEBIAN_PACKAGES)
+    string(REPLACE "#!/usr/bin/env python3" "#!/usr/bin/python3" symboliser "${symboliser}") # as Debian prescribes
+endif()
+file(CONFIGURE OUTPUT tools/symbolize_dump.py CONTENT "${symboliser}" @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS tools/symbolize_dump.py)
+install(PROGRAMS ${PROJECT_BINARY_DIR}/tools/symbolize_dump.py DESTINATION ${toolsFolder} COMPONENT Tools)
+install(DIRECTORY tools/symbolize DESTINATION ${toolsFolder} COMPONENT Tools FILES_MATCHING PATTERN "*.py")
+file(RELATIVE_PATH toolsFromBin /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${toolsFolder})
+install(CODE "
+    set(bin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    file(MAKE_DIRECTORY \"\${bin}\")
+    file(CREATE_LINK ${toolsFromBin}/symbolize_dump.py \"\${bin}/errorhandlerdll-symbolize\" SYMBOLIC)" COMPONENT Tools)

@@ -1,9 +1,11 @@
 #!/bin/sh
-# Every relative link of README.md, CONTRIBUTING.md and the pages here leads to something: CheckLinks.sh SOURCE_FOLDER
+# Every relative link of README.md, CONTRIBUTING.md and the pages here leads to something: CheckLinks.sh SOURCE_FOLDER [PAGE...]
 set -eu
 cd "$1"
+shift
+[ $# -ne 0 ] || set -- README.md CONTRIBUTING.md docs/*.md
 status=0
-for page in README.md CONTRIBUTING.md docs/*.md; do
+for page in "$@"; do
     for link in $(sed 's/`[^`]*`//g' "$page" | grep -o '](\(.[^):]*\))' | sed 's/^](//; s/)$//; s/#.*//'); do
         if [ ! -e "$(dirname "$page")/$link" ]; then
             echo "$page: $link leads nowhere" >&2

@@ -11,6 +11,7 @@ if [ "${1:-}" = --checks ]; then
     packages="$packages clang clang-format clang-tidy llvm elfutils doxygen gdb pkg-config valgrind"
     packages="$packages libspdlog-dev libgoogle-glog-dev libboost-log-dev libusb-1.0-0-dev" # peers of the adapters
     packages="$packages dpkg-dev file lintian man-db abigail-tools lnav rsyslog faketime" # packages and readers of logs
+    packages="$packages gdb vim logrotate libivykis0 libjson-c5 libnet1 libpcre3 libwrap0" # the last five for an unpacked syslog-ng
 fi
 
 missing=
@@ -23,7 +24,8 @@ done
 if [ "$(id -u)" -eq 0 ]; then
     asRoot=
 elif ! command -v sudo >/dev/null; then
-    echo "setup: missing packages, and neither root nor sudo to install them. Please have installed:$missing" >&2
+    echo "setup: packages are missing, and there is neither root nor sudo to install them. Have this run as root:" >&2
+    echo "apt-get install --no-install-recommends$missing" >&2
     exit 1
 elif [ -t 0 ]; then
     asRoot=sudo
@@ -45,7 +47,8 @@ installMissing() {
 if ! installMissing; then
     if ! aptGet update || ! installMissing; then
         cat "$log" >&2
-        echo "setup: the installation failed, see above" >&2
+        echo "setup: the installation failed, see above. By hand, as root:" >&2
+        echo "apt-get install --no-install-recommends$missing" >&2
         exit 1
     fi
 fi

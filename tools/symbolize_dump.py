@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """Names function, file and line of every frame of the crash dumps in a log or in captured standard output.
 
-Uses what is installed of llvm-symbolizer, eu-addr2line and addr2line, and needs the files that ran, or their like: stripped
+Also reads logs that gzip, bzip2 or xz have compressed, and those in which a collector (the journal, syslog, a container) has
+put a time and a name before each line.
+
+Uses what is installed of llvm-symbolizer, addr2line and eu-addr2line, and needs the files that ran, or their like: stripped
 ones find their separate debug files by build id and debug link. Says so when a file is missing or is not the one that ran.
 
 Exit status: 0 all dumps shown, 1 there is no dump, 2 the input cannot be read, 3 shown, but with the warnings that are printed.
@@ -10,13 +13,18 @@ Exit status: 0 all dumps shown, 1 there is no dump, 2 the input cannot be read, 
 import argparse
 import os
 import shutil
+import signal
 import sys
 from datetime import datetime, timedelta
 
+sys.dont_write_bytecode = True  # an installed copy must not grow files that no package owns
+
 from symbolize.dumps import find_dumps
 from symbolize.elf import ElfFile, find_debug_file
+from symbolize.inputs import DAMAGED, open_text
 from symbolize.resolver import TOOL_NAMES, demangle, find_tool, resolve
 
+PROGRAM = os.path.basename(sys.argv[0])
 HANDLER_CALLED = "<signal handler called>"
 
 
@@ -95,9 +103,12 @@ class Report:
             module.lookups.append((index, frame.address - module.base - (0 if index == self._fault else 1)))
         for module in self._modules.values():
             if module.elf and module.lookups and self._options.tool:
-                path = (module.debug or module.elf).path
-                answers = resolve(self._options.tool, path, [a for _, a in module.lookups])
-                self._places.update((index, answer) for (index, _), answer in zip(module.lookups, answers))
+                elf = module.debug or module.elf
+                answers = resolve(self._options.tool, elf.path, [address for _, address in module.lookups])
+                for (index, address), places in zip(module.lookups, answers):
+                    # Without line information the tools fall back on symbols, and some on the nearest, however far away.
+                    if elf.covers(address) or any(place for _, place in places):
+                        self._places[index] = places
 
     def _module_of(self, frame):
         if not frame.path:
@@ -144,7 +155,10 @@ class Report:
             remarks.append("the dump has no program counter: every frame is taken as a return address")
         elif self._fault is None:
             remarks.append(f"the program counter {dump.program_counter:#x} is not among the frames")
-        for note in (f"{m.name}: {n}" for m in self._modules.values() for n in m.notes):
+        notes = [f"{m.name}: {n}" for m in self._modules.values() for n in m.notes]
+        if dump.prefix:
+            notes.append(f'"{dump.prefix}" and its like before each line were left out')
+        for note in notes:
             print(f"  note: {note}")
         for remark in remarks:
             print(f"  warning: {remark}")
@@ -167,21 +181,34 @@ def parse_arguments():
     return options
 
 
+def read_dumps(names):
+    """Returns (dumps, warnings). Raises OSError."""
+    dumps, warnings = [], []
+    for name in names or ["-"]:
+        with open_text(name) as file:
+            try:
+                for dump in find_dumps(file):
+                    dumps.append(dump)
+            except DAMAGED as error:
+                warnings.append(f"{name} ends early: {error}")
+    return dumps, warnings
+
+
 def main():
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # its reader, head for instance, may have seen enough
     options = parse_arguments()
-    dumps = []
-    try:
-        for name in options.files or [0]:
-            with open(name, encoding="utf-8", errors="surrogateescape", newline="\n") as file:
-                dumps += find_dumps(file)
-    except OSError as error:
-        print(f"symbolize_dump: {error}", file=sys.stderr)
-        return 2
     sys.stdout.reconfigure(errors="surrogateescape")
+    try:
+        dumps, warnings = read_dumps(options.files)
+    except OSError as error:
+        print(f"{PROGRAM}: {error}", file=sys.stderr)
+        return 2
+    for warning in warnings:
+        print(f"warning: {warning}")
     if not dumps:
-        print("symbolize_dump: no crash dump found", file=sys.stderr)
+        print(f"{PROGRAM}: no crash dump found", file=sys.stderr)
         return 1
-    warned = False
+    warned = bool(warnings)
     if options.tool is None:
         print(f"warning: none of {', '.join(TOOL_NAMES)} is installed: no files and lines")
         warned = True

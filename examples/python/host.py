@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The log and the texts of codes from Python: host.py LIBRARY writes python.log.
+"""The log and the texts of codes from Python: host.py [LIBRARY] writes python.log.
 
 Safe: logging, settings, lookups and registration of texts, the warning callback.
 
@@ -13,6 +13,7 @@ Not safe:
 """
 
 import ctypes
+import os
 import sys
 
 ERROR, WARNING, ALL_CATEGORIES, NOT_TOO_SMALL = 0, 1, 0xFFFFFFFF, 0
@@ -48,7 +49,9 @@ def error_string(library, code):
 
 
 def main():
-    library = load(sys.argv[1])
+    library = load(sys.argv[1] if len(sys.argv) > 1 else "libErrorHandlerDll.so")
+    if os.path.exists("python.log"):
+        os.remove("python.log")  # of an earlier run
     library.InitialiseLogging(True, WARNING, ALL_CATEGORIES, b"python.log")
     assert library.LogMessage(ERROR, 1, b"host.py - ", "100 % gelesen: Müller".encode())
     assert library.LogMessageAndBufferAsHex(WARNING, 1, b"host.py - ", b"answer", bytes(range(20)), 20)

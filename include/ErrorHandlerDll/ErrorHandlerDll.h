@@ -25,13 +25,14 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 
 // ---- Logging ----------------------------------------------------------------------------------------------------------
 //
-// In a crash dump, and in what a host's handlers do within one, a call waits no longer than half a second in all: for the
+// In a crash dump, and in what a host's handlers do within one, a call waits no longer than a second in all: for the
 // logger's lock, which another thread may hold for ever, and for a log file that takes nothing, such as a pipe that nobody
 // reads. Without the lock an entry goes straight to the open file, and InitialiseLogging, SetLoggingOptions and
 // ShutdownLogging do nothing. There a formatted message is cut to 1,023 characters and a hex dump to 512 bytes. All other
 // calls wait as long as it takes; fork and the end of the process half a second.
 //
-// One log for the whole process, disabled until InitialiseLogging enables it. Each call below writes one entry:
+// One log for the whole process, disabled until InitialiseLogging enables it. LogMessage, LogFormatted and
+// LogMessageAndBufferAsHex write one entry a call:
 //
 //   16/11/26 15:38:45.007 - WARNING    - [ThreadID: 4711] - <source><message>
 //
@@ -59,6 +60,9 @@ ERRORHANDLERDLL_API const char* GetLogFilename(void);
 ERRORHANDLERDLL_API void ShutdownLogging(void);
 
 // Writes one entry.
+//   level   ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, or any other number: higher is more detailed
+//   mask    the categories that the entry belongs to, a bit each, of the host's choice; ZR_LOG_ALL_CATEGORIES for all
+//   source  where in the program the entry comes from, free text
 //   returns true when it was written or filtered out, false when no log file could be opened (the entry is dropped)
 ERRORHANDLERDLL_API bool LogMessage(int level, unsigned int mask, const char* source, const char* message);
 

@@ -2,7 +2,8 @@
 """Compares what a reader of logs made of log files with the entries that are in them.
 
     compare_entries.py lnav ROWS.json FILE...       rows of lnav's table, as it writes them
-    compare_entries.py messages LINES.json FILE...  a JSON object a line, with the whole entry as "entry"
+    compare_entries.py messages LINES.json FILE...  a JSON object a line, with the whole entry as "entry"; in any
+                                                    order, and with or without line feeds at an entry's end
 
 FILE... in the order of their numbers. Fields are found by their place in the line and by plain searches, not by the patterns
 that the readers use.
@@ -78,7 +79,7 @@ def main(kind, result, *files):
         expected = [entry_of(text) for text in expected]
         actual = read_lnav(result)
     else:
-        actual = read_messages(result)
+        expected, actual = (sorted(text.rstrip("\n") for text in texts) for texts in (expected, read_messages(result)))
     for number, (wanted, found) in enumerate(zip(expected, actual), 1):
         if wanted != found:
             sys.exit(f"entry {number}: expected\n{wanted!r}\nfound\n{found!r}")

@@ -1,5 +1,8 @@
-// Loaded with dlopen, has one symbol that others see.
+// Loaded with dlopen. Of its functions, the one that faults is the one that others do not see.
 extern "C" void PluginEntry(int* target);
+
+// The linker puts this section first: once the file is stripped, this is the nearest symbol to that function.
+extern "C" [[gnu::section(".text.unlikely")]] void PluginNeighbour() {}
 
 namespace
 {

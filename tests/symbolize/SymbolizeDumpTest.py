@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 """Crashes real programs, built in the ways that hosts are, and has tools/symbolize_dump.py name the lines."""
 
+import bz2
+import gzip
+import lzma
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -136,6 +140,59 @@ class SymbolizeDump(unittest.TestCase):
         self.assertRegex(text, r"dump 2, line \d+: the same as dump 1")
         os.utime(self.host, (4e9, 4e9))
         self.assertIn("changed after the crash", self.symbolize(dump="crash.log", status=3))
+
+    def test_no_tool_names_the_nearest_symbol_of_a_stripped_file(self):
+        # Only the neighbours of the function that faults keep their symbols.
+        self.build()
+        self.build_plugin()
+        run("strip", self.plugin)
+        self.crash(self.plugin)
+        for tool in ("llvm-symbolizer", "eu-addr2line", "addr2line"):
+            with self.subTest(tool=tool):
+                text = self.symbolize("--tool", tool)
+                fault = re.search(r"^\*#.*", text, re.M)[0]
+                self.assertRegex(fault, r" \?\? \[plugin\.so\]$", text)
+                self.assertIn("PluginEntry", text)
+
+    def test_compressed_logs(self):
+        self.build()
+        self.crash()
+        with open(self.path("crash.log"), "rb") as file:
+            log = file.read()
+        for module in (gzip, bz2, lzma):
+            with self.subTest(module=module.__name__):
+                with open(self.path("packed"), "wb") as file:
+                    file.write(module.compress(log))
+                self.expect_host_lines(self.symbolize(dump="packed"))
+        with open(self.path("packed"), "wb") as file:
+            file.write(gzip.compress(b"\n" * 1000000 + log)[:-9])
+        self.assertIn("ends early", self.symbolize(status=3, dump="packed"))
+
+    def test_lines_that_a_collector_has_put_its_prefix_before(self):
+        self.build()
+        self.crash()
+        journal, other = "Nov 23 11:59:5{} host reader[4711]: ", "Nov 23 11:59:59 host reader[4712]: "
+        prefixes = (journal, "2026-11-23T11:59:5{}.123456+01:00 host reader[4711]: ", "[ 1234.56789{}] reader[4711]: ",
+                    "reader-1  | ", "<11>1 2026-11-23T11:59:5{}Z host reader 4711 - - ")
+        for name in ("dump", "crash.log"):
+            with open(self.path(name), encoding="utf-8") as file:
+                lines = file.readlines()
+            for prefix in prefixes:
+                with self.subTest(name=name, prefix=prefix):
+                    # As collectors do, without the blanks at the end, and with the same dump of another process in between.
+                    with open(self.path("collected"), "w", encoding="utf-8") as file:
+                        for number, line in enumerate(lines):
+                            file.write((prefix.format(number % 10) + line).rstrip() + "\n" + other + "reg[16] = 0x0\n")
+                    text = self.symbolize(dump="collected")
+                    self.expect_host_lines(text)
+                    self.assertIn(f'"{prefix.format("")[:10]}', re.sub(r"(:5|\.56789)\d", r"\1", text))
+        with open(self.path("dump"), encoding="utf-8") as file:
+            dump = file.read()
+        with open(self.path("dump"), "w", encoding="utf-8") as file:
+            file.write(dump.replace("Structured", "half a line of the host's Structured"))
+        text = self.symbolize()
+        self.expect_host_lines(text)
+        self.assertNotIn("left out", text)
 
     def test_without_a_dump(self):
         with open(self.path("dump"), "w", encoding="utf-8") as file:

@@ -5,7 +5,7 @@ import struct
 import zlib
 
 _PT_LOAD, _PF_X, _SHT_NOBITS, _SHT_NOTE, _SHT_DYNSYM, _SHT_SYMTAB = 1, 1, 8, 7, 11, 2
-_NT_GNU_BUILD_ID = 3
+_STT_FUNC, _STT_GNU_IFUNC = 2, 10
 
 
 class ElfFile:
@@ -33,7 +33,7 @@ class ElfFile:
         sections = [struct.unpack_from("<IIQQQQIIQQ", self._data, shoff + i * shsize) for i in range(shcount)]
         self._sections = [(self._string(sections[shnames][4] + s[0]), s) for s in sections] if sections else []
         self.build_id = self._build_id()
-        self.symbols = self._symbols()
+        self.symbols, self._functions = self._read_symbols()
 
     def _string(self, offset):
         return self._data[offset:self._data.index(b"\0", offset)].decode("utf-8", "surrogateescape")
@@ -48,18 +48,25 @@ class ElfFile:
                 return note[16:16 + struct.unpack_from("<I", note, 4)[0]].hex()
         return None
 
-    def _symbols(self):
-        """Values of each name: local symbols of one name may stand at several places."""
-        symbols = {}
+    def _read_symbols(self):
+        """Values of each name (local symbols of one name may stand at several places), and the ranges of functions."""
+        symbols, functions = {}, []
         for _, section in self._sections:
             if section[1] not in (_SHT_DYNSYM, _SHT_SYMTAB):
                 continue
             names = self._sections[section[6]][1][4]
             content = self._content(section)
-            for name, _, _, index, value, _ in struct.iter_unpack("<IBBHQQ", content[:len(content) // 24 * 24]):
+            for name, info, _, index, value, size in struct.iter_unpack("<IBBHQQ", content[:len(content) // 24 * 24]):
                 if index:
-                    symbols.setdefault(self._string(names + name), set()).add(value)
-        return symbols
+                    text = self._string(names + name)
+                    symbols.setdefault(text, set()).add(value)
+                    if info & 15 in (_STT_FUNC, _STT_GNU_IFUNC) and size:
+                        functions.append((value, value + size))
+        return symbols, functions
+
+    def covers(self, address):
+        """Whether the address lies within a function that has a symbol."""
+        return any(start <= address < end for start, end in self._functions)
 
     @property
     def has_debug_info(self):

@@ -8,8 +8,8 @@ from functools import lru_cache
 _VERSIONS = [""] + [f"-{n}" for n in range(25, 12, -1)]  # Debian's llvm-NN packages install names with the version only
 _TOOLS = {
     "llvm-symbolizer": ["llvm-symbolizer" + v for v in _VERSIONS],
-    "eu-addr2line": ["eu-addr2line"],
     "addr2line": ["addr2line"],
+    "eu-addr2line": ["eu-addr2line"],  # finds no lines in what Clang has built, unless with -gdwarf-aranges
 }
 TOOL_NAMES = list(_TOOLS)
 
