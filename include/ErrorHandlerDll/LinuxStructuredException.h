@@ -19,10 +19,10 @@ struct SignalHandlers;
 // output. When one of them fails, what was thrown leaves it, and the last error is ZR_ERROR_IN_EXCEPTION_HANDLER.
 //
 //   signals  In a signal handler the constructor, the members that dump and ExceptionHandler::HandleStructuredException
-//            (propagate false) are async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader or
-//            this library. They take no heap, and wait for a stack for dumps and for standard output half a second each, for
-//            the log and the dump of another thread a second. When they return, every line is in the file: _exit or a kill -9
-//            right after loses nothing, nor any line that was logged before.
+//            (propagate false) are async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader
+//            or this library. They take no heap, and wait for a stack for dumps and for standard output half a second each,
+//            for the log and the dump of another thread a second. When they return, every line is in the file: _exit or a
+//            kill -9 right after loses nothing, nor any line that was logged before.
 //   roads    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
 //            out of the handler, a dump is a call like any other: it waits for the log as long as it takes.
 //   stack    They run on a stack of the library. An alternate stack (sigaltstack) must have room for the signal frame and
@@ -38,7 +38,8 @@ struct SignalHandlers;
 //   masks    While a thread dumps, all signals wait but those of faults: SIGALRM, too, for no wait of a dump lasts.
 //   order    A dump has parts: head, call stack, registers, modules. The lines of a part are written together, at its end:
 //            what ends the process in the middle of one, without coming here, takes the lines of that part along.
-//   output   What stdio buffers for standard output is written first. A reader who does not read is waited for half a second,
+//   output   What stdio buffers for standard output is written first. A reader who does not read is waited for half a
+//   second,
 //            and not again before it has read. Where /proc is not mounted, a pipe that another process fills at the same
 //            moment may block the dump.
 class StructuredException
