@@ -44,9 +44,9 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 //   mask      categories that are written
 //   fileName  path of the log file. Another name than the current one closes the open file at once; the next entry opens the
 //             new one. With LOGGING_STRATEGY_FILE_SIZE it names the series: "reader.log" gives "reader.1.log" and so on, and
-//             the empty name ".1.log". A new file gets the mode 0666 less the umask; symbolic links are followed, so choose a
-//             folder in which nobody else may create the predictable names of a series. A file that ends inside a line,
-//             as a killed process leaves it, is gone on with on a new line.
+//             the empty name ".1.log". A new file gets the mode 0666 less the umask; symbolic links are followed, so choose
+//             a folder in which nobody else may create the predictable names of a series. A file that ends inside a line, as
+//             a killed process leaves it, is gone on with on a new line.
 // Not from a signal handler that may have interrupted a call of the library; it does nothing there.
 ERRORHANDLERDLL_API void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName);
 
@@ -109,7 +109,8 @@ ERRORHANDLERDLL_API bool SetErrorMessage(ZelvoReaderErrorCode code, const char* 
 
 // Defines or replaces the text of a custom code, 0x10000 to 0x1FFFF.
 //   text     kept, not copied: must stay valid and unchanged until it is replaced or the library is unloaded
-//   returns  false, and changes nothing, when the code is not a custom one, the text is null, or its size with the NUL is no int
+//   returns  false, and changes nothing, when the code is not a custom one, the text is null, or its size with the NUL is no
+//   int
 ERRORHANDLERDLL_API bool AddCustomErrorMessage(ZelvoReaderErrorCode code, const char* text);
 
 // Removes all overrides; custom texts stay. Always true. Never throws.
