@@ -61,6 +61,14 @@ void LogHiddenPage()
     LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", page, size);
 }
 
+// Whether no other thread holds the section.
+bool IsFree()
+{
+    const QV::EmergencyScope emergency;
+    QV::EmergencyScope::WaitLeftMs() = 0;
+    return LogSectionScope(gFileLogger).IsEntered();
+}
+
 void WaitForTheNextSecond()
 {
     const std::time_t start = std::time(nullptr);
@@ -250,19 +258,11 @@ TEST_F(LogEmergencyTest, WaitsForAFileThatTakesNothingOnlyAsLongAsItMay)
     const int status = RunChild(
         []
         {
-            std::atomic<bool> isInside{false};
-            std::thread waiting(
-                [&]
-                {
-                    isInside = true;
-                    Log("for ever");
-                });
-            waiting.detach();
-            while (!isInside)
+            std::thread([] { Log(std::string(8000, 'x')); }).detach(); // fits in no gap of the pipe
+            while (IsFree())
             {
                 std::this_thread::yield();
             }
-            usleep(10000);
             const pid_t child = fork();
             if (child == 0)
             {

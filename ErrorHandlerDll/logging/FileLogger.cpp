@@ -145,7 +145,7 @@ const char* FileLogger::GetLogFileName()
 
 void FileLogger::FlushLogFile()
 {
-    if (QV::EmergencyScope::IsActive())
+    if (QV::EmergencyScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
     {
         Emergency().Flush();
         return;
