@@ -64,9 +64,15 @@ void LogHiddenPage()
 // Whether no other thread holds the section.
 bool IsFree()
 {
-    const QV::EmergencyScope emergency;
-    QV::EmergencyScope::WaitLeftMs() = 0;
-    return LogSectionScope(gFileLogger).IsEntered();
+    bool isFree = false;
+    const auto tryToEnter = [&isFree]
+    {
+        const QV::EmergencyScope emergency;
+        QV::EmergencyScope::WaitLeftMs() = 0;
+        isFree = LogSectionScope(gFileLogger).IsEntered();
+    };
+    InSignalHandler(tryToEnter);
+    return isFree;
 }
 
 void WaitForTheNextSecond()
