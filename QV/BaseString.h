@@ -4,8 +4,10 @@
 #define QV_BASESTRING_H
 
 #include "QV/Memory.h"
+#include "QV/Str.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstddef>
 #include <new>
 #include <string>
@@ -37,10 +39,34 @@ public:
         if (this != &other)
         {
             BaseString copy(other);
-            std::swap(m_data, copy.m_data);
-            std::swap(m_length, copy.m_length);
+            Swap(copy);
         }
         return *this;
+    }
+
+    // Nothing to append costs no allocation.
+    void Append(const BaseString& text) { AppendView(text); }
+    void Append(const Char* text) { AppendView(text == nullptr ? View() : View(text)); }
+
+    // printf-style formatting in two passes. A format that fails gives the empty string.
+    [[gnu::format(printf, 1, 2)]] static BaseString Format(const char* format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        BaseString result = FormatV(format, arguments);
+        va_end(arguments);
+        return result;
+    }
+    [[gnu::format(printf, 1, 0)]] static BaseString FormatV(const char* format, va_list& arguments)
+    {
+        const int length = Str::GetFormattedLength(format, arguments);
+        BaseString result(OfLength{static_cast<std::size_t>(length > 0 ? length : 0)});
+        if (length > 0)
+        {
+            Str::FormatArgs(result.m_data, static_cast<std::size_t>(length) + 1, format, arguments);
+            result.Remeasure(); // another thread may have shortened an argument between the passes
+        }
+        return result;
     }
 
     // Gives the memory back for good. Afterwards the string may only be filled anew or destroyed.
@@ -99,6 +125,19 @@ private:
             throw std::bad_alloc();
         }
         return static_cast<Char*>(Memory::Allocate((length + 1) * sizeof(Char)));
+    }
+    void AppendView(View text)
+    {
+        if (!text.empty())
+        {
+            BaseString joined = Join(*this, text);
+            Swap(joined);
+        }
+    }
+    void Swap(BaseString& other)
+    {
+        std::swap(m_data, other.m_data);
+        std::swap(m_length, other.m_length);
     }
     static void Copy(Char* destination, View text) { std::char_traits<Char>::copy(destination, text.data(), text.size()); }
 

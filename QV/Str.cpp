@@ -5,6 +5,12 @@
 namespace QV::Str
 {
 
+int GetFormattedLength(const char* format, va_list& arguments)
+{
+    char first;
+    return FormatArgs(&first, sizeof first, format, arguments);
+}
+
 int FormatArgs(char* destination, std::size_t capacity, const char* format, va_list& arguments)
 {
     va_list copy;

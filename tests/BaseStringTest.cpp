@@ -37,7 +37,8 @@ TEST(BaseString, CopiesAreIndependent)
 {
     String first("one");
     String second(first);
-    second = String::Join(second, "+");
+    second.Append("");
+    second.Append("+");
     first = *&first;
     ExpectText(first, "one");
     first = second;
@@ -51,7 +52,7 @@ TEST(BaseString, IsUnchangedWhenMemoryRunsOut)
     const String other("other");
     String string("text");
     Allocations::tFailAfter = 0;
-    EXPECT_THROW(String::Join(string, "more"), std::bad_alloc);
+    EXPECT_THROW(string.Append("more"), std::bad_alloc);
     Allocations::tFailAfter = 0;
     EXPECT_THROW(string = other, std::bad_alloc);
     ExpectText(string, "text");
@@ -65,6 +66,8 @@ TEST(FormattedText, IsWholeOrEmpty)
         text.Format(format, arguments...);
         EXPECT_EQ(expected, text.GetText());
         EXPECT_EQ(expected, text.GetData());
+        String (*const formatString)(const char*, ...) = String::Format;
+        ExpectText(formatString(format, arguments...), expected);
     };
     const wchar_t noCharacter[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
     expect("-3-x- 2.50", "%d-%s-%5.2f", -3, "x", 2.5);
@@ -86,6 +89,9 @@ TEST(FormattedText, ShowsNothingBehindAnArgumentThatBecameShorter)
     text.Format("%s%n", argument.data(), reinterpret_cast<int*>(&argument[1500])); // 2000 as an int: two bytes are zero
     EXPECT_EQ(1502u, text.GetText().size());
     EXPECT_EQ(std::string(1500, 'x'), text.GetText().substr(0, 1500));
+    argument.assign(2000, 'x');
+    argument.push_back('\0');
+    EXPECT_EQ(1502, String::Format("%s%n", argument.data(), reinterpret_cast<int*>(&argument[1500])).GetLength());
 }
 
 TEST(Itoa, WritesDecimals)
