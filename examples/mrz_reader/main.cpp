@@ -38,7 +38,7 @@ void StartLogging(const CommandLine& commandLine)
     settings.maxFileSize = commandLine.maxFileSize;
     SetLoggingOptions(&settings);
 
-    if (!ZR_LOG(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "mrz_reader starts, log level %d", commandLine.level))
+    if (!ZR_LOG(commandLine.level, ZR_LOG_ALL_CATEGORIES, "mrz_reader starts, log level %d", commandLine.level))
     {
         std::fprintf(stderr, "mrz_reader: cannot write the log %s; going on without\n", commandLine.logFile.c_str());
     }
