@@ -62,13 +62,14 @@ void LogHiddenPage()
 }
 
 // Whether no other thread holds the section.
-bool IsFree()
+// Whether an emergency can enter the section, waiting as long as that.
+bool IsFree(int waitMs = 0)
 {
     bool isFree = false;
-    const auto tryToEnter = [&isFree]
+    const auto tryToEnter = [&]
     {
         const QV::EmergencyScope emergency;
-        QV::EmergencyScope::WaitLeftMs() = 0;
+        QV::EmergencyScope::WaitLeftMs() = waitMs;
         isFree = LogSectionScope(gFileLogger).IsEntered();
     };
     InSignalHandler(tryToEnter);
@@ -239,6 +240,30 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     const std::size_t hex = text.find("hex\n01 02 ");
     EXPECT_LT(text.find("xxxxx"), hex);
     EXPECT_LT(hex, text.find("buffered\n"));
+}
+
+TEST_F(LogEmergencyTest, WaitsAgainForAnOwnerThatWasWaitedForInVain)
+{
+    std::atomic<int> step{0};
+    std::thread owner(
+        [&]
+        {
+            const LogSectionScope section(gFileLogger);
+            step = 1;
+            while (step != 2)
+            {
+                std::this_thread::yield();
+            }
+            usleep(20000);
+        });
+    while (step != 1)
+    {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(IsFree(5));
+    step = 2;
+    EXPECT_TRUE(IsFree(20000));
+    owner.join();
 }
 
 TEST_F(LogEmergencyTest, WaitsForAFileThatTakesNothingOnlyAsLongAsItMay)

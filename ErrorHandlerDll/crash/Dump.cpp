@@ -27,12 +27,10 @@ public:
     LogScope(bool isEmergency, bool endsInterruptedCall, const HeldSignals& signals)
         : m_endsInterruptedCall(isEmergency && endsInterruptedCall && gFileLogger.Emergency().IsInCriticalSection())
     {
-        if (isEmergency)
+        if (!isEmergency)
         {
-            m_isHeld = gFileLogger.EnterCriticalSection();
-            return;
+            signals.Release(); // it may take as long as it takes
         }
-        signals.Release(); // it may take as long as it takes
         m_isHeld = gFileLogger.EnterCriticalSection();
         signals.Hold();
     }
