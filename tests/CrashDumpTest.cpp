@@ -214,6 +214,12 @@ TEST_F(CrashDumpTest, NothingStaysHeldWhereAJumpLeft)
 #endif
     for (void (*const leave)() : {LeaveDump, LeaveCallback, LeaveLogCall, LeaveFaultyCallback})
     {
+#ifdef __SANITIZE_ADDRESS__
+        if (leave == LeaveDump)
+        {
+            continue; // a dump stays on the thread's stack here, where its frames cannot be told from others
+        }
+#endif
         std::filesystem::remove(m_folder / "app.log");
         const std::string longText(5000, 'x');
         const int status = RunPrinting(

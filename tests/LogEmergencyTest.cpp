@@ -218,6 +218,7 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     {
         std::this_thread::yield();
     }
+    const std::string longText(1000, 'x');
     const auto logWithoutTheSection = [&]
     {
         const QV::EmergencyScope emergency;
@@ -226,7 +227,7 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
         InitialiseLogging(false, 0, 0, "other.log");
         ShutdownLogging();
         EXPECT_STREQ("", GetLogFilename());
-        EXPECT_TRUE(Log(std::string(1000, 'x')));
+        EXPECT_TRUE(Log(longText));
         const unsigned char bytes[] = {1, 2};
         EXPECT_TRUE(LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "hex", bytes, 2));
         gFileLogger.FlushLogFile();

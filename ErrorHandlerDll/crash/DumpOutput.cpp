@@ -97,8 +97,7 @@ void StandardOutput::Write(std::string_view text) noexcept
 {
     while (!text.empty() && !m_isGivenUp && WaitUntilReady())
     {
-        const std::ptrdiff_t count =
-            ZelvoWinAPI::WriteFile(m_descriptor, text.data(), std::min(text.size(), sizeof m_lines));
+        const auto count = ZelvoWinAPI::WriteFile(m_descriptor, text.data(), std::min(text.size(), sizeof m_lines));
         if (count < 0 && errno == EAGAIN)
         {
             --m_waitLeftMs; // others may go on filling it for ever

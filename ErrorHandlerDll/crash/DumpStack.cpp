@@ -46,8 +46,10 @@ std::uintptr_t CurrentAddress() noexcept
 template <class Function>
 struct AtEnd
 {
-    Function run;
+    explicit AtEnd(Function function) : run(function) {}
     ~AtEnd() { run(); }
+
+    Function run;
 };
 
 } // namespace
@@ -123,11 +125,12 @@ void DumpStack::RunCall(void* argument)
     none.ss_flags = SS_DISABLE;
     SystemCall(SYS_sigaltstack, 0, ToArgument(&stack.m_alternate));
     SystemCall(SYS_sigaltstack, ToArgument(&none)); // refused where the dump stays on it
-    const AtEnd restore = {[&stack]
-                           {
-                               SetMask(kAllSignals);
-                               SystemCall(SYS_sigaltstack, ToArgument(&stack.m_alternate));
-                           }};
+    const AtEnd restore(
+        [&stack]
+        {
+            SetMask(kAllSignals);
+            SystemCall(SYS_sigaltstack, ToArgument(&stack.m_alternate));
+        });
     SetMask(stack.m_mask);
     stack.m_run(stack, stack.m_argument);
 }
@@ -136,10 +139,7 @@ void DumpStack::RunCall(void* argument)
 bool DumpStack::RunOnFree(Function run, const void* argument)
 {
     const SignalSet mask = SetMask(kAllSignals);
-    const AtEnd restoreMask = {[mask]
-                               {
-                                   SetMask(mask);
-                               }};
+    const AtEnd restoreMask([mask] { SetMask(mask); });
     DumpStack* const stack = TakeAny(ZelvoWinAPI::GetCurrentThreadId());
     if (stack == nullptr)
     {
@@ -152,11 +152,12 @@ bool DumpStack::RunOnFree(Function run, const void* argument)
     stack->m_argument = argument;
     stack->m_high = kSwitchesStack ? reinterpret_cast<std::uintptr_t>(stack->m_memory + kSize) : CurrentAddress();
     stack->m_low = stack->m_high - kSize;
-    const AtEnd giveBack = {[stack]
-                            {
-                                stack->m_low = stack->m_high = 0;
-                                stack->m_owner.store(0, std::memory_order_release);
-                            }};
+    const AtEnd giveBack(
+        [stack]
+        {
+            stack->m_low = stack->m_high = 0;
+            stack->m_owner.store(0, std::memory_order_release);
+        });
     kSwitchesStack ? CallOnStack(stack->m_memory + kSize, RunCall, stack) : RunCall(stack);
     return true;
 }

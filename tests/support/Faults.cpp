@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <utility>
-#include <vector>
 
 namespace
 {
@@ -46,7 +45,7 @@ extern "C" long __real_syscall(long number, ...);
 extern "C" long __wrap_syscall(long number, ...);
 
 // Callers pass as many arguments as their system call has: the others are whatever lies there, and passed on like that.
-[[gnu::no_sanitize("address")]] long __wrap_syscall(long number, ...)
+__attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...)
 {
     long arguments[6];
     va_list list;
@@ -69,7 +68,8 @@ extern "C" long __wrap_syscall(long number, ...);
     else if (number == SYS_writev)
     {
         const auto* const pieces = reinterpret_cast<const iovec*>(arguments[1]);
-        std::vector<iovec> limited(pieces, pieces + arguments[2]);
+        iovec limited[8] = {}; // no heap: signal handlers write, too
+        std::copy_n(pieces, arguments[2], limited);
         long size = 0;
         for (const iovec& piece : limited)
         {
@@ -82,7 +82,7 @@ extern "C" long __wrap_syscall(long number, ...);
             piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(left));
             left -= static_cast<long>(piece.iov_len);
         }
-        const long result = size < 0 ? -1 : __real_syscall(number, arguments[0], limited.data(), arguments[2]);
+        const long result = size < 0 ? -1 : __real_syscall(number, arguments[0], limited, arguments[2]);
         if (Faults::gAfterWrite != nullptr)
         {
             std::exchange(Faults::gAfterWrite, nullptr)();
