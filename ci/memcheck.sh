@@ -5,4 +5,4 @@
 set -eu
 cd "$(dirname "$0")/.."
 tools/build.sh memcheck
-ctest --preset memcheck --label-regex quick --exclude-regex "^(ConcurrencyTest|FrameText|SafeMemory|CrashDumpTest|StackWalk|StructuredException)\." --parallel "$(nproc)"
+ctest --preset memcheck --label-regex quick --exclude-regex "^(ConcurrencyTest|FrameText|SafeMemory|CrashDumpTest|CrashHandler|StackWalk|StructuredException)\.|WaitsForTheZone" --parallel "$(nproc)"

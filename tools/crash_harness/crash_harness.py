@@ -60,10 +60,11 @@ class Case:
     """A row of the table: what the host is asked, and what it is expected to leave."""
 
     def __init__(self, name, case=None, strategy="append", workers=1, inject=None, out="file", env=(), dumps=1,
-                 status=EXIT_STATUS, log=True, stdout=True, trials=None, setup=None):
+                 status=EXIT_STATUS, log=True, stdout=True, trials=None, setup=None, owner=False):
         self.name, self.case, self.strategy, self.workers = name, case or name, strategy, workers
         self.inject, self.out, self.env, self.dumps, self.status = inject, out, dict(env), dumps, status
         self.log, self.stdout, self.trials, self.setup = log, stdout, trials, setup
+        self.owner = owner  # another thread is stopped inside the logger: what it has buffered is its own, and nobody else's
 
 
 def wait_until(condition, process, seconds=5):
@@ -226,7 +227,7 @@ class Harness:
             wrong.append("log not whole")
         if case.stdout and not verdict.out_whole:
             wrong.append("standard output not whole")
-        if case.log and verdict.lost:
+        if case.log and verdict.lost and not case.owner:
             wrong.append(f"{len(verdict.lost)} lines lost from {verdict.lost[0]}")
         if verdict.doubled:
             wrong.append(f"{len(verdict.doubled)} lines doubled from {verdict.doubled[0]}")
@@ -299,7 +300,7 @@ def deterministic_cases():
             yield Case(f"{name}, {strategy}", name, strategy)
     yield Case("other-stdout", env={})
     for strategy in ["append", "rotate"]:
-        yield Case(f"other-write, {strategy}", "other-write", strategy)
+        yield Case(f"other-write, {strategy}", "other-write", strategy, owner=True)
         yield Case(f"no-descriptors, {strategy}", "no-descriptors", strategy, log=strategy == "append")
     yield Case("kill -9 after the first dump", "exit-after-first", status=-signal.SIGKILL)
     for strategy in ["append", "overwrite", "rotate"]:
@@ -332,7 +333,8 @@ def random_cases():
         for workers in [1, 3]:
             yield Case(f"random, {workers} workers, {strategy}", "random", strategy, workers, inject_at_random)
     for strategy in ["append", "rotate"]:
-        yield Case(f"beside a stopped thread, {strategy}", "random", strategy, 3, inject_beside_stopped, stdout=False)
+        yield Case(f"beside a stopped thread, {strategy}", "random", strategy, 3, inject_beside_stopped, stdout=False,
+                   owner=True)
 
 
 def main():
