@@ -73,7 +73,7 @@ void PrintWithoutDump(std::string_view line)
 {
     Crash::StandardOutput output;
     output.PrintLine(line);
-    output.PrintLine(Crash::kFaultInDump);
+    output.PrintLine("  No dump: too many are under way in this process, or in this thread");
     output.WriteLines();
 }
 

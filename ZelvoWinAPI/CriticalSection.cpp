@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <ctime>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -29,10 +30,12 @@ void ForgetThreadId() noexcept
     Detail::tThreadId = 0;
 }
 
+// A sleep ends now and then by itself: the owner may have been given a lease meanwhile, and leave without a word.
 void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) noexcept
 {
+    constexpr timespec kLongestSleep = {0, 200000000};
     const int savedErrno = errno;
-    syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
+    syscall(SYS_futex, &word, operation | FUTEX_PRIVATE_FLAG, value, &kLongestSleep, nullptr, 0);
     errno = savedErrno;
 }
 
@@ -83,20 +86,19 @@ class LeaseWatch
 public:
     Entry TryTakeOver(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
     {
-        const std::int64_t end = section->m_leaseEnd.load(std::memory_order_relaxed);
-        if (end == 0 || end != m_end || GetTickCount64() < end)
+        std::uint32_t owner = section->m_ownerWord.load(); // before the lease, which is then this owner's
+        std::int64_t end = section->m_leaseEnd.load();
+        if (owner == 0 || end == 0 || end != m_end || GetTickCount64() < end)
         {
             m_end = end;
             m_seenOver = 0;
             return Entry::REFUSED;
         }
-        std::uint32_t owner = section->m_ownerWord.load(std::memory_order_relaxed);
-        if (++m_seenOver < kTimesSeenOver || owner == 0 ||
-            !section->m_ownerWord.compare_exchange_strong(owner, self | kWaitersBit, std::memory_order_acquire))
-        {
-            return Entry::REFUSED;
-        }
-        return TakeOver(section);
+        // Of several threads that have seen it, the one that ends the lease is the next owner.
+        return ++m_seenOver >= kTimesSeenOver && section->m_leaseEnd.compare_exchange_strong(end, 0) &&
+                       section->m_ownerWord.compare_exchange_strong(owner, self | kWaitersBit)
+                   ? TakeOver(section)
+                   : Entry::REFUSED;
     }
 
 private:
@@ -122,7 +124,7 @@ Entry Wait(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
     while (!TryTake(word, self | kWaitersBit))
     {
         std::uint32_t seen = word.load(std::memory_order_relaxed);
-        if (section->m_leaseEnd.load() != 0)
+        if (section->m_leaseEnd.load(std::memory_order_relaxed) != 0)
         {
             Sleep(kPollIntervalMs);
             if (watch.TryTakeOver(section, self) == Entry::TAKEN_OVER)
@@ -207,20 +209,24 @@ Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexc
     return entry;
 }
 
-void SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds) noexcept
+bool SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds,
+              std::int64_t& lease) noexcept
 {
-    section->m_leaseLow.store(low, std::memory_order_relaxed);
-    section->m_leaseHigh.store(high, std::memory_order_relaxed);
-    section->m_leaseEnd.store(GetTickCount64() + milliseconds);
-    if ((section->m_ownerWord.load() & kWaitersBit) != 0)
+    if (lease == 0)
     {
-        Futex(section->m_ownerWord, FUTEX_WAKE, INT_MAX); // they sleep without a limit
+        section->m_leaseLow.store(low, std::memory_order_relaxed);
+        section->m_leaseHigh.store(high, std::memory_order_relaxed);
     }
+    const std::int64_t end = GetTickCount64() + milliseconds;
+    std::int64_t expected = lease;
+    const bool isOurs = IsInCriticalSection(section) && section->m_leaseEnd.compare_exchange_strong(expected, end);
+    lease = isOurs ? end : 0;
+    return isOurs;
 }
 
-void EndLease(_CRITICAL_SECTION* section) noexcept
+void EndLease(_CRITICAL_SECTION* section, std::int64_t lease) noexcept
 {
-    section->m_leaseEnd.store(0, std::memory_order_relaxed);
+    section->m_leaseEnd.compare_exchange_strong(lease, 0);
 }
 
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
@@ -230,7 +236,7 @@ bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept
 
 void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
-    EndLease(section);
+    section->m_leaseEnd.store(0);
     section->m_ownerWord.store(Detail::AskThreadId(), std::memory_order_relaxed);
 }
 

@@ -41,6 +41,11 @@ inline Entry EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
 
 inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
+    const std::uint32_t owner = section->m_ownerWord.load(std::memory_order_relaxed) & ~Detail::kWaitersBit;
+    if (owner != GetCurrentThreadId()) [[unlikely]]
+    {
+        return;
+    }
     if (section->m_enterCount > 0)
     {
         --section->m_enterCount;

@@ -50,20 +50,22 @@ void DeleteCriticalSection(_CRITICAL_SECTION* section) noexcept;
 
 // Two atomic operations and no call, when nobody else is inside.
 inline Entry EnterCriticalSection(_CRITICAL_SECTION* section) noexcept;
-inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept;
+inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept; // nothing when another thread has taken it over
 
 // Enters the section if it is free or becomes free within the time. Async-signal-safe, also when the interrupted code of
 // this thread is inside.
-//   waitLeftMs  in: how long to wait at most, in milliseconds; out: less what was waited, for callers that may wait a
-//   certain
-//               time in all
+//   waitLeftMs  in: how long to wait at most, in milliseconds; out: less what was waited, for callers that may wait so
+//               long in all
 Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexcept;
 
 // A lease is for an owner that may leave its code by a jump and the section with it, as a dump can that faults. While it
 // lasts, only code on the stack [low, high) is taken for the owner: on another one the thread that owns the section enters
-// it afresh. So do other threads when its time is over. An owner that is late must look whether it is one still.
-void SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds) noexcept;
-void EndLease(_CRITICAL_SECTION* section) noexcept;
+// it afresh. So do other threads when its time is over.
+//   lease    in: what the call before gave, 0 for the first; out: what the next one and EndLease take
+//   returns  false when the section is another thread's by now
+bool SetLease(_CRITICAL_SECTION* section, std::uintptr_t low, std::uintptr_t high, int milliseconds,
+              std::int64_t& lease) noexcept;
+void EndLease(_CRITICAL_SECTION* section, std::int64_t lease) noexcept;
 
 // Whether the calling thread is inside.
 bool IsInCriticalSection(const _CRITICAL_SECTION* section) noexcept;

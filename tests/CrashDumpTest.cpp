@@ -139,7 +139,6 @@ namespace
 {
 
 sigjmp_buf gRecovery;
-int gLeaseMs = 0;
 
 void JumpOut(int, siginfo_t*, void*)
 {
@@ -152,13 +151,7 @@ void LeaveDump()
     InstallHandler(SIGSEGV, JumpOut);
     if (sigsetjmp(gRecovery, 1) == 0)
     {
-        Crash::Dump::Run(
-            []
-            {
-                const Crash::DumpStack& stack = *Crash::DumpStack::Current();
-                gFileLogger.Emergency().SetLease(stack.Low(), stack.High(), gLeaseMs);
-                Fault();
-            });
+        Crash::Dump::Run([] { Fault(); });
     }
 }
 
@@ -233,7 +226,6 @@ TEST_F(CrashDumpTest, NothingStaysHeldWhereAJumpLeft)
                 Log("before");
                 for (int i = 0; i < 5; ++i)
                 {
-                    gLeaseMs = i == 0 ? 10 : 60000;
                     leave();
                     if (i > 0)
                     {
@@ -363,6 +355,7 @@ bool IsFreeForOthers()
                 [&isFree]
                 {
                     const QV::EmergencyScope emergency; // does not wait for ever
+                    QV::EmergencyScope::WaitLeftMs() = 100;
                     isFree = gFileLogger.EnterCriticalSection();
                     if (isFree)
                     {
@@ -484,8 +477,6 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
                         []
                         {
                             Crash::Dump::Current()->Log(0, 1, "", "held by the parent");
-                            gFileLogger.Emergency().SetLease(0, UINTPTR_MAX,
-                                                             60000); // longer than all the waits of the others
                             gStep = 1;
                             WaitFor(2);
                         });

@@ -6,8 +6,6 @@
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
-#include <new>
-
 namespace Crash
 {
 
@@ -117,18 +115,14 @@ Dump::~Dump()
     if (HasLog())
     {
         gFileLogger.Emergency().EndDump();
-        gFileLogger.Emergency().EndLease();
+        gFileLogger.Emergency().EndLease(m_lease);
     }
     m_stack.m_dump = nullptr;
 }
 
 bool Dump::HasLog() noexcept
 {
-    m_hasLog = m_hasLog && gFileLogger.Emergency().IsInCriticalSection();
-    if (m_hasLog)
-    {
-        gFileLogger.Emergency().SetLease(m_stack.Low(), m_stack.High(), kLeaseMs);
-    }
+    m_hasLog = m_hasLog && gFileLogger.Emergency().SetLease(m_stack.Low(), m_stack.High(), kLeaseMs, m_lease);
     return m_hasLog;
 }
 
@@ -142,10 +136,13 @@ bool Dump::RunOutermost(void (*run)(const void*), const void* body, CallStack* c
         return false;
     }
     const QV::EmergencyScope emergency(road.isOnIt);
+    QV::EmergencyScope::WaitLeftMs() = QV::EmergencyScope::kMaxWaitMs; // also where a jump has left the scope before
     const LogScope log(road.isOnIt, endsInterruptedCall, signals);
     return DumpStack::Run(
         [&](DumpStack& stack)
         {
+            const QV::EmergencyScope
+                noUnboundedWait; // with the section held no road needs the heap, or a wait that may last
             Dump dump(stack, log.IsHeld());
             if (!Crash::RunPart(stack, [&] { run(body); }))
             {
@@ -169,26 +166,14 @@ void Dump::WriteLines() noexcept
 
 void Dump::Log(int level, unsigned int mask, const char* source, const char* text)
 {
-    const auto log = [&](bool mayAllocate)
+    const auto log = [=]
     {
-        const QV::EmergencyScope emergency(!mayAllocate || QV::EmergencyScope::GetState());
         gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(text)));
     };
-    const auto logAnyhow = [&]
-    {
-        try
-        {
-            log(true);
-        }
-        catch (const std::bad_alloc&)
-        {
-            log(false);
-        }
-    };
-    if (gFileLogger.CanWrite(level, mask) && !m_isLogDamaged && !RunPart(logAnyhow))
+    if (gFileLogger.CanWrite(level, mask) && !m_isLogDamaged && !RunPart(log))
     {
         gFileLogger.Emergency().ForgetStrategy(); // lies on the heap, which is what is damaged as a rule
-        m_isLogDamaged = !RunPart([&] { log(false); });
+        m_isLogDamaged = !RunPart(log);
     }
 }
 

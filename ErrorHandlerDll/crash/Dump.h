@@ -126,6 +126,7 @@ private:
 
     DumpStack& m_stack;
     bool m_hasLog; // the logger's section is held
+    std::int64_t m_lease = 0;
     bool m_isLogDamaged = false;
     StandardOutput m_output;
 };

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -57,8 +57,9 @@ void StandardOutput::Prepare() noexcept
         const char* const end = stdout->_IO_write_ptr;
         if (start != nullptr && start < end && end <= stdout->_IO_buf_end)
         {
-            Write(std::string_view(start, static_cast<std::size_t>(end - start)));
-            __fpurge(stdout);
+            const std::string_view rest = Write({start, static_cast<std::size_t>(end - start)});
+            std::memmove(stdout->_IO_write_base, rest.data(), rest.size()); // stdio's to write, when there is a reader
+            stdout->_IO_write_ptr = stdout->_IO_write_base + rest.size();
         }
         funlockfile(stdout);
     }
@@ -92,8 +93,8 @@ bool StandardOutput::WaitUntilReady() noexcept
     return !m_isGivenUp;
 }
 
-// Writes the text, as far as it can be written.
-void StandardOutput::Write(std::string_view text) noexcept
+// Writes the text, as far as it can be written, and returns the rest.
+std::string_view StandardOutput::Write(std::string_view text) noexcept
 {
     while (!text.empty() && !m_isGivenUp && WaitUntilReady())
     {
@@ -104,10 +105,11 @@ void StandardOutput::Write(std::string_view text) noexcept
         }
         else if (count == 0 || (count < 0 && errno != EINTR))
         {
-            return;
+            return text;
         }
         text.remove_prefix(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
     }
+    return text;
 }
 
 void StandardOutput::WriteLines() noexcept

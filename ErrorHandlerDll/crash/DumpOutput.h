@@ -32,7 +32,7 @@ private:
 
     void ReopenWithoutBlocking() noexcept;
     bool Hold(std::string_view line) noexcept;
-    void Write(std::string_view text) noexcept;
+    std::string_view Write(std::string_view text) noexcept;
     bool WaitUntilReady() noexcept;
 
     int m_descriptor = 1; // negative for a stream without one

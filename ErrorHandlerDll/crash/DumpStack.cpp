@@ -12,6 +12,7 @@ namespace
 {
 
 constexpr int kMaxWaitMs = 500;
+constexpr int kMaxUseMs = 10000; // far above what a dump takes: it was left by a jump, and its thread has not dumped since
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kSwitchesStack = false; // the sanitizer would have to be told of each switch, and of each jump
@@ -114,6 +115,14 @@ DumpStack* DumpStack::TakeAny(std::uint32_t thread) noexcept
         }
         ZelvoWinAPI::Sleep(1);
     } while (ZelvoWinAPI::GetTickCount64() < end);
+    for (DumpStack& stack : gStacks)
+    {
+        std::uint32_t owner = stack.m_owner.load(std::memory_order_relaxed);
+        if (stack.m_takenAt < end - kMaxWaitMs - kMaxUseMs && stack.m_owner.compare_exchange_strong(owner, thread))
+        {
+            return &stack;
+        }
+    }
     return nullptr;
 }
 
@@ -147,6 +156,7 @@ bool DumpStack::RunOnFree(Function run, const void* argument)
     }
     stack->m_place = nullptr;
     stack->m_dump = nullptr;
+    stack->m_takenAt = ZelvoWinAPI::GetTickCount64();
     stack->m_mask = mask;
     stack->m_run = run;
     stack->m_argument = argument;

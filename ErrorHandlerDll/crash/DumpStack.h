@@ -60,8 +60,9 @@ private:
     void GiveBackLeft() noexcept;
     bool HoldsCaller() const noexcept;
 
-    std::atomic<std::uint32_t> m_owner{0}; // its thread id; 0: free
-    std::uintptr_t m_low = 0;              // where the dump's frames lie: [low, high)
+    std::atomic<std::uint32_t> m_owner{0};  // its thread id; 0: free
+    std::atomic<std::int64_t> m_takenAt{0}; // tick count
+    std::uintptr_t m_low = 0;               // where the dump's frames lie: [low, high)
     std::uintptr_t m_high = 0;
     SignalSet m_mask = 0;
     Function m_run = nullptr;

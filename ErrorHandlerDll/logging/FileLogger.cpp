@@ -145,6 +145,10 @@ const char* FileLogger::GetLogFileName()
 
 void FileLogger::FlushLogFile()
 {
+    if (!Emergency().IsInCriticalSection())
+    {
+        return; // refused in an emergency, or taken over by another thread
+    }
     if (QV::EmergencyScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
     {
         Emergency().Flush();

@@ -18,14 +18,14 @@ void LogEmergency::RestoreSectionDepth(unsigned int depth) const
     }
 }
 
-void LogEmergency::SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds) const
+bool LogEmergency::SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds, std::int64_t& lease) const
 {
-    ZelvoWinAPI::SetLease(&m_log.m_criticalSection, low, high, milliseconds);
+    return ZelvoWinAPI::SetLease(&m_log.m_criticalSection, low, high, milliseconds, lease);
 }
 
-void LogEmergency::EndLease() const
+void LogEmergency::EndLease(std::int64_t lease) const
 {
-    ZelvoWinAPI::EndLease(&m_log.m_criticalSection);
+    ZelvoWinAPI::EndLease(&m_log.m_criticalSection, lease);
 }
 
 bool LogEmergency::IsInCriticalSection() const

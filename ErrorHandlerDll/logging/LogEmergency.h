@@ -21,8 +21,8 @@ public:
 
     // While this thread dumps, the section is its own only as long as its code runs on the stack [low, high), and for
     // `milliseconds` (see ZelvoWinAPI::SetLease).
-    void SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds) const;
-    void EndLease() const;
+    bool SetLease(std::uintptr_t low, std::uintptr_t high, int milliseconds, std::int64_t& lease) const;
+    void EndLease(std::int64_t lease) const;
     bool IsInCriticalSection() const;
 
     // The caller holds the section, and is certain that the code of this thread which was interrupted inside the logger will

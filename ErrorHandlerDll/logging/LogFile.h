@@ -27,9 +27,8 @@ public:
     void Close();
 
     // Writes the pieces, whose end ends a line, from the byte `written` on, which it counts up.
-    //   waitLeftMs  how long to wait in all for a file that takes nothing (a terminal, a pipe), counted down; null: as long
-    //   as
-    //               it takes
+    //   waitLeftMs  how long to wait in all for a file that takes nothing (a terminal, a pipe), counted down; null: without
+    //               a limit
     //   returns     whether all of it is in the file
     bool WriteAll(Pieces pieces, std::atomic<std::size_t>& written, int* waitLeftMs);
 

@@ -12,19 +12,20 @@ namespace
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool tHadThreads = false;
 
 // A bounded wait looks once in a millisecond, when other threads that log may have taken the section again.
-bool EnterSection(ZelvoWinAPI::_CRITICAL_SECTION& section, int& waitLeftMs)
+ZelvoWinAPI::Entry EnterSection(ZelvoWinAPI::_CRITICAL_SECTION& section, int& waitLeftMs)
 {
     constexpr int kTries = 1000;
     for (int i = 0; i < kTries; ++i)
     {
         int noWaitMs = 0;
-        if (ZelvoWinAPI::TryEnterCriticalSection(&section, noWaitMs) != ZelvoWinAPI::Entry::REFUSED)
+        const ZelvoWinAPI::Entry entry = ZelvoWinAPI::TryEnterCriticalSection(&section, noWaitMs);
+        if (entry != ZelvoWinAPI::Entry::REFUSED)
         {
-            return true;
+            return entry;
         }
         sched_yield();
     }
-    return ZelvoWinAPI::TryEnterCriticalSection(&section, waitLeftMs) != ZelvoWinAPI::Entry::REFUSED;
+    return ZelvoWinAPI::TryEnterCriticalSection(&section, waitLeftMs);
 }
 
 } // namespace
@@ -35,7 +36,12 @@ void LogFork::Before(FileLogger& logger)
     int ownWaitLeftMs = FileLogger::kMaxWaitMs;
     int& waitLeftMs = QV::EmergencyScope::IsActive() ? QV::EmergencyScope::WaitLeftMs() : ownWaitLeftMs;
     tHadThreads = __libc_single_threaded == 0;
-    tEnteredForFork = EnterSection(logger.m_criticalSection, waitLeftMs);
+    const ZelvoWinAPI::Entry entry = EnterSection(logger.m_criticalSection, waitLeftMs);
+    tEnteredForFork = entry != ZelvoWinAPI::Entry::REFUSED;
+    if (entry == ZelvoWinAPI::Entry::TAKEN_OVER)
+    {
+        logger.Emergency().ForgetInterruptedCall();
+    }
     if (!tEnteredForFork || !logger.m_output.HasUnwrittenLines())
     {
         return;

@@ -59,8 +59,7 @@ public:
     // How long a write may wait for a file that takes nothing: without limit, but in an emergency.
     static int* WaitLimit();
 
-    // ---- For a dump, a handler and a fork; async-signal-safe, whatever the code above was doing when it was interrupted
-    // ----
+    // ---- For a dump, a handler and a fork; async-signal-safe, whatever the interrupted code above was doing ----
 
     // Whether the code that was interrupted is in the middle of a flush.
     bool IsFlushing() const { return m_flushing.load(std::memory_order_acquire); }

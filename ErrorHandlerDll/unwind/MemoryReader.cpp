@@ -1,9 +1,8 @@
 // The kernel tells readable from unreadable instead of raising a signal, in one of two ways:
 //
-// 1. process_vm_readv on this process copies the bytes: one call, no state, sees unmapped and PROT_NONE pages and pages past
-// a
-//    file's end. The id passed is the thread's: the process id stops working when the main thread has ended before the
-//    others.
+// 1. process_vm_readv on this process copies the bytes: one call, no state, sees unmapped and PROT_NONE pages and pages
+//    past a file's end. The id passed is the thread's: the process id stops working when the main thread has ended before
+//    the others.
 // 2. Under a filter of system calls, which may kill the process for that: rt_sigprocmask with an invalid operation reads the
 //    set before it rejects the operation; then a plain load. Dumps need that call anyway. Another thread that unmaps the
 //    page in between makes the load fault, which is why this comes second.

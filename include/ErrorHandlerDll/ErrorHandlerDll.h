@@ -113,8 +113,8 @@ ERRORHANDLERDLL_API bool SetErrorMessage(ZelvoReaderErrorCode code, const char* 
 
 // Defines or replaces the text of a custom code, 0x10000 to 0x1FFFF.
 //   text     kept, not copied: must stay valid and unchanged until it is replaced or the library is unloaded
-//   returns  false, and changes nothing, when the code is not a custom one, the text is null, or its size with the NUL is no
-//   int
+//   returns  false, and changes nothing, when the code is not a custom one, the text is null, or its size with the NUL is
+//            no int
 ERRORHANDLERDLL_API bool AddCustomErrorMessage(ZelvoReaderErrorCode code, const char* text);
 
 // Removes all overrides; custom texts stay. Always true. Never throws.

@@ -38,9 +38,9 @@ class ExceptionHandler
 {
 public:
     // Installs the callback that receives each error as it is reported; null removes it. Set it before other threads can
-    // handle errors. The callback runs without the log's lock and may log. Under HandleStructuredException it does so
-    // without the heap: LogFormatted then cuts its message to 1023 bytes, and LogMessageAndBufferAsHex dumps at most 512
-    // bytes.
+    // handle errors. The callback runs without the log's lock and may log. When HandleStructuredException is called in a
+    // signal handler it does so without the heap: LogFormatted then cuts its message to 1023 bytes, and
+    // LogMessageAndBufferAsHex dumps at most 512 bytes.
     static ERRORHANDLERDLL_API void SetErrorCallback(ZelvoReaderErrorCallback callback, void* param);
 
     // Set the last error. The text is copied, cut to 511 bytes but never inside a UTF-8 sequence, zero bytes behind; null is

@@ -25,7 +25,8 @@ struct SignalHandlers;
 //            kill -9 right after loses nothing, nor any line that was logged before; but what waits in the buffer while
 //            another thread does not leave the log in that second is that thread's to write.
 //   roads    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
-//            out of the handler, a dump is a call like any other: it waits for the log as long as it takes.
+//            out of the handler, a dump is a call like any other: it waits for the log as long as it takes. Where the
+//            stack cannot be followed to its end, the call is taken for one in a signal handler.
 //   stack    They run on a stack of the library. An alternate stack (sigaltstack) must have room for the signal frame and
 //            4 KiB, this object included; a handler that does more needs more. sysconf(_SC_MINSIGSTKSZ) tells the frame's
 //            size. Hosts of Clang need 3 KiB more unless they link with -z now.
@@ -33,16 +34,16 @@ struct SignalHandlers;
 //            StructuredException that it builds goes back to the dump under way, which says so and goes on. Built there for
 //            a signal that somebody has sent, it holds the signal but no dump and no frames.
 //   jumps    A handler or an error callback may leave by a jump or a throw; nothing stays held. A handler that jumps out of
-//            a fault inside a dump without building an object keeps the log from other threads for two seconds.
+//            a fault inside a dump without building an object keeps the log from other threads for two seconds, and has no
+//            alternate stack until the thread's next dump.
 //   returns  Code of this library in which a hardware fault has struck never goes on: the call is over when the dump is
 //            written, and a handler must not return to it.
 //   masks    While a thread dumps, all signals wait but those of faults: SIGALRM, too, for no wait of a dump lasts.
 //   order    A dump has parts: head, call stack, registers, modules. The lines of a part are written together, at its end:
 //            what ends the process in the middle of one, without coming here, takes the lines of that part along.
 //   output   What stdio buffers for standard output is written first. A reader who does not read is waited for half a
-//   second,
-//            and not again before it has read. Where /proc is not mounted, a pipe that another process fills at the same
-//            moment may block the dump.
+//            second, and not again before it has read. Where /proc is not mounted, a pipe that another process fills at
+//            the same moment may block the dump.
 class StructuredException
 {
 public:

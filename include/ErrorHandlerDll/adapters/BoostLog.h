@@ -11,9 +11,8 @@
 //           ZR_LOG_DEBUG_LOW
 //   mask    one for the backend
 //   source  the attribute "Channel", when it is a std::string
-//   message what the sink's formatter makes of the record; without one the message. With asynchronous_sink the thread and
-//   the
-//           time of the line are those of the sink's thread
+//   message what the sink's formatter makes of the record; without one the message. With asynchronous_sink the thread
+//           and the time of the line are those of the sink's thread
 //   throws  nothing, whatever happens to the log
 //   threads any; the backend needs no lock
 #ifndef ERRORHANDLERDLL_ADAPTERS_BOOSTLOG_H
