@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -253,6 +254,70 @@ TEST_F(CrashDumpTest, NothingStaysHeldWhereAJumpLeft)
     }
 }
 
+TEST_F(CrashDumpTest, WaitsForTheLogAgainAfterAJump)
+{
+    const int status = RunPrinting(
+        []
+        {
+            const auto jump = [](ZelvoReaderErrorCode, char*, void*)
+            {
+                QV::EmergencyScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
+                siglongjmp(gRecovery, 1);
+            };
+            ExceptionHandler::SetErrorCallback(jump, nullptr);
+            if (sigsetjmp(gRecovery, 1) == 0)
+            {
+                InSignalHandler([] { Dump(true); });
+            }
+            std::atomic<bool> isOwned = false;
+            std::thread owner(
+                [&isOwned]
+                {
+                    const LogSectionScope section(gFileLogger);
+                    isOwned = true;
+                    usleep(50000);
+                    Log("end of the block");
+                });
+            while (!isOwned)
+            {
+                std::this_thread::yield();
+            }
+            InSignalHandler([] { Dump(); });
+            owner.join();
+            return 0;
+        });
+    EXPECT_EQ(0, status);
+    EXPECT_LT(OnDisk().find("end of the block"), OnDisk().rfind("  Modules list:"));
+    EXPECT_LT(OnDisk().find("end of the block"), OnDisk().rfind("Structured exception "));
+}
+
+TEST_F(CrashDumpTest, LeavesToTheHostsStreamWhatItsReaderDoesNotTake)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK));
+    const std::string page(4096, 'x');
+    while (write(ends[1], page.data(), page.size()) > 0)
+    {
+    }
+    const int status = RunChild(
+        [&]
+        {
+            dup2(ends[1], STDOUT_FILENO);
+            std::fputs("the host's own", stdout);
+            Dump();
+            std::string read(1 << 20, '\0');
+            while (::read(ends[0], read.data(), read.size()) > 0)
+            {
+            }
+            std::fflush(stdout);
+            const ssize_t size = ::read(ends[0], read.data(), read.size());
+            return size > 0 && read.substr(0, static_cast<std::size_t>(size)) == "the host's own" ? 0 : 1;
+        });
+    EXPECT_EQ(0, status);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST_F(CrashDumpTest, ALogThatCannotBeWrittenLeavesStandardOutput)
 {
     void (*const damages[])() = {
@@ -487,6 +552,7 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
                 [&good]
                 {
                     const QV::EmergencyScope emergency; // as in an error callback
+                    QV::EmergencyScope::WaitLeftMs() = 100;
                     good = ForkAndLog(true);
                 });
             gStep = 2;
