@@ -54,7 +54,7 @@ private:
     using Function = void (*)(DumpStack& stack, const void* argument);
 
     static bool RunOnFree(Function run, const void* argument);
-    static void RunCall(void* stack);
+    static void RunCall(void* argument);
     static DumpStack* TakeAny(std::uint32_t thread) noexcept;
     bool TryTake(std::uint32_t thread) noexcept;
     void GiveBackLeft() noexcept;

@@ -21,7 +21,7 @@ constexpr std::size_t kMostEntries = 6;
 
 struct Search : FileSizeLoggerStrategy
 {
-    Search() : FileSizeLoggerStrategy(nullptr, 0, LOGGING_STRATEGY_FILE_SIZE) {}
+    Search() : FileSizeLoggerStrategy(nullptr, 0) {}
     using FileDependentLoggerStrategy::GetFileSearchMask;
 };
 

@@ -31,6 +31,10 @@ void JudgeLine(const std::string& line, Verdict& verdict, std::map<std::pair<int
         verdict.m_numbers[writer].push_back(number);
         verdict.m_prefixes[writer].push_back(line.substr(0, prefix));
     }
+    else if (line.empty())
+    {
+        ++verdict.m_empty;
+    }
     else if (!Subject::IsOwnLine(line))
     {
         if (verdict.m_torn++ == 0)

@@ -18,13 +18,15 @@ struct Verdict
     std::map<int, std::vector<int>> m_numbers; // of each writer, in the order of the files
     std::map<int, std::vector<std::string>> m_prefixes;
     int m_lines = 0;
+    int m_empty = 0;    // empty lines
     int m_torn = 0;     // neither a whole line nor one of the subject's own
     int m_joined = 0;   // of those, lines in which another one starts
     int m_doubled = 0;  // whole lines that are there once already
     int m_openEnds = 0; // files that end without a line feed; what stands behind the last one counts nowhere else
     std::string m_firstTorn;
 
-    bool IsWhole() const { return m_torn == 0 && m_doubled == 0 && m_openEnds == 0; }
+    bool IsWhole() const { return HasWholeLines() && m_empty == 0; }
+    bool HasWholeLines() const { return m_torn == 0 && m_doubled == 0 && m_openEnds == 0; }
     bool Has(int writer, int number) const;
     int Lost(int writer, int count) const; // of the lines 0 to count - 1
 };
