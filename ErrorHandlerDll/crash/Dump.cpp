@@ -141,8 +141,7 @@ bool Dump::RunOutermost(void (*run)(const void*), const void* body, CallStack* c
     return DumpStack::Run(
         [&](DumpStack& stack)
         {
-            const QV::EmergencyScope
-                noUnboundedWait; // with the section held no road needs the heap, or a wait that may last
+            const QV::EmergencyScope boundsWaits; // and takes no heap, on an ordinary call either
             Dump dump(stack, log.IsHeld());
             if (!Crash::RunPart(stack, [&] { run(body); }))
             {

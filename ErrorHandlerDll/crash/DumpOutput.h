@@ -4,7 +4,6 @@
 #define ERRORHANDLERDLL_CRASH_DUMPOUTPUT_H
 
 #include <climits>
-#include <cstddef>
 #include <string_view>
 
 namespace Crash

@@ -78,8 +78,12 @@ DumpStack* DumpStack::Current() noexcept
 bool DumpStack::TryTake(std::uint32_t thread) noexcept
 {
     std::uint32_t owner = m_owner.load(std::memory_order_relaxed);
-    return (owner == 0 || SystemCall(SYS_tgkill, getpid(), static_cast<long>(owner), 0) == -ESRCH) &&
-           m_owner.compare_exchange_strong(owner, thread, std::memory_order_acquire);
+    if (owner != 0 && SystemCall(SYS_tgkill, getpid(), static_cast<long>(owner), 0) != -ESRCH)
+    {
+        return false;
+    }
+    m_takenAt = 0; // the time of the owner before must not count for the next
+    return m_owner.compare_exchange_strong(owner, thread, std::memory_order_acquire);
 }
 
 // The caller owns the stack and runs on none: it has left this one by a jump.
@@ -118,7 +122,8 @@ DumpStack* DumpStack::TakeAny(std::uint32_t thread) noexcept
     for (DumpStack& stack : gStacks)
     {
         std::uint32_t owner = stack.m_owner.load(std::memory_order_relaxed);
-        if (stack.m_takenAt < end - kMaxWaitMs - kMaxUseMs && stack.m_owner.compare_exchange_strong(owner, thread))
+        const std::int64_t takenAt = stack.m_takenAt;
+        if (takenAt != 0 && takenAt < end - kMaxUseMs && stack.m_owner.compare_exchange_strong(owner, thread))
         {
             return &stack;
         }

@@ -7,7 +7,6 @@
 #include "ErrorHandlerDll/crash/Signals.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
 namespace Crash
@@ -61,7 +60,7 @@ private:
     bool HoldsCaller() const noexcept;
 
     std::atomic<std::uint32_t> m_owner{0};  // its thread id; 0: free
-    std::atomic<std::int64_t> m_takenAt{0}; // tick count
+    std::atomic<std::int64_t> m_takenAt{0}; // tick count; 0: not known
     std::uintptr_t m_low = 0;               // where the dump's frames lie: [low, high)
     std::uintptr_t m_high = 0;
     SignalSet m_mask = 0;
