@@ -1,7 +1,7 @@
 // The exported logging functions, and the objects of the library that need construction.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/MessageMap.h"
@@ -34,20 +34,20 @@ void ConstructLogger()
     }
 }
 
-const struct LoggerLife
+const struct LoggerScope
 {
-    LoggerLife()
+    LoggerScope()
     {
         ConstructLogger();
-        QV::EmergencyScope::SetCheck([]() noexcept { return Crash::FindSignalRoad().isOnIt; });
+        QV::SignalSafeScope::SetCheck([]() noexcept { return Crash::FindSignalHandlers().isInOne; });
     }
-    ~LoggerLife() { gFileLogger.Retire(); }
-} gLoggerLife;
+    ~LoggerScope() { gFileLogger.Retire(); }
+} gLoggerScope;
 
 const int gForkHandlers = pthread_atfork(
     []
     {
-        const ErrnoKeeper keeper;
+        const ErrnoScope errnoScope;
         LogFork::Before(gFileLogger);
     },
     [] { LogFork::AfterInParent(gFileLogger); },
@@ -68,7 +68,7 @@ const int gForkHandlers = pthread_atfork(
 
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     ConstructLogger();
     gFileLogger.Initialise(enable, level, mask, fileName);
 }
@@ -82,7 +82,7 @@ const char* GetLogFilename(void)
 
 void ShutdownLogging(void)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     ConstructLogger();
     gFileLogger.Shutdown();
 }
@@ -103,7 +103,7 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
     {
         return true;
     }
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     FormattedText message;
     if (format != nullptr)
     {
@@ -128,7 +128,7 @@ bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, 
 
 void SetLoggingOptions(LoggingSettings* settings)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     if (settings != nullptr)
     {
         ConstructLogger();

@@ -1,7 +1,7 @@
 // The last error, and the handlers that hosts call at their API boundary.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
@@ -120,7 +120,7 @@ HalvikException* ExceptionHandler::GenericHandleException(const char* functionNa
                                                           const char* message, bool propagate,
                                                           void (*writer)(const char*, void*), void* writerParam)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     ErrorText messageCopy;
     if (LiesInLastError(message))
     {
@@ -148,7 +148,7 @@ HalvikException* ExceptionHandler::GenericHandleException(const char* functionNa
 
 HalvikException* ExceptionHandler::HandleUnknownException(const char* functionName, bool propagate)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     const char* const message = GetCatalogueText(ZR_ERROR_UNKNOWN);
     RunTraced(
         Here(),
@@ -182,15 +182,15 @@ HalvikException* ExceptionHandler::HandleBadAllocException(const char* functionN
 HalvikException* ExceptionHandler::HandleStructuredException(const char* functionName, StructuredException& exception,
                                                              bool propagate)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     const bool isInDump = Crash::DumpStack::Current() != nullptr; // a fault in a dump that no part of it has caught
-    const Crash::SignalRoad road = Crash::FindSignalRoad();
-    if (isInDump || road.isTooDeep)
+    const Crash::SignalHandlers handlers = Crash::FindSignalHandlers();
+    if (isInDump || handlers.isTooDeep)
     {
         RecordHandlerFailure();
         return nullptr;
     }
-    const QV::EmergencyScope emergency(road.isOnIt);
+    const QV::SignalSafeScope signalSafe(handlers.isInOne);
     const auto handle = [&]
     {
         RecordSignal(exception);
@@ -216,7 +216,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
 
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     RunTraced(
         Here(),
         [&]

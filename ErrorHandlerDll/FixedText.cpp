@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/FixedText.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrnoScope.h"
 #include "QV/Str.h"
 
 #include <cstring>
@@ -65,7 +65,7 @@ int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexc
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // that is what a template is
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept
 {
-    const ErrnoKeeper keeper;
+    const ErrnoScope errnoScope;
     const int length = QV::Str::FormatArgs(text, size, messageTemplate, arguments);
     if (length >= 0 && static_cast<std::size_t>(length) >= size)
     {

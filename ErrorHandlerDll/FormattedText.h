@@ -4,7 +4,7 @@
 #define ERRORHANDLERDLL_FORMATTEDTEXT_H
 
 #include "ErrorHandlerDll/FixedText.h"
-#include "QV/EmergencyScope.h"
+#include "QV/SignalSafeScope.h"
 
 #include <algorithm>
 #include <cstring>
@@ -32,7 +32,7 @@ public:
         {
             return;
         }
-        if (QV::EmergencyScope::IsActive())
+        if (QV::SignalSafeScope::IsActive())
         {
             m_length = std::strlen(m_buffer);
             return;

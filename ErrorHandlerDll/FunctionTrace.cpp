@@ -28,7 +28,7 @@ void Write(const TracePoint& point, const char* message)
 
 void WriteFunctionTrace(const TracePoint& point, const char* message)
 {
-    if (QV::EmergencyScope::IsActive())
+    if (QV::SignalSafeScope::IsActive())
     {
         Crash::Dump::Run([&] { Write(point, message); });
     }

@@ -1,6 +1,6 @@
 #include "QV/Memory.h"
 
-#include "QV/EmergencyScope.h"
+#include "QV/SignalSafeScope.h"
 
 #include <atomic>
 #include <bit>
@@ -75,7 +75,7 @@ void Keep(void* memory) noexcept
 
 void* Allocate(std::size_t size)
 {
-    return EmergencyScope::IsActive() ? AllocateFromReserve(size) : ::operator new(size);
+    return SignalSafeScope::IsActive() ? AllocateFromReserve(size) : ::operator new(size);
 }
 
 void Free(void* memory) noexcept
@@ -84,7 +84,7 @@ void Free(void* memory) noexcept
     {
         return;
     }
-    if (EmergencyScope::IsActive())
+    if (SignalSafeScope::IsActive())
     {
         Keep(memory);
         return;

@@ -261,7 +261,7 @@ TEST_F(CrashDumpTest, WaitsForTheLogAgainAfterAJump)
         {
             const auto jump = [](ZelvoReaderErrorCode, char*, void*)
             {
-                QV::EmergencyScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
+                QV::SignalSafeScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
                 siglongjmp(gRecovery, 1);
             };
             ExceptionHandler::SetErrorCallback(jump, nullptr);
@@ -419,8 +419,8 @@ bool IsFreeForOthers()
             InSignalHandler(
                 [&isFree]
                 {
-                    const QV::EmergencyScope emergency; // does not wait for ever
-                    QV::EmergencyScope::WaitLeftMs() = 100;
+                    const QV::SignalSafeScope emergency; // does not wait for ever
+                    QV::SignalSafeScope::WaitLeftMs() = 100;
                     isFree = gFileLogger.EnterCriticalSection();
                     if (isFree)
                     {
@@ -551,8 +551,8 @@ TEST_F(CrashDumpTest, AForkBesideADumpLeavesItsLinesToTheParent)
             InSignalHandler(
                 [&good]
                 {
-                    const QV::EmergencyScope emergency; // as in an error callback
-                    QV::EmergencyScope::WaitLeftMs() = 100;
+                    const QV::SignalSafeScope emergency; // as in an error callback
+                    QV::SignalSafeScope::WaitLeftMs() = 100;
                     good = ForkAndLog(true);
                 });
             gStep = 2;

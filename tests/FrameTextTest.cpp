@@ -98,10 +98,10 @@ TEST(FrameText, EqualsBacktraceSymbols)
     EXPECT_EQ(OurText(dlsym(another, "qsort")), PlatformText(dlsym(another, "qsort")));
     dlclose(another);
     const std::vector<void*> addresses = AddressesOfAllKinds();
-    for (std::size_t at = 0; at < addresses.size(); at += Unwind::FrameTexts::kMostFrames)
+    for (std::size_t at = 0; at < addresses.size(); at += Unwind::FrameTexts::kMaxFrames)
     {
         const auto frames =
-            std::span(addresses).subspan(at).first(std::min(addresses.size() - at, Unwind::FrameTexts::kMostFrames));
+            std::span(addresses).subspan(at).first(std::min(addresses.size() - at, Unwind::FrameTexts::kMaxFrames));
         Unwind::FrameTexts texts(frames);
         for (std::size_t i = 0; i < frames.size(); ++i)
         {

@@ -68,8 +68,8 @@ bool IsFree(int waitMs = 0)
     bool isFree = false;
     const auto tryToEnter = [&]
     {
-        const QV::EmergencyScope emergency;
-        QV::EmergencyScope::WaitLeftMs() = waitMs;
+        const QV::SignalSafeScope emergency;
+        QV::SignalSafeScope::WaitLeftMs() = waitMs;
         isFree = LogSectionScope(gFileLogger).IsEntered();
     };
     InSignalHandler(tryToEnter);
@@ -221,8 +221,8 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     const std::string longText(1000, 'x');
     const auto logWithoutTheSection = [&]
     {
-        const QV::EmergencyScope emergency;
-        QV::EmergencyScope::WaitLeftMs() = 0;
+        const QV::SignalSafeScope emergency;
+        QV::SignalSafeScope::WaitLeftMs() = 0;
         SetOptions(LOGGING_STRATEGY_APPEND);
         InitialiseLogging(false, 0, 0, "other.log");
         ShutdownLogging();

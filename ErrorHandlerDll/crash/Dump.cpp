@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
@@ -22,10 +22,10 @@ constexpr int kMaxSignalFrames = 3;
 class LogScope
 {
 public:
-    LogScope(bool isEmergency, bool endsInterruptedCall, const HeldSignals& signals)
-        : m_endsInterruptedCall(isEmergency && endsInterruptedCall && gFileLogger.Emergency().IsInCriticalSection())
+    LogScope(bool isInSignalHandler, bool endsInterruptedCall, const HeldSignals& signals)
+        : m_endsInterruptedCall(isInSignalHandler && endsInterruptedCall && gFileLogger.Emergency().IsInCriticalSection())
     {
-        if (!isEmergency)
+        if (!isInSignalHandler)
         {
             signals.Release(); // it may take as long as it takes
         }
@@ -60,7 +60,7 @@ private:
 
 } // namespace
 
-SignalRoad FindSignalRoad(CallStack* callStack) noexcept
+SignalHandlers FindSignalHandlers(CallStack* callStack) noexcept
 {
     if (DumpStack::Current() != nullptr)
     {
@@ -72,7 +72,7 @@ SignalRoad FindSignalRoad(CallStack* callStack) noexcept
         callStack = &own;
         Unwind::CaptureRegisters(own.start);
     }
-    SignalRoad road;
+    SignalHandlers handlers;
     const HeldSignals signals;
     DumpStack::Run(
         [&](DumpStack& stack)
@@ -83,10 +83,10 @@ SignalRoad FindSignalRoad(CallStack* callStack) noexcept
                         const Unwind::WalkResult walk =
                             Unwind::WalkStack(callStack->start, callStack->frames, callStack->capacity);
                         callStack->count = walk.count;
-                        road = {walk.signalFrames > 0 || !walk.reachedEnd, walk.signalFrames > kMaxSignalFrames};
+                        handlers = {walk.signalFrames > 0 || !walk.reachedEnd, walk.signalFrames > kMaxSignalFrames};
                     });
         });
-    return road;
+    return handlers;
 }
 
 Dump* Dump::Current() noexcept
@@ -128,20 +128,20 @@ bool Dump::HasLog() noexcept
 
 bool Dump::RunOutermost(void (*run)(const void*), const void* body, CallStack* callStack, bool endsInterruptedCall)
 {
-    const ErrnoKeeper errnoKeeper;
+    const ErrnoScope errnoScope;
     const HeldSignals signals;
-    const SignalRoad road = FindSignalRoad(callStack);
-    if (road.isTooDeep)
+    const SignalHandlers handlers = FindSignalHandlers(callStack);
+    if (handlers.isTooDeep)
     {
         return false;
     }
-    const QV::EmergencyScope emergency(road.isOnIt);
-    QV::EmergencyScope::WaitLeftMs() = QV::EmergencyScope::kMaxWaitMs; // also where a jump has left the scope before
-    const LogScope log(road.isOnIt, endsInterruptedCall, signals);
+    const QV::SignalSafeScope signalSafe(handlers.isInOne);
+    QV::SignalSafeScope::WaitLeftMs() = QV::SignalSafeScope::kMaxWaitMs; // also where a jump has left the scope before
+    const LogScope log(handlers.isInOne, endsInterruptedCall, signals);
     return DumpStack::Run(
         [&](DumpStack& stack)
         {
-            const QV::EmergencyScope boundsWaits; // and takes no heap, on an ordinary call either
+            const QV::SignalSafeScope boundsWaits; // and takes no heap, on an ordinary call either
             Dump dump(stack, log.IsHeld());
             if (!Crash::RunPart(stack, [&] { run(body); }))
             {
@@ -193,7 +193,7 @@ void Dump::LeaveFaultyPart(int signal, int signalCode) noexcept
 Place::Place(DumpStack& stack) noexcept
     : m_stack(stack),
       m_outer(stack.m_place),
-      m_isEmergency(QV::EmergencyScope::GetState()),
+      m_isSignalSafe(QV::SignalSafeScope::GetState()),
       m_sectionDepth(gFileLogger.Emergency().GetSectionDepth())
 {
     stack.m_place = this;
@@ -208,9 +208,9 @@ void Place::Restore() const noexcept
 {
     m_stack.m_place = m_outer; // a fault in what follows must not come back here
     SetMask(m_stack.Mask());
-    QV::EmergencyScope::RestoreState(m_isEmergency);
+    QV::SignalSafeScope::RestoreState(m_isSignalSafe);
     gFileLogger.Emergency().RestoreSectionDepth(m_sectionDepth);
-    if (!m_isEmergency && gFileLogger.Emergency().IsInCriticalSection())
+    if (!m_isSignalSafe && gFileLogger.Emergency().IsInCriticalSection())
     {
         gFileLogger.Emergency().ForgetInterruptedCall();
     }

@@ -1,6 +1,6 @@
-// "This thread dumps." Everything on the road of a crash dump stands inside Dump::Run: it runs on a stack of the library,
-// with the logger's section held and most signals waiting, and a fault in it comes back to it. On the road of a signal it is
-// async-signal-safe and waits for nobody without a limit; elsewhere it is a call like any other.
+// "This thread dumps." All code of a crash dump runs inside Dump::Run: on a stack of the library, with the logger's section
+// held and most signals blocked, and a fault in it comes back to it. Called in a signal handler it is async-signal-safe and
+// waits for nobody without a limit; elsewhere it is a call like any other.
 #ifndef ERRORHANDLERDLL_CRASH_DUMP_H
 #define ERRORHANDLERDLL_CRASH_DUMP_H
 
@@ -16,9 +16,9 @@ namespace Crash
 inline constexpr const char* kFaultInDump = "  A fault ended this part of the dump";
 
 // Whether frames of signal handlers lie on the calling thread's stack.
-struct SignalRoad
+struct SignalHandlers
 {
-    bool isOnIt = true;     // unless it is certain that there is none
+    bool isInOne = true;    // unless it is certain that there is none
     bool isTooDeep = false; // handlers that fault again and again, as with a callback of the host that does
 };
 
@@ -32,7 +32,7 @@ struct CallStack
 };
 
 // Walks the calling thread's stack for signal handlers; from the given place on, whose frames it stores then.
-SignalRoad FindSignalRoad(CallStack* callStack = nullptr) noexcept;
+SignalHandlers FindSignalHandlers(CallStack* callStack = nullptr) noexcept;
 
 // A part of a dump that may fault, on a corrupt process. The fault reaches the host's signal handler again (when that is
 // installed with SA_NODEFER), which builds another StructuredException: its constructor comes back to the innermost part.
@@ -52,7 +52,7 @@ public:
 private:
     DumpStack& m_stack;
     const Place* const m_outer;
-    const bool m_isEmergency;
+    const bool m_isSignalSafe;
     const unsigned int m_sectionDepth;
 };
 

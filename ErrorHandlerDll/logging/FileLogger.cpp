@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
-#include "ErrorHandlerDll/ErrnoKeeper.h"
+#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
@@ -149,7 +149,7 @@ void FileLogger::FlushLogFile()
     {
         return; // refused in an emergency, or taken over by another thread
     }
-    if (QV::EmergencyScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
+    if (QV::SignalSafeScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
     {
         Emergency().Flush();
         return;
@@ -177,8 +177,8 @@ void FileLogger::DeleteStrategy()
 
 bool FileLogger::Write(const LogEntry& line)
 {
-    const ErrnoKeeper keeper;
-    if (QV::EmergencyScope::IsActive()) [[unlikely]]
+    const ErrnoScope errnoScope;
+    if (QV::SignalSafeScope::IsActive()) [[unlikely]]
     {
         return Emergency().Write(line, LogEmergency::Caller::DUMP);
     }

@@ -16,7 +16,7 @@
 #include "ErrorHandlerDll/logging/LogFork.h"
 #include "ErrorHandlerDll/logging/LogOutput.h"
 #include "QV/BaseString.h"
-#include "QV/EmergencyScope.h"
+#include "QV/SignalSafeScope.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <atomic>
@@ -67,8 +67,8 @@ public:
     bool EnterCriticalSection()
     {
         const ZelvoWinAPI::Entry entry =
-            QV::EmergencyScope::IsActive()
-                ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::EmergencyScope::WaitLeftMs())
+            QV::SignalSafeScope::IsActive()
+                ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::SignalSafeScope::WaitLeftMs())
                 : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
         if (entry == ZelvoWinAPI::Entry::TAKEN_OVER) [[unlikely]]
         {

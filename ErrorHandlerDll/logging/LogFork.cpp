@@ -34,7 +34,7 @@ ZelvoWinAPI::Entry EnterSection(ZelvoWinAPI::_CRITICAL_SECTION& section, int& wa
 void LogFork::Before(FileLogger& logger)
 {
     int ownWaitLeftMs = FileLogger::kMaxWaitMs;
-    int& waitLeftMs = QV::EmergencyScope::IsActive() ? QV::EmergencyScope::WaitLeftMs() : ownWaitLeftMs;
+    int& waitLeftMs = QV::SignalSafeScope::IsActive() ? QV::SignalSafeScope::WaitLeftMs() : ownWaitLeftMs;
     tHadThreads = __libc_single_threaded == 0;
     const ZelvoWinAPI::Entry entry = EnterSection(logger.m_criticalSection, waitLeftMs);
     tEnteredForFork = entry != ZelvoWinAPI::Entry::REFUSED;

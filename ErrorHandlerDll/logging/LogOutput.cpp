@@ -1,12 +1,12 @@
 #include "ErrorHandlerDll/logging/LogOutput.h"
 
-#include "QV/EmergencyScope.h"
+#include "QV/SignalSafeScope.h"
 
 #include <climits>
 
 int* LogOutput::WaitLimit()
 {
-    return QV::EmergencyScope::IsActive() ? &QV::EmergencyScope::WaitLeftMs() : nullptr;
+    return QV::SignalSafeScope::IsActive() ? &QV::SignalSafeScope::WaitLeftMs() : nullptr;
 }
 
 void LogOutput::SetName(const QV::BaseString<char>& name)

@@ -112,7 +112,7 @@ void AppendInObject(Text& text, MemoryReader& reader, const Module& module, cons
 
 } // namespace
 
-FrameTexts::FrameTexts(std::span<void* const> frames) noexcept : m_count(std::min(frames.size(), kMostFrames))
+FrameTexts::FrameTexts(std::span<void* const> frames) noexcept : m_count(std::min(frames.size(), kMaxFrames))
 {
     for (std::size_t i = 0; i < m_count; ++i)
     {
@@ -135,7 +135,7 @@ void FrameTexts::LookUp(std::size_t index) noexcept
     {
         return;
     }
-    SymbolSearch* searches[kMostFrames];
+    SymbolSearch* searches[kMaxFrames];
     std::size_t count = 0;
     for (Frame* frame = m_frames + index; frame != m_frames + m_count; ++frame)
     {

@@ -16,7 +16,7 @@ namespace Unwind
 class FrameTexts
 {
 public:
-    static constexpr std::size_t kMostFrames = 100;
+    static constexpr std::size_t kMaxFrames = 100;
 
     // Looks all return addresses up at once, each object's symbols in one pass.
     explicit FrameTexts(std::span<void* const> frames) noexcept;
@@ -39,7 +39,7 @@ private:
 
     MemoryReader m_reader;
     std::size_t m_count;
-    Frame m_frames[kMostFrames];
+    Frame m_frames[kMaxFrames];
 };
 
 } // namespace Unwind

@@ -19,7 +19,7 @@ constexpr std::uint64_t kMaxFrameSize = 1u << 20;
 
 constexpr std::uint64_t kStaleSize = 4096; // below a stack, where calls that have returned may have left frames
 
-constexpr int kMostSteps = 100000; // takes some 80 ms
+constexpr int kMaxSteps = 100000; // takes some 80 ms
 
 // Positions of the registers in a signal context, in the order of the unwind tables' numbers.
 constexpr int kContextRegisters[FrameRegisters::kCount] = {REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI,
@@ -62,10 +62,10 @@ bool EndsWithCall(const unsigned char (&code)[kLongestCall]) noexcept
 
 // The stretches of stack that a walk has come along, the current one last. Callers lie above; where code has switched stacks
 // they lie elsewhere, but never in a stretch that was left: that is damage, and the walk would go round in circles.
-class Road
+class VisitedStack
 {
 public:
-    explicit Road(std::uint64_t start) noexcept : m_stretches{{start, start}} {}
+    explicit VisitedStack(std::uint64_t start) noexcept : m_stretches{{start, start}} {}
 
     bool IsSwitch(std::uint64_t stackPointer) const noexcept { return stackPointer < m_stretches[m_current].start; }
 
@@ -84,7 +84,7 @@ public:
         }
         if (isSwitch)
         {
-            if (++m_current == kMostStretches)
+            if (++m_current == kMaxStretches)
             {
                 return false;
             }
@@ -95,7 +95,7 @@ public:
     }
 
 private:
-    static constexpr unsigned kMostStretches = 16;
+    static constexpr unsigned kMaxStretches = 16;
 
     struct Stretch
     {
@@ -103,19 +103,19 @@ private:
         std::uint64_t end;
     };
 
-    Stretch m_stretches[kMostStretches];
+    Stretch m_stretches[kMaxStretches];
     unsigned m_current = 0;
 };
 
 class Walker
 {
 public:
-    explicit Walker(const FrameRegisters& start) noexcept : m_registers(start), m_road(start.StackPointer()) {}
+    explicit Walker(const FrameRegisters& start) noexcept : m_registers(start), m_visited(start.StackPointer()) {}
 
     WalkResult Walk(void** frames, int capacity) noexcept
     {
         WalkResult result;
-        for (int steps = 0; steps < kMostSteps; ++steps)
+        for (int steps = 0; steps < kMaxSteps; ++steps)
         {
             // A return address of zero marks the end of a stack; an interrupted zero is a call through a null pointer.
             const bool isEnd = m_registers.ProgramCounter() == 0 && !m_isInterrupted;
@@ -173,11 +173,11 @@ private:
             return false;
         }
         // A saved register that damage has changed leads anywhere, and returned calls have left frames below the stack.
-        if (!isInterrupted && m_road.IsSwitch(stackPointer) && !IsReturnAddress(caller.ProgramCounter()))
+        if (!isInterrupted && m_visited.IsSwitch(stackPointer) && !IsReturnAddress(caller.ProgramCounter()))
         {
             return false;
         }
-        if (!m_road.GoTo(stackPointer, isInterrupted ? 0 : kStaleSize))
+        if (!m_visited.GoTo(stackPointer, isInterrupted ? 0 : kStaleSize))
         {
             return false;
         }
@@ -283,7 +283,7 @@ private:
     ElfObject m_objects[kObjectCount]; // of the latest frames: recursions go through the same ones again and again
     std::size_t m_latestObject = 0;
     FrameRegisters m_registers;
-    Road m_road;
+    VisitedStack m_visited;
     bool m_isInterrupted = false;
     bool m_hasGuessed = false; // a frame pointer may have led past frames, those of a signal handler, too
 };

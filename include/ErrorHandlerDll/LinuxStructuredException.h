@@ -24,7 +24,7 @@ struct SignalHandlers;
 //            for the log and the dump of another thread a second. When they return, every line is in the file: _exit or a
 //            kill -9 right after loses nothing, nor any line that was logged before; but what waits in the buffer while
 //            another thread does not leave the log in that second is that thread's to write.
-//   roads    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
+//   calls    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
 //            out of the handler, a dump is a call like any other: it waits for the log as long as it takes. Where the
 //            stack cannot be followed to its end, the call is taken for one in a signal handler.
 //   stack    They run on a stack of the library. An alternate stack (sigaltstack) must have room for the signal frame and

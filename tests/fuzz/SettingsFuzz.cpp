@@ -10,7 +10,7 @@
 namespace
 {
 
-constexpr std::size_t kMostSteps = 40;
+constexpr std::size_t kMaxSteps = 40;
 
 struct Step
 {
@@ -20,7 +20,7 @@ struct Step
 
 std::vector<Step> Steps(FuzzedDataProvider& data)
 {
-    std::vector<Step> steps(data.ConsumeIntegralInRange<std::size_t>(0, kMostSteps));
+    std::vector<Step> steps(data.ConsumeIntegralInRange<std::size_t>(0, kMaxSteps));
     for (Step& step : steps)
     {
         step = {data.ConsumeIntegralInRange(0, 6), data.ConsumeIntegral<unsigned int>()};

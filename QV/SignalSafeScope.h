@@ -1,17 +1,17 @@
 // "This thread stands in a signal handler." It was interrupted anywhere, so it may hold the heap's lock, the logger's
 // section or any other: inside the scope strings take their memory from a reserve, and the logger writes without waiting for
 // anything that may never come. Scopes nest. Async-signal-safe.
-#ifndef QV_EMERGENCYSCOPE_H
-#define QV_EMERGENCYSCOPE_H
+#ifndef QV_SIGNALSAFESCOPE_H
+#define QV_SIGNALSAFESCOPE_H
 
 namespace QV
 {
 
-class EmergencyScope
+class SignalSafeScope
 {
 public:
     // Within a scope that is not active there is no emergency, whatever lies around it.
-    explicit EmergencyScope(bool isActive = true) noexcept : m_outer(sIsActive)
+    explicit SignalSafeScope(bool isActive = true) noexcept : m_outer(sIsActive)
     {
         if (!sIsActive)
         {
@@ -19,9 +19,9 @@ public:
         }
         sIsActive = isActive;
     }
-    ~EmergencyScope() { sIsActive = m_outer; }
-    EmergencyScope(const EmergencyScope&) = delete;
-    EmergencyScope& operator=(const EmergencyScope&) = delete;
+    ~SignalSafeScope() { sIsActive = m_outer; }
+    SignalSafeScope(const SignalSafeScope&) = delete;
+    SignalSafeScope& operator=(const SignalSafeScope&) = delete;
 
     static bool IsActive() noexcept { return sIsActive && CheckActive(); }
 

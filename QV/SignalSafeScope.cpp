@@ -1,4 +1,4 @@
-#include "QV/EmergencyScope.h"
+#include "QV/SignalSafeScope.h"
 
 #include <atomic>
 
@@ -12,15 +12,15 @@ constinit std::atomic<bool (*)() noexcept> gIsInSignalHandler = nullptr;
 
 } // namespace
 
-constinit thread_local bool EmergencyScope::sIsActive = false;
-constinit thread_local int EmergencyScope::sWaitLeftMs = 0;
+constinit thread_local bool SignalSafeScope::sIsActive = false;
+constinit thread_local int SignalSafeScope::sWaitLeftMs = 0;
 
-void EmergencyScope::SetCheck(bool (*isInSignalHandler)() noexcept) noexcept
+void SignalSafeScope::SetCheck(bool (*isInSignalHandler)() noexcept) noexcept
 {
     gIsInSignalHandler.store(isInSignalHandler);
 }
 
-bool EmergencyScope::CheckActive() noexcept
+bool SignalSafeScope::CheckActive() noexcept
 {
     const auto isInSignalHandler = gIsInSignalHandler.load(std::memory_order_relaxed);
     sIsActive = isInSignalHandler == nullptr || isInSignalHandler();
