@@ -204,7 +204,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         Here(),
         [&]
         {
-            if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
+            if (!Crash::Dump::Run(handle, handlers)) // one dump, so that no other lines come between
             {
                 RecordSignal(exception);
             }

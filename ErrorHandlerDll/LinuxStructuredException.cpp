@@ -152,7 +152,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
         m_stackFrameCount = callStack.count;
         DumpExceptionContext("StructuredException::StructuredException");
     };
-    if (!Dump::Run(dump, &callStack, Dump::IsFault(signal, m_signalInfo.si_code)))
+    if (!Dump::Run(dump, Crash::FindSignalHandlers(&callStack), Dump::IsFault(signal, m_signalInfo.si_code)))
     {
         PrintWithoutDump(GetErrorMessage());
     }

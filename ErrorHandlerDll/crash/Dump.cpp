@@ -29,7 +29,7 @@ public:
         {
             signals.Release(); // it may take as long as it takes
         }
-        m_isHeld = gFileLogger.EnterCriticalSection();
+        m_isHeld = gFileLogger.EnterCriticalSection(isInSignalHandler);
         signals.Hold();
     }
     ~LogScope()
@@ -73,6 +73,7 @@ SignalHandlers FindSignalHandlers(CallStack* callStack) noexcept
         Unwind::CaptureRegisters(own.start);
     }
     SignalHandlers handlers;
+    const ErrnoScope errnoScope;
     const HeldSignals signals;
     DumpStack::Run(
         [&](DumpStack& stack)
@@ -126,18 +127,17 @@ bool Dump::HasLog() noexcept
     return m_hasLog;
 }
 
-bool Dump::RunOutermost(void (*run)(const void*), const void* body, CallStack* callStack, bool endsInterruptedCall)
+bool Dump::RunOutermost(void (*run)(const void*), const void* body, const SignalHandlers& handlers, bool endsCall)
 {
     const ErrnoScope errnoScope;
     const HeldSignals signals;
-    const SignalHandlers handlers = FindSignalHandlers(callStack);
     if (handlers.isTooDeep)
     {
         return false;
     }
     const QV::SignalSafeScope signalSafe(handlers.isInOne);
     QV::SignalSafeScope::WaitLeftMs() = QV::SignalSafeScope::kMaxWaitMs; // also where a jump has left the scope before
-    const LogScope log(handlers.isInOne, endsInterruptedCall, signals);
+    const LogScope log(handlers.isInOne, endsCall, signals);
     return DumpStack::Run(
         [&](DumpStack& stack)
         {

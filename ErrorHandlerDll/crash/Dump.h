@@ -77,19 +77,18 @@ public:
     static Dump* Current() noexcept;
 
     // Runs body() as a dump of this thread; within another one, as a piece of that. What the body throws passes.
-    //   callStack  filled before the body runs; the code that was interrupted by a hardware fault never goes on
-    //   returns    false when all stacks for dumps are in use, or the handlers on this thread's stack fault again and again:
-    //              nothing was run then
+    //   endsCall  the code that was interrupted by a hardware fault never goes on
+    //   returns   false when all stacks for dumps are in use, or the handlers on this thread's stack fault again and again:
+    //             nothing was run then
     template <class Body>
-    static bool Run(const Body& body, CallStack* callStack = nullptr, bool endsInterruptedCall = false)
+    static bool Run(const Body& body, const SignalHandlers& handlers = FindSignalHandlers(), bool endsCall = false)
     {
         if (Current() != nullptr)
         {
             body();
             return true;
         }
-        return RunOutermost([](const void* call) { (*static_cast<const Body*>(call))(); }, &body, callStack,
-                            endsInterruptedCall);
+        return RunOutermost([](const void* call) { (*static_cast<const Body*>(call))(); }, &body, handlers, endsCall);
     }
 
     // The same for a part of the dump under way.
@@ -121,7 +120,7 @@ private:
     Dump(const Dump&) = delete;
     Dump& operator=(const Dump&) = delete;
 
-    static bool RunOutermost(void (*run)(const void*), const void* body, CallStack* callStack, bool endsInterruptedCall);
+    static bool RunOutermost(void (*run)(const void*), const void* body, const SignalHandlers& handlers, bool endsCall);
     bool HasLog() noexcept;
 
     DumpStack& m_stack;

@@ -64,12 +64,11 @@ public:
     // Enters the section. In an emergency it is waited for no longer than the emergency may wait: its owner may be stopped
     // for ever.
     //   returns whether it was entered, which is always so but in an emergency; only then it must be left
-    bool EnterCriticalSection()
+    bool EnterCriticalSection(bool isInEmergency = QV::SignalSafeScope::IsActive())
     {
         const ZelvoWinAPI::Entry entry =
-            QV::SignalSafeScope::IsActive()
-                ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::SignalSafeScope::WaitLeftMs())
-                : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
+            isInEmergency ? ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, QV::SignalSafeScope::WaitLeftMs())
+                          : ZelvoWinAPI::EnterCriticalSection(&m_criticalSection);
         if (entry == ZelvoWinAPI::Entry::TAKEN_OVER) [[unlikely]]
         {
             Emergency().ForgetInterruptedCall();
