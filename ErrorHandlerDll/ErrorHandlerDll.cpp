@@ -2,9 +2,9 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
+#include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FormattedText.h"
-#include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
@@ -12,19 +12,15 @@
 #include <new>
 #include <pthread.h>
 
-// Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
-// them in the order of definition when the library is loaded, and destroys them in reverse. The logger's life is the last
-// with a destructor and so ends first: the log is flushed and closed before anything else is gone. Do not move any of them
-// to another file.
-MessageMap gCustomErrorStrings;
-MessageMap gOverriddenErrorStrings;
+// Every object of the library with a dynamic initialiser stands here: within one unit the language constructs them in the
+// order of definition when the library is loaded, and destroys them in reverse. Do not move any of them to another file.
 constinit LoggerStorage gLoggerStorage;
 
 namespace
 {
 
 // A host's object that is constructed before this library's may configure the log, too.
-void ConstructLogger()
+FileLogger& GetLogger()
 {
     static constinit bool isConstructed = false; // the loader runs constructors one after the other
     if (!isConstructed)
@@ -32,17 +28,22 @@ void ConstructLogger()
         isConstructed = true;
         new (&gFileLogger) FileLogger;
     }
+    return gFileLogger;
 }
 
-const struct LoggerScope
+const struct LibraryScope
 {
-    LoggerScope()
+    LibraryScope()
     {
-        ConstructLogger();
+        GetLogger();
         QV::SignalSafeScope::SetCheck([]() noexcept { return Crash::FindSignalHandlers().isInOne; });
     }
-    ~LoggerScope() { gFileLogger.Retire(); }
-} gLoggerScope;
+    ~LibraryScope()
+    {
+        gFileLogger.Retire(); // first: the log is flushed and closed before anything else is gone
+        RetireErrorTexts();
+    }
+} gLibraryScope;
 
 const int gForkHandlers = pthread_atfork(
     []
@@ -69,22 +70,19 @@ const int gForkHandlers = pthread_atfork(
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
     const ErrnoScope errnoScope;
-    ConstructLogger();
-    gFileLogger.Initialise(enable, level, mask, fileName);
+    GetLogger().Initialise(enable, level, mask, fileName);
 }
 
 const char* GetLogFilename(void)
 {
-    ConstructLogger();
-    const char* const name = gFileLogger.GetLogFileName();
+    const char* const name = GetLogger().GetLogFileName();
     return name == nullptr ? "" : name;
 }
 
 void ShutdownLogging(void)
 {
     const ErrnoScope errnoScope;
-    ConstructLogger();
-    gFileLogger.Shutdown();
+    GetLogger().Shutdown();
 }
 
 // Aligned to a line of the instruction cache, which then holds all of a filtered call: a tenth of its time.
@@ -105,13 +103,10 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
     }
     const ErrnoScope errnoScope;
     FormattedText message;
-    if (format != nullptr)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        message.FormatV(format, arguments);
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, format);
+    message.FormatV(format == nullptr ? "" : format, arguments);
+    va_end(arguments);
     return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), message.GetText()));
 }
 
@@ -131,8 +126,7 @@ void SetLoggingOptions(LoggingSettings* settings)
     const ErrnoScope errnoScope;
     if (settings != nullptr)
     {
-        ConstructLogger();
-        gFileLogger.SetOptions(settings);
+        GetLogger().SetOptions(settings);
     }
 }
 
@@ -140,7 +134,6 @@ void GetLoggingOptions(LoggingSettings* settings)
 {
     if (settings != nullptr)
     {
-        ConstructLogger();
-        gFileLogger.GetOptions(settings);
+        GetLogger().GetOptions(settings);
     }
 }
