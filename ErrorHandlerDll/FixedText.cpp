@@ -17,21 +17,14 @@ bool ContinuesUtf8(char byte) noexcept
 // behind them. Bytes that are not UTF-8 count as characters of their own.
 std::size_t CutUtf8(const char* text, std::size_t length) noexcept
 {
-    constexpr std::size_t kLongestIncomplete = 3;
-    for (std::size_t back = 1; back <= kLongestIncomplete && back <= length; ++back)
+    std::size_t start = length;
+    while (start > 0 && ContinuesUtf8(text[start - 1]))
     {
-        const auto byte = static_cast<unsigned char>(text[length - back]);
-        if (byte >= 0xC0) // starts a sequence of two, three or four bytes
-        {
-            const std::size_t sequenceLength = byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
-            return sequenceLength > back ? length - back : length;
-        }
-        if (byte < 0x80)
-        {
-            return length;
-        }
+        --start;
     }
-    return length;
+    const unsigned char first = start == 0 ? 0 : static_cast<unsigned char>(text[--start]);
+    const std::size_t sequenceLength = first < 0xC0 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    return start + sequenceLength > length ? start : length;
 }
 
 } // namespace

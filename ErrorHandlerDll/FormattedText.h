@@ -26,28 +26,26 @@ public:
     }
     void FormatV(const char* messageTemplate, va_list& arguments)
     {
-        const int length = FormatTemplateV(m_buffer, sizeof m_buffer, messageTemplate, arguments);
-        m_length = static_cast<std::size_t>(std::max(length, 0));
-        if (m_length < sizeof m_buffer)
+        const std::size_t length = Fill(m_buffer, sizeof m_buffer, messageTemplate, arguments);
+        if (length >= sizeof m_buffer && !QV::SignalSafeScope::IsActive())
         {
-            return;
+            m_longText.reset(new char[length + 1]);
+            Fill(m_longText.get(), length + 1, messageTemplate, arguments); // an argument may have changed meanwhile
         }
-        if (QV::SignalSafeScope::IsActive())
-        {
-            m_length = std::strlen(m_buffer);
-            return;
-        }
-        // Another thread may change an argument between the passes.
-        m_longText.reset(new char[m_length + 1]);
-        const int again = FormatTemplateV(m_longText.get(), m_length + 1, messageTemplate, arguments);
-        m_length =
-            static_cast<std::size_t>(again) > m_length ? std::strlen(m_longText.get()) : static_cast<std::size_t>(again);
     }
 
     char* GetData() { return m_longText ? m_longText.get() : m_buffer; }
     std::string_view GetText() { return {GetData(), m_length}; }
 
 private:
+    // Returns the length of the whole text; m_length is that of what fits.
+    std::size_t Fill(char* text, std::size_t size, const char* messageTemplate, va_list& arguments)
+    {
+        const auto length = static_cast<std::size_t>(std::max(FormatTemplateV(text, size, messageTemplate, arguments), 0));
+        m_length = length < size ? length : std::strlen(text);
+        return length;
+    }
+
     char m_buffer[1024];
     std::size_t m_length = 0;
     std::unique_ptr<char[]> m_longText;

@@ -11,23 +11,21 @@
 namespace
 {
 
-// `text` is filled with the arguments; it is cut to its field in the exception.
-[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, ZelvoReaderErrorCode text, const char* location,
-                                                 va_list& arguments)
+// The message is cut to its field in the exception.
+[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments)
 {
     char structuredText[kStructuredTextSize];
     FormattedText message;
-    message.FormatV(FindErrorText(text, structuredText).data(), arguments);
+    message.FormatV(FindErrorText(code, structuredText).data(), arguments);
     return new HalvikException(code, message.GetData(), location);
 }
 
-[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location, ...)
+[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location)
 {
-    va_list arguments;
-    va_start(arguments, location);
-    HalvikException* const exception = MakeException(code, ZR_ERROR_UNKNOWN_CODE, location, arguments);
-    va_end(arguments);
-    return exception;
+    char structuredText[kStructuredTextSize];
+    FormattedText message;
+    message.Format(FindErrorText(ZR_ERROR_UNKNOWN_CODE, structuredText).data(), static_cast<int>(code));
+    return new HalvikException(code, message.GetData(), location);
 }
 
 } // namespace
@@ -36,9 +34,8 @@ void RaiseError(ZelvoReaderErrorCode code, const char* location, ...)
 {
     va_list arguments;
     va_start(arguments, location);
-    HalvikException* const exception = IsBuiltInCode(code)
-                                           ? MakeException(code, code, location, arguments)
-                                           : MakeUnknownCodeException(code, location, static_cast<int>(code));
+    HalvikException* const exception =
+        IsBuiltInCode(code) ? MakeException(code, location, arguments) : MakeUnknownCodeException(code, location);
     va_end(arguments);
     throw exception;
 }
@@ -47,7 +44,7 @@ void RaiseErrorVar(ZelvoReaderErrorCode code, const char* location, va_list argu
 {
     va_list copy; // a list that is a parameter is a pointer, and the helpers take the list itself
     va_copy(copy, arguments);
-    HalvikException* const exception = MakeException(code, code, location, copy);
+    HalvikException* const exception = MakeException(code, location, copy);
     va_end(copy);
     throw exception;
 }
