@@ -1,4 +1,4 @@
-// The last error, and the handlers that hosts call at their API boundary.
+// The handlers that hosts call at their API boundary.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
@@ -9,15 +9,9 @@
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 
-#include <functional>
-#include <string_view>
-
-// Plain zero and no construction: they are valid before any code of the library has run, and in signal handlers.
-ZelvoReaderErrorCallback ExceptionHandler::m_errorCallback;
-void* ExceptionHandler::m_errorCallbackParam;
-ZelvoReaderErrorCode ExceptionHandler::m_lastErrorCode;
-char ExceptionHandler::m_lastErrorString[kErrorTextSize];
+#include <cstring>
 
 namespace
 {
@@ -25,19 +19,24 @@ namespace
 constexpr const char* kBlockSeparator = "----------------------";
 constexpr std::string_view kCaughtPrefix = "[caught]: ";
 
+using ErrorLogWriter = void (*)(const char*, void*);
+
 void RecordError(ZelvoReaderErrorCode code, const char* message)
 {
     ExceptionHandler::SetLastErrorCode(code);
     ExceptionHandler::SetLastErrorString(message);
 }
 
-void LogErrorLine(const char* source, const char* text)
+void LogErrorLine(std::string_view source, std::string_view text)
 {
-    LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
+    if (gFileLogger.CanWrite(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES))
+    {
+        gFileLogger.Write(LogEntry(ZR_LOG_ERROR, source, text));
+    }
 }
 
 // Writes the separator and what `writeLines` logs, as one block that no other thread's lines can split.
-template <typename WriteLines>
+template <class WriteLines>
 void WriteErrorBlock(const WriteLines& writeLines)
 {
     if (gFileLogger.IsEnabled())
@@ -59,107 +58,66 @@ void CallErrorCallback()
     }
 }
 
-HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* message, const char* functionName)
+// Apart from the handlers, whose stack may be a signal's small one. The message is copied first: it may lie in the one
+// buffer of all structured exceptions.
+[[gnu::noinline]] HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* message,
+                                                           const char* functionName)
 {
-    HalvikException* exception = new HalvikException(code, message, functionName);
-    exception->SetHandled();
-    return exception;
+    HalvikException exception(code, message, functionName);
+    exception.SetHandled();
+    return new HalvikException(exception);
 }
 
-// Apart from their caller, whose stack may be a signal's small one. The text is copied at once: its buffer is shared by all
-// objects.
-[[gnu::noinline]] void RecordSignal(StructuredException& exception)
+HalvikException* HandleError(const TracePoint& point, const char* functionName, ZelvoReaderErrorCode code,
+                             const char* message, bool propagate, ErrorLogWriter writer, void* writerParam)
 {
-    ErrorText message;
-    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
-    RecordError(exception.GetExceptionCode(), message);
+    const ErrnoScope errnoScope;
+    ErrorText ownMessage; // the host's may be the last error, which changes
+    CopyFixedText(ownMessage, sizeof ownMessage, message);
+    RunTraced(point,
+              [&]
+              {
+                  RecordError(code, ownMessage);
+                  WriteErrorBlock(
+                      [=]
+                      {
+                          if (writer != nullptr)
+                          {
+                              writer(functionName, writerParam);
+                          }
+                      });
+                  CallErrorCallback();
+              });
+    return propagate ? MakePropagatedException(code, ownMessage, functionName) : nullptr;
 }
 
-[[gnu::noinline]] HalvikException* PropagateSignal(StructuredException& exception, const char* functionName)
+void RecordSignal(StructuredException& exception)
 {
-    ErrorText message;
-    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
-    return MakePropagatedException(exception.GetExceptionCode(), message, functionName);
-}
-
-// Whether recording an error overwrites the text.
-bool LiesInLastError(const char* text)
-{
-    const std::less<const char*> before;
-    const char* const lastError = ExceptionHandler::m_lastErrorString;
-    return !before(text, lastError) && before(text, lastError + kErrorTextSize);
+    RecordError(exception.GetExceptionCode(), exception.GetErrorMessage());
 }
 
 } // namespace
-
-void ExceptionHandler::SetErrorCallback(ZelvoReaderErrorCallback callback, void* param)
-{
-    m_errorCallback = callback;
-    m_errorCallbackParam = param;
-}
-
-void ExceptionHandler::SetLastErrorCode(ZelvoReaderErrorCode code)
-{
-    m_lastErrorCode = code;
-}
-
-void ExceptionHandler::SetLastErrorString(const char* text)
-{
-    CopyFixedText(m_lastErrorString, sizeof m_lastErrorString, text);
-}
 
 void ExceptionHandler::OnWriteErrorLog_WriteString(const char* source, void* param)
 {
     if (param != nullptr)
     {
-        LogErrorLine(source, static_cast<const char*>(param));
+        LogErrorLine(TextOrEmpty(source), static_cast<const char*>(param));
     }
 }
 
 HalvikException* ExceptionHandler::GenericHandleException(const char* functionName, ZelvoReaderErrorCode code,
-                                                          const char* message, bool propagate,
-                                                          void (*writer)(const char*, void*), void* writerParam)
+                                                          const char* message, bool propagate, ErrorLogWriter writer,
+                                                          void* writerParam)
 {
-    const ErrnoScope errnoScope;
-    ErrorText messageCopy;
-    if (LiesInLastError(message))
-    {
-        CopyFixedText(messageCopy, sizeof messageCopy, message);
-        message = messageCopy;
-    }
-    RunTraced(
-        Here(),
-        [&]
-        {
-            RecordError(code, message);
-            WriteErrorBlock(
-                [=]
-                {
-                    if (writer != nullptr)
-                    {
-                        writer(functionName, writerParam);
-                    }
-                });
-            CallErrorCallback();
-        },
-        Here());
-    return propagate ? MakePropagatedException(code, message, functionName) : nullptr;
+    return HandleError(Here(), functionName, code, message, propagate, writer, writerParam);
 }
 
 HalvikException* ExceptionHandler::HandleUnknownException(const char* functionName, bool propagate)
 {
-    const ErrnoScope errnoScope;
     const char* const message = GetCatalogueText(ZR_ERROR_UNKNOWN);
-    RunTraced(
-        Here(),
-        [&]
-        {
-            RecordError(ZR_ERROR_UNKNOWN, message);
-            WriteErrorBlock([=] { LogErrorLine(functionName, message); });
-            CallErrorCallback();
-        },
-        Here());
-    return propagate ? MakePropagatedException(ZR_ERROR_UNKNOWN, message, functionName) : nullptr;
+    return HandleError(Here(), functionName, ZR_ERROR_UNKNOWN, message, propagate, OnWriteErrorLog_WriteString,
+                       const_cast<char*>(message));
 }
 
 HalvikException* ExceptionHandler::HandleSTDException(const char* functionName, std::exception& exception, bool propagate)
@@ -200,47 +158,42 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
             exception.DumpExceptionContext(functionName);
         }
     };
-    RunTraced(
-        Here(),
-        [&]
-        {
-            if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
-            {
-                RecordSignal(exception);
-            }
-            CallErrorCallback();
-        },
-        Here());
-    return propagate ? PropagateSignal(exception, functionName) : nullptr;
+    RunTraced(Here(),
+              [&]
+              {
+                  if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
+                  {
+                      RecordSignal(exception);
+                  }
+                  CallErrorCallback();
+              });
+    return propagate ? MakePropagatedException(exception.GetExceptionCode(), exception.GetErrorMessage(), functionName)
+                     : nullptr;
 }
 
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)
 {
     const ErrnoScope errnoScope;
-    RunTraced(
-        Here(),
-        [&]
+    const auto handle = [=]
+    {
+        const char* const message = exception->GetErrorString();
+        if (exception->GetHandled())
         {
-            if (exception->GetHandled())
+            LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s", message);
+            return;
+        }
+        RecordError(exception->GetErrorCode(), message);
+        WriteErrorBlock(
+            [=]
             {
-                LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s",
-                             exception->GetErrorString());
-            }
-            else
-            {
-                RecordError(exception->GetErrorCode(), exception->GetErrorString());
-                WriteErrorBlock(
-                    [=]
-                    {
-                        char caughtText[kCaughtPrefix.size() + kErrorTextSize];
-                        kCaughtPrefix.copy(caughtText, kCaughtPrefix.size()); // printf would be a quarter of a handling
-                        CopyFixedText(caughtText + kCaughtPrefix.size(), kErrorTextSize, exception->GetErrorString());
-                        LogErrorLine(exception->GetLocationString(), exception->GetErrorString());
-                        LogErrorLine(functionName, caughtText);
-                    });
-                exception->SetHandled();
-                CallErrorCallback();
-            }
-        },
-        Here());
+                char caught[kCaughtPrefix.size() + kErrorTextSize]; // printf would be a quarter of a handling
+                const std::string_view text(message, strnlen(message, kErrorTextSize));
+                const std::size_t length = text.copy(caught + kCaughtPrefix.copy(caught, kCaughtPrefix.size()), text.size());
+                LogErrorLine(exception->GetLocationString(), text);
+                LogErrorLine(TextOrEmpty(functionName), {caught, kCaughtPrefix.size() + length});
+            });
+        exception->SetHandled();
+        CallErrorCallback();
+    };
+    RunTraced(Here(), handle);
 }

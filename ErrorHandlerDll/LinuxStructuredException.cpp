@@ -63,9 +63,9 @@ void RunPart(const Part& part)
 }
 
 template <class Body>
-void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& exit)
+void RunTracedDump(const TracePoint& point, const Body& body)
 {
-    Dump::Run([&] { RunTraced(entry, body, exit); });
+    Dump::Run([&] { RunTraced(point, body); });
 }
 
 // For a dump that cannot be made: handlers that fault again and again, or no stack left for it.
@@ -77,18 +77,18 @@ void PrintWithoutDump(std::string_view line)
     output.WriteLines();
 }
 
-// The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
-void CopyContext(ucontext_t& copy, const ucontext_t* context)
+// Copies `size` bytes, or the first `leastSize` when the others cannot be read; what is not copied is zero.
+void CopyReadable(void* copy, const void* record, std::size_t size, std::size_t leastSize)
 {
-    constexpr std::size_t kKernelPart = offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long);
-    if (!Unwind::ReadMemory(context, &copy, sizeof copy))
+    for (const std::size_t readableSize : {size, leastSize})
     {
-        std::memset(&copy, 0, sizeof copy);
-        if (!Unwind::ReadMemory(context, &copy, kKernelPart))
+        std::memset(copy, 0, size);
+        if (Unwind::ReadMemory(record, copy, readableSize))
         {
-            std::memset(&copy, 0, sizeof copy);
+            return;
         }
     }
+    std::memset(copy, 0, size);
 }
 
 void DumpRegisters(const ucontext_t& context)
@@ -105,14 +105,6 @@ void DumpRegisters(const ucontext_t& context)
     }
 }
 
-// The byte at `address`, or 0 when it cannot be read.
-unsigned char GetMemoryContents(std::uintptr_t address, bool& readable)
-{
-    unsigned char byte = 0;
-    readable = Unwind::ReadMemory(reinterpret_cast<const void*>(address), &byte, sizeof byte);
-    return readable ? byte : 0;
-}
-
 // One line of memory: address, hex column, character column.
 void LogMemoryLine(std::uintptr_t address)
 {
@@ -120,10 +112,10 @@ void LogMemoryLine(std::uintptr_t address)
     char characters[kMemoryDumpBytes + 1] = "";
     for (std::size_t i = 0; i < kMemoryDumpBytes; ++i)
     {
-        bool readable = false;
-        const unsigned char byte = GetMemoryContents(address + i, readable);
-        FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, readable ? "%02x " : "?? ", byte);
-        characters[i] = readable && byte >= 0x20 && byte <= 0x7F ? static_cast<char>(byte) : '.';
+        char byte = 0;
+        const bool isReadable = Unwind::ReadMemory(reinterpret_cast<const void*>(address + i), &byte, 1);
+        FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, isReadable ? "%02x " : "?? ", static_cast<unsigned char>(byte));
+        characters[i] = byte >= 0x20 ? byte : '.'; // a char from 0x80 on is negative
     }
     char line[kDumpLineSize];
     FormatFixedText(line, sizeof line, "    %p  %s  %s", reinterpret_cast<void*>(address), hex, characters);
@@ -135,11 +127,9 @@ void LogMemoryLine(std::uintptr_t address)
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
     : m_signal(signal), m_stackFrameCount(0)
 {
-    CopyContext(m_context, context);
-    if (!Unwind::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
-    {
-        std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
-    }
+    // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
+    CopyReadable(&m_context, context, sizeof m_context, offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long));
+    CopyReadable(&m_signalInfo, info, sizeof m_signalInfo, 0);
     if (Crash::DumpStack::Current() != nullptr)
     {
         Dump::LeaveFaultyPart(signal, m_signalInfo.si_code);
@@ -198,98 +188,91 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
-    RunTracedDump(
-        Here(),
-        [&]
-        {
-            char line[kDumpLineSize];
-            FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
-                            static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
-            Print(functionName == nullptr ? "" : functionName);
-            Print(line);
-            LogLine(line, functionName);
+    RunTracedDump(Here(),
+                  [&]
+                  {
+                      char line[kDumpLineSize];
+                      FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p",
+                                      GetExceptionString(), static_cast<unsigned int>(m_signalInfo.si_code),
+                                      m_signalInfo.si_addr);
+                      Print(functionName == nullptr ? "" : functionName);
+                      Print(line);
+                      LogLine(line, functionName);
 
-            FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
-            PrintAndLog(line);
-            Dump::Current()->WriteLines();
+                      FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
+                      PrintAndLog(line);
+                      Dump::Current()->WriteLines();
 
-            Print("GenerateCallStack...");
-            RunPart([this] { GenerateCallStack(); });
-            Print("Finished GenerateCallStack");
-            Dump::Current()->WriteLines();
+                      Print("GenerateCallStack...");
+                      RunPart([this] { GenerateCallStack(); });
+                      Print("Finished GenerateCallStack");
+                      Dump::Current()->WriteLines();
 
-            RunPart([this] { DumpRegisters(m_context); });
-            Dump::Current()->WriteLines();
+                      RunPart([this] { DumpRegisters(m_context); });
+                      Dump::Current()->WriteLines();
 
-            LogLine("");
-            Print("GenerateModuleAddresses...");
-            RunPart([this] { GenerateModuleAddresses(); });
-            Print("Finished GenerateModuleAddresses");
-        },
-        Here());
+                      LogLine("");
+                      Print("GenerateModuleAddresses...");
+                      RunPart([this] { GenerateModuleAddresses(); });
+                      Print("Finished GenerateModuleAddresses");
+                  });
 }
 
 void StructuredException::GenerateCallStack()
 {
-    RunTracedDump(
-        Here(),
-        [&]
-        {
-            LogLine("  Call stack:");
-            Print("Call stack");
-            const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
-            Unwind::FrameTexts texts({m_stackFrames, count});
-            for (std::size_t i = 0; i < count; ++i)
-            {
-                char line[kFrameLineSize];
-                texts.Format(i, line, sizeof line);
-                PrintAndLog(line, kCallStackIndent);
-            }
-        },
-        Here());
+    RunTracedDump(Here(),
+                  [&]
+                  {
+                      LogLine("  Call stack:");
+                      Print("Call stack");
+                      const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
+                      Unwind::FrameTexts texts({m_stackFrames, count});
+                      for (std::size_t i = 0; i < count; ++i)
+                      {
+                          char line[kFrameLineSize];
+                          texts.Format(i, line, sizeof line);
+                          PrintAndLog(line, kCallStackIndent);
+                      }
+                  });
 }
 
 void StructuredException::GenerateModuleAddresses()
 {
-    RunTracedDump(
-        Here(),
-        [&]
-        {
-            LogLine("");
-            LogLine("  Modules list:");
-            Unwind::MemoryReader reader;
-            Unwind::ModuleList modules(reader);
-            for (Unwind::Module module = {}; modules.Next(module);)
-            {
-                char path[kModuleLineSize];
-                char line[kModuleLineSize];
-                reader.ReadString(module.name, path, sizeof path);
-                FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
-                PrintAndLog(line);
-            }
-            if (modules.IsDamaged())
-            {
-                PrintAndLog("    The list of modules is damaged");
-            }
-            LogLine("");
-            Print("Done");
-        },
-        Here());
+    RunTracedDump(Here(),
+                  [&]
+                  {
+                      LogLine("");
+                      LogLine("  Modules list:");
+                      Unwind::MemoryReader reader;
+                      Unwind::ModuleList modules(reader);
+                      for (Unwind::Module module = {}; modules.Next(module);)
+                      {
+                          char path[kModuleLineSize];
+                          char line[kModuleLineSize];
+                          reader.ReadString(module.name, path, sizeof path);
+                          FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
+                          PrintAndLog(line);
+                      }
+                      if (modules.IsDamaged())
+                      {
+                          PrintAndLog("    The list of modules is damaged");
+                      }
+                      LogLine("");
+                      Print("Done");
+                  });
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
-    RunTracedDump(
-        Here(),
-        [&]
-        {
-            LogLine("  Raw stack dump:");
-            for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
-            {
-                // As a number: near the end of the address space it starts again at 0, which a pointer may not.
-                LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
-            }
-            LogLine("");
-        },
-        Here());
+    RunTracedDump(Here(),
+                  [&]
+                  {
+                      LogLine("  Raw stack dump:");
+                      for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
+                      {
+                          // As a number: near the end of the address space it starts again at 0, which a pointer may not.
+                          LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
+                      }
+                      LogLine("");
+                  });
 }
