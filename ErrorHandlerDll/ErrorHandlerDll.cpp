@@ -88,11 +88,7 @@ void ShutdownLogging(void)
 // Aligned to a line of the instruction cache, which then holds all of a filtered call: a tenth of its time.
 [[gnu::aligned(64)]] bool LogMessage(int level, unsigned int mask, const char* source, const char* message)
 {
-    if (!gFileLogger.CanWrite(level, mask))
-    {
-        return true;
-    }
-    return WriteTexts(level, mask, source, message);
+    return !gFileLogger.CanWrite(level, mask) || WriteTexts(level, mask, source, message);
 }
 
 bool LogFormatted(int level, unsigned int mask, const char* source, const char* format, ...)
@@ -113,12 +109,9 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
 bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
                               const unsigned char* buffer, int length)
 {
-    if (!gFileLogger.CanWrite(level, mask))
-    {
-        return true;
-    }
     const HexDump dump(buffer, length);
-    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
+    return !gFileLogger.CanWrite(level, mask) ||
+           gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)

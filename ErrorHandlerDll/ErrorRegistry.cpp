@@ -23,16 +23,14 @@ bool gIsRetired = false;
 // templates are %s, %d and %02x; any other is refused.
 consteval bool KindsMatchTemplate(const ErrorString& row)
 {
-    const char* kinds = ErrorArgumentKinds(row.code);
+    char kinds[10] = "";
+    std::size_t count = 0;
     for (std::size_t at = row.text.find('%'); at != row.text.npos; at = row.text.find('%', at))
     {
         at += row.text.substr(at + 1, 2) == "02" ? 3 : 1;
-        if (at == row.text.size() || row.text[at] != *kinds++)
-        {
-            return false;
-        }
+        kinds[count++] = row.text.at(at);
     }
-    return *kinds == '\0';
+    return std::string_view(kinds) == ErrorArgumentKinds(row.code);
 }
 
 static_assert(std::ranges::all_of(gErrorStrings, KindsMatchTemplate), "kErrorArgumentRows must say what the templates take");

@@ -35,15 +35,17 @@ void LogErrorLine(std::string_view source, std::string_view text)
     }
 }
 
-// Writes the separator and what `writeLines` logs, as one block that no other thread's lines can split.
-template <class WriteLines>
-void WriteErrorBlock(const WriteLines& writeLines)
+// Makes it the last error, and logs the separator and what `writer` writes as one block that no other thread's lines can
+// split.
+void ReportError(ZelvoReaderErrorCode code, const char* message, const char* functionName, ErrorLogWriter writer,
+                 void* writerParam)
 {
+    RecordError(code, message);
     if (gFileLogger.IsEnabled())
     {
         const LogSectionScope section(gFileLogger);
         LogErrorLine("", kBlockSeparator);
-        writeLines();
+        writer(functionName, writerParam);
         gFileLogger.FlushLogFile();
     }
 }
@@ -68,27 +70,32 @@ void CallErrorCallback()
     return new HalvikException(exception);
 }
 
-HalvikException* HandleError(const TracePoint& point, const char* functionName, ZelvoReaderErrorCode code,
-                             const char* message, bool propagate, ErrorLogWriter writer, void* writerParam)
+HalvikException* HandleError(const char* functionName, ZelvoReaderErrorCode code, const char* message, bool propagate,
+                             ErrorLogWriter writer, void* writerParam, const TracePoint& point = Here())
 {
     const ErrnoScope errnoScope;
     ErrorText ownMessage; // the host's may be the last error, which changes
     CopyFixedText(ownMessage, sizeof ownMessage, message);
-    RunTraced(point,
-              [&]
-              {
-                  RecordError(code, ownMessage);
-                  WriteErrorBlock(
-                      [=]
-                      {
-                          if (writer != nullptr)
-                          {
-                              writer(functionName, writerParam);
-                          }
-                      });
-                  CallErrorCallback();
-              });
+    RunTraced(
+        [&]
+        {
+            ReportError(code, ownMessage, functionName, writer, writerParam);
+            CallErrorCallback();
+        },
+        point);
     return propagate ? MakePropagatedException(code, ownMessage, functionName) : nullptr;
+}
+
+void LogNothing(const char*, void*) {}
+
+void LogCaughtException(const char* functionName, void* param)
+{
+    auto* const exception = static_cast<HalvikException*>(param);
+    const std::string_view message(exception->GetErrorString(), strnlen(exception->GetErrorString(), kErrorTextSize));
+    char caught[kCaughtPrefix.size() + kErrorTextSize]; // printf would be a quarter of a handling
+    const std::size_t length = message.copy(caught + kCaughtPrefix.copy(caught, kCaughtPrefix.size()), message.size());
+    LogErrorLine(exception->GetLocationString(), message);
+    LogErrorLine(TextOrEmpty(functionName), {caught, kCaughtPrefix.size() + length});
 }
 
 void RecordSignal(StructuredException& exception)
@@ -110,13 +117,13 @@ HalvikException* ExceptionHandler::GenericHandleException(const char* functionNa
                                                           const char* message, bool propagate, ErrorLogWriter writer,
                                                           void* writerParam)
 {
-    return HandleError(Here(), functionName, code, message, propagate, writer, writerParam);
+    return HandleError(functionName, code, message, propagate, writer == nullptr ? LogNothing : writer, writerParam);
 }
 
 HalvikException* ExceptionHandler::HandleUnknownException(const char* functionName, bool propagate)
 {
     const char* const message = GetCatalogueText(ZR_ERROR_UNKNOWN);
-    return HandleError(Here(), functionName, ZR_ERROR_UNKNOWN, message, propagate, OnWriteErrorLog_WriteString,
+    return HandleError(functionName, ZR_ERROR_UNKNOWN, message, propagate, OnWriteErrorLog_WriteString,
                        const_cast<char*>(message));
 }
 
@@ -141,9 +148,8 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoScope errnoScope;
-    const bool isInDump = Crash::DumpStack::Current() != nullptr; // a fault in a dump that no part of it has caught
     const Crash::SignalHandlers handlers = Crash::FindSignalHandlers();
-    if (isInDump || handlers.isTooDeep)
+    if (handlers.isTooDeep || Crash::DumpStack::Current() != nullptr) // there: a fault that no part of the dump has caught
     {
         RecordHandlerFailure();
         return nullptr;
@@ -158,15 +164,15 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
             exception.DumpExceptionContext(functionName);
         }
     };
-    RunTraced(Here(),
-              [&]
-              {
-                  if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
-                  {
-                      RecordSignal(exception);
-                  }
-                  CallErrorCallback();
-              });
+    RunTraced(
+        [&]
+        {
+            if (!Crash::Dump::Run(handle)) // one dump, so that no other lines come between
+            {
+                RecordSignal(exception);
+            }
+            CallErrorCallback();
+        });
     return propagate ? MakePropagatedException(exception.GetExceptionCode(), exception.GetErrorMessage(), functionName)
                      : nullptr;
 }
@@ -174,26 +180,17 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)
 {
     const ErrnoScope errnoScope;
-    const auto handle = [=]
-    {
-        const char* const message = exception->GetErrorString();
-        if (exception->GetHandled())
+    RunTraced(
+        [=]
         {
-            LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s", message);
-            return;
-        }
-        RecordError(exception->GetErrorCode(), message);
-        WriteErrorBlock(
-            [=]
+            const char* const message = exception->GetErrorString();
+            if (exception->GetHandled())
             {
-                char caught[kCaughtPrefix.size() + kErrorTextSize]; // printf would be a quarter of a handling
-                const std::string_view text(message, strnlen(message, kErrorTextSize));
-                const std::size_t length = text.copy(caught + kCaughtPrefix.copy(caught, kCaughtPrefix.size()), text.size());
-                LogErrorLine(exception->GetLocationString(), text);
-                LogErrorLine(TextOrEmpty(functionName), {caught, kCaughtPrefix.size() + length});
-            });
-        exception->SetHandled();
-        CallErrorCallback();
-    };
-    RunTraced(Here(), handle);
+                LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s", message);
+                return;
+            }
+            ReportError(exception->GetErrorCode(), message, functionName, LogCaughtException, exception);
+            exception->SetHandled();
+            CallErrorCallback();
+        });
 }

@@ -5,18 +5,11 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 
-namespace
-{
-
-constexpr std::size_t kPrefixSize = 512;
-
-} // namespace
-
 void WriteFunctionTrace(const TracePoint& point, const char* message)
 {
     const auto write = [&]
     {
-        char prefix[kPrefixSize];
+        char prefix[512]; // longer names are cut
         FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", point.file, point.line, point.function);
         if (Crash::Dump* const dump = Crash::Dump::Current())
         {

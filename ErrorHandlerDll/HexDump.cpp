@@ -28,27 +28,19 @@ char* ComposeFullCharacterColumn(char* __restrict out, const unsigned char* __re
     return out + kBytesPerRow;
 }
 
-char* WriteSeparator(char* out)
-{
-    return out + kColumnSeparator.copy(out, kColumnSeparator.size());
-}
-
 } // namespace
 
 char* HexDump::ComposeRow(char* out, std::size_t row) const
 {
     const unsigned char* const bytes = m_bytes + row * kBytesPerRow;
-    const std::size_t count = m_count - row * kBytesPerRow;
-    if (count >= kBytesPerRow)
+    const std::size_t count = std::min(m_count - row * kBytesPerRow, kBytesPerRow);
+    if (count > 0)
     {
-        out = WriteSeparator(QV::Convert::ToHexStringA(out, bytes, kBytesPerRow));
-        out = ComposeFullCharacterColumn(out, bytes);
-    }
-    else if (count > 0)
-    {
-        char* const columnEnd = out + kHexColumnWidth;
-        std::fill(QV::Convert::ToHexStringA(out, bytes, count), columnEnd, ' ');
-        out = std::transform(bytes, bytes + count, WriteSeparator(columnEnd), Show);
+        char* const separator = out + kHexColumnWidth;
+        std::fill(QV::Convert::ToHexStringA(out, bytes, count), separator, ' ');
+        char* const text = separator + kColumnSeparator.copy(separator, kColumnSeparator.size());
+        out = count == kBytesPerRow ? ComposeFullCharacterColumn(text, bytes)
+                                    : std::transform(bytes, bytes + count, text, Show);
     }
     *out = '\n';
     return out + 1;
@@ -56,8 +48,7 @@ char* HexDump::ComposeRow(char* out, std::size_t row) const
 
 char* HexDump::Compose(char* out) const
 {
-    const std::size_t rows = GetRowCount();
-    for (std::size_t row = 0; row < rows; ++row)
+    for (std::size_t row = 0; row < GetRowCount(); ++row)
     {
         out = ComposeRow(out, row);
     }

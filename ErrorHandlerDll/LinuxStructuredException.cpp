@@ -12,7 +12,6 @@
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 using Crash::Dump;
@@ -34,9 +33,6 @@ constexpr std::size_t kHexWidth = 3;         // two digits and a blank
 // One for the process, overwritten by each call of GetErrorMessage.
 ErrorText gErrorMessage;
 
-// The names of SIGSEGV's si_code values.
-constexpr const char* kExceptionNames[] = {"", "SEGV_MAPERR", "SEGV_ACCERR"};
-
 void Print(const char* line)
 {
     Dump::Current()->Print(line);
@@ -53,8 +49,7 @@ void PrintAndLog(const char* line, const char* source = "")
     LogLine(line, source);
 }
 
-template <class Part>
-void RunPart(const Part& part)
+void RunPart(const auto& part)
 {
     if (!Dump::RunPart(part))
     {
@@ -62,10 +57,9 @@ void RunPart(const Part& part)
     }
 }
 
-template <class Body>
-void RunTracedDump(const TracePoint& point, const Body& body)
+void RunTracedDump(const auto& body, const TracePoint& point = Here())
 {
-    Dump::Run([&] { RunTraced(point, body); });
+    Dump::Run([&] { RunTraced(body, point); });
 }
 
 // For a dump that cannot be made: handlers that fault again and again, or no stack left for it.
@@ -77,18 +71,14 @@ void PrintWithoutDump(std::string_view line)
     output.WriteLines();
 }
 
-// Copies `size` bytes, or the first `leastSize` when the others cannot be read; what is not copied is zero.
+// Copies a record of which at least the first `leastSize` bytes must be readable; else the copy is zero.
 void CopyReadable(void* copy, const void* record, std::size_t size, std::size_t leastSize)
 {
-    for (const std::size_t readableSize : {size, leastSize})
+    std::memset(copy, 0, size);
+    if (!Unwind::ReadMemory(record, copy, size) && !Unwind::ReadMemory(record, copy, leastSize))
     {
         std::memset(copy, 0, size);
-        if (Unwind::ReadMemory(record, copy, readableSize))
-        {
-            return;
-        }
     }
-    std::memset(copy, 0, size);
 }
 
 void DumpRegisters(const ucontext_t& context)
@@ -99,8 +89,7 @@ void DumpRegisters(const ucontext_t& context)
     for (int i = 0; i < NGREG; ++i)
     {
         char line[kDumpLineSize];
-        FormatFixedText(line, sizeof line, "reg[%02d] = 0x%llx", i,
-                        static_cast<unsigned long long>(context.uc_mcontext.gregs[i]));
+        FormatFixedText(line, sizeof line, "reg[%02d] = 0x%llx", i, context.uc_mcontext.gregs[i]);
         PrintAndLog(line);
     }
 }
@@ -129,7 +118,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
 {
     // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
     CopyReadable(&m_context, context, sizeof m_context, offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long));
-    CopyReadable(&m_signalInfo, info, sizeof m_signalInfo, 0);
+    CopyReadable(&m_signalInfo, info, sizeof m_signalInfo, sizeof m_signalInfo);
     if (Crash::DumpStack::Current() != nullptr)
     {
         Dump::LeaveFaultyPart(signal, m_signalInfo.si_code);
@@ -150,19 +139,11 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
 
 const char* StructuredException::GetExceptionString()
 {
-    switch (m_signal)
-    {
-    case SIGILL:
-        return "Illegal Instruction";
-    case SIGBUS:
-        return "Bus error";
-    case SIGFPE:
-        return "Floating Point Exception";
-    case SIGSEGV:
-        return "Segmentation fault";
-    default:
-        return "Unknown";
-    }
+    return m_signal == SIGILL    ? "Illegal Instruction"
+           : m_signal == SIGBUS  ? "Bus error"
+           : m_signal == SIGFPE  ? "Floating Point Exception"
+           : m_signal == SIGSEGV ? "Segmentation fault"
+                                 : "Unknown";
 }
 
 ZelvoReaderErrorCode StructuredException::GetExceptionCode()
@@ -179,7 +160,7 @@ char* StructuredException::GetErrorMessage()
 
 const char* StructuredException::GetExceptionName(int code)
 {
-    return static_cast<unsigned int>(code) < std::size(kExceptionNames) ? kExceptionNames[code] : "";
+    return code == SEGV_MAPERR ? "SEGV_MAPERR" : code == SEGV_ACCERR ? "SEGV_ACCERR" : "";
 }
 
 void StructuredException::RegisterHandler(SignalHandlers*) {}
@@ -188,91 +169,89 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
-    RunTracedDump(Here(),
-                  [&]
-                  {
-                      char line[kDumpLineSize];
-                      FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p",
-                                      GetExceptionString(), static_cast<unsigned int>(m_signalInfo.si_code),
-                                      m_signalInfo.si_addr);
-                      Print(functionName == nullptr ? "" : functionName);
-                      Print(line);
-                      LogLine(line, functionName);
+    RunTracedDump(
+        [&]
+        {
+            char line[kDumpLineSize];
+            FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
+                            static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
+            Print(functionName == nullptr ? "" : functionName);
+            PrintAndLog(line, functionName);
 
-                      FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
-                      PrintAndLog(line);
-                      Dump::Current()->WriteLines();
+            FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
+            PrintAndLog(line);
+            Dump::Current()->WriteLines();
 
-                      Print("GenerateCallStack...");
-                      RunPart([this] { GenerateCallStack(); });
-                      Print("Finished GenerateCallStack");
-                      Dump::Current()->WriteLines();
+            Print("GenerateCallStack...");
+            RunPart([this] { GenerateCallStack(); });
+            Print("Finished GenerateCallStack");
+            Dump::Current()->WriteLines();
 
-                      RunPart([this] { DumpRegisters(m_context); });
-                      Dump::Current()->WriteLines();
+            RunPart([this] { DumpRegisters(m_context); });
+            Dump::Current()->WriteLines();
 
-                      LogLine("");
-                      Print("GenerateModuleAddresses...");
-                      RunPart([this] { GenerateModuleAddresses(); });
-                      Print("Finished GenerateModuleAddresses");
-                  });
+            LogLine("");
+            Print("GenerateModuleAddresses...");
+            RunPart([this] { GenerateModuleAddresses(); });
+            Print("Finished GenerateModuleAddresses");
+        });
 }
 
 void StructuredException::GenerateCallStack()
 {
-    RunTracedDump(Here(),
-                  [&]
-                  {
-                      LogLine("  Call stack:");
-                      Print("Call stack");
-                      const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
-                      Unwind::FrameTexts texts({m_stackFrames, count});
-                      for (std::size_t i = 0; i < count; ++i)
-                      {
-                          char line[kFrameLineSize];
-                          texts.Format(i, line, sizeof line);
-                          PrintAndLog(line, kCallStackIndent);
-                      }
-                  });
+    RunTracedDump(
+        [&]
+        {
+            LogLine("  Call stack:");
+            Print("Call stack");
+            const std::size_t count = static_cast<std::size_t>(m_stackFrameCount);
+            Unwind::FrameTexts texts({m_stackFrames, count});
+            for (std::size_t i = 0; i < count; ++i)
+            {
+                char line[kFrameLineSize];
+                texts.Format(i, line, sizeof line);
+                PrintAndLog(line, kCallStackIndent);
+            }
+        });
 }
 
 void StructuredException::GenerateModuleAddresses()
 {
-    RunTracedDump(Here(),
-                  [&]
-                  {
-                      LogLine("");
-                      LogLine("  Modules list:");
-                      Unwind::MemoryReader reader;
-                      Unwind::ModuleList modules(reader);
-                      for (Unwind::Module module = {}; modules.Next(module);)
-                      {
-                          char path[kModuleLineSize];
-                          char line[kModuleLineSize];
-                          reader.ReadString(module.name, path, sizeof path);
-                          FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
-                          PrintAndLog(line);
-                      }
-                      if (modules.IsDamaged())
-                      {
-                          PrintAndLog("    The list of modules is damaged");
-                      }
-                      LogLine("");
-                      Print("Done");
-                  });
+    RunTracedDump(
+        [&]
+        {
+            LogLine("");
+            LogLine("  Modules list:");
+            Unwind::MemoryReader reader;
+            Unwind::ModuleList modules(reader);
+            for (Unwind::Module module = {}; modules.Next(module);)
+            {
+                char path[kModuleLineSize];
+                char line[kModuleLineSize];
+                reader.ReadString(module.name, path, sizeof path);
+                FormatFixedText(line, sizeof line, "    (%lx) %s", module.loadAddress, path);
+                PrintAndLog(line);
+            }
+            if (modules.IsDamaged())
+            {
+                PrintAndLog("    The list of modules is damaged");
+            }
+            LogLine("");
+            Print("Done");
+        });
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
-    RunTracedDump(Here(),
-                  [&]
-                  {
-                      LogLine("  Raw stack dump:");
-                      for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
-                      {
-                          // As a number: near the end of the address space it starts again at 0, which a pointer may not.
-                          LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
-                      }
-                      LogLine("");
-                  });
+    RunTracedDump(
+        [&]
+        {
+            LogLine("  Raw stack dump:");
+            for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
+            {
+                // As a number: near the end of the address space it starts again at 0, which a pointer may not.
+                LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
+            }
+            LogLine("");
+        });
 }

@@ -11,20 +11,14 @@
 namespace
 {
 
-// The message is cut to its field in the exception.
-[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments)
+// The message is cut to its field in the exception. For a code without a text of its own it takes none of the arguments.
+[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments,
+                                                 bool hasText)
 {
     char structuredText[kStructuredTextSize];
+    const char* const text = FindErrorText(hasText ? code : ZR_ERROR_UNKNOWN_CODE, structuredText).data();
     FormattedText message;
-    message.FormatV(FindErrorText(code, structuredText).data(), arguments);
-    return new HalvikException(code, message.GetData(), location);
-}
-
-[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location)
-{
-    char structuredText[kStructuredTextSize];
-    FormattedText message;
-    message.Format(FindErrorText(ZR_ERROR_UNKNOWN_CODE, structuredText).data(), static_cast<int>(code));
+    hasText ? message.FormatV(text, arguments) : message.Format(text, static_cast<int>(code));
     return new HalvikException(code, message.GetData(), location);
 }
 
@@ -34,8 +28,7 @@ void RaiseError(ZelvoReaderErrorCode code, const char* location, ...)
 {
     va_list arguments;
     va_start(arguments, location);
-    HalvikException* const exception =
-        IsBuiltInCode(code) ? MakeException(code, location, arguments) : MakeUnknownCodeException(code, location);
+    HalvikException* const exception = MakeException(code, location, arguments, IsBuiltInCode(code));
     va_end(arguments);
     throw exception;
 }
@@ -44,7 +37,7 @@ void RaiseErrorVar(ZelvoReaderErrorCode code, const char* location, va_list argu
 {
     va_list copy; // a list that is a parameter is a pointer, and the helpers take the list itself
     va_copy(copy, arguments);
-    HalvikException* const exception = MakeException(code, location, copy);
+    HalvikException* const exception = MakeException(code, location, copy, true);
     va_end(copy);
     throw exception;
 }
