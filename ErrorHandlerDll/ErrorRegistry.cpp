@@ -12,15 +12,16 @@
 namespace
 {
 
-// The texts that hosts have registered, by code; null where there is none. Plain zero: static objects of the host may raise
-// and register before any code of the library has run. Of the many custom codes only the pages in use cost memory. Not
-// locked: the host registers before other threads look up.
+// The texts that hosts have registered, by code; null where there is none. Arrays need no construction and no memory of
+// their own: static objects of the host may raise and register before any code of the library has run, and no registration
+// fails. Of the many custom codes only the pages in use cost memory. Not locked: the host registers before other threads
+// look up.
 const char* gOverriddenErrorStrings[std::size(gErrorStrings)];
 const char* gCustomErrorStrings[ZR_CUSTOM_ERROR_LAST - ZR_CUSTOM_ERROR_FIRST + 1];
 bool gIsRetired = false;
 
-// Hosts that check their raises go by the kinds of CheckedRaise.h and cannot see the templates. The conversions of the
-// templates are %s, %d and %02x; any other is refused.
+// Hosts that check their raises go by the kinds of CheckedRaise.h and cannot see the templates. Only %s, %d and %02x are
+// allowed in a template: any other conversion is refused here.
 consteval bool KindsMatchTemplate(const ErrorString& row)
 {
     char kinds[10] = "";
@@ -96,7 +97,7 @@ std::string_view FindErrorText(ZelvoReaderErrorCode code, char (&structuredText)
     {
         return kInvalidErrorText;
     }
-    // In front of the blank would stand a name, but no code of this range has one. The "%08X" that stays in the text is for
+    // The name that belongs in front of the blank is empty for all codes of this range. The "%08X" stays in the text, for
     // whoever formats it with the fault address.
     FormatFixedText(structuredText, sizeof structuredText, " (%08x) occurred at %%08X", static_cast<std::uint32_t>(code));
     return structuredText;

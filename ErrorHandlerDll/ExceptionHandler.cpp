@@ -50,7 +50,7 @@ void ReportError(ZelvoReaderErrorCode code, const char* message, const char* fun
     }
 }
 
-// The host gets the last error as it stands now, and the buffer itself: it may be changed by the callback.
+// The host gets the buffer of the last error itself, not a copy: the callback may change it.
 void CallErrorCallback()
 {
     if (ExceptionHandler::m_errorCallback != nullptr)
@@ -60,8 +60,8 @@ void CallErrorCallback()
     }
 }
 
-// Apart from the handlers, whose stack may be a signal's small one. The message is copied first: it may lie in the one
-// buffer of all structured exceptions.
+// Not inlined: the handlers may run on the small stack of a signal handler. The message is copied before memory is taken, as
+// it may lie in the buffer that all structured exceptions share.
 [[gnu::noinline]] HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* message,
                                                            const char* functionName)
 {
@@ -74,7 +74,7 @@ HalvikException* HandleError(const char* functionName, ZelvoReaderErrorCode code
                              ErrorLogWriter writer, void* writerParam, const TracePoint& point = Here())
 {
     const ErrnoScope errnoScope;
-    ErrorText ownMessage; // the host's may be the last error, which changes
+    ErrorText ownMessage; // the host may pass the text of the last error, which is overwritten below
     CopyFixedText(ownMessage, sizeof ownMessage, message);
     RunTraced(
         [&]
@@ -92,7 +92,7 @@ void LogCaughtException(const char* functionName, void* param)
 {
     auto* const exception = static_cast<HalvikException*>(param);
     const std::string_view message(exception->GetErrorString(), strnlen(exception->GetErrorString(), kErrorTextSize));
-    char caught[kCaughtPrefix.size() + kErrorTextSize]; // printf would be a quarter of a handling
+    char caught[kCaughtPrefix.size() + kErrorTextSize]; // filled by copies: printf is much slower
     const std::size_t length = message.copy(caught + kCaughtPrefix.copy(caught, kCaughtPrefix.size()), message.size());
     LogErrorLine(exception->GetLocationString(), message);
     LogErrorLine(TextOrEmpty(functionName), {caught, kCaughtPrefix.size() + length});
@@ -149,7 +149,7 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
 {
     const ErrnoScope errnoScope;
     const Crash::SignalHandlers handlers = Crash::FindSignalHandlers();
-    if (handlers.isTooDeep || Crash::DumpStack::Current() != nullptr) // there: a fault that no part of the dump has caught
+    if (handlers.isTooDeep || Crash::DumpStack::Current() != nullptr) // a fault within a dump
     {
         RecordHandlerFailure();
         return nullptr;

@@ -51,14 +51,14 @@ int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexc
 }
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // that is what a template is
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // templates are known at run time only
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept
 {
     const ErrnoScope errnoScope;
     const int length = QV::Str::FormatArgs(text, size, messageTemplate, arguments);
     if (length >= 0 && static_cast<std::size_t>(length) >= size)
     {
-        text[CutUtf8(text, size - 1)] = '\0'; // nobody knows what comes behind
+        text[CutUtf8(text, size - 1)] = '\0'; // whether a sequence goes on behind the cut is not known
     }
     return length;
 }

@@ -1,5 +1,5 @@
-// The one way to a formatted text of any length: on the stack while it fits, as most do, so that reporting that memory has
-// run out needs none. In an emergency, which has no heap, a longer one is cut.
+// The one way to a formatted text of any length. It lies on the stack while it fits, as most do, so that reporting that
+// memory has run out needs none. Within an active SignalSafeScope, where nothing may be allocated, a longer text is cut.
 #ifndef ERRORHANDLERDLL_FORMATTEDTEXT_H
 #define ERRORHANDLERDLL_FORMATTEDTEXT_H
 
@@ -13,7 +13,7 @@
 class FormattedText
 {
 public:
-    FormattedText() { m_buffer[0] = '\0'; } // the rest is not cleared: a line should not pay for a kilobyte of zeros
+    FormattedText() { m_buffer[0] = '\0'; } // the rest is not cleared, which would take longer than most lines
 
     // Fills the template; a template that cannot be formatted gives the empty text. The list is left unconsumed.
     //   throws std::bad_alloc for a long text only

@@ -18,7 +18,7 @@ constexpr char Show(unsigned char byte)
     return byte >= 0x20 && byte <= 0x7E && byte != '%' ? static_cast<char>(byte) : '.';
 }
 
-// A loop of fixed length over texts that do not overlap: compilers make it vectors.
+// A function of its own, as compilers use vector instructions for a loop of fixed length over texts that do not overlap.
 char* ComposeFullCharacterColumn(char* __restrict out, const unsigned char* __restrict bytes)
 {
     for (std::size_t i = 0; i < kBytesPerRow; ++i)

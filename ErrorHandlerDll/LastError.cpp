@@ -1,5 +1,5 @@
-// The last error and the error callback of the process. Apart from the handlers, as the function trace sets the last error,
-// too.
+// The last error and the error callback of the process. They have a file of their own because the handlers and the function
+// trace both use them.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
 

@@ -22,7 +22,7 @@ namespace
 constexpr std::size_t kDumpLineSize = 512;
 constexpr std::size_t kModuleLineSize = 310; // what readers of dumps are used to; longer paths are cut
 
-constexpr std::size_t kFrameLineSize = 4096; // a path, and of a long symbol what the stack of a signal handler has room for
+constexpr std::size_t kFrameLineSize = 4096; // a path and a symbol; a dump's stack has room for no more, longer ones are cut
 
 constexpr const char* kCallStackIndent = "     ";
 
@@ -104,7 +104,7 @@ void LogMemoryLine(std::uintptr_t address)
         char byte = 0;
         const bool isReadable = Unwind::ReadMemory(reinterpret_cast<const void*>(address + i), &byte, 1);
         FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, isReadable ? "%02x " : "?? ", static_cast<unsigned char>(byte));
-        characters[i] = byte >= 0x20 ? byte : '.'; // a char from 0x80 on is negative
+        characters[i] = byte >= 0x20 ? byte : '.'; // 0x20 to 0x7F: a char from 0x80 on is negative
     }
     char line[kDumpLineSize];
     FormatFixedText(line, sizeof line, "    %p  %s  %s", reinterpret_cast<void*>(address), hex, characters);
@@ -249,7 +249,7 @@ void StructuredException::GenerateStackDump(unsigned char* address)
             LogLine("  Raw stack dump:");
             for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
             {
-                // As a number: near the end of the address space it starts again at 0, which a pointer may not.
+                // Computed as a number: behind the last address it starts again at 0, which a pointer must not.
                 LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
             }
             LogLine("");

@@ -1,8 +1,8 @@
 // Raising: code to text, text and arguments to message, throw. The throw stands in the exported functions themselves, and
-// the unwinder finds next to nothing to do in their frames. Of the 14,400 instructions of a raise and its catch
-//   - 1,000 go when nothing is left to destroy, not even the memory of a half-made object: no clean-up table is read then.
-//     So the object is finished before the throw, and its constructor is noexcept.
-//   - 600 go when no registers are saved that the unwinder must restore. So what needs them is a function apart.
+// the unwinder finds next to nothing to do in their frames:
+//   - Nothing is left to destroy, not even the memory of a half-made object, so that it reads no table of clean-ups. The
+//     object is finished before the throw, and its constructor is noexcept.
+//   - Few registers are saved that it must restore. What needs more of them is a function apart.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
@@ -11,7 +11,8 @@
 namespace
 {
 
-// The message is cut to its field in the exception. For a code without a text of its own it takes none of the arguments.
+// A code without a text of its own gets the text of the unknown code, and the arguments are left alone. The exception cuts
+// the message to its field.
 [[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments,
                                                  bool hasText)
 {
