@@ -31,13 +31,13 @@ std::size_t CutUtf8(const char* text, std::size_t length) noexcept
 
 void CopyFixedText(char* field, std::size_t size, const char* text) noexcept
 {
-    text = text == nullptr ? "" : text;
-    std::size_t length = strnlen(text, size);
-    if (length == size)
+    std::size_t length = 0;
+    if (text != nullptr)
     {
-        length = ContinuesUtf8(text[size - 1]) ? CutUtf8(text, size - 1) : size - 1;
+        length = strnlen(text, size);
+        length = length < size ? length : ContinuesUtf8(text[size - 1]) ? CutUtf8(text, size - 1) : size - 1;
+        std::memmove(field, text, length);
     }
-    std::memmove(field, text, length);
     std::memset(field + length, 0, size - length);
 }
 
