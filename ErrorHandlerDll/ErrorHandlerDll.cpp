@@ -2,9 +2,9 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
+#include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FormattedText.h"
-#include "ErrorHandlerDll/MessageMap.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
@@ -12,19 +12,15 @@
 #include <new>
 #include <pthread.h>
 
-// Every object of the library with a dynamic initialiser stands here, in this order: within one unit the language constructs
-// them in the order of definition when the library is loaded, and destroys them in reverse. The logger's life is the last
-// with a destructor and so ends first: the log is flushed and closed before anything else is gone. Do not move any of them
-// to another file.
-MessageMap gCustomErrorStrings;
-MessageMap gOverriddenErrorStrings;
+// Every object of the library with a dynamic initialiser stands here: within one unit the language constructs them in the
+// order of definition when the library is loaded, and destroys them in reverse. Do not move any of them to another file.
 constinit LoggerStorage gLoggerStorage;
 
 namespace
 {
 
 // A host's object that is constructed before this library's may configure the log, too.
-void ConstructLogger()
+FileLogger& GetLogger()
 {
     static constinit bool isConstructed = false; // the loader runs constructors one after the other
     if (!isConstructed)
@@ -32,17 +28,22 @@ void ConstructLogger()
         isConstructed = true;
         new (&gFileLogger) FileLogger;
     }
+    return gFileLogger;
 }
 
-const struct LoggerScope
+const struct LibraryScope
 {
-    LoggerScope()
+    LibraryScope()
     {
-        ConstructLogger();
+        GetLogger();
         QV::SignalSafeScope::SetCheck([]() noexcept { return Crash::FindSignalHandlers().isInOne; });
     }
-    ~LoggerScope() { gFileLogger.Retire(); }
-} gLoggerScope;
+    ~LibraryScope()
+    {
+        gFileLogger.Retire(); // first: the log is flushed and closed before anything else is gone
+        RetireErrorTexts();
+    }
+} gLibraryScope;
 
 const int gForkHandlers = pthread_atfork(
     []
@@ -59,8 +60,8 @@ const int gForkHandlers = pthread_atfork(
 
 } // namespace
 
-// Apart from LogMessage, whose filtered calls then need no stack frame. With its parameters and not local, as the compiler
-// would leave the mask out: then filtered calls do not move parameters either.
+// Apart from LogMessage, whose filtered calls then need no stack frame. It takes the same parameters, so that LogMessage
+// passes them on where they are; were it local to this file, the compiler would drop the mask, which it does not use.
 [[gnu::noinline]] bool WriteTexts(int level, unsigned int, const char* source, const char* message)
 {
     return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message)));
@@ -69,32 +70,25 @@ const int gForkHandlers = pthread_atfork(
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
     const ErrnoScope errnoScope;
-    ConstructLogger();
-    gFileLogger.Initialise(enable, level, mask, fileName);
+    GetLogger().Initialise(enable, level, mask, fileName);
 }
 
 const char* GetLogFilename(void)
 {
-    ConstructLogger();
-    const char* const name = gFileLogger.GetLogFileName();
+    const char* const name = GetLogger().GetLogFileName();
     return name == nullptr ? "" : name;
 }
 
 void ShutdownLogging(void)
 {
     const ErrnoScope errnoScope;
-    ConstructLogger();
-    gFileLogger.Shutdown();
+    GetLogger().Shutdown();
 }
 
-// Aligned to a line of the instruction cache, which then holds all of a filtered call: a tenth of its time.
+// Aligned to a line of the instruction cache: one line then holds all of a filtered call.
 [[gnu::aligned(64)]] bool LogMessage(int level, unsigned int mask, const char* source, const char* message)
 {
-    if (!gFileLogger.CanWrite(level, mask))
-    {
-        return true;
-    }
-    return WriteTexts(level, mask, source, message);
+    return !gFileLogger.CanWrite(level, mask) || WriteTexts(level, mask, source, message);
 }
 
 bool LogFormatted(int level, unsigned int mask, const char* source, const char* format, ...)
@@ -105,25 +99,19 @@ bool LogFormatted(int level, unsigned int mask, const char* source, const char* 
     }
     const ErrnoScope errnoScope;
     FormattedText message;
-    if (format != nullptr)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        message.FormatV(format, arguments);
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, format);
+    message.FormatV(format == nullptr ? "" : format, arguments);
+    va_end(arguments);
     return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), message.GetText()));
 }
 
 bool LogMessageAndBufferAsHex(int level, unsigned int mask, const char* source, const char* message,
                               const unsigned char* buffer, int length)
 {
-    if (!gFileLogger.CanWrite(level, mask))
-    {
-        return true;
-    }
     const HexDump dump(buffer, length);
-    return gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
+    return !gFileLogger.CanWrite(level, mask) ||
+           gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(message), &dump));
 }
 
 void SetLoggingOptions(LoggingSettings* settings)
@@ -131,8 +119,7 @@ void SetLoggingOptions(LoggingSettings* settings)
     const ErrnoScope errnoScope;
     if (settings != nullptr)
     {
-        ConstructLogger();
-        gFileLogger.SetOptions(settings);
+        GetLogger().SetOptions(settings);
     }
 }
 
@@ -140,7 +127,6 @@ void GetLoggingOptions(LoggingSettings* settings)
 {
     if (settings != nullptr)
     {
-        ConstructLogger();
-        gFileLogger.GetOptions(settings);
+        GetLogger().GetOptions(settings);
     }
 }

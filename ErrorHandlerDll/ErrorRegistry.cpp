@@ -1,83 +1,82 @@
-// Lookup and registration of texts. The maps themselves are defined in ErrorHandlerDll.cpp.
+// Lookup and registration of texts.
 #include "ErrorHandlerDll/ErrorRegistry.h"
 
 #include "ErrorHandlerDll/CheckedRaise.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorStrings.h"
 #include "ErrorHandlerDll/FixedText.h"
-#include "ErrorHandlerDll/LinuxStructuredException.h"
-#include "ErrorHandlerDll/MessageMap.h"
 
+#include <climits>
 #include <cstring>
 
 namespace
 {
 
-// Hosts that check their raises go by the kinds of CheckedRaise.h and cannot see the templates. The conversions of the
-// templates are %s, %d and %02x; any other is refused.
-consteval bool TemplateTakes(std::string_view text, const char* kinds)
+// The texts that hosts have registered, by code; null where there is none. Arrays need no construction and no memory of
+// their own: static objects of the host may raise and register before any code of the library has run, and no registration
+// fails. Of the many custom codes only the pages in use cost memory. Not locked: the host registers before other threads
+// look up.
+const char* gOverriddenErrorStrings[std::size(gErrorStrings)];
+const char* gCustomErrorStrings[ZR_CUSTOM_ERROR_LAST - ZR_CUSTOM_ERROR_FIRST + 1];
+bool gIsRetired = false;
+
+// Hosts that check their raises go by the kinds of CheckedRaise.h and cannot see the templates. Only %s, %d and %02x are
+// allowed in a template: any other conversion is refused here.
+consteval bool KindsMatchTemplate(const ErrorString& row)
 {
-    for (std::size_t i = 0; i < text.size(); ++i)
+    char kinds[10] = "";
+    std::size_t count = 0;
+    for (std::size_t at = row.text.find('%'); at != row.text.npos; at = row.text.find('%', at))
     {
-        if (text[i] == '%')
-        {
-            i += text.substr(i + 1, 2) == "02" ? 3 : 1;
-            if (i >= text.size() || *kinds != text[i])
-            {
-                return false;
-            }
-            ++kinds;
-        }
+        at += row.text.substr(at + 1, 2) == "02" ? 3 : 1;
+        kinds[count++] = row.text.at(at);
     }
-    return *kinds == '\0';
+    return std::string_view(kinds) == ErrorArgumentKinds(row.code);
 }
 
-consteval bool ArgumentKindsMatchTemplates()
+static_assert(std::ranges::all_of(gErrorStrings, KindsMatchTemplate), "kErrorArgumentRows must say what the templates take");
+
+// Where the text that the host registers for a custom code is kept; null for any other code.
+const char** FindCustomText(ZelvoReaderErrorCode code) noexcept
 {
-    for (const ErrorString& row : gErrorStrings)
+    const bool isCustom = code >= ZR_CUSTOM_ERROR_FIRST && code <= ZR_CUSTOM_ERROR_LAST;
+    return isCustom ? &gCustomErrorStrings[code - ZR_CUSTOM_ERROR_FIRST] : nullptr;
+}
+
+// Keeps the pointer, not a copy. The size of a text, its NUL included, must be an int.
+bool Register(const char*& place, const char* text) noexcept
+{
+    if (gIsRetired || text == nullptr || std::strlen(text) >= INT_MAX)
     {
-        if (!TemplateTakes(row.text, ErrorArgumentKinds(static_cast<ZelvoReaderErrorCode>(row.number))))
-        {
-            return false;
-        }
+        return false;
     }
+    place = text;
     return true;
 }
 
-static_assert(ArgumentKindsMatchTemplates(), "kErrorArgumentRows must say what the templates take");
-
-bool IsCustomCode(ZelvoReaderErrorCode code) noexcept
+std::string_view GetRegistered(const char* text, std::string_view fallback) noexcept
 {
-    return code >= ZR_CUSTOM_ERROR_FIRST && code <= ZR_CUSTOM_ERROR_LAST;
-}
-
-bool IsStructuredCode(ZelvoReaderErrorCode code) noexcept
-{
-    return static_cast<std::uint32_t>(code) > 0xC0000000u;
-}
-
-// The "%08X" that stays in the text is for whoever formats it with the fault address.
-std::string_view MakeStructuredText(ZelvoReaderErrorCode code, char (&text)[kStructuredTextSize]) noexcept
-{
-    FormatFixedText(text, sizeof text, "%s (%08x) occurred at %%08X", StructuredException::GetExceptionName(code),
-                    static_cast<std::uint32_t>(code));
-    return text;
+    return text == nullptr || gIsRetired ? fallback : std::string_view(text);
 }
 
 ZelvoReaderErrorCode CopyText(std::string_view text, char* buffer, int* length) noexcept
 {
     const int available = *length;
-    const std::size_t needed = text.size() + 1;
-    *length = static_cast<int>(needed);
-    if (available < 0 || static_cast<std::size_t>(available) < needed)
+    *length = static_cast<int>(text.size() + 1);
+    if (available < *length)
     {
         return ZR_ERROR_STRING_BUFFER_TOO_SMALL;
     }
-    std::memcpy(buffer, text.data(), needed);
+    std::memcpy(buffer, text.data(), text.size() + 1);
     return ZR_ERROR_NONE;
 }
 
 } // namespace
+
+void RetireErrorTexts() noexcept
+{
+    gIsRetired = true;
+}
 
 const char* GetCatalogueText(ZelvoReaderErrorCode code) noexcept
 {
@@ -88,20 +87,25 @@ std::string_view FindErrorText(ZelvoReaderErrorCode code, char (&structuredText)
 {
     if (IsBuiltInCode(code))
     {
-        const char* text = gOverriddenErrorStrings.Find(code);
-        return text == nullptr ? gErrorStrings[code].text : std::string_view(text);
+        return GetRegistered(gOverriddenErrorStrings[code], gErrorStrings[code].text);
     }
-    if (IsCustomCode(code))
+    if (const char* const* const text = FindCustomText(code))
     {
-        const char* text = gCustomErrorStrings.Find(code);
-        return text == nullptr ? kUndefinedCustomErrorText : std::string_view(text);
+        return GetRegistered(*text, kUndefinedCustomErrorText);
     }
-    return IsStructuredCode(code) ? MakeStructuredText(code, structuredText) : kInvalidErrorText;
+    if (static_cast<std::uint32_t>(code) <= 0xC0000000u)
+    {
+        return kInvalidErrorText;
+    }
+    // The name that belongs in front of the blank is empty for all codes of this range. The "%08X" stays in the text, for
+    // whoever formats it with the fault address.
+    FormatFixedText(structuredText, sizeof structuredText, " (%08x) occurred at %%08X", static_cast<std::uint32_t>(code));
+    return structuredText;
 }
 
 std::string_view FindWarningText(std::uint32_t code) noexcept
 {
-    return code < kWarningStringCount ? gWarningStrings[code] : kInvalidWarningText;
+    return code < std::size(gWarningStrings) ? gWarningStrings[code] : kInvalidWarningText;
 }
 
 ZelvoReaderErrorCode GetErrorString(ZelvoReaderErrorCode code, char* buffer, int* length)
@@ -112,17 +116,18 @@ ZelvoReaderErrorCode GetErrorString(ZelvoReaderErrorCode code, char* buffer, int
 
 bool SetErrorMessage(ZelvoReaderErrorCode code, const char* text)
 {
-    return IsBuiltInCode(code) && gOverriddenErrorStrings.Set(code, text);
+    return IsBuiltInCode(code) && Register(gOverriddenErrorStrings[code], text);
 }
 
 bool AddCustomErrorMessage(ZelvoReaderErrorCode code, const char* text)
 {
-    return IsCustomCode(code) && gCustomErrorStrings.Set(code, text);
+    const char** const place = FindCustomText(code);
+    return place != nullptr && Register(*place, text);
 }
 
 bool ResetErrorMessages()
 {
-    gOverriddenErrorStrings.Clear();
+    std::ranges::fill(gOverriddenErrorStrings, nullptr);
     return true;
 }
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
-// Room for the text of a structured code: the longest name, eight digits and the fixed part.
+// Room for the text of a structured code: eight digits and the fixed part.
 inline constexpr std::size_t kStructuredTextSize = 64;
 
 inline bool IsBuiltInCode(ZelvoReaderErrorCode code) noexcept
@@ -21,6 +21,9 @@ const char* GetCatalogueText(ZelvoReaderErrorCode code) noexcept;
 
 // The text of any code, unformatted and NUL-terminated. `structuredText` is where the text of a structured code is made.
 std::string_view FindErrorText(ZelvoReaderErrorCode code, char (&structuredText)[kStructuredTextSize]) noexcept;
+
+// From now on every code has its text of the catalogue: at the end of the process the host's texts may be gone.
+void RetireErrorTexts() noexcept;
 
 // The template of any warning code, NUL-terminated.
 std::string_view FindWarningText(std::uint32_t code) noexcept;

@@ -5,7 +5,8 @@
 
 #include "ErrorHandlerDll/ErrorCodes.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 struct ErrorString
@@ -228,24 +229,14 @@ inline constexpr std::string_view kUndefinedCustomErrorText = "Undefined custom 
 inline constexpr std::string_view kInvalidErrorText = "Invalid error code";
 inline constexpr std::string_view kInvalidWarningText = "Invalid warning code";
 
-inline constexpr std::size_t kErrorStringCount = std::size(gErrorStrings);
-inline constexpr std::size_t kWarningStringCount = std::size(gWarningStrings);
-
 // Each row stands at its own number, and nothing but the gaps is without an enumerator.
-consteval bool ErrorStringsAreComplete()
+consteval bool IsInPlace(const ErrorString& row)
 {
-    for (std::size_t i = 0; i < kErrorStringCount; ++i)
-    {
-        const ErrorString& row = gErrorStrings[i];
-        const bool isGap = i == 16 || (i >= 159 && i <= 165);
-        if (row.number != static_cast<int>(i) || row.text.empty() || row.code != (isGap ? kUnnamedCode : row.number))
-        {
-            return false;
-        }
-    }
-    return kErrorStringCount == ZR_ERROR_UNKNOWN_CODE + 1;
+    const bool isGap = row.number == 16 || (row.number >= 159 && row.number <= 165);
+    return &row == &gErrorStrings[row.number] && !row.text.empty() && row.code == (isGap ? kUnnamedCode : row.number);
 }
 
-static_assert(ErrorStringsAreComplete(), "the catalogue has one row for each code, in order");
+static_assert(std::size(gErrorStrings) == ZR_ERROR_UNKNOWN_CODE + 1 && std::ranges::all_of(gErrorStrings, IsInPlace),
+              "the catalogue has one row for each code, in order");
 
 #endif

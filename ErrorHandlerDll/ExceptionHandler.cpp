@@ -1,4 +1,4 @@
-// The last error, and the handlers that hosts call at their API boundary.
+// The handlers that hosts call at their API boundary.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
@@ -9,15 +9,9 @@
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
+#include "ErrorHandlerDll/logging/LogEntry.h"
 
-#include <functional>
-#include <string_view>
-
-// Plain zero and no construction: they are valid before any code of the library has run, and in signal handlers.
-ZelvoReaderErrorCallback ExceptionHandler::m_errorCallback;
-void* ExceptionHandler::m_errorCallbackParam;
-ZelvoReaderErrorCode ExceptionHandler::m_lastErrorCode;
-char ExceptionHandler::m_lastErrorString[kErrorTextSize];
+#include <cstring>
 
 namespace
 {
@@ -25,31 +19,38 @@ namespace
 constexpr const char* kBlockSeparator = "----------------------";
 constexpr std::string_view kCaughtPrefix = "[caught]: ";
 
+using ErrorLogWriter = void (*)(const char*, void*);
+
 void RecordError(ZelvoReaderErrorCode code, const char* message)
 {
     ExceptionHandler::SetLastErrorCode(code);
     ExceptionHandler::SetLastErrorString(message);
 }
 
-void LogErrorLine(const char* source, const char* text)
+void LogErrorLine(std::string_view source, std::string_view text)
 {
-    LogMessage(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, source, text);
+    if (gFileLogger.CanWrite(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES))
+    {
+        gFileLogger.Write(LogEntry(ZR_LOG_ERROR, source, text));
+    }
 }
 
-// Writes the separator and what `writeLines` logs, as one block that no other thread's lines can split.
-template <typename WriteLines>
-void WriteErrorBlock(const WriteLines& writeLines)
+// Makes it the last error, and logs the separator and what `writer` writes as one block that no other thread's lines can
+// split.
+void ReportError(ZelvoReaderErrorCode code, const char* message, const char* functionName, ErrorLogWriter writer,
+                 void* writerParam)
 {
+    RecordError(code, message);
     if (gFileLogger.IsEnabled())
     {
         const LogSectionScope section(gFileLogger);
         LogErrorLine("", kBlockSeparator);
-        writeLines();
+        writer(functionName, writerParam);
         gFileLogger.FlushLogFile();
     }
 }
 
-// The host gets the last error as it stands now, and the buffer itself: it may be changed by the callback.
+// The host gets the buffer of the last error itself, not a copy: the callback may change it.
 void CallErrorCallback()
 {
     if (ExceptionHandler::m_errorCallback != nullptr)
@@ -59,107 +60,71 @@ void CallErrorCallback()
     }
 }
 
-HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* message, const char* functionName)
+// Not inlined: the handlers may run on the small stack of a signal handler. The message is copied before memory is taken, as
+// it may lie in the buffer that all structured exceptions share.
+[[gnu::noinline]] HalvikException* MakePropagatedException(ZelvoReaderErrorCode code, const char* message,
+                                                           const char* functionName)
 {
-    HalvikException* exception = new HalvikException(code, message, functionName);
-    exception->SetHandled();
-    return exception;
+    HalvikException exception(code, message, functionName);
+    exception.SetHandled();
+    return new HalvikException(exception);
 }
 
-// Apart from their caller, whose stack may be a signal's small one. The text is copied at once: its buffer is shared by all
-// objects.
-[[gnu::noinline]] void RecordSignal(StructuredException& exception)
+HalvikException* HandleError(const char* functionName, ZelvoReaderErrorCode code, const char* message, bool propagate,
+                             ErrorLogWriter writer, void* writerParam, const TracePoint& point = Here())
 {
-    ErrorText message;
-    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
-    RecordError(exception.GetExceptionCode(), message);
+    const ErrnoScope errnoScope;
+    ErrorText ownMessage; // the host may pass the text of the last error, which is overwritten below
+    CopyFixedText(ownMessage, sizeof ownMessage, message);
+    RunTraced(
+        [&]
+        {
+            ReportError(code, ownMessage, functionName, writer, writerParam);
+            CallErrorCallback();
+        },
+        point);
+    return propagate ? MakePropagatedException(code, ownMessage, functionName) : nullptr;
 }
 
-[[gnu::noinline]] HalvikException* PropagateSignal(StructuredException& exception, const char* functionName)
+void LogNothing(const char*, void*) {}
+
+void LogCaughtException(const char* functionName, void* param)
 {
-    ErrorText message;
-    CopyFixedText(message, sizeof message, exception.GetErrorMessage());
-    return MakePropagatedException(exception.GetExceptionCode(), message, functionName);
+    auto* const exception = static_cast<HalvikException*>(param);
+    const std::string_view message(exception->GetErrorString(), strnlen(exception->GetErrorString(), kErrorTextSize));
+    char caught[kCaughtPrefix.size() + kErrorTextSize]; // filled by copies: printf is much slower
+    const std::size_t length = message.copy(caught + kCaughtPrefix.copy(caught, kCaughtPrefix.size()), message.size());
+    LogErrorLine(exception->GetLocationString(), message);
+    LogErrorLine(TextOrEmpty(functionName), {caught, kCaughtPrefix.size() + length});
 }
 
-// Whether recording an error overwrites the text.
-bool LiesInLastError(const char* text)
+void RecordSignal(StructuredException& exception)
 {
-    const std::less<const char*> before;
-    const char* const lastError = ExceptionHandler::m_lastErrorString;
-    return !before(text, lastError) && before(text, lastError + kErrorTextSize);
+    RecordError(exception.GetExceptionCode(), exception.GetErrorMessage());
 }
 
 } // namespace
-
-void ExceptionHandler::SetErrorCallback(ZelvoReaderErrorCallback callback, void* param)
-{
-    m_errorCallback = callback;
-    m_errorCallbackParam = param;
-}
-
-void ExceptionHandler::SetLastErrorCode(ZelvoReaderErrorCode code)
-{
-    m_lastErrorCode = code;
-}
-
-void ExceptionHandler::SetLastErrorString(const char* text)
-{
-    CopyFixedText(m_lastErrorString, sizeof m_lastErrorString, text);
-}
 
 void ExceptionHandler::OnWriteErrorLog_WriteString(const char* source, void* param)
 {
     if (param != nullptr)
     {
-        LogErrorLine(source, static_cast<const char*>(param));
+        LogErrorLine(TextOrEmpty(source), static_cast<const char*>(param));
     }
 }
 
 HalvikException* ExceptionHandler::GenericHandleException(const char* functionName, ZelvoReaderErrorCode code,
-                                                          const char* message, bool propagate,
-                                                          void (*writer)(const char*, void*), void* writerParam)
+                                                          const char* message, bool propagate, ErrorLogWriter writer,
+                                                          void* writerParam)
 {
-    const ErrnoScope errnoScope;
-    ErrorText messageCopy;
-    if (LiesInLastError(message))
-    {
-        CopyFixedText(messageCopy, sizeof messageCopy, message);
-        message = messageCopy;
-    }
-    RunTraced(
-        Here(),
-        [&]
-        {
-            RecordError(code, message);
-            WriteErrorBlock(
-                [=]
-                {
-                    if (writer != nullptr)
-                    {
-                        writer(functionName, writerParam);
-                    }
-                });
-            CallErrorCallback();
-        },
-        Here());
-    return propagate ? MakePropagatedException(code, message, functionName) : nullptr;
+    return HandleError(functionName, code, message, propagate, writer == nullptr ? LogNothing : writer, writerParam);
 }
 
 HalvikException* ExceptionHandler::HandleUnknownException(const char* functionName, bool propagate)
 {
-    const ErrnoScope errnoScope;
     const char* const message = GetCatalogueText(ZR_ERROR_UNKNOWN);
-    RunTraced(
-        Here(),
-        [&]
-        {
-            RecordError(ZR_ERROR_UNKNOWN, message);
-            WriteErrorBlock([=] { LogErrorLine(functionName, message); });
-            CallErrorCallback();
-        },
-        Here());
-    return propagate ? MakePropagatedException(ZR_ERROR_UNKNOWN, message, functionName) : nullptr;
+    return HandleError(functionName, ZR_ERROR_UNKNOWN, message, propagate, OnWriteErrorLog_WriteString,
+                       const_cast<char*>(message));
 }
 
 HalvikException* ExceptionHandler::HandleSTDException(const char* functionName, std::exception& exception, bool propagate)
@@ -183,9 +148,8 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                                                              bool propagate)
 {
     const ErrnoScope errnoScope;
-    const bool isInDump = Crash::DumpStack::Current() != nullptr; // a fault in a dump that no part of it has caught
     const Crash::SignalHandlers handlers = Crash::FindSignalHandlers();
-    if (isInDump || handlers.isTooDeep)
+    if (handlers.isTooDeep || Crash::DumpStack::Current() != nullptr) // a fault within a dump
     {
         RecordHandlerFailure();
         return nullptr;
@@ -201,7 +165,6 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
         }
     };
     RunTraced(
-        Here(),
         [&]
         {
             if (!Crash::Dump::Run(handle, handlers)) // one dump, so that no other lines come between
@@ -209,38 +172,25 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                 RecordSignal(exception);
             }
             CallErrorCallback();
-        },
-        Here());
-    return propagate ? PropagateSignal(exception, functionName) : nullptr;
+        });
+    return propagate ? MakePropagatedException(exception.GetExceptionCode(), exception.GetErrorMessage(), functionName)
+                     : nullptr;
 }
 
 void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikException* exception)
 {
     const ErrnoScope errnoScope;
     RunTraced(
-        Here(),
-        [&]
+        [=]
         {
+            const char* const message = exception->GetErrorString();
             if (exception->GetHandled())
             {
-                LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s",
-                             exception->GetErrorString());
+                LogFormatted(ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, functionName, "[propagating]: %s", message);
+                return;
             }
-            else
-            {
-                RecordError(exception->GetErrorCode(), exception->GetErrorString());
-                WriteErrorBlock(
-                    [=]
-                    {
-                        char caughtText[kCaughtPrefix.size() + kErrorTextSize];
-                        kCaughtPrefix.copy(caughtText, kCaughtPrefix.size()); // printf would be a quarter of a handling
-                        CopyFixedText(caughtText + kCaughtPrefix.size(), kErrorTextSize, exception->GetErrorString());
-                        LogErrorLine(exception->GetLocationString(), exception->GetErrorString());
-                        LogErrorLine(functionName, caughtText);
-                    });
-                exception->SetHandled();
-                CallErrorCallback();
-            }
-        },
-        Here());
+            ReportError(exception->GetErrorCode(), message, functionName, LogCaughtException, exception);
+            exception->SetHandled();
+            CallErrorCallback();
+        });
 }

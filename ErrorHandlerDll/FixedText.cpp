@@ -17,21 +17,14 @@ bool ContinuesUtf8(char byte) noexcept
 // behind them. Bytes that are not UTF-8 count as characters of their own.
 std::size_t CutUtf8(const char* text, std::size_t length) noexcept
 {
-    constexpr std::size_t kLongestIncomplete = 3;
-    for (std::size_t back = 1; back <= kLongestIncomplete && back <= length; ++back)
+    std::size_t start = length;
+    while (start > 0 && ContinuesUtf8(text[start - 1]))
     {
-        const auto byte = static_cast<unsigned char>(text[length - back]);
-        if (byte >= 0xC0) // starts a sequence of two, three or four bytes
-        {
-            const std::size_t sequenceLength = byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
-            return sequenceLength > back ? length - back : length;
-        }
-        if (byte < 0x80)
-        {
-            return length;
-        }
+        --start;
     }
-    return length;
+    const unsigned char first = start == 0 ? 0 : static_cast<unsigned char>(text[--start]);
+    const std::size_t sequenceLength = first < 0xC0 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    return start + sequenceLength > length ? start : length;
 }
 
 } // namespace
@@ -42,11 +35,7 @@ void CopyFixedText(char* field, std::size_t size, const char* text) noexcept
     if (text != nullptr)
     {
         length = strnlen(text, size);
-        if (length == size)
-        {
-            --length;
-            length = ContinuesUtf8(text[length]) ? CutUtf8(text, length) : length;
-        }
+        length = length < size ? length : ContinuesUtf8(text[size - 1]) ? CutUtf8(text, size - 1) : size - 1;
         std::memmove(field, text, length);
     }
     std::memset(field + length, 0, size - length);
@@ -62,14 +51,14 @@ int FormatFixedText(char* text, std::size_t size, const char* format, ...) noexc
 }
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // that is what a template is
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // templates are known at run time only
 int FormatTemplateV(char* text, std::size_t size, const char* messageTemplate, va_list& arguments) noexcept
 {
     const ErrnoScope errnoScope;
     const int length = QV::Str::FormatArgs(text, size, messageTemplate, arguments);
     if (length >= 0 && static_cast<std::size_t>(length) >= size)
     {
-        text[CutUtf8(text, size - 1)] = '\0'; // nobody knows what comes behind
+        text[CutUtf8(text, size - 1)] = '\0'; // whether a sequence goes on behind the cut is not known
     }
     return length;
 }

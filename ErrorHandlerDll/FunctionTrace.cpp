@@ -1,40 +1,32 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 
-#include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-
-namespace
-{
-
-constexpr std::size_t kPrefixSize = 512;
-
-void Write(const TracePoint& point, const char* message)
-{
-    char prefix[kPrefixSize];
-    FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", point.file, point.line, point.function);
-    if (Crash::Dump* const dump = Crash::Dump::Current())
-    {
-        dump->Log(kTraceLevel, kTraceMask, prefix, message);
-    }
-    else
-    {
-        LogMessage(kTraceLevel, kTraceMask, prefix, message);
-    }
-}
-
-} // namespace
+#include "ErrorHandlerDll/logging/LogEntry.h"
 
 void WriteFunctionTrace(const TracePoint& point, const char* message)
 {
-    if (QV::SignalSafeScope::IsActive())
+    const auto write = [&]
     {
-        Crash::Dump::Run([&] { Write(point, message); });
+        char prefix[512]; // longer names are cut
+        FormatFixedText(prefix, sizeof prefix, "%s(%d) : %s() - ", point.file, point.line, point.function);
+        if (Crash::Dump* const dump = Crash::Dump::Current())
+        {
+            dump->Log(kTraceLevel, kTraceMask, prefix, message);
+        }
+        else
+        {
+            gFileLogger.Write(LogEntry(kTraceLevel, prefix, message));
+        }
+    };
+    if (!QV::SignalSafeScope::IsActive())
+    {
+        write();
     }
     else
     {
-        Write(point, message);
+        Crash::Dump::Run(write);
     }
 }
 

@@ -12,7 +12,6 @@
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 using Crash::Dump;
@@ -23,7 +22,7 @@ namespace
 constexpr std::size_t kDumpLineSize = 512;
 constexpr std::size_t kModuleLineSize = 310; // what readers of dumps are used to; longer paths are cut
 
-constexpr std::size_t kFrameLineSize = 4096; // a path, and of a long symbol what the stack of a signal handler has room for
+constexpr std::size_t kFrameLineSize = 4096; // a path and a symbol; a dump's stack has room for no more, longer ones are cut
 
 constexpr const char* kCallStackIndent = "     ";
 
@@ -33,9 +32,6 @@ constexpr std::size_t kHexWidth = 3;         // two digits and a blank
 
 // One for the process, overwritten by each call of GetErrorMessage.
 ErrorText gErrorMessage;
-
-// The names of SIGSEGV's si_code values.
-constexpr const char* kExceptionNames[] = {"", "SEGV_MAPERR", "SEGV_ACCERR"};
 
 void Print(const char* line)
 {
@@ -53,8 +49,7 @@ void PrintAndLog(const char* line, const char* source = "")
     LogLine(line, source);
 }
 
-template <class Part>
-void RunPart(const Part& part)
+void RunPart(const auto& part)
 {
     if (!Dump::RunPart(part))
     {
@@ -62,10 +57,9 @@ void RunPart(const Part& part)
     }
 }
 
-template <class Body>
-void RunTracedDump(const TracePoint& entry, const Body& body, const TracePoint& exit)
+void RunTracedDump(const auto& body, const TracePoint& point = Here())
 {
-    Dump::Run([&] { RunTraced(entry, body, exit); });
+    Dump::Run([&] { RunTraced(body, point); });
 }
 
 // For a dump that cannot be made: handlers that fault again and again, or no stack left for it.
@@ -77,17 +71,13 @@ void PrintWithoutDump(std::string_view line)
     output.WriteLines();
 }
 
-// The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
-void CopyContext(ucontext_t& copy, const ucontext_t* context)
+// Copies a record of which at least the first `leastSize` bytes must be readable; else the copy is zero.
+void CopyReadable(void* copy, const void* record, std::size_t size, std::size_t leastSize)
 {
-    constexpr std::size_t kKernelPart = offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long);
-    if (!Unwind::ReadMemory(context, &copy, sizeof copy))
+    std::memset(copy, 0, size);
+    if (!Unwind::ReadMemory(record, copy, size) && !Unwind::ReadMemory(record, copy, leastSize))
     {
-        std::memset(&copy, 0, sizeof copy);
-        if (!Unwind::ReadMemory(context, &copy, kKernelPart))
-        {
-            std::memset(&copy, 0, sizeof copy);
-        }
+        std::memset(copy, 0, size);
     }
 }
 
@@ -99,18 +89,9 @@ void DumpRegisters(const ucontext_t& context)
     for (int i = 0; i < NGREG; ++i)
     {
         char line[kDumpLineSize];
-        FormatFixedText(line, sizeof line, "reg[%02d] = 0x%llx", i,
-                        static_cast<unsigned long long>(context.uc_mcontext.gregs[i]));
+        FormatFixedText(line, sizeof line, "reg[%02d] = 0x%llx", i, context.uc_mcontext.gregs[i]);
         PrintAndLog(line);
     }
-}
-
-// The byte at `address`, or 0 when it cannot be read.
-unsigned char GetMemoryContents(std::uintptr_t address, bool& readable)
-{
-    unsigned char byte = 0;
-    readable = Unwind::ReadMemory(reinterpret_cast<const void*>(address), &byte, sizeof byte);
-    return readable ? byte : 0;
 }
 
 // One line of memory: address, hex column, character column.
@@ -120,10 +101,10 @@ void LogMemoryLine(std::uintptr_t address)
     char characters[kMemoryDumpBytes + 1] = "";
     for (std::size_t i = 0; i < kMemoryDumpBytes; ++i)
     {
-        bool readable = false;
-        const unsigned char byte = GetMemoryContents(address + i, readable);
-        FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, readable ? "%02x " : "?? ", byte);
-        characters[i] = readable && byte >= 0x20 && byte <= 0x7F ? static_cast<char>(byte) : '.';
+        char byte = 0;
+        const bool isReadable = Unwind::ReadMemory(reinterpret_cast<const void*>(address + i), &byte, 1);
+        FormatFixedText(hex + i * kHexWidth, kHexWidth + 1, isReadable ? "%02x " : "?? ", static_cast<unsigned char>(byte));
+        characters[i] = byte >= 0x20 ? byte : '.'; // 0x20 to 0x7F: a char from 0x80 on is negative
     }
     char line[kDumpLineSize];
     FormatFixedText(line, sizeof line, "    %p  %s  %s", reinterpret_cast<void*>(address), hex, characters);
@@ -135,11 +116,9 @@ void LogMemoryLine(std::uintptr_t address)
 StructuredException::StructuredException(int signal, ucontext_t* context, siginfo_t* info)
     : m_signal(signal), m_stackFrameCount(0)
 {
-    CopyContext(m_context, context);
-    if (!Unwind::ReadMemory(info, &m_signalInfo, sizeof m_signalInfo))
-    {
-        std::memset(&m_signalInfo, 0, sizeof m_signalInfo);
-    }
+    // The kernel's record ends earlier than the C library's, so what lies behind it need not be readable.
+    CopyReadable(&m_context, context, sizeof m_context, offsetof(ucontext_t, uc_sigmask) + sizeof(unsigned long));
+    CopyReadable(&m_signalInfo, info, sizeof m_signalInfo, sizeof m_signalInfo);
     if (Crash::DumpStack::Current() != nullptr)
     {
         Dump::LeaveFaultyPart(signal, m_signalInfo.si_code);
@@ -160,19 +139,11 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
 
 const char* StructuredException::GetExceptionString()
 {
-    switch (m_signal)
-    {
-    case SIGILL:
-        return "Illegal Instruction";
-    case SIGBUS:
-        return "Bus error";
-    case SIGFPE:
-        return "Floating Point Exception";
-    case SIGSEGV:
-        return "Segmentation fault";
-    default:
-        return "Unknown";
-    }
+    return m_signal == SIGILL    ? "Illegal Instruction"
+           : m_signal == SIGBUS  ? "Bus error"
+           : m_signal == SIGFPE  ? "Floating Point Exception"
+           : m_signal == SIGSEGV ? "Segmentation fault"
+                                 : "Unknown";
 }
 
 ZelvoReaderErrorCode StructuredException::GetExceptionCode()
@@ -189,7 +160,7 @@ char* StructuredException::GetErrorMessage()
 
 const char* StructuredException::GetExceptionName(int code)
 {
-    return static_cast<unsigned int>(code) < std::size(kExceptionNames) ? kExceptionNames[code] : "";
+    return code == SEGV_MAPERR ? "SEGV_MAPERR" : code == SEGV_ACCERR ? "SEGV_ACCERR" : "";
 }
 
 void StructuredException::RegisterHandler(SignalHandlers*) {}
@@ -199,15 +170,13 @@ void StructuredException::UnRegisterHandler(SignalHandlers*) {}
 void StructuredException::DumpExceptionContext(const char* functionName)
 {
     RunTracedDump(
-        Here(),
         [&]
         {
             char line[kDumpLineSize];
             FormatFixedText(line, sizeof line, "Structured exception %s (code %08X) occurred at %p", GetExceptionString(),
                             static_cast<unsigned int>(m_signalInfo.si_code), m_signalInfo.si_addr);
             Print(functionName == nullptr ? "" : functionName);
-            Print(line);
-            LogLine(line, functionName);
+            PrintAndLog(line, functionName);
 
             FormatFixedText(line, sizeof line, "  Fault address:  %p", m_signalInfo.si_addr);
             PrintAndLog(line);
@@ -225,14 +194,12 @@ void StructuredException::DumpExceptionContext(const char* functionName)
             Print("GenerateModuleAddresses...");
             RunPart([this] { GenerateModuleAddresses(); });
             Print("Finished GenerateModuleAddresses");
-        },
-        Here());
+        });
 }
 
 void StructuredException::GenerateCallStack()
 {
     RunTracedDump(
-        Here(),
         [&]
         {
             LogLine("  Call stack:");
@@ -245,14 +212,12 @@ void StructuredException::GenerateCallStack()
                 texts.Format(i, line, sizeof line);
                 PrintAndLog(line, kCallStackIndent);
             }
-        },
-        Here());
+        });
 }
 
 void StructuredException::GenerateModuleAddresses()
 {
     RunTracedDump(
-        Here(),
         [&]
         {
             LogLine("");
@@ -273,23 +238,20 @@ void StructuredException::GenerateModuleAddresses()
             }
             LogLine("");
             Print("Done");
-        },
-        Here());
+        });
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
 {
     RunTracedDump(
-        Here(),
         [&]
         {
             LogLine("  Raw stack dump:");
             for (std::uintptr_t i = 0; i < kMemoryDumpLines; ++i)
             {
-                // As a number: near the end of the address space it starts again at 0, which a pointer may not.
+                // Computed as a number: behind the last address it starts again at 0, which a pointer must not.
                 LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
             }
             LogLine("");
-        },
-        Here());
+        });
 }

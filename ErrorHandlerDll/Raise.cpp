@@ -1,8 +1,8 @@
 // Raising: code to text, text and arguments to message, throw. The throw stands in the exported functions themselves, and
-// the unwinder finds next to nothing to do in their frames. Of the 14,400 instructions of a raise and its catch
-//   - 1,000 go when nothing is left to destroy, not even the memory of a half-made object: no clean-up table is read then.
-//     So the object is finished before the throw, and its constructor is noexcept.
-//   - 600 go when no registers are saved that the unwinder must restore. So what needs them is a function apart.
+// the unwinder finds next to nothing to do in their frames:
+//   - Nothing is left to destroy, not even the memory of a half-made object, so that it reads no table of clean-ups. The
+//     object is finished before the throw, and its constructor is noexcept.
+//   - Few registers are saved that it must restore. What needs more of them is a function apart.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
@@ -11,23 +11,16 @@
 namespace
 {
 
-// `text` is filled with the arguments; it is cut to its field in the exception.
-[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, ZelvoReaderErrorCode text, const char* location,
-                                                 va_list& arguments)
+// A code without a text of its own gets the text of the unknown code, and the arguments are left alone. The exception cuts
+// the message to its field.
+[[gnu::noinline]] HalvikException* MakeException(ZelvoReaderErrorCode code, const char* location, va_list& arguments,
+                                                 bool hasText)
 {
     char structuredText[kStructuredTextSize];
+    const char* const text = FindErrorText(hasText ? code : ZR_ERROR_UNKNOWN_CODE, structuredText).data();
     FormattedText message;
-    message.FormatV(FindErrorText(text, structuredText).data(), arguments);
+    hasText ? message.FormatV(text, arguments) : message.Format(text, static_cast<int>(code));
     return new HalvikException(code, message.GetData(), location);
-}
-
-[[gnu::noinline]] HalvikException* MakeUnknownCodeException(ZelvoReaderErrorCode code, const char* location, ...)
-{
-    va_list arguments;
-    va_start(arguments, location);
-    HalvikException* const exception = MakeException(code, ZR_ERROR_UNKNOWN_CODE, location, arguments);
-    va_end(arguments);
-    return exception;
 }
 
 } // namespace
@@ -36,9 +29,7 @@ void RaiseError(ZelvoReaderErrorCode code, const char* location, ...)
 {
     va_list arguments;
     va_start(arguments, location);
-    HalvikException* const exception = IsBuiltInCode(code)
-                                           ? MakeException(code, code, location, arguments)
-                                           : MakeUnknownCodeException(code, location, static_cast<int>(code));
+    HalvikException* const exception = MakeException(code, location, arguments, IsBuiltInCode(code));
     va_end(arguments);
     throw exception;
 }
@@ -47,7 +38,7 @@ void RaiseErrorVar(ZelvoReaderErrorCode code, const char* location, va_list argu
 {
     va_list copy; // a list that is a parameter is a pointer, and the helpers take the list itself
     va_copy(copy, arguments);
-    HalvikException* const exception = MakeException(code, code, location, copy);
+    HalvikException* const exception = MakeException(code, location, copy, true);
     va_end(copy);
     throw exception;
 }

@@ -63,13 +63,9 @@ bool IsWithinLease(const _CRITICAL_SECTION* section) noexcept
 // Takes the section when it is free, or counts one entry more when this thread owns it.
 Entry TryEnter(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 {
-    if (TryTake(section->m_ownerWord, self)) [[likely]]
-    {
-        return Entry::ENTERED;
-    }
     if (Owner(section) != self)
     {
-        return Entry::REFUSED;
+        return TryTake(section->m_ownerWord, self) ? Entry::ENTERED : Entry::REFUSED;
     }
     if (!IsWithinLease(section))
     {
@@ -108,7 +104,7 @@ private:
     int m_seenOver = 0;
 };
 
-Entry Wait(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
+[[gnu::noinline]] Entry Wait(_CRITICAL_SECTION* section, std::uint32_t self) noexcept
 {
     std::atomic<std::uint32_t>& word = section->m_ownerWord;
     for (int spin = 0; spin < kSpins; ++spin)

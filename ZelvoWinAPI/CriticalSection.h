@@ -36,7 +36,8 @@ inline std::uint32_t GetCurrentThreadId() noexcept
 inline Entry EnterCriticalSection(_CRITICAL_SECTION* section) noexcept
 {
     const std::uint32_t self = GetCurrentThreadId();
-    return Detail::TryTake(section->m_ownerWord, self) ? Entry::ENTERED : Detail::EnterTakenSection(section, self);
+    const bool isFree = section->m_ownerWord.load(std::memory_order_relaxed) == 0; // a failing exchange costs as much as one
+    return isFree && Detail::TryTake(section->m_ownerWord, self) ? Entry::ENTERED : Detail::EnterTakenSection(section, self);
 }
 
 inline void LeaveCriticalSection(_CRITICAL_SECTION* section) noexcept

@@ -54,7 +54,8 @@ std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int6
 
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept
 {
-    return syscall(SYS_writev, descriptor, pieces, count);
+    return count == 1 ? WriteFile(descriptor, pieces->iov_base, pieces->iov_len)
+                      : syscall(SYS_writev, descriptor, pieces, count);
 }
 
 bool WaitUntilWritable(int descriptor, int* waitLeftMs) noexcept

@@ -89,7 +89,8 @@ std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) no
 // One pread(2). Returns the bytes read, or -1 with errno set.
 std::ptrdiff_t ReadFile(int descriptor, void* bytes, std::size_t size, std::int64_t position) noexcept;
 
-// One writev(2) of `count` pieces. Returns the bytes written, or -1 with errno set.
+// One writev(2) of `count` pieces, write(2) for a single one, which is faster. Returns the bytes written, or -1 with errno
+// set.
 std::ptrdiff_t WritePieces(int descriptor, const ::iovec* pieces, int count) noexcept;
 
 // Waits until the file takes bytes again, which it could not (EAGAIN).

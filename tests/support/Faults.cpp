@@ -65,11 +65,13 @@ __attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...)
         Faults::gOpenErrors.pop_front();
         return Fail(error);
     }
-    else if (number == SYS_writev)
+    else if (number == SYS_writev || number == SYS_write)
     {
-        const auto* const pieces = reinterpret_cast<const iovec*>(arguments[1]);
+        const iovec whole = {reinterpret_cast<void*>(arguments[1]), static_cast<std::size_t>(arguments[2])};
+        const bool isWhole = number == SYS_write;
+        const long count = isWhole ? 1 : arguments[2];
         iovec limited[8] = {}; // no heap: signal handlers write, too
-        std::copy_n(pieces, arguments[2], limited);
+        std::copy_n(isWhole ? &whole : reinterpret_cast<const iovec*>(arguments[1]), count, limited);
         long size = 0;
         for (const iovec& piece : limited)
         {
@@ -82,7 +84,7 @@ __attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...)
             piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(left));
             left -= static_cast<long>(piece.iov_len);
         }
-        const long result = size < 0 ? -1 : __real_syscall(number, arguments[0], limited, arguments[2]);
+        const long result = size < 0 ? -1 : __real_syscall(SYS_writev, arguments[0], limited, count);
         if (Faults::gAfterWrite != nullptr)
         {
             std::exchange(Faults::gAfterWrite, nullptr)();
