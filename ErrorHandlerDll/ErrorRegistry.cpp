@@ -6,6 +6,7 @@
 #include "ErrorHandlerDll/ErrorStrings.h"
 #include "ErrorHandlerDll/FixedText.h"
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 
@@ -18,7 +19,7 @@ namespace
 // look up.
 const char* gOverriddenErrorStrings[std::size(gErrorStrings)];
 const char* gCustomErrorStrings[ZR_CUSTOM_ERROR_LAST - ZR_CUSTOM_ERROR_FIRST + 1];
-bool gIsRetired = false;
+constinit std::atomic<bool> gIsRetired = false; // other threads may still raise at the end of the process
 
 // Hosts that check their raises go by the kinds of CheckedRaise.h and cannot see the templates. Only %s, %d and %02x are
 // allowed in a template: any other conversion is refused here.

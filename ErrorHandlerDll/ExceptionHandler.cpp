@@ -82,7 +82,7 @@ HalvikException* HandleError(const char* functionName, ZelvoReaderErrorCode code
             ReportError(code, ownMessage, functionName, writer, writerParam);
             CallErrorCallback();
         },
-        point);
+        point, point);
     return propagate ? MakePropagatedException(code, ownMessage, functionName) : nullptr;
 }
 
@@ -172,7 +172,8 @@ HalvikException* ExceptionHandler::HandleStructuredException(const char* functio
                 RecordSignal(exception);
             }
             CallErrorCallback();
-        });
+        },
+        Here());
     return propagate ? MakePropagatedException(exception.GetExceptionCode(), exception.GetErrorMessage(), functionName)
                      : nullptr;
 }
@@ -192,5 +193,6 @@ void ExceptionHandler::HandleHalvikException(const char* functionName, HalvikExc
             ReportError(exception->GetErrorCode(), message, functionName, LogCaughtException, exception);
             exception->SetHandled();
             CallErrorCallback();
-        });
+        },
+        Here());
 }

@@ -1,7 +1,7 @@
 // The two conventions of the handling code: a line in the log when a function is entered and when it returns, and a last
 // error that tells when the handling itself failed. A function that follows them reads
 //
-//   RunTraced([&] { ... });
+//   RunTraced([&] { ... }, Here());
 #ifndef ERRORHANDLERDLL_FUNCTIONTRACE_H
 #define ERRORHANDLERDLL_FUNCTIONTRACE_H
 
@@ -31,18 +31,18 @@ void RecordHandlerFailure() noexcept;
 // A catch clause and no scope guard: when nobody further out catches, the process ends without unwinding, and the last error
 // must be set by then. The filter comes first: the trace is off as a rule.
 template <class Body>
-void RunTraced(const Body& body, const TracePoint& point = Here())
+void RunTraced(const Body& body, const TracePoint& exit, const TracePoint& entry = Here())
 {
     try
     {
         if (gFileLogger.CanWrite(kTraceLevel, kTraceMask))
         {
-            WriteFunctionTrace(point, "[Entering]");
+            WriteFunctionTrace(entry, "[Entering]");
         }
         body();
         if (gFileLogger.CanWrite(kTraceLevel, kTraceMask))
         {
-            WriteFunctionTrace(point, "[Exiting]");
+            WriteFunctionTrace(exit, "[Exiting]");
         }
     }
     catch (...)

@@ -57,9 +57,9 @@ void RunPart(const auto& part)
     }
 }
 
-void RunTracedDump(const auto& body, const TracePoint& point = Here())
+void RunTracedDump(const auto& body, const TracePoint& exit, const TracePoint& entry = Here())
 {
-    Dump::Run([&] { RunTraced(body, point); });
+    Dump::Run([&] { RunTraced(body, exit, entry); });
 }
 
 // For a dump that cannot be made: handlers that fault again and again, or no stack left for it.
@@ -194,7 +194,8 @@ void StructuredException::DumpExceptionContext(const char* functionName)
             Print("GenerateModuleAddresses...");
             RunPart([this] { GenerateModuleAddresses(); });
             Print("Finished GenerateModuleAddresses");
-        });
+        },
+        Here());
 }
 
 void StructuredException::GenerateCallStack()
@@ -212,7 +213,8 @@ void StructuredException::GenerateCallStack()
                 texts.Format(i, line, sizeof line);
                 PrintAndLog(line, kCallStackIndent);
             }
-        });
+        },
+        Here());
 }
 
 void StructuredException::GenerateModuleAddresses()
@@ -238,7 +240,8 @@ void StructuredException::GenerateModuleAddresses()
             }
             LogLine("");
             Print("Done");
-        });
+        },
+        Here());
 }
 
 void StructuredException::GenerateStackDump(unsigned char* address)
@@ -253,5 +256,6 @@ void StructuredException::GenerateStackDump(unsigned char* address)
                 LogMemoryLine(reinterpret_cast<std::uintptr_t>(address) + i * kMemoryDumpBytes);
             }
             LogLine("");
-        });
+        },
+        Here());
 }
