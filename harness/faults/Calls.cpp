@@ -35,23 +35,25 @@ constexpr int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, EDQUOT, EACCES, EAGAIN, F
 
 // A log's life: opened, filled over several flushes, closed, opened again, closed. Without standard input, so that the log's
 // descriptor has to be moved.
-//   returns how many calls of the planned kind there were
+//   returns how many calls of the planned kind there were, or -1 when lines were refused that must not be
 int Live(const std::string& folder, unsigned int maxFileSize, const Faults::Plan& plan)
 {
     constexpr int kLines = 22;
     close(STDIN_FILENO);
     OpenLog(folder, maxFileSize);
     Faults::gPlan = plan;
-    BeginWriter(plan.m_count > 1 ? Loss::ALLOWED : Loss::NONE);
+    const bool isInterrupted = plan.m_error == EINTR && plan.m_number != SYS_fcntl; // which cannot be interrupted
+    const Writer& writer = BeginWriter(plan.m_count > 1 && !isInterrupted ? Loss::ALLOWED : Loss::NONE);
     LogLines(kLines);
     ShutdownLogging();
     LogLines(kLines);
     ShutdownLogging();
     Faults::gPlan.m_number = -1;
+    const bool isRefused = isInterrupted && writer.m_taken < 2 * kLines;
     BeginWriter();
     const bool goesOn = Log();
     ShutdownLogging();
-    return goesOn ? Faults::gPlannedCalls : -1;
+    return goesOn && !isRefused ? Faults::gPlannedCalls : -1;
 }
 
 // Each call of the kind in turn: returns how many there were, or -1 when something is broken.

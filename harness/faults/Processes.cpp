@@ -44,6 +44,7 @@ bool ForkBeside(const Neighbours& neighbours, int forks)
     const LogFolder folder;
     int failed = 0;
     OpenLog(folder.Path());
+    sleep(1); // the log knows the time of this second without asking
     {
         const RepeatedCalls threads(neighbours.m_calls);
         const auto logToo = []
