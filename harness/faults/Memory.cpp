@@ -32,13 +32,13 @@ siginfo_t gInfo;
 void OnError(ZelvoReaderErrorCode, char*, void*) {}
 void OnWarning(std::uint32_t, char*, void*) {}
 
-void Raise(bool withList, ...)
+void Raise(int withList, ...)
 {
     va_list arguments;
     va_start(arguments, withList);
     try
     {
-        withList ? RaiseErrorVar(ZR_ERROR_UNKNOWN, "Walk() - ", arguments) : RaiseError(ZR_ERROR_UNKNOWN, "Walk() - ");
+        withList != 0 ? RaiseErrorVar(ZR_ERROR_UNKNOWN, "Walk() - ", arguments) : RaiseError(ZR_ERROR_UNKNOWN, "Walk() - ");
     }
     catch (HalvikException* exception)
     {
@@ -100,8 +100,8 @@ const Operation kOperations[] = {
     {kNothing, CALL(SetWarningCallback(OnWarning, nullptr))},
     {kNothing, CALL(LogWarning(1, "source", 5))},
     {kNothing, CALL(LogWarning(0, "source", gLongText.c_str()))},
-    {kNothing, CALL(Raise(true))},
-    {kNothing, CALL(Raise(false))},
+    {kNothing, CALL(Raise(1))},
+    {kNothing, CALL(Raise(0))},
     {kNothing, CALL(delete new HalvikException(ZR_ERROR_UNKNOWN, gLongText.c_str(), "Walk() - "))},
     {kNothing, CALL(gError.GetErrorString(); gError.GetLocationString(); gError.GetErrorCode())},
     {kNothing, CALL(gError.SetHandled(); gError.GetHandled())},

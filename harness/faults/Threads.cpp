@@ -36,15 +36,9 @@ void HandleRuntimeError()
     delete ExceptionHandler::HandleSTDException(kSource, error, true);
 }
 
-void EndInWriter(const char*, void*)
-{
-    pthread_exit(nullptr);
-}
-void EndOnWarning(std::uint32_t, char*, void*)
-{
-    pthread_exit(nullptr);
-}
-void EndOnError(ZelvoReaderErrorCode, char*, void*)
+// A callback of any kind.
+template <class... Arguments>
+void End(Arguments...)
 {
     pthread_exit(nullptr);
 }
@@ -61,12 +55,11 @@ struct Ending
     bool m_isCancelled;
     bool m_isFailureOfHandler; // shows in the last error
 };
-constexpr Ending kEndings[] = {
-    {CALL(Handle(EndInWriter)), false, true},
-    {CALL(SetWarningCallback(EndOnWarning, nullptr); LogWarning(1, kSource, 5)), false, false},
-    {CALL(ExceptionHandler::SetErrorCallback(EndOnError, nullptr); HandleRuntimeError()), false, true},
-    {CALL(Raise(); Handle(AllowCancellation)), true, false},
-    {CALL(Log(); pthread_testcancel()), true, false}};
+constexpr Ending kEndings[] = {{CALL(Handle(End)), false, true},
+                               {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
+                               {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true},
+                               {CALL(Raise(); Handle(AllowCancellation)), true, false},
+                               {CALL(Log(); pthread_testcancel()), true, false}};
 
 void* CallForEver(void* call)
 {

@@ -39,6 +39,13 @@ void* Try(std::size_t size, const Allocate& allocate, bool isNewBlock = true)
     return memory;
 }
 
+void Free(void* memory, void (*free)(void*)) noexcept
+{
+    Enter();
+    free(memory);
+    Leave(memory != nullptr ? -1 : 0);
+}
+
 } // namespace
 
 #ifdef REPLACES_MALLOC
@@ -79,9 +86,7 @@ extern "C"
     }
     void free(void* memory) noexcept
     {
-        Enter();
-        __libc_free(memory);
-        Leave(memory != nullptr ? -1 : 0);
+        Free(memory, __libc_free);
     }
 }
 
@@ -122,19 +127,19 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
 }
 void operator delete(void* memory) noexcept
 {
-    std::free(memory);
+    Free(memory, std::free);
 }
 void operator delete(void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    Free(memory, std::free);
 }
 void operator delete[](void* memory) noexcept
 {
-    std::free(memory);
+    Free(memory, std::free);
 }
 void operator delete[](void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    Free(memory, std::free);
 }
 
 #endif
