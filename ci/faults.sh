@@ -17,7 +17,7 @@ log=build/faults.log
 { run release calls rotation unloading ends threads && run tsan races; } >"$log" 2>&1 &
 status=0
 run asan-ubsan memory threads || status=1
-run release memory forks kills signals disk limit sharing changes races || status=1
+run release memory forks kills signals disk limit sharing changes || status=1
 wait $! || status=1
 cat "$log"
 exit $status

@@ -153,8 +153,15 @@ constexpr struct Change
 
 bool FillDisk(int scale)
 {
-    if ((unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+    const uid_t user = getuid();
+    const gid_t group = getgid();
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0)
+    {
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+        std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=8m") != 0)
     {
         std::puts("disk full: NOT RUN, no file system can be mounted here; the file size limit stands in for it");

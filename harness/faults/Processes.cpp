@@ -54,7 +54,7 @@ bool ForkBeside(const Neighbours& neighbours, int forks)
         };
         for (int i = 0; i < forks; ++i)
         {
-            failed += IsGoodEnd(StartChild(logToo, 2)) ? 0 : 1;
+            failed += IsGoodEnd(StartChild(logToo, 10)) ? 0 : 1;
         }
     }
     ShutdownLogging();
