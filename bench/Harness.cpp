@@ -1,5 +1,7 @@
 #include "bench/Harness.h"
 
+#include "support/Allocations.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -136,6 +138,11 @@ void PrintResult(const std::string& scenario, const std::string& subject, const 
 {
     std::printf("%s\t%s\t%s\t%.4g\n", scenario.c_str(), subject.c_str(), metric.c_str(), value);
     std::fflush(stdout);
+}
+
+std::uint64_t AllocationCount()
+{
+    return static_cast<std::uint64_t>(Allocations::tCount);
 }
 
 void ParkSecondThread()

@@ -1,22 +1,23 @@
 #!/bin/sh
-# The short forms of the fault programs, on the library only: a broken promise fails. The peers' programs are run by hand.
+# The short forms of all faults, two programs at a time: on the optimised build, and again for the heap and the threads under
+# their sanitizers. A broken promise fails. The long forms: build/release/harness/faults/faults 10 [CASE...]
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
 
-tools/build.sh faults faults_short
-programs=build/faults/tools/fault_harness
-status=0
-for program in faults_memory faults_calls_library faults_disk_library faults_processes_library faults_kills_library \
-    faults_unwind; do
-    "$programs/$program" || status=1
+for preset in release asan-ubsan tsan; do
+    tools/build.sh "$preset" faults
 done
-"$programs/faults_soak" || status=1
-"$programs/faults_unload" build/faults/libErrorHandlerDll.so || status=1
-
-# The heap and the threads under their sanitizers.
-tools/build.sh asan-ubsan faults_memory faults_unwind
-build/asan-ubsan/tools/fault_harness/faults_memory || status=1
-build/asan-ubsan/tools/fault_harness/faults_unwind || status=1
-tools/build.sh tsan faults_races
-build/tsan/tools/fault_harness/faults_races || status=1
+run() {
+    preset=$1
+    shift
+    "build/$preset/harness/faults/faults" "$@"
+}
+log=build/faults.log
+{ run release calls rotation unloading ends threads && run tsan races; } >"$log" 2>&1 &
+status=0
+run asan-ubsan memory threads || status=1
+run release memory forks kills signals disk limit sharing changes || status=1
+wait $! || status=1
+cat "$log"
 exit $status

@@ -1,6 +1,5 @@
 // This library.
-#include "ErrorHandlerDll/ErrorHandlerDll.h"
-#include "bench/LogSubject.h"
+#include "bench/subjects/OpenLibraryLog.h"
 
 namespace
 {
@@ -10,15 +9,7 @@ class LibraryLog final : public LogAdapter<LibraryLog>
 public:
     const char* Name() const override { return "library"; }
 
-    void Open(const std::string& path, std::size_t maxFileSize) override
-    {
-        LoggingSettings settings = {};
-        settings.flushInterval = kLinesPerFlush - 1;
-        settings.strategy = maxFileSize > 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
-        settings.maxFileSize = static_cast<std::uint32_t>(maxFileSize);
-        InitialiseLogging(true, ZR_LOG_WARNING, 1, path.c_str());
-        SetLoggingOptions(&settings);
-    }
+    void Open(const std::string& path, std::size_t maxFileSize) override { OpenLibraryLog(path, maxFileSize); }
     void Close() override { ShutdownLogging(); }
 
     void Line(const std::string& message) { LogMessage(ZR_LOG_WARNING, 1, kSource, message.c_str()); }

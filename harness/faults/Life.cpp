@@ -1,0 +1,89 @@
+// A long life: many lines to numbered files that are deleted on the way, and the library loaded and unloaded again and
+// again. The process does not grow.
+#include "harness/faults/Oracle.h"
+
+#include <algorithm>
+#include <dlfcn.h>
+#include <malloc.h>
+
+namespace
+{
+
+struct Size
+{
+    long m_heapBytes = static_cast<long>(mallinfo2().uordblks);
+    long m_pages[2] = {}; // in all, resident
+    long m_descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+
+    Size() { std::ifstream("/proc/self/statm") >> m_pages[0] >> m_pages[1]; }
+};
+
+// `round` returns whether the log is whole.
+bool StayFlat(const char* name, int rounds, const std::function<bool(const LogFolder& folder)>& round)
+{
+    constexpr int kWarmUp = 5;
+    constexpr long kSmallestBlock = 32;
+    constexpr long kMaxPages = 64;
+    int broken = 0;
+    Size before;
+    for (int i = -kWarmUp; i < rounds; ++i)
+    {
+        const LogFolder folder;
+        before = i == 0 ? Size() : before;
+        broken += round(folder) ? 0 : 1;
+    }
+    const Size after;
+    const long heap = after.m_heapBytes - before.m_heapBytes;
+    const long pages = after.m_pages[0] - before.m_pages[0];
+    const long resident = after.m_pages[1] - before.m_pages[1];
+    const long descriptors = after.m_descriptors - before.m_descriptors;
+    return Report(name, Verdict(),
+                  broken == 0 && heap < kSmallestBlock / 2 * rounds && pages <= kMaxPages && resident <= kMaxPages &&
+                      descriptors == 0,
+                  "%d rounds, %d broken: heap %+ld bytes, pages %+ld, resident %+ld, descriptors %+ld", rounds, broken, heap,
+                  pages, resident, descriptors);
+}
+
+} // namespace
+
+bool Rotate(int scale)
+{
+    const auto round = [](const LogFolder& folder)
+    {
+        OpenLog(folder.Path(), 200000, 101);
+        LogLines(10000);
+        ShutdownLogging();
+        const Verdict verdict(folder.Path());
+        return verdict.IsWhole() && verdict.Lost() == 0;
+    };
+    return StayFlat("10,000 lines to numbered files, deleted", 40 * scale, round);
+}
+
+// Another copy of the library than the one that this program is linked with.
+bool Unload(int scale)
+{
+    const TemporaryFolder other;
+    const std::string library = other / "copy.so";
+    Dl_info info = {};
+    dladdr(reinterpret_cast<void*>(&InitialiseLogging), &info);
+    std::filesystem::copy_file(info.dli_fname, library);
+    const auto round = [&](const LogFolder& folder)
+    {
+        constexpr int kLines = 50;
+        void* const handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+        const auto initialise = reinterpret_cast<decltype(&InitialiseLogging)>(dlsym(handle, "InitialiseLogging"));
+        const auto log = reinterpret_cast<decltype(&LogMessage)>(dlsym(handle, "LogMessage"));
+        const auto add = reinterpret_cast<decltype(&AddCustomErrorMessage)>(dlsym(handle, "AddCustomErrorMessage"));
+        initialise(true, ZR_LOG_WARNING, 1, (folder / "app.log").c_str());
+        for (int i = 0; i < kLines; ++i)
+        {
+            log(ZR_LOG_WARNING, 1, "", "line");
+            add(static_cast<ZelvoReaderErrorCode>(ZR_CUSTOM_ERROR_FIRST + i), "text");
+        }
+        dlclose(handle);
+        const std::string text = ReadFile(folder / "app.log");
+        return std::count(text.begin(), text.end(), '\n') == kLines &&
+               dlopen(library.c_str(), RTLD_NOW | RTLD_NOLOAD) == nullptr;
+    };
+    return StayFlat("dlopen, log, dlclose", 100 * scale, round);
+}

@@ -1,0 +1,172 @@
+// Threads that end in the middle of the library, by pthread_exit or by cancellation: the lock is free afterwards, and lines
+// go on. And all calls at a time, for the thread sanitizer.
+#include "ErrorHandlerDll/ExceptionHandler.h"
+#include "ErrorHandlerDll/HalvikException.h"
+#include "harness/faults/Oracle.h"
+
+#include <pthread.h>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr const char* kSource = "Threads::End() - ";
+
+void Raise()
+{
+    try
+    {
+        RaiseError(ZR_ERROR_UNKNOWN, kSource);
+    }
+    catch (HalvikException* exception)
+    {
+        delete exception;
+    }
+}
+
+void Handle(void (*writer)(const char*, void*))
+{
+    delete ExceptionHandler::GenericHandleException(kSource, ZR_ERROR_UNKNOWN, "message", true, writer, nullptr);
+}
+
+void HandleRuntimeError()
+{
+    std::runtime_error error("text");
+    delete ExceptionHandler::HandleSTDException(kSource, error, true);
+}
+
+// A callback of any kind.
+template <class... Arguments>
+void End(Arguments...)
+{
+    pthread_exit(nullptr);
+}
+void AllowCancellation(const char*, void*)
+{
+    pthread_testcancel();
+}
+
+// Called again and again by two threads, until they have ended.
+struct Ending
+{
+    const char* m_name;
+    void (*m_call)();
+    bool m_isCancelled;
+    bool m_isFailureOfHandler; // shows in the last error
+};
+constexpr Ending kEndings[] = {{CALL(Handle(End)), false, true},
+                               {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
+                               {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true},
+                               {CALL(Raise(); Handle(AllowCancellation)), true, false},
+                               {CALL(Log(); pthread_testcancel()), true, false}};
+
+void* CallForEver(void* call)
+{
+    for (;;)
+    {
+        reinterpret_cast<void (*)()>(call)();
+    }
+}
+
+// The blocks of the handlers are none of our lines: what tears ours, shows in lost and joined ones.
+Verdict ReadBesideBlocks(const LogFolder& folder)
+{
+    Verdict verdict(folder.Path());
+    verdict.m_torn = 0;
+    return verdict;
+}
+
+bool EndThreadsIn(const Ending& ending, int rounds)
+{
+    const LogFolder folder;
+    int taken = 0;
+    OpenLog(folder.Path());
+    BeginWriter();
+    for (int round = 0; round < rounds; ++round)
+    {
+        pthread_t threads[2];
+        for (pthread_t& thread : threads)
+        {
+            pthread_create(&thread, nullptr, CallForEver, reinterpret_cast<void*>(ending.m_call));
+        }
+        usleep(static_cast<unsigned int>(round % 7) * 100);
+        for (const pthread_t thread : threads)
+        {
+            if (ending.m_isCancelled)
+            {
+                pthread_cancel(thread);
+            }
+            pthread_join(thread, nullptr);
+        }
+        taken += Log() ? 1 : 0;
+    }
+    ShutdownLogging();
+    return Report(std::string("ends in ") + ending.m_name, ReadBesideBlocks(folder),
+                  taken == rounds &&
+                      (!ending.m_isFailureOfHandler || ExceptionHandler::m_lastErrorCode == ZR_ERROR_IN_EXCEPTION_HANDLER),
+                  "%d threads", 2 * rounds);
+}
+
+// ---- All at a time ----
+
+void ChangeSettings()
+{
+    static unsigned int round = 0;
+    static const std::string names[] = {GetLogFilename(), GetLogFilename() + std::string(".log")};
+    const auto strategy = ++round % 3 == 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
+    LoggingSettings settings = {0, 0, round % 50, strategy, 100000, 0};
+    SetLoggingOptions(&settings);
+    GetLoggingOptions(&settings);
+    InitialiseLogging(true, ZR_LOG_WARNING, 1, names[round % 2].c_str());
+    if (round % 5 == 0)
+    {
+        ShutdownLogging();
+    }
+    usleep(1000);
+}
+
+void CallLog()
+{
+    Log();
+}
+
+void LookUp()
+{
+    char text[256];
+    int length = sizeof text;
+    GetErrorString(ZR_ERROR_MEMORY_ALLOCATION, text, &length);
+    LogWarning(1, "filtered ", 5);
+    LogMessageAndBufferAsHex(3, 2, "", "filtered", reinterpret_cast<unsigned char*>(text), length);
+}
+
+// On one thread: the last error is one for the process, written without a lock.
+void HandleAll()
+{
+    HalvikException error(ZR_ERROR_UNKNOWN, "message", kSource);
+    ExceptionHandler::HandleHalvikException(kSource, &error);
+    HandleRuntimeError();
+    delete ExceptionHandler::HandleUnknownException(kSource, true);
+}
+
+} // namespace
+
+bool EndThreads(int scale)
+{
+    return RunAll(kEndings, [&](const Ending& ending)
+                  { return IsGoodEnd(StartChild([&] { _exit(EndThreadsIn(ending, 40 * scale) ? 0 : 1); }, 60)); });
+}
+
+bool Race(int scale)
+{
+    const LogFolder folder;
+    OpenLog(folder.Path());
+    ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); },
+                                       nullptr);
+    {
+        const RepeatedCalls threads({CallLog, CallLog, ChangeSettings, LookUp, Raise, Raise, HandleAll});
+        sleep(static_cast<unsigned int>(3 * scale));
+    }
+    ShutdownLogging();
+    return Report("logging, settings, raising, handling", ReadBesideBlocks(folder), true, "%d s", 3 * scale);
+}
