@@ -201,16 +201,17 @@ void FaultInLogCall(Way way)
 }
 
 // The handler of a signal that is not fatal faults itself.
+void FaultInHandler(int, siginfo_t*, void* context)
+{
+    tThread->hasGap = true; // libc's raise
+    NoteSignal(static_cast<ucontext_t*>(context), __builtin_return_address(0));
+    tThread->hasGap = false;
+    Descend(2);
+}
+
 void FaultInHandlers(Way way)
 {
-    const auto faultInHandler = [](int, siginfo_t*, void* context)
-    {
-        tThread->hasGap = true; // libc's raise
-        NoteSignal(static_cast<ucontext_t*>(context), __builtin_return_address(0));
-        tThread->hasGap = false;
-        Descend(2);
-    };
-    Install(SIGUSR2, faultInHandler);
+    Install(SIGUSR2, FaultInHandler);
     Guard(way, [] { raise(SIGUSR2); });
     Fault(way, 3);
 }
