@@ -58,7 +58,7 @@ def in_debugger(count):
     gdb.execute("handle SIGPROF stop nopass", to_string=True)
     gdb.execute("handle SIGUSR1 nostop pass noprint", to_string=True)
     gdb.Breakpoint("ThreadState::Compare")
-    gdb.execute("run > stdout", to_string=True)
+    gdb.execute("run wander append 30 1 > stdout", to_string=True)
     places, differences = collections.Counter(), 0
     for _ in range(count):
         gdb.execute("handle SIGPROF nostop noprint nopass", to_string=True)
@@ -86,7 +86,6 @@ def main():
         try:
             # What the debugger and the program print is noise.
             command = ["gdb", "-q", "-nx", "-batch", "-x", os.path.abspath(__file__), "--args", build + "/host-O1"]
-            command += ["wander", "append", "30", "1"]
             sys.exit(subprocess.run(command, check=False, cwd=folder, env=dict(os.environ, COUNT=count, REPORT=str(report)),
                                     pass_fds=[report], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                     stderr=subprocess.STDOUT).returncode)
