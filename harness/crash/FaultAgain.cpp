@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/filter.h>
@@ -103,8 +104,25 @@ void JumpOutOfCallback(Way way)
     FaultTwice();
 }
 
-// The delays reach every stretch of the dumps of a fault.
-void JumpOutByAlarm(Way way)
+// Sends the signal to the calling thread after that time; 0: no more.
+void SendAfter(long microseconds, int signal)
+{
+    static const timer_t timer = [signal]
+    {
+        timer_t made = nullptr;
+        sigevent event = {};
+        event.sigev_notify = SIGEV_THREAD_ID;
+        event._sigev_un._tid = gettid();
+        event.sigev_signo = signal;
+        timer_create(CLOCK_MONOTONIC, &event, &made);
+        return made;
+    }();
+    const itimerspec times = {{}, {0, microseconds * 1000}};
+    timer_settime(timer, 0, &times, nullptr);
+}
+
+// The delays reach every stretch of the dumps of a fault. The signal jumps out of them, or is that of another fault.
+void InterruptDumps(Way way)
 {
     const auto jumpOut = [](int, siginfo_t*, void*)
     {
@@ -114,47 +132,19 @@ void JumpOutByAlarm(Way way)
         }
     };
     Install(SIGALRM, jumpOut);
-    for (int microseconds = 5; microseconds < 1000; microseconds += 12)
+    const int signal = gCase.name == "alarm" ? SIGALRM : SIGSEGV;
+    gSendsIntoDumps = tThread->hasGap = signal == SIGSEGV;
+    for (long microseconds = 5; microseconds < 1000; microseconds += 12)
     {
         const auto run = [=]
         {
-            const itimerval alarm = {{}, {0, microseconds}};
-            setitimer(ITIMER_REAL, &alarm, nullptr);
+            SendAfter(microseconds, signal);
             Descend(1);
         };
         Guard(way, run);
+        SendAfter(0, signal);
     }
-    FaultTwice();
-}
-
-// Another thread sends a fault's signal into each dump.
-void SendIntoDumps(Way way)
-{
-    const pthread_t main = pthread_self();
-    gSendsIntoDumps = true;
-    tThread->hasGap = true;
-    for (int microseconds = 5; microseconds < 700; microseconds += 13)
-    {
-        const auto send = [=]
-        {
-            gState.wait(0);
-            for (const std::int64_t end = Now() + microseconds * std::int64_t{1000}; Now() < end;)
-            {
-            }
-            pthread_kill(main, SIGSEGV);
-        };
-        gState = 0;
-        const std::jthread sender = Start(1, send);
-        const auto run = []
-        {
-            gState = 1;
-            gState.notify_one();
-            Descend(1);
-        };
-        Guard(way, run);
-    }
-    gSendsIntoDumps = false;
-    tThread->hasGap = false;
+    gSendsIntoDumps = tThread->hasGap = false;
     FaultTwice();
     Start(2, FaultTwice).join();
 }
@@ -162,23 +152,15 @@ void SendIntoDumps(Way way)
 // A handler that dumps and returns, anywhere in a loop that logs.
 void DumpOnRequest(Way way)
 {
-    const pthread_t main = pthread_self();
-    const auto send = [=]
-    {
-        for (unsigned int i = 0; i < 30; ++i)
-        {
-            usleep(1000 + 37 * i);
-            pthread_kill(main, SIGUSR1);
-        }
-        usleep(5000);
-        gState = 1;
-    };
     tThread->hasGap = true;
     tThread->way = way;
-    const std::jthread sender = Start(1, send);
-    while (gState == 0)
+    for (int i = 0; i < 30; ++i)
     {
-        LogNext();
+        SendAfter(1000 + 37 * i, SIGUSR1);
+        while (gRecord->dumpCount == i)
+        {
+            LogNext();
+        }
     }
 }
 
@@ -351,8 +333,7 @@ const struct
     {FaultInReloaded, Way::JUMP, "reload "},
     {FaultInReloaded, Way::THROW, "reload-throw "},
     {JumpOutOfCallback, Way::JUMP, "callback-jumps "},
-    {JumpOutByAlarm, Way::JUMP, "alarm "},
-    {SendIntoDumps, Way::JUMP, "sent "},
+    {InterruptDumps, Way::JUMP, "alarm sent "},
     {DumpOnRequest, Way::JUMP, "dumps-on-request "},
     {FaultInLogCall, Way::JUMP, "log-call "},
     {FaultInLogCall, Way::JUMP_THEN_HANDLE, "log-call-then-handle "},

@@ -12,12 +12,11 @@
 #include <link.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <x86intrin.h>
 
 Case gCase;
 Record* gRecord = nullptr;
 Thread gThreads[kMaxThreads];
-thread_local Thread* tThread = nullptr;
+constinit thread_local Thread* tThread = nullptr;
 bool gOthersCanLog = true;
 std::atomic<bool> gSendsIntoDumps{false};
 std::atomic<int> gState{0};
@@ -27,7 +26,6 @@ PluginStep gPluginStep = nullptr;
 namespace
 {
 
-constexpr greg_t kTrapFlag = 0x100; // of the processor: a trap after each instruction
 constexpr int kPrintedBefore = 10;
 int gSecondsToLog = 1; // for a thread that starts after a fault
 
@@ -46,14 +44,18 @@ std::int64_t Now()
     return std::chrono::steady_clock::now().time_since_epoch().count();
 }
 
+void LogNext(int writer)
+{
+    const long long line = gRecord->lines[writer] + 1;
+    if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", writer, line))
+    {
+        gRecord->lines[writer] = line;
+    }
+}
+
 void LogNext()
 {
-    const int number = tThread->number;
-    const long long line = gRecord->lines[number] + 1;
-    if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", number, line))
-    {
-        gRecord->lines[number] = line;
-    }
+    LogNext(tThread->number);
 }
 
 void PrintNext()
@@ -241,6 +243,9 @@ void Handle(StructuredException& exception)
     tThread->dump->written = 2;
 }
 
+namespace
+{
+
 [[gnu::noinline]] void HandleFatalSignal(int signal, siginfo_t* info, void* argument)
 {
     if (tThread->stopsOnFault)
@@ -288,6 +293,8 @@ void Handle(StructuredException& exception)
     }
 }
 
+} // namespace
+
 void Install(int signal, void (*handler)(int, siginfo_t*, void*))
 {
     struct sigaction action = {};
@@ -298,29 +305,6 @@ void Install(int signal, void (*handler)(int, siginfo_t*, void*))
         sigfillset(&action.sa_mask); // what it sends arrives when it returns, at the very instruction
     }
     sigaction(signal, &action, nullptr);
-}
-
-[[gnu::no_instrument_function]] void HandleStep(int, siginfo_t*, void* argument)
-{
-    greg_t& flags = static_cast<ucontext_t*>(argument)->uc_mcontext.gregs[REG_EFL];
-    flags |= kTrapFlag;
-    if (tThread->stepsLeft-- == 0)
-    {
-        flags &= ~kTrapFlag;
-        tThread->signalAfterSteps == 0 ? StopForEver() : static_cast<void>(raise(tThread->signalAfterSteps));
-    }
-}
-
-[[gnu::no_instrument_function]] void BeginSteps(long steps, int signalAfter)
-{
-    tThread->stepsLeft = steps;
-    tThread->signalAfterSteps = signalAfter;
-    __writeeflags(__readeflags() | kTrapFlag);
-}
-
-[[gnu::no_instrument_function]] void EndSteps()
-{
-    __writeeflags(__readeflags() & ~static_cast<unsigned long long>(kTrapFlag));
 }
 
 // ---- Where it faults --------------------------------------------------------------------------------------------------
@@ -391,8 +375,9 @@ int main(int argc, char** argv)
     dl_iterate_phdr(CountModule, nullptr);
 
     LoggingSettings settings = {};
-    settings.flushInterval = 100;
-    settings.maxFileSize = 12000;
+    const bool isShort = gCase.name.starts_with("step"); // four lines flush, and go to the next file
+    settings.flushInterval = isShort ? 3 : 100;
+    settings.maxFileSize = isShort ? 300 : 12000;
     settings.strategy = gCase.strategy == "rotate"      ? LOGGING_STRATEGY_FILE_SIZE
                         : gCase.strategy == "overwrite" ? LOGGING_STRATEGY_OVERWRITE
                                                         : LOGGING_STRATEGY_APPEND;

@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <sys/time.h>
 #include <thread>
 
 constexpr std::size_t kSignalStackSize = 1 << 20; // under a sanitizer the dump needs much
@@ -82,7 +81,7 @@ struct Case
 extern Case gCase;
 extern Record* gRecord;
 extern Thread gThreads[kMaxThreads];
-extern thread_local Thread* tThread;
+extern constinit thread_local Thread* tThread;
 extern bool gOthersCanLog; // a guard tries it after each fault
 extern std::atomic<bool> gSendsIntoDumps;
 extern std::atomic<int> gState;      // of what two threads agree on
@@ -96,6 +95,7 @@ void Require(bool condition, int status);
 
 std::int64_t Now();
 void LogNext();
+void LogNext(int writer);
 void PrintNext();
 [[noreturn]] void StopForEver(); // and tells by gState that it has
 [[noreturn]] void End();         // all threads have logged what they will
@@ -142,13 +142,6 @@ private:
 };
 
 void Install(int signal, void (*handler)(int, siginfo_t*, void*));
-void HandleFatalSignal(int signal, siginfo_t* info, void* context);
-
-// From now on the processor traps after each instruction of the calling thread, until tThread->stepsLeft are done; then it
-// gets its signal.
-void BeginSteps(long steps, int signalAfter);
-void EndSteps();
-void HandleStep(int signal, siginfo_t* info, void* context);
 
 // ---- Faults ----
 
@@ -184,8 +177,6 @@ void Guard(Way way, Run run)
         }
     }
     tThread->isGuarded = false;
-    const itimerval never = {};
-    setitimer(ITIMER_REAL, &never, nullptr);
     before.Compare();
     LogNext();
     LetOthersLog();

@@ -80,10 +80,10 @@ def random_cases(count):
 
 
 def step_cases(build, wanted):
-    """At `wanted` instructions of each line, spread evenly."""
+    """At `wanted` instructions of some lines, spread evenly."""
     for name in ("step", "step-handler"):
         for strategy in STRATEGIES:
-            case = Case(name, strategy, 1000, 1 << 30, calls_back=True)
+            case = Case(name, strategy, 30, 1 << 30, calls_back=True)
             total = run(build, case, False).steps
             for number in range(0, total, max(1, total // wanted)):
                 yield dataclasses.replace(case, number=number)

@@ -15,8 +15,7 @@ LONGEST_DUMP = 3.0  # seconds: what a watchdog leaves a dying process
 MAX_FRAMES = 100
 GAP, MAX_GAP = 1, 25
 MAX_BEHIND_MAIN = 12  # libc and libstdc++ start threads
-EXITS = {4: "another thread could not log at once", 6: "the line is not one that flushes",
-         8: "the plug-ins are not where they should be", 9: "this machine does not allow the restriction"}
+EXITS = {4: "another thread could not log at once", 8: "the plug-ins are not where they should be", 9: "this machine does not allow the restriction"}
 
 LINE = re.compile(r"\d\d/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} - ERROR      - \[ThreadID: (\d+)\] - (.*)", re.S)
 HANDLER, CONSTRUCTOR = "Host::HandleFatalSignal", "StructuredException::StructuredException"
