@@ -74,7 +74,9 @@ def random_cases(count):
     for i in range(count):
         strategy = STRATEGIES[i % 2]
         if i % 3 == 2:
-            yield Case("beside-stopped", strategy, 30, 3, "ignored", keeps_lines=True, calls_back=True, may_be_torn=True)
+            # A thread that is stopped between two files leaves no log to write to.
+            yield Case("beside-stopped", strategy, 30, 3, log=strategy == "append", printed=False, keeps_lines=True,
+                       calls_back=True, may_be_torn=True)
         else:
             yield Case("random", strategy, 30, (1, 3)[i // 2 % 2], printed=False, calls_back=True, may_be_torn=True)
 
