@@ -1,4 +1,4 @@
-// What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: tools/crash_harness.
+// What a dump does when its surroundings are damaged or unusual. Faults at arbitrary instructions: harness/crash.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"

@@ -9,12 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <elf.h>
-#include <fcntl.h>
 #include <filesystem>
-#include <string>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <fstream>
 #include <vector>
 
 namespace
@@ -22,113 +18,69 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kPage = 4096;
 constexpr std::uintptr_t kAddressesOfAFunction = 8; // evenly, and its last, for which the whole program runs
 constexpr std::uintptr_t kRowsAt = 12;              // in .eh_frame_hdr
-constexpr int kMostReports = 20;
+constexpr unsigned long kMaxReports = 20;
 
-struct Totals
-{
-    unsigned long files = 0;
-    unsigned long filesWithoutTable = 0;
-    unsigned long entries = 0;
-    unsigned long addresses = 0;
-    unsigned long ends = 0;
-    unsigned long unread = 0;
-};
+unsigned long gFiles, gFilesWithoutTable, gEntries, gAddresses, gEnds, gUnread;
 
 // Memory in which every word leads back into its middle: whatever a row reads, it finds a frame there.
-class Stack
+std::uint64_t MakeStack()
 {
-public:
-    Stack()
-        : m_words(static_cast<std::uint64_t*>(
-              mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)))
-    {
-        std::fill_n(m_words, kSize / sizeof *m_words, Middle());
-    }
-    std::uint64_t Middle() const { return reinterpret_cast<std::uint64_t>(m_words) + kSize / 2; }
+    static std::vector<std::uint64_t> words(std::size_t{8} << 20);
+    const auto middle = reinterpret_cast<std::uint64_t>(words.data() + words.size() / 2);
+    std::fill(words.begin(), words.end(), middle);
+    return middle;
+}
 
-private:
-    static constexpr std::size_t kSize = std::size_t{64} << 20;
-    std::uint64_t* const m_words;
-};
+const std::uint64_t kStack = MakeStack();
 
 // An object in memory as the loader puts it there, but not relocated.
-class Image
+struct Image
 {
-public:
+    std::vector<char> bytes;
+    std::uintptr_t unwindHeader = 0; // its address; 0 without
+
     explicit Image(const fs::path& path)
     {
-        const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat status = {};
-        Elf64_Ehdr header;
-        if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-            pread(file, &header, sizeof header, 0) == sizeof header && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
-            header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64 &&
-            (header.e_type == ET_DYN || header.e_type == ET_EXEC))
-        {
-            std::vector<Elf64_Phdr> segments(header.e_phnum);
-            const std::size_t size = segments.size() * sizeof segments[0];
-            if (pread(file, segments.data(), size, static_cast<off_t>(header.e_phoff)) == static_cast<ssize_t>(size))
-            {
-                Map(file, segments);
-            }
-        }
-        close(file);
-    }
-    ~Image()
-    {
-        if (m_size != 0)
-        {
-            munmap(reinterpret_cast<void*>(m_base), m_size);
-        }
-    }
-    Image(const Image&) = delete;
-    Image& operator=(const Image&) = delete;
-
-    bool IsObject() const { return m_size != 0; }
-    std::uintptr_t UnwindHeader() const { return m_unwindHeader; }
-
-private:
-    void Map(int file, const std::vector<Elf64_Phdr>& segments)
-    {
-        std::uintptr_t start = ~std::uintptr_t{0};
-        std::uintptr_t end = 0;
-        for (const Elf64_Phdr& segment : segments)
-        {
-            if (segment.p_type == PT_LOAD)
-            {
-                start = std::min(start, segment.p_vaddr & ~(kPage - 1));
-                end = std::max(end, segment.p_vaddr + segment.p_memsz);
-            }
-        }
-        void* const memory =
-            start < end ? mmap(nullptr, end - start, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) : MAP_FAILED;
-        if (memory == MAP_FAILED)
+        std::ifstream file(path, std::ios::binary);
+        Elf64_Ehdr header = {};
+        file.read(reinterpret_cast<char*>(&header), sizeof header);
+        if (!file || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
+            header.e_machine != EM_X86_64 || (header.e_type != ET_DYN && header.e_type != ET_EXEC))
         {
             return;
         }
-        m_base = reinterpret_cast<std::uintptr_t>(memory);
-        m_size = end - start;
+        std::vector<Elf64_Phdr> segments(header.e_phnum);
+        ReadAt(file, header.e_phoff, segments.data(), segments.size() * sizeof segments[0]);
+        const auto isLoaded = [](const Elf64_Phdr& segment)
+        {
+            return segment.p_type == PT_LOAD;
+        };
+        const auto first = std::find_if(segments.begin(), segments.end(), isLoaded); // they are in order
+        const std::uint64_t start = first == segments.end() ? 0 : first->p_vaddr;
         for (const Elf64_Phdr& segment : segments)
         {
-            if (segment.p_type == PT_LOAD && segment.p_filesz != 0)
+            if (isLoaded(segment))
             {
-                const std::size_t lead = segment.p_vaddr % kPage;
-                mmap(reinterpret_cast<void*>(m_base - start + segment.p_vaddr - lead), segment.p_filesz + lead, PROT_READ,
-                     MAP_PRIVATE | MAP_FIXED, file, static_cast<off_t>(segment.p_offset - lead));
+                bytes.resize(segment.p_vaddr + segment.p_filesz - start);
+                ReadAt(file, segment.p_offset, bytes.data() + (segment.p_vaddr - start), segment.p_filesz);
             }
+        }
+        for (const Elf64_Phdr& segment : segments)
+        {
             if (segment.p_type == PT_GNU_EH_FRAME)
             {
-                m_unwindHeader = m_base - start + segment.p_vaddr;
+                unwindHeader = reinterpret_cast<std::uintptr_t>(bytes.data()) + (segment.p_vaddr - start);
             }
         }
     }
 
-    std::uintptr_t m_base = 0;
-    std::size_t m_size = 0;
-    std::uintptr_t m_unwindHeader = 0;
+    static void ReadAt(std::ifstream& file, std::uint64_t offset, void* out, std::size_t size)
+    {
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(static_cast<char*>(out), static_cast<std::streamsize>(size));
+    }
 };
 
 struct SearchRow
@@ -152,82 +104,72 @@ std::uint32_t CountRows(Unwind::MemoryReader& memory, std::uintptr_t header)
     return isKnown ? start.count : 0;
 }
 
-class Reader
+void Report(const fs::path& path, long code, const char* what)
 {
-public:
-    void ReadObject(const fs::path& path)
+    if (gUnread++ < kMaxReports)
     {
-        const Image image(path);
-        if (!image.IsObject())
-        {
-            return;
-        }
-        ++m_totals.files;
-        Unwind::MemoryReader memory;
-        const std::uint32_t count = CountRows(memory, image.UnwindHeader());
-        m_totals.filesWithoutTable += count == 0 ? 1 : 0;
-        for (std::uint32_t i = 0; i < count; ++i)
-        {
-            SearchRow row = {};
-            memory.Read(image.UnwindHeader() + kRowsAt + i * sizeof row, row);
-            ++m_totals.entries;
-            const std::uintptr_t code = image.UnwindHeader() + static_cast<std::uintptr_t>(std::int64_t{row.code});
-            Unwind::FrameEntry entry;
-            if (!Unwind::FindFrameEntry(memory, image.UnwindHeader(), code, entry))
-            {
-                Report(path, row.code, "no entry");
-                continue;
-            }
-            const std::uintptr_t stride = (entry.codeEnd - entry.codeStart) / kAddressesOfAFunction + 1;
-            for (std::uintptr_t address = entry.codeStart; address < entry.codeEnd; address += stride)
-            {
-                ReadAt(path, memory, image.UnwindHeader(), address);
-            }
-            ReadAt(path, memory, image.UnwindHeader(), entry.codeEnd - 1);
-        }
+        std::printf("%s: %s at .eh_frame_hdr%+ld\n", path.c_str(), what, code);
     }
+}
 
-    const Totals& GetTotals() const { return m_totals; }
-
-private:
-    void ReadAt(const fs::path& path, Unwind::MemoryReader& memory, std::uintptr_t header, std::uintptr_t address)
+Unwind::UnwindResult UnwindWith(std::uint64_t value, Unwind::MemoryReader& memory, std::uintptr_t header,
+                                std::uintptr_t address)
+{
+    Unwind::FrameRegisters registers;
+    for (unsigned number = 0; number < Unwind::FrameRegisters::kCount; ++number)
     {
-        Unwind::UnwindResult result = UnwindWith(m_stack.Middle(), memory, header, address);
-        if (result == Unwind::UnwindResult::NO_TABLES)
-        {
-            result = UnwindWith(1, memory, header, address); // some tables take a register for an index
-        }
-        ++m_totals.addresses;
-        m_totals.ends += result == Unwind::UnwindResult::END_OF_STACK ? 1 : 0;
-        if (result == Unwind::UnwindResult::NO_TABLES)
-        {
-            Report(path, static_cast<long>(address - header), "a row that cannot be read");
-        }
+        registers.Set(number, value);
     }
+    registers.Set(Unwind::FrameRegisters::kStackPointer, kStack);
+    return Unwind::UnwindFrame(memory, header, address, registers);
+}
 
-    Unwind::UnwindResult UnwindWith(std::uint64_t value, Unwind::MemoryReader& memory, std::uintptr_t header,
-                                    std::uintptr_t address) const
+void ReadRow(const fs::path& path, Unwind::MemoryReader& memory, std::uintptr_t header, std::uintptr_t address)
+{
+    Unwind::UnwindResult result = UnwindWith(kStack, memory, header, address);
+    if (result == Unwind::UnwindResult::NO_TABLES)
     {
-        Unwind::FrameRegisters registers;
-        for (unsigned number = 0; number < Unwind::FrameRegisters::kCount; ++number)
-        {
-            registers.Set(number, value);
-        }
-        registers.Set(Unwind::FrameRegisters::kStackPointer, m_stack.Middle());
-        return Unwind::UnwindFrame(memory, header, address, registers);
+        result = UnwindWith(1, memory, header, address); // some tables take a register for an index
     }
-
-    void Report(const fs::path& path, long code, const char* what)
+    ++gAddresses;
+    gEnds += result == Unwind::UnwindResult::END_OF_STACK ? 1 : 0;
+    if (result == Unwind::UnwindResult::NO_TABLES)
     {
-        if (m_totals.unread++ < kMostReports)
-        {
-            std::printf("%s: %s at .eh_frame_hdr%+ld\n", path.c_str(), what, code);
-        }
+        Report(path, static_cast<long>(address - header), "a row that cannot be read");
     }
+}
 
-    const Stack m_stack;
-    Totals m_totals;
-};
+void ReadObject(const fs::path& path)
+{
+    const Image image(path);
+    if (image.bytes.empty())
+    {
+        return;
+    }
+    ++gFiles;
+    Unwind::MemoryReader memory;
+    const std::uint32_t count = CountRows(memory, image.unwindHeader);
+    gFilesWithoutTable += count == 0 ? 1 : 0;
+    gEntries += count;
+    for (std::uint32_t i = 0; i < count; ++i)
+    {
+        SearchRow row = {};
+        memory.Read(image.unwindHeader + kRowsAt + i * sizeof row, row);
+        const std::uintptr_t code = image.unwindHeader + static_cast<std::uintptr_t>(std::int64_t{row.code});
+        Unwind::FrameEntry entry;
+        if (!Unwind::FindFrameEntry(memory, image.unwindHeader, code, entry))
+        {
+            Report(path, row.code, "no entry");
+            continue;
+        }
+        const std::uintptr_t stride = (entry.codeEnd - entry.codeStart) / kAddressesOfAFunction + 1;
+        for (std::uintptr_t address = entry.codeStart; address < entry.codeEnd; address += stride)
+        {
+            ReadRow(path, memory, image.unwindHeader, address);
+        }
+        ReadRow(path, memory, image.unwindHeader, entry.codeEnd - 1);
+    }
+}
 
 } // namespace
 
@@ -238,7 +180,6 @@ int main(int count, char** arguments)
     {
         folders.push_back("/usr/lib");
     }
-    Reader reader;
     for (const fs::path& folder : folders)
     {
         constexpr auto kOptions = fs::directory_options::skip_permission_denied;
@@ -247,13 +188,12 @@ int main(int count, char** arguments)
             // Files of debug information keep the headers of what was taken out of them.
             if (entry.is_regular_file() && !entry.is_symlink() && entry.path().extension() != ".debug")
             {
-                reader.ReadObject(entry.path());
+                ReadObject(entry.path());
             }
         }
     }
-    const Totals& totals = reader.GetTotals();
     std::printf(
         "%lu objects (%lu without a search table), %lu entries read at %lu addresses; ends of stacks: %lu; unread: %lu\n",
-        totals.files, totals.filesWithoutTable, totals.entries, totals.addresses, totals.ends, totals.unread);
-    return totals.unread == 0 && totals.entries != 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        gFiles, gFilesWithoutTable, gEntries, gAddresses, gEnds, gUnread);
+    return gUnread == 0 && gEntries != 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

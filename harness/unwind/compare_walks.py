@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Compares the library's stack walk with a debugger's at random instructions.
+"""Compares the call stack of a dump with a debugger's at random instructions.
 
-    compare_walks.py WANDERER PLUGIN [N]
+    compare_walks.py BUILD [N]
 
-WANDERER and PLUGIN are what CMake has built (the program of that name, and a shared object with PluginEntry). N instructions
-(500) are tried: the program is stopped somewhere, the debugger notes the frames, the program walks its stack in a signal
-handler. Prints where the stops were and each difference; exits 1 when more than one in 200 differs.
+BUILD is the folder that harness/crash/build.sh has filled. N instructions (800) of its host are tried, in libc, the loader,
+libstdc++, plug-ins and the library: the debugger stops it somewhere, notes the frames, and lets it dump in a signal handler.
+Prints where the stops were and each difference; exits 1 when more than one in 200 differs.
 """
 
 import collections
@@ -13,6 +13,10 @@ import os
 import random
 import subprocess
 import sys
+import tempfile
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../crash")
+import judge
 
 
 def in_debugger(count):
@@ -27,17 +31,20 @@ def in_debugger(count):
     # In code without tables the debugger guesses a frame more, which lies in the heap or on the stack.
     def own_frames():
         frame, addresses = gdb.newest_frame(), []
-        while frame is not None and len(addresses) < 100:
+        while frame is not None and len(addresses) < judge.MAX_FRAMES:
             if frame.type() not in (gdb.INLINE_FRAME, gdb.TAILCALL_FRAME) and is_code(frame.pc()):
                 addresses.append(frame.pc())
             frame = frame.older()
         return addresses
 
-    def walked_frames():
-        walked = int(gdb.parse_and_eval("gResult.count"))
-        address = int(gdb.parse_and_eval("(unsigned long)&gFrames"))
-        memory = gdb.selected_inferior().read_memory(address, 8 * walked).tobytes()
-        return [int.from_bytes(memory[8 * i:8 * i + 8], "little") for i in range(walked)]
+    def dumped_frames():
+        """From the interrupted place on: the handler's frame and what it returns to come before."""
+        texts = judge.read_text("stdout").split("\n")[:-1]
+        os.truncate("stdout", 0)
+        dumps, _ = judge.find_dumps(texts, [None] * len(texts), judge.OUT_FORMS, judge.OUT_DUMP)
+        frames = [text for text in dumps[-1][1].frames]
+        handler = next(i for i, text in enumerate(frames) if "libErrorHandlerDll" not in text)
+        return judge.addresses_of(dumps[-1][1])[handler + 2:]
 
     def name_of(address):
         return os.path.basename(gdb.solib_name(address) or "program")
@@ -50,8 +57,8 @@ def in_debugger(count):
         gdb.execute("set " + command)
     gdb.execute("handle SIGPROF stop nopass", to_string=True)
     gdb.execute("handle SIGUSR1 nostop pass noprint", to_string=True)
-    gdb.Breakpoint("OnWalked")
-    gdb.execute("run", to_string=True)
+    gdb.Breakpoint("ThreadState::Compare")
+    gdb.execute("run wander append 30 1 > stdout", to_string=True)
     places, differences = collections.Counter(), 0
     for _ in range(count):
         gdb.execute("handle SIGPROF nostop noprint nopass", to_string=True)
@@ -59,12 +66,10 @@ def in_debugger(count):
         expected = own_frames()
         places[name_of(expected[0])] += 1
         gdb.execute("signal SIGUSR1", to_string=True)
-        walked = walked_frames()
-        whole = bool(gdb.parse_and_eval("gResult.reachedEnd"))
-        found = bool(gdb.parse_and_eval("(unsigned long)gContext == gResult.signalFrame"))
-        if walked[2:] != expected or not found:
+        dumped = dumped_frames()
+        if dumped != expected[:len(dumped)] or (len(dumped) < len(expected) and len(dumped) < judge.MAX_FRAMES - 12):
             differences += 1
-            report(f"differs (end {whole}, signal {found}):\n  debugger {describe(expected)}\n  walk     {describe(walked[2:])}")
+            report(f"differs:\n  debugger {describe(expected)}\n  dump     {describe(dumped)}")
         gdb.execute("handle SIGPROF stop nopass", to_string=True)
         gdb.execute("continue", to_string=True)
     report(", ".join(f"{place} {number}" for place, number in places.most_common()))
@@ -74,17 +79,18 @@ def in_debugger(count):
 
 
 def main():
-    program, plugin = sys.argv[1:3]
-    count = sys.argv[3] if len(sys.argv) > 3 else "500"
-    command = ["gdb", "-q", "-nx", "-batch", "-x", __file__, "--args",
-               program, plugin]
-    try:
-        # What the debugger and the program print is noise.
-        report = os.dup(1)
-        sys.exit(subprocess.run(command, check=False, env=dict(os.environ, COUNT=count, REPORT=str(report)), pass_fds=[report],
-                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT).returncode)
-    except FileNotFoundError:
-        sys.exit("compare_walks.py: gdb is missing (tools/setup.sh --checks)")
+    build, count = os.path.abspath(sys.argv[1]), sys.argv[2] if len(sys.argv) > 2 else "800"
+    report = os.dup(1)
+    with tempfile.TemporaryDirectory() as folder:
+        judge.prepare(build, folder)
+        try:
+            # What the debugger and the program print is noise.
+            command = ["gdb", "-q", "-nx", "-batch", "-x", os.path.abspath(__file__), "--args", build + "/host-O1"]
+            sys.exit(subprocess.run(command, check=False, cwd=folder, env=dict(os.environ, COUNT=count, REPORT=str(report)),
+                                    pass_fds=[report], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.STDOUT).returncode)
+        except FileNotFoundError:
+            sys.exit("compare_walks.py: gdb is missing (tools/setup.sh --checks)")
 
 
 if "COUNT" in os.environ:
