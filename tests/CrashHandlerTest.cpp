@@ -55,43 +55,73 @@ void Handle(int signal, void (*handler)(int, siginfo_t*, void*), int flags = 0)
     sigaction(signal, &action, nullptr);
 }
 
-// Signal handlers of the host.
-struct Host
+// Ends with what it has seen: the fault where it was, or a signal sent by this process.
+void ExitAsSeen(int signal, siginfo_t* info, void* context)
 {
-    static void Exit(int) { _exit(7); }
-    static void ExitAtTheFault(int signal, siginfo_t* info, void* context)
+    const greg_t at = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP];
+    const bool isFault = signal == SIGSEGV && info->si_addr == kNeverMapped && at == reinterpret_cast<greg_t>(theFault);
+    const bool isSent = info->si_code == SI_USER && info->si_pid == getpid() && info->si_uid == getuid();
+    _exit(isFault ? 8 : isSent ? 9 : 1);
+}
+
+struct sigaction gBelowHost;
+
+void CallTheOneBefore(int signal, siginfo_t* info, void* context)
+{
+    gBelowHost.sa_sigaction(signal, info, context);
+}
+
+void InstallAboveOneThatCallsThisOne()
+{
+    sigaction(SIGSEGV, nullptr, &gBelowHost);
+    Handle(SIGSEGV, CallTheOneBefore);
+    InstallCrashHandlers();
+    Fault();
+}
+
+// The plugin is closed at once: its handlers must stay.
+void InstallFromPlugin()
+{
+    void* const plugin = dlopen(HEADER_PLUGIN, RTLD_NOW);
+    reinterpret_cast<void (*)()>(dlsym(plugin, "InstallFromPlugin"))();
+    dlclose(plugin);
+}
+
+void OverflowInTwoKindsOfThread(bool isMain)
+{
+    const auto overflow = []
     {
-        const greg_t at = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP];
-        const bool isRight = signal == SIGSEGV && info->si_addr == kNeverMapped && at == reinterpret_cast<greg_t>(theFault);
-        _exit(isRight ? 8 : 1);
-    }
-    static void ExitWhenSentByUs(int, siginfo_t* info, void*)
+        thread_local HostThread thread;
+        Overflow(thread.m_stack.IsInPlace() ? 0 : -1);
+    };
+    isMain ? overflow() : std::thread(overflow).join();
+}
+
+void FaultInTwoThreads()
+{
+    static std::atomic<int> waiting = 2;
+    const auto crash = []
     {
-        _exit(info->si_code == SI_USER && info->si_pid == getpid() && info->si_uid == getuid() ? 9 : 1);
-    }
-    static void GoOn(int, siginfo_t*, void*) {}
-    static void CallTheOneBefore(int signal, siginfo_t* info, void* context)
-    {
-        m_before.sa_sigaction(signal, info, context);
-    }
-    static inline struct sigaction m_before;
-};
+        for (--waiting; waiting > 0;)
+        {
+        }
+        Fault();
+    };
+    std::thread other(crash);
+    crash();
+}
 
 // What happens before the handlers are installed.
 struct Before
 {
     static void Nothing() {}
     static void Ignore() { signal(SIGSEGV, SIG_IGN), signal(SIGABRT, SIG_IGN); }
-    static void HandleFault() { signal(SIGSEGV, Host::Exit); }
-    static void HandleFaultWithInfo() { Handle(SIGSEGV, Host::ExitAtTheFault); }
-    static void HandleSentWithInfo() { Handle(SIGSEGV, Host::ExitWhenSentByUs); }
-    static void HandleAbortOnce() { Handle(SIGABRT, Host::GoOn, static_cast<int>(SA_RESETHAND)); }
-    // The plugin is closed at once: its handlers must stay.
-    static void InstallFromPlugin()
+    static void HandleFault() { signal(SIGSEGV, _exit); }
+    static void HandleFaultWithInfo() { Handle(SIGSEGV, ExitAsSeen); }
+    static void HandleAbortOnce()
     {
-        void* const plugin = dlopen(HEADER_PLUGIN, RTLD_NOW);
-        reinterpret_cast<void (*)()>(dlsym(plugin, "InstallFromPlugin"))();
-        dlclose(plugin);
+        Handle(
+            SIGABRT, [](int, siginfo_t*, void*) {}, static_cast<int>(SA_RESETHAND));
     }
     static void InstallWithCallback()
     {
@@ -111,42 +141,10 @@ struct After
     static void Send() { kill(getpid(), SIGSEGV); }
     static void SendAbortTwice() { kill(getpid(), SIGABRT), kill(getpid(), SIGABRT); }
     static void Trap() { __builtin_trap(); }
-    static void InstallAgainAndFault() { InstallCrashHandlers(), Before::InstallFromPlugin(), Fault(); }
+    static void OverflowInMainThread() { OverflowInTwoKindsOfThread(true); }
+    static void OverflowInThread() { OverflowInTwoKindsOfThread(false); }
+    static void InstallAgainAndFault() { InstallCrashHandlers(), InstallFromPlugin(), Fault(); }
     static void ResetAndInstallAndFault() { signal(SIGSEGV, SIG_DFL), InstallCrashHandlers(), Fault(); }
-    static void InstallAboveOneThatCallsThisOne()
-    {
-        sigaction(SIGSEGV, nullptr, &Host::m_before);
-        Handle(SIGSEGV, Host::CallTheOneBefore);
-        InstallCrashHandlers();
-        Fault();
-    }
-    static void OverflowInMainThread()
-    {
-        const HostThread thread;
-        Overflow(0);
-    }
-    static void OverflowInThread()
-    {
-        const auto overflow = []
-        {
-            thread_local CrashHandlerStack stack;
-            Overflow(stack.IsInPlace() ? 0 : -1);
-        };
-        std::thread(overflow).join();
-    }
-    static void FaultInTwoThreads()
-    {
-        static std::atomic<int> waiting = 2;
-        const auto crash = []
-        {
-            for (--waiting; waiting > 0;)
-            {
-            }
-            Fault();
-        };
-        std::thread other(crash);
-        crash();
-    }
     static void ThrowError() { throw HostError("page 3"); }
     static void Raise() { RaiseError(ZR_ERROR_FILE_NOT_FOUND, "Layout(88) : Open() - ", "layout.db"); }
     static void ThrowNull() { throw static_cast<HalvikException*>(nullptr); }
@@ -158,52 +156,25 @@ struct After
     }
 };
 
-struct End
-{
-    int signal; // that ended the process
-    int status; // with which it ended
-    std::string log;
-
-    int Count(const std::string& text) const
-    {
-        int count = 0;
-        for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-        {
-            ++count;
-        }
-        return count;
-    }
-};
-
 void RunUncaught(void (*run)()) noexcept
 {
     run();
 }
 
-End RunToItsEnd(void (*before)(), void (*after)())
+[[noreturn]] void RunToTheEnd(void (*before)(), void (*after)())
 {
-    const CapturedLog log;
-    ShutdownLogging();
-    const std::string name = GetLogFilename();
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        alarm(30);
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-        dup2(STDOUT_FILENO, STDERR_FILENO);
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-        ZR_LOG(ZR_LOG_ERROR, 1, "the line before");
-        before();
-        InstallCrashHandlers();
-        InstallTerminateHandler();
-        InstallTerminateHandler();
-        RunUncaught(after);
-        _exit(0);
-    }
-    int status = 0;
-    EXPECT_EQ(child, waitpid(child, &status, 0));
-    return {WIFSIGNALED(status) ? WTERMSIG(status) : 0, WIFEXITED(status) ? WEXITSTATUS(status) : 0, ReadFile(name)};
+    alarm(30);
+    dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    ZR_LOG(ZR_LOG_ERROR, 1, "the line before");
+    before();
+    InstallCrashHandlers();
+    InstallTerminateHandler();
+    InstallTerminateHandler();
+    RunUncaught(after);
+    _exit(0);
 }
 
 TEST(CrashHandler, DumpsOnceAndLetsTheEarlierActionFollow)
@@ -223,37 +194,54 @@ TEST(CrashHandler, DumpsOnceAndLetsTheEarlierActionFollow)
         {"illegal instruction", Before::Nothing, After::Trap, SIGILL, 0, 1},
         {"stack overflow", Before::Nothing, After::OverflowInMainThread, SIGSEGV, 0, 1},
         {"stack overflow of a thread", Before::Nothing, After::OverflowInThread, SIGSEGV, 0, 1},
-        {"two threads", Before::Nothing, After::FaultInTwoThreads, SIGSEGV, 0, kAny},
+        {"two threads", Before::Nothing, FaultInTwoThreads, SIGSEGV, 0, kAny},
         {"ignored, sent", Before::Ignore, After::SendAbortTwice, 0, 0, 0},
         {"ignored, fault", Before::Ignore, Fault, SIGSEGV, 0, 1},
-        {"earlier handler", Before::HandleFault, Fault, 0, 7, 1},
+        {"earlier handler", Before::HandleFault, Fault, 0, SIGSEGV, 1},
         {"earlier handler sees place and address", Before::HandleFaultWithInfo, Fault, 0, 8, 1},
-        {"earlier handler sees the sender", Before::HandleSentWithInfo, After::Send, 0, 9, 1},
+        {"earlier handler sees the sender", Before::HandleFaultWithInfo, After::Send, 0, 9, 1},
         {"earlier handler for one time", Before::HandleAbortOnce, After::SendAbortTwice, SIGABRT, 0, 1},
         {"callback", Before::InstallWithCallback, Fault, 0, 40 + SEGV_MAPERR, 1},
-        {"installed by several", Before::InstallFromPlugin, After::InstallAgainAndFault, SIGSEGV, 0, 1},
+        {"installed by several", InstallFromPlugin, After::InstallAgainAndFault, SIGSEGV, 0, 1},
         {"reset, installed again", Before::Nothing, After::ResetAndInstallAndFault, SIGSEGV, 0, 1},
-        {"above one that calls this one", Before::Nothing, After::InstallAboveOneThatCallsThisOne, SIGSEGV, 0, 1},
+        {"above one that calls this one", Before::Nothing, InstallAboveOneThatCallsThisOne, SIGSEGV, 0, 1},
         {"exception", Before::Nothing, After::ThrowError, SIGABRT, 0, 1,
          "Uncaught (anonymous namespace)::HostError: page 3"},
         {"raised error", Before::Nothing, After::Raise, SIGABRT, 0, 1,
          "Uncaught HalvikException, code 11: Layout(88) : Open() - The file layout.db does not exist"},
         {"null", Before::Nothing, After::ThrowNull, SIGABRT, 0, 1, "Uncaught HalvikException, code 1: "},
-        {"number", Before::InstallFromPlugin, After::ThrowNumber, SIGABRT, 0, 1, "Uncaught int"},
+        {"number", InstallFromPlugin, After::ThrowNumber, SIGABRT, 0, 1, "Uncaught int"},
         {"no exception", Before::Nothing, After::LeaveThread, SIGABRT, 0, 1, "Terminated without an exception"},
         {"earlier terminate handler", Before::HandleTerminate, After::ThrowBadAlloc, 0, 9, 0,
          "Uncaught std::bad_alloc: std::bad_alloc"},
     };
     for (const auto& row : kRows)
     {
-        const End end = RunToItsEnd(row.before, row.after);
-        EXPECT_EQ(end.signal, row.signal) << row.what;
-        EXPECT_EQ(end.status, row.status) << row.what;
-        const int dumps = end.Count("StructuredExceptionStructured exception ");
-        EXPECT_TRUE(dumps == row.dumps || (row.dumps == kAny && dumps > 0)) << row.what << end.log;
-        const bool isFlushed = row.status != 0 || row.signal != 0;
-        EXPECT_EQ(end.Count(row.uncaught), isFlushed ? 1 : 0) << row.what << end.log;
-        EXPECT_EQ(end.Count("the line before"), isFlushed ? 1 : 0) << row.what;
+        const CapturedLog folder;
+        const std::string name = GetLogFilename();
+        const pid_t child = fork();
+        if (child == 0)
+        {
+            RunToTheEnd(row.before, row.after);
+        }
+        int status = 0;
+        EXPECT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, row.signal) << row.what;
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : 0, row.status) << row.what;
+        const std::string log = ReadFile(name);
+        const auto count = [&log](const std::string& text)
+        {
+            int found = 0;
+            for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            {
+                ++found;
+            }
+            return found;
+        };
+        const int dumps = count("StructuredExceptionStructured exception ");
+        EXPECT_TRUE(dumps == row.dumps || (row.dumps == kAny && dumps > 0)) << row.what << log;
+        EXPECT_EQ(count(row.uncaught), status == 0 ? 0 : 1) << row.what << log;
+        EXPECT_EQ(count("the line before"), status == 0 ? 0 : 1) << row.what;
     }
 }
 

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <memory>
-#include <regex>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -28,7 +27,8 @@ std::string PrintedBy(const std::function<void()>& print)
     return testing::internal::GetCapturedStdout();
 }
 
-StructuredException MakeException(int signal, int code, std::uintptr_t address)
+// The exception without the dump that its construction prints.
+StructuredException MakeQuietly(int signal, int code, std::uintptr_t address)
 {
     ucontext_t context{};
     for (int i = 0; i < NGREG; ++i)
@@ -36,17 +36,10 @@ StructuredException MakeException(int signal, int code, std::uintptr_t address)
         context.uc_mcontext.gregs[i] = i % 2 == 0 ? i : -i;
     }
     siginfo_t info{};
-    info.si_signo = signal;
     info.si_code = code;
     info.si_addr = reinterpret_cast<void*>(address);
-    return StructuredException(signal, &context, &info);
-}
-
-// The exception without the dump that its construction prints.
-StructuredException MakeQuietly(int signal, int code, std::uintptr_t address)
-{
     testing::internal::CaptureStdout();
-    const StructuredException exception = MakeException(signal, code, address);
+    const StructuredException exception(signal, &context, &info);
     testing::internal::GetCapturedStdout();
     return exception;
 }
@@ -95,60 +88,35 @@ TEST(StructuredException, DescribesTheSignal)
     }
 }
 
-TEST(StructuredException, DumpsToStandardOutputAndLog)
-{
-    std::string registers;
-    std::string loggedRegisters;
-    for (long long i = 0; i < 23; ++i)
-    {
-        char line[100];
-        std::snprintf(line, sizeof line, "reg\\[%02lld\\] = 0x%llx\n", i,
-                      static_cast<unsigned long long>(i % 2 == 0 ? i : -i));
-        registers += line;
-        loggedRegisters += std::string("E") + line;
-    }
-    const std::string headline = R"(Structured exception Segmentation fault \(code 00000002\) occurred at 0x1234)";
-    const std::regex printed(
-        R"(StructuredException::StructuredException\n)" + headline +
-        R"(\n  Fault address:  0x1234\nGenerateCallStack...\nCall stack\n(\S+\(.*\) \[0x[0-9a-f]+\]\n)+)" +
-        R"(Finished GenerateCallStack\nRegisters...\n)" + registers + R"(GenerateModuleAddresses...\n)" +
-        R"((    \([0-9a-f]+\) .*\n)+Done\nFinished GenerateModuleAddresses\n)");
-    const std::regex logged(
-        R"(DumpExceptionContext\(\) - \[Entering\]\nEStructuredException::StructuredException)" + headline +
-        R"(\nE  Fault address:  0x1234\nGenerateCallStack\(\) - \[Entering\]\nE  Call stack:\n(E     \S+\(.*\) \[0x[0-9a-f]+\]\n)+)" +
-        R"(GenerateCallStack\(\) - \[Exiting\]\nE\nE  Registers:\n)" + loggedRegisters +
-        R"(E\nGenerateModuleAddresses\(\) - \[Entering\]\nE\nE  Modules list:\n(E    \([0-9a-f]+\) .*\n)+E\n)" +
-        R"(GenerateModuleAddresses\(\) - \[Exiting\]\nDumpExceptionContext\(\) - \[Exiting\]\n)");
-    for (const bool logs : {true, false})
-    {
-        const CapturedLog log(5, ZR_LOG_ALL_CATEGORIES, logs);
-        const std::string output = PrintedBy([] { MakeException(SIGSEGV, 2, 0x1234); });
-        EXPECT_TRUE(std::regex_match(output, printed)) << output;
-        std::string text = Joined(log.GetLines());
-        text = std::regex_replace(text, std::regex(R"(Level 5\|ErrorHandlerDll/LinuxStructuredException.cpp\(N\) : )"), "");
-        text = std::regex_replace(text, std::regex(R"(ERROR\|)"), "E");
-        EXPECT_EQ(logs, std::regex_match(text, logged)) << text;
-        EXPECT_EQ(logs, !text.empty());
-    }
-}
-
 TEST(StructuredException, IsHandledLikeAnyOtherError)
 {
     StructuredException exception = MakeQuietly(SIGBUS, 2, 0);
-    const CapturedLog log(ZR_LOG_ERROR);
+    const CapturedLog log(5);
     std::unique_ptr<HalvikException> propagated;
     const auto handle = [&]
     {
         propagated.reset(ExceptionHandler::HandleStructuredException("F - ", exception, true));
     };
-    EXPECT_TRUE(PrintedBy(handle).starts_with("F - \n"));
+    const std::string headline = "Structured exception Bus error (code 00000002) occurred at (nil)\n";
+    EXPECT_TRUE(PrintedBy(handle).starts_with("F - \n" + headline + "  Fault address:  (nil)\n"));
     EXPECT_EQ(2, ExceptionHandler::m_lastErrorCode);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", ExceptionHandler::m_lastErrorString);
     ASSERT_TRUE(propagated);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", propagated->GetErrorString());
     EXPECT_TRUE(propagated->GetErrorCode() == 2 && propagated->GetHandled());
-    EXPECT_EQ("ERROR|----------------------", log.GetLines()[0]);
-    EXPECT_EQ("ERROR|F - Structured exception Bus error (code 00000002) occurred at (nil)", log.GetLines()[1]);
+    const std::string text = Joined(log.GetLines());
+    std::size_t last = 0;
+    for (const std::string& part :
+         {std::string("ERROR|----------------------\n"), std::string("DumpExceptionContext() - [Entering]\n"),
+          "ERROR|F - " + headline, std::string("GenerateCallStack() - [Entering]\nERROR|  Call stack:\n"),
+          std::string("GenerateCallStack() - [Exiting]\nERROR|\nERROR|  Registers:\nERROR|reg[00] = 0x0\n"),
+          std::string("ERROR|reg[01] = 0xffffffffffffffff\n"), std::string("ERROR|reg[22] = 0x16\n"),
+          std::string("GenerateModuleAddresses() - [Entering]\nERROR|\nERROR|  Modules list:\n"),
+          std::string("GenerateModuleAddresses() - [Exiting]\n"), std::string("DumpExceptionContext() - [Exiting]\n")})
+    {
+        EXPECT_TRUE(text.find(part, last) != std::string::npos) << part << text;
+        last = std::min(text.find(part, last), text.size());
+    }
 }
 
 TEST(StructuredException, ListsModulesWithinTheirLimitsAndTellsOfDamage)
