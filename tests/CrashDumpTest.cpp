@@ -125,42 +125,95 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
     EXPECT_EQ(1, Count(printed, "Finished GenerateModuleAddresses"));
 }
 
-TEST_F(CrashDumpTest, HandlersWithinHandlersEndAndLeaveNothingHeld)
+namespace
+{
+
+sigjmp_buf gRecovery;
+
+void JumpOut(int, siginfo_t*, void*)
+{
+    siglongjmp(gRecovery, 1);
+}
+
+void HandleAndJump(int signal, siginfo_t* info, void* context)
+{
+    HandleException(signal, info, context);
+    siglongjmp(gRecovery, 1);
+}
+
+void FaultInDump()
+{
+    Crash::Dump::Run([] { Fault(); });
+}
+
+void FaultInHexDump()
+{
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", reinterpret_cast<unsigned char*>(16), 1);
+}
+
+void FaultInCallback(ZelvoReaderErrorCode, char*, void*)
+{
+    QV::SignalSafeScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
+    Fault();
+}
+
+} // namespace
+
+TEST_F(CrashDumpTest, NothingStaysHeldWhereAJumpLeft)
 {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer allows no thread in the child of a process with threads";
 #endif
+    const struct
+    {
+        const char* what;
+        void (*fault)();
+        void (*handler)(int, siginfo_t*, void*);
+        void (*callback)(ZelvoReaderErrorCode, char*, void*);
+        long refused; // dumps, of handlers within handlers
+    } rows[] = {
+#ifndef __SANITIZE_ADDRESS__ // a dump stays on the thread's stack there, where its frames cannot be told from others
+        {"the dump", FaultInDump, JumpOut, nullptr, 0},
+#endif
+        {"a log call", FaultInHexDump, HandleAndJump, nullptr, 0},
+        {"handlers within handlers", Fault, HandleAndJump, FaultInCallback, 2},
+    };
     static const std::string longText(5000, 'x');
-    const std::string printed = PrintedBy(
-        [](int, int)
-        {
-            static sigjmp_buf recovery;
-            const auto handleAndJump = [](int signal, siginfo_t* info, void* context)
+    for (const auto& row : rows)
+    {
+        std::filesystem::remove(m_folder / "app.log");
+        const std::string printed = PrintedBy(
+            [&](int, int)
             {
-                HandleException(signal, info, context);
-                siglongjmp(recovery, 1);
-            };
-            const auto faultyCallback = [](ZelvoReaderErrorCode, char*, void*)
-            {
-                QV::SignalSafeScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
-                Fault();
-            };
-            InstallHandler(SIGSEGV, handleAndJump);
-            ExceptionHandler::SetErrorCallback(faultyCallback, nullptr);
-            if (sigsetjmp(recovery, 1) == 0)
-            {
-                Fault();
-            }
-            int waitLeftMs = 0;
-            InSignalHandler([&] { Crash::Dump::Run([&] { waitLeftMs = QV::SignalSafeScope::WaitLeftMs(); }); });
-            std::thread([] { Log("other"); }).join();
-            Log(longText); // whole, as in no handler
-            ShutdownLogging();
-            return waitLeftMs > 0 ? 0 : 1;
-        });
-    EXPECT_EQ(1, Count(OnDisk(), " - other\n"));
-    EXPECT_EQ(1, Count(OnDisk(), longText + "\n"));
-    EXPECT_EQ(1, Count(printed, "Segmentation fault (00000001) occurred at 0x10\n  No dump: too many"));
+                static char memory[65536];
+                stack_t alternate = {memory, 0, sizeof memory};
+                sigaltstack(&alternate, nullptr);
+                InstallHandler(SIGSEGV, row.handler);
+                ExceptionHandler::SetErrorCallback(row.callback, nullptr);
+                static int waitLeftMs = 0;
+                for (static int round = 0; round < 2; ++round) // a jump keeps it
+                {
+                    if (sigsetjmp(gRecovery, 1) == 0)
+                    {
+                        row.fault();
+                    }
+                    const auto dump = []
+                    {
+                        Crash::Dump::Run([] { waitLeftMs = QV::SignalSafeScope::WaitLeftMs(); });
+                    };
+                    // A handler that returns sets the signal stack back to what it found.
+                    row.callback != nullptr ? InSignalHandler(dump) : dump();
+                    std::thread([] { Log("other"); }).join();
+                    Log(longText); // whole, as in no handler
+                }
+                ShutdownLogging();
+                sigaltstack(nullptr, &alternate);
+                return waitLeftMs <= 0 ? 1 : alternate.ss_sp == memory && alternate.ss_flags == 0 ? 0 : 2;
+            });
+        EXPECT_EQ(2, Count(OnDisk(), " - other\n")) << row.what;
+        EXPECT_EQ(2, Count(OnDisk(), longText + "\n")) << row.what;
+        EXPECT_EQ(row.refused, Count(printed, " occurred at 0x10\n  No dump: too many")) << row.what;
+    }
 }
 
 namespace
