@@ -1,9 +1,7 @@
-// The log where its state is another's: calls that were cut off, a section that cannot be had, files that take nothing,
-// zones that are locked for ever.
+// The log where its state is another's: calls that were cut off, a section that cannot be had, a file that takes nothing.
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
-#include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 #include "support/SignalHandler.h"
@@ -12,9 +10,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <functional>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -22,12 +18,6 @@ namespace
 {
 
 using LogEmergencyTest = LogTest;
-using Caller = LogEmergency::Caller;
-
-bool LogInEmergency(const std::string& text)
-{
-    return gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", text), Caller::DUMP);
-}
 
 sigjmp_buf gPlace;
 
@@ -39,29 +29,17 @@ void JumpOut()
 // Runs `call`, which jumps out of the logger, and gives the section back as a dump does.
 void Cut(const std::function<void()>& call)
 {
-    const unsigned int depth = gFileLogger.Emergency().GetSectionDepth();
     if (sigsetjmp(gPlace, 1) == 0)
     {
         call();
-        ADD_FAILURE() << "was not cut";
-        return;
+        _exit(3);
     }
     gFileLogger.EnterCriticalSection();
     gFileLogger.Emergency().ForgetInterruptedCall();
-    gFileLogger.Emergency().RestoreSectionDepth(depth);
+    gFileLogger.Emergency().RestoreSectionDepth(0);
     gFileLogger.LeaveCriticalSection();
 }
 
-void LogHiddenPage()
-{
-    const int size = 4096;
-    auto* const page = static_cast<unsigned char*>(mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    std::signal(SIGSEGV, [](int) { JumpOut(); });
-    std::signal(SIGBUS, [](int) { JumpOut(); });
-    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", page, size);
-}
-
-// Whether no other thread holds the section.
 // Whether an emergency can enter the section, waiting as long as that.
 bool IsFree(int waitMs = 0)
 {
@@ -76,125 +54,62 @@ bool IsFree(int waitMs = 0)
     return isFree;
 }
 
-void WaitForTheNextSecond()
-{
-    const std::time_t start = std::time(nullptr);
-    while (std::time(nullptr) == start)
-    {
-        usleep(10000);
-    }
-}
-
 } // namespace
 
 TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
 {
-    const struct
+    const auto cutHexDump = []
     {
-        const char* what;
-        std::function<void()> call;
-    } rows[] = {{"composing", LogHiddenPage},
-                {"written, and not noted",
-                 []
-                 {
-                     Faults::gAfterWrite = JumpOut;
-                     ShutdownLogging();
-                 }},
-                {"half written",
-                 []
-                 {
-                     Faults::gWrites = {{100, 0}};
-                     Faults::gAfterWrite = JumpOut;
-                     ShutdownLogging();
-                 }},
-                {"failed, and not noted", []
-                 {
-                     Faults::gWrites = {{0, ENOSPC}};
-                     Faults::gAfterWrite = JumpOut;
-                     SetOptions(LOGGING_STRATEGY_APPEND);
-                 }}};
+        std::signal(SIGSEGV, [](int) { JumpOut(); });
+        LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", reinterpret_cast<unsigned char*>(16), 4096);
+    };
+    const auto cutWrite = [](long written, int error)
+    {
+        if (written != 0 || error != 0)
+        {
+            Faults::gWrites = {{written, error}};
+        }
+        Faults::gAfterWrite = JumpOut;
+        ShutdownLogging();
+    };
+    const std::function<void()> rows[] = {
+        cutHexDump,
+        [&] { cutWrite(0, 0); },
+        [&] { cutWrite(100, 0); },
+        [&] { cutWrite(0, ENOSPC); },
+    };
     for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
     {
         for (const auto& row : rows)
         {
             const std::string name = std::to_string(strategy) + std::to_string(&row - rows) + ".1.log";
-            const int status = RunChild(
-                [&]
-                {
-                    SetOptions(strategy, 100000);
-                    Start(name);
-                    Log("one");
-                    Log("two");
-                    Cut(row.call);
-                    std::thread([] { Log("three"); }).join();
-                    ShutdownLogging();
-                    return 0;
-                });
-            EXPECT_EQ(0, status) << row.what;
-            EXPECT_EQ((std::vector<std::string>{"one", "two", "three"}), ClosedTexts(name)) << row.what;
+            const auto logAroundCut = [&]
+            {
+                SetOptions(strategy, 100000);
+                Start(name);
+                Log("one");
+                Log("two");
+                Cut(row);
+                std::thread([] { Log("three"); }).join();
+                ShutdownLogging();
+                return 0;
+            };
+            EXPECT_EQ(0, RunChild(logAroundCut)) << name;
+            EXPECT_EQ((std::vector<std::string>{"one", "two", "three"}), ClosedTexts(name)) << name;
         }
     }
-}
-
-TEST_F(LogEmergencyTest, EndsALongLineThatWasCutOff)
-{
-    const int status = RunChild(
-        []
-        {
-            Faults::gWrites = {{50000, 0}};
-            Faults::gAfterWrite = JumpOut;
-            Cut([] { Log(std::string(100000, 'x')); });
-            Log("next");
-            ShutdownLogging();
-            return 0;
-        });
-    EXPECT_EQ(0, status);
-    const std::string text = OnDisk();
-    ASSERT_EQ('\n', text[50000]);
-    EXPECT_EQ(1u, ParseLog(text.substr(50001)).size());
-}
-
-TEST_F(LogEmergencyTest, EveryRoadOpensAgainWhatTheHostHasClosed)
-{
-    const struct
+    const auto logBehindTornLine = []
     {
-        const char* what;
-        int strategy;
-        std::function<void()> write;
-        std::vector<std::string> texts;
-    } rows[] = {{"close", LOGGING_STRATEGY_OVERWRITE, [] {}, {}},
-                {"flush", LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {}},
-                {"long line", LOGGING_STRATEGY_OVERWRITE, [] { Log(std::string(100000, 'x')); }, {std::string(100000, 'x')}},
-                {"rotation", LOGGING_STRATEGY_FILE_SIZE, [] { Log(std::string(900, 'x')); }, {}},
-                {"line of a dump", LOGGING_STRATEGY_APPEND, [] { EXPECT_TRUE(LogInEmergency("dump")); }, {"dump"}},
-                {"dump",
-                 LOGGING_STRATEGY_OVERWRITE,
-                 []
-                 {
-                     const LogSectionScope section(gFileLogger);
-                     gFileLogger.Emergency().BeginDump();
-                     EXPECT_TRUE(LogInEmergency("dump"));
-                     gFileLogger.Emergency().Flush();
-                     gFileLogger.Emergency().EndDump();
-                     EXPECT_TRUE(LogInEmergency("end"));
-                 },
-                 {"dump", "end"}}};
-    for (const auto& row : rows)
-    {
-        const std::string name = std::to_string(&row - rows) + ".1.log";
-        SetOptions(row.strategy, 1000);
-        Start(name);
-        Log("before");
-        close(DescriptorOf(m_folder / name));
-        row.write();
-        std::vector<std::string> expected = {"before"};
-        expected.insert(expected.end(), row.texts.begin(), row.texts.end());
-        EXPECT_EQ(expected, ClosedTexts(name)) << row.what;
-        if (row.strategy == LOGGING_STRATEGY_FILE_SIZE)
-        {
-            EXPECT_EQ(1u, ParseLog(OnDisk(std::to_string(&row - rows) + ".2.log")).size());
-        }
-    }
+        Faults::gWrites = {{50000, 0}};
+        Faults::gAfterWrite = JumpOut;
+        Cut([] { Log(std::string(100000, 'x')); });
+        Log("next");
+        ShutdownLogging();
+        return 0;
+    };
+    EXPECT_EQ(0, RunChild(logBehindTornLine));
+    ASSERT_EQ('\n', OnDisk()[50000]);
+    EXPECT_EQ(1u, ParseLog(OnDisk().substr(50001)).size());
 }
 
 TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
@@ -204,21 +119,23 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     Log("buffered");
     const char* const name = GetLogFilename();
     std::atomic<int> step{0};
+    const auto waitFor = [&](int wanted)
+    {
+        while (step != wanted)
+        {
+            std::this_thread::yield();
+        }
+    };
     std::thread owner(
         [&]
         {
             const LogSectionScope section(gFileLogger);
             step = 1;
-            while (step != 2)
-            {
-                std::this_thread::yield();
-            }
+            waitFor(2);
+            usleep(20000);
         });
-    while (step != 1)
-    {
-        std::this_thread::yield();
-    }
-    const std::string longText(1000, 'x');
+    waitFor(1);
+    const unsigned char bytes[1000] = {1, 2};
     const auto logWithoutTheSection = [&]
     {
         const QV::SignalSafeScope emergency;
@@ -227,13 +144,17 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
         InitialiseLogging(false, 0, 0, "other.log");
         ShutdownLogging();
         EXPECT_STREQ("", GetLogFilename());
-        EXPECT_TRUE(Log(longText));
-        const unsigned char bytes[] = {1, 2};
+        EXPECT_TRUE(Log(std::string(1000, 'x')));
         EXPECT_TRUE(LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "hex", bytes, 2));
+        const HexDump dump(bytes, sizeof bytes);
+        EXPECT_FALSE(gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", "too long", &dump),
+                                                   LogEmergency::Caller::SIGNAL_HANDLER));
         gFileLogger.FlushLogFile();
     };
     InSignalHandler(logWithoutTheSection);
+    EXPECT_FALSE(IsFree(5));
     step = 2;
+    EXPECT_TRUE(IsFree(20000)); // its owner is waited for again
     owner.join();
     EXPECT_EQ(static_cast<const void*>(name), GetLogFilename());
     ShutdownLogging();
@@ -243,109 +164,27 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     EXPECT_LT(hex, text.find("buffered\n"));
 }
 
-TEST_F(LogEmergencyTest, WaitsAgainForAnOwnerThatWasWaitedForInVain)
-{
-    std::atomic<int> step{0};
-    std::thread owner(
-        [&]
-        {
-            const LogSectionScope section(gFileLogger);
-            step = 1;
-            while (step != 2)
-            {
-                std::this_thread::yield();
-            }
-            usleep(20000);
-        });
-    while (step != 1)
-    {
-        std::this_thread::yield();
-    }
-    EXPECT_FALSE(IsFree(5));
-    step = 2;
-    EXPECT_TRUE(IsFree(20000));
-    owner.join();
-}
-
-TEST_F(LogEmergencyTest, WaitsForAFileThatTakesNothingOnlyAsLongAsItMay)
+TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)
 {
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
-    LogFile file;
-    file.Open(path.c_str(), false);
-    const std::string line = std::string(99, 'x') + "\n";
-    const std::string_view piece = line;
-    int waitLeftMs = 20;
-    std::atomic<std::size_t> written = 0;
-    while (file.WriteAll({&piece, 1}, written, &waitLeftMs))
-    {
-        written = 0;
-    }
-    EXPECT_EQ(0, waitLeftMs);
-    EXPECT_FALSE(file.WriteBesideOwner({&piece, 1}, &waitLeftMs));
-
-    // A fork, and the end of the process, while a thread waits for a reader.
     SetOptions(LOGGING_STRATEGY_APPEND, 0, 0);
     Start("pipe");
-    const int status = RunChild(
-        []
+    const auto forkAndExitBesideLogging = []
+    {
+        const auto logForEver = []
         {
-            std::thread([] { Log(std::string(8000, 'x')); }).detach(); // fits in no gap of the pipe
-            while (IsFree())
+            while (Log(std::string(8000, 'x')))
             {
-                std::this_thread::yield();
             }
-            const pid_t child = fork();
-            if (child == 0)
-            {
-                _exit(0);
-            }
-            int childStatus = 1;
-            waitpid(child, &childStatus, 0);
-            std::exit(childStatus);
-            return 1;
-        });
-    EXPECT_EQ(0, status);
-    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK); // lets the fixture write what is left
-    std::string rest(1 << 16, '\0');
-    EXPECT_LT(0, read(reader, rest.data(), rest.size()));
-    Start("app.log");
-    close(reader);
-}
-
-// The zone's file is a pipe: a thread that asks for the zone holds its lock until somebody opens the other end.
-TEST_F(LogEmergencyTest, NeitherAForkedChildNorAHandlerWaitsForTheZone)
-{
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer delays signal handlers in blocking calls";
-#endif
-    const std::string zone = m_folder / "zone";
-    ASSERT_EQ(0, mkfifo(zone.c_str(), 0600));
-    const int status = RunChild(
-        [&]
+        };
+        std::thread(logForEver).detach();
+        while (IsFree(1))
         {
-            Log("learns the second");
-            setenv("TZ", (":" + zone).c_str(), 1);
-            std::signal(SIGUSR1, [](int) { Log("from the handler"); });
-            std::thread asking(tzset);
-            WaitForTheNextSecond();
-            const pid_t child = fork();
-            if (child == 0)
-            {
-                alarm(10);
-                Log("from the child");
-                ShutdownLogging();
-                _exit(0);
-            }
-            int childStatus = 1;
-            waitpid(child, &childStatus, 0);
-            pthread_kill(asking.native_handle(), SIGUSR1);
-            WaitForTheNextSecond();
-            close(open(zone.c_str(), O_WRONLY));
-            asking.join();
-            ShutdownLogging();
-            return childStatus == 0 ? 0 : 2;
-        });
-    EXPECT_EQ(0, status);
-    EXPECT_EQ((std::vector<std::string>{"learns the second", "from the child", "from the handler"}), ClosedTexts());
+            std::this_thread::yield();
+        }
+        std::exit(RunChild([] { return 0; }));
+        return 1;
+    };
+    EXPECT_EQ(0, RunChild(forkAndExitBesideLogging));
 }

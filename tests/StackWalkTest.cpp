@@ -1,22 +1,22 @@
+// The walk against backtrace() at every instruction, and on stacks and tables that lead nowhere.
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
+#include "ErrorHandlerDll/unwind/CallFrameInfo.h"
+#include "ErrorHandlerDll/unwind/FrameTable.h"
+#include "ErrorHandlerDll/unwind/LoadedObjects.h"
+#include "support/LogTest.h"
+
 #include <algorithm>
-#include <cerrno>
-#include <csetjmp>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
-#include <string>
-#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <ucontext.h>
+#include <utility>
 #include <vector>
 
 // The sanitizers replace backtrace() by one with another frame in it.
@@ -27,86 +27,77 @@ namespace
 
 constexpr int kCapacity = 100;
 
-struct Trace
-{
-    void* frames[kCapacity];
-    int count = 0;
-};
+// ---- Interrupted at instructions all over: prologues, epilogues, the linker's lazy binding, the kernel's page ----
 
-// As backtrace() counts: frame 0 lies in the caller.
-__attribute__((noinline)) int WalkFromHere(void** frames, int capacity)
+constexpr int kEveryStep = 200; // compared one by one; of what follows one in gStride, or the test would take minutes
+int gStride = 97;
+
+volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
+volatile std::sig_atomic_t gSteps;
+int gHandlers; // of SIGUSR1, under way
+Unwind::WalkResult gResult;
+std::vector<void*> gWalked(kCapacity);
+std::vector<void*> gExpected(kCapacity);
+
+void CompareAtStep(int, siginfo_t*, void* data)
 {
-    if (capacity <= 0)
+    auto* const context = static_cast<ucontext_t*>(data);
+    gSteps = gSteps + 1;
+    const auto* const code = reinterpret_cast<const unsigned char*>(context->uc_mcontext.gregs[REG_RIP]);
+    const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
+    if (gStepping != 0 && (gSteps <= kEveryStep || gSteps % gStride == 0 || jumps))
     {
-        return 0;
+        Unwind::FrameRegisters here;
+        Unwind::CaptureRegisters(here);
+        gResult = Unwind::WalkStack(here, gWalked.data(), kCapacity);
+        const int count = __backtrace(gExpected.data(), kCapacity);
+        if (count != gResult.count || !std::equal(&gWalked[1], &gWalked[0] + count, &gExpected[1]) ||
+            gResult.signalFrames != gHandlers + 1 || !gResult.reachedEnd)
+        {
+            gStepping = 0;
+        }
     }
-    void* own[kCapacity + 1];
-    Unwind::FrameRegisters here;
-    Unwind::CaptureRegisters(here);
-    const int count = Unwind::WalkStack(here, own, capacity + 1).count - 1;
-    std::copy(own + 1, own + 1 + count, frames);
-    return count;
+    constexpr greg_t kTrapFlag = 0x100;
+    auto& flags = context->uc_mcontext.gregs[REG_EFL];
+    flags = gStepping != 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
 }
 
-// What a signal handler returns to. A walk that starts there goes on in the context above it.
-constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x00, 0x0f, 0x05};
-
-int WalkFrom(const ucontext_t* context, void** frames, int capacity)
+__attribute__((noinline)) void StepThrough(void (*code)())
 {
-    void* own[kCapacity + 1];
-    Unwind::FrameRegisters trampoline;
-    trampoline.Set(Unwind::FrameRegisters::kProgramCounter, reinterpret_cast<std::uint64_t>(kTrampoline));
-    trampoline.Set(Unwind::FrameRegisters::kStackPointer, reinterpret_cast<std::uint64_t>(context));
-    const int count = Unwind::WalkStack(trampoline, own, capacity + 1).count - 1;
-    std::copy(own + 1, own + 1 + count, frames);
-    return count;
+    gSteps = 0;
+    gStepping = 1;
+    std::raise(SIGTRAP);
+    code();
+    const bool areEqual = gStepping != 0;
+    gStepping = 0;
+    asm volatile("nop");
+    EXPECT_GT(gSteps, 30);
+    EXPECT_TRUE(areEqual) << "at step " << gSteps << ", " << gResult.count << " frames, " << gResult.signalFrames
+                          << " handlers, end " << gResult.reachedEnd << "\nbacktrace " << testing::PrintToString(gExpected)
+                          << "\nwalk " << testing::PrintToString(gWalked);
 }
 
-using Walk = int (*)(void**, int);
-const volatile Walk gWalks[2] = {__backtrace, WalkFromHere};
-
-// One and the same call calls both, so that even frame 0 must be equal.
-__attribute__((noinline)) void CaptureBoth(Trace (&traces)[2], int capacity)
+__attribute__((noinline)) void StepFormatting()
 {
-    for (int i = 0; i < 2; ++i)
-    {
-        asm volatile("" : "+r"(i)); // or the compiler would make two calls of the loop
-        traces[i].count = gWalks[i](traces[i].frames, capacity);
-    }
-}
-
-bool AreEqual(const Trace& left, const Trace& right, int offset = 0)
-{
-    return left.count - offset == right.count && std::equal(right.frames, right.frames + right.count, left.frames + offset);
-}
-
-std::string Print(const Trace& trace)
-{
-    return testing::PrintToString(std::vector<void*>(trace.frames, trace.frames + trace.count));
-}
-
-int gCompared;
-
-__attribute__((noinline)) void Compare(int capacity)
-{
-    Trace traces[2];
-    errno = ERANGE;
-    CaptureBoth(traces, capacity);
-    EXPECT_EQ(errno, ERANGE);
-    EXPECT_TRUE(AreEqual(traces[0], traces[1])) << "backtrace " << Print(traces[0]) << "\nwalk " << Print(traces[1]);
-    EXPECT_GE(traces[0].count, std::min(capacity, 3));
-    ++gCompared;
-}
-
-__attribute__((noinline)) void CompareHere()
-{
-    Compare(kCapacity);
+    static char text[64];
+    StepThrough([] { std::snprintf(text, sizeof text, "%d %s %.2f", 5, "five", 5.0); });
     asm volatile(""); // no tail call: the frame must stay
+}
+
+void ThrowAndCatch()
+{
+    try
+    {
+        throw 5;
+    }
+    catch (int)
+    {
+    }
 }
 
 __attribute__((noinline)) void Recurse(int depth)
 {
-    depth > 0 ? Recurse(depth - 1) : CompareHere();
+    depth > 0 ? Recurse(depth - 1) : StepFormatting();
     asm volatile("");
 }
 
@@ -117,21 +108,14 @@ __attribute__((noinline)) void Realign(std::size_t size)
     volatile char* dynamic = static_cast<volatile char*>(__builtin_alloca(size));
     aligned[0] = 1;
     dynamic[0] = 1;
-    CompareHere();
+    StepFormatting();
     dynamic[size - 1] = aligned[1];
 }
 
-void RaiseInHandler()
-{
-    std::signal(SIGUSR1, [](int) { CompareHere(); });
-    std::signal(SIGUSR2, [](int) { std::raise(SIGUSR1); });
-    std::raise(SIGUSR2);
-    std::signal(SIGUSR1, SIG_DFL);
-    std::signal(SIGUSR2, SIG_DFL);
-}
-
-extern "C" void CallOnStack(void* stackEnd, void (*run)()); // with tables that lead back
+// The one with tables that lead back, the other without any.
+extern "C" void CallOnStack(void* stackEnd, void (*run)());
 extern "C" const char gAfterCall[];
+extern "C" const char gAfterCallWithoutTables[];
 asm(R"(
     .pushsection .text
 CallOnStack:
@@ -148,345 +132,105 @@ gAfterCall:
     .cfi_def_cfa %rsp, 8
     retq
     .cfi_endproc
+    callq *0x12345678(%rip)
+gAfterCallWithoutTables:
+    nop
     .popsection
 )");
 
-constexpr std::size_t kOwnStack = std::size_t{256} * 1024;
-
-void RunOnOwnStacks()
+void RunInHandler(void (*run)())
 {
-    alignas(16) char above[kOwnStack];
-    const auto below = std::make_unique<char[]>(kOwnStack);
-    CallOnStack(above + kOwnStack, CompareHere);
-    CallOnStack(below.get() + kOwnStack, CompareHere);
-}
-
-ucontext_t gResumer;
-
-void RunInCoroutine()
-{
-    const auto stack = std::make_unique<char[]>(kOwnStack);
-    ucontext_t coroutine;
-    getcontext(&coroutine);
-    coroutine.uc_stack.ss_sp = stack.get();
-    coroutine.uc_stack.ss_size = kOwnStack;
-    coroutine.uc_link = &gResumer;
-    makecontext(&coroutine, CompareHere, 0);
-    swapcontext(&gResumer, &coroutine);
-}
-
-int CompareInSort(const void*, const void*)
-{
-    CompareHere();
-    return 0;
-}
-
-void SortInAnotherNameSpace()
-{
-    void* const library = dlmopen(LM_ID_NEWLM, "libc.so.6", RTLD_NOW);
-    ASSERT_NE(library, nullptr) << dlerror();
-    int numbers[2] = {};
-    reinterpret_cast<decltype(&std::qsort)>(dlsym(library, "qsort"))(numbers, 2, sizeof numbers[0], CompareInSort);
-    dlclose(library);
-}
-
-TEST(StackWalk, EqualsBacktrace)
-{
-    const struct
+    static void (*inHandler)();
+    struct sigaction action = {};
+    action.sa_handler = [](int)
     {
-        void (*run)();
-        const char* name;
-    } cases[] = {
-        {[] { Recurse(300); }, "more frames than fit"},
-        {[] { Compare(2); }, "room for two"},
-        {[] { Compare(0); }, "no room"},
-        {[] { Realign(300); }, "realigned frame"},
-        {RaiseInHandler, "nested signal handlers"},
-        {RunOnOwnStacks, "stacks of the program's own"},
-        {RunInCoroutine, "coroutine"},
-        {SortInAnotherNameSpace, "object of another name space"},
+        ++gHandlers;
+        inHandler();
+        --gHandlers;
     };
-    for (const auto& row : cases)
-    {
-        SCOPED_TRACE(row.name);
-        const int before = gCompared;
-        row.run();
-        EXPECT_GT(gCompared, before);
-    }
+    action.sa_flags = SA_NODEFER | SA_ONSTACK;
+    sigaction(SIGUSR1, &action, nullptr);
+    inHandler = run;
+    std::raise(SIGUSR1);
 }
 
-// These calls are interrupted at instructions all over: prologues, epilogues, the linker's lazy binding, the kernel's page.
-
-constexpr int kEveryStep = 200; // compared one by one; of what follows one in kStride, or the test would take minutes
-constexpr int kStride = 97;
-
-volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
-volatile std::sig_atomic_t gSteps;
-Trace gAtStep[2];
-Trace gInterrupted;
-
-void CompareAtStep(int, siginfo_t*, void* data)
-{
-    auto* const context = static_cast<ucontext_t*>(data);
-    gSteps = gSteps + 1;
-    const auto* const code = reinterpret_cast<const unsigned char*>(context->uc_mcontext.gregs[REG_RIP]);
-    const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
-    if (gSteps <= kEveryStep || gSteps % kStride == 0 || jumps)
-    {
-        CaptureBoth(gAtStep, kCapacity);
-        gInterrupted.count = WalkFrom(context, gInterrupted.frames, kCapacity);
-        const int handlerFrames = 3; // CaptureBoth, this function, the trampoline
-        if (!AreEqual(gAtStep[0], gAtStep[1]) || !AreEqual(gAtStep[0], gInterrupted, handlerFrames))
-        {
-            gStepping = 0;
-        }
-    }
-    constexpr greg_t kTrapFlag = 0x100;
-    auto& flags = context->uc_mcontext.gregs[REG_EFL];
-    flags = gStepping != 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
-}
-
-void StepThrough(void (*run)(), int flags)
+void StepThroughAll(unsigned char* signalStack, std::size_t size)
 {
     struct sigaction action = {};
     action.sa_sigaction = CompareAtStep;
-    action.sa_flags = SA_SIGINFO | flags;
-    ASSERT_EQ(sigaction(SIGTRAP, &action, nullptr), 0);
-    gSteps = 0;
-    gStepping = 1;
-    std::raise(SIGTRAP);
-    run();
-    const bool areEqual = gStepping != 0;
-    gStepping = 0;
-    asm volatile("nop");
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    sigaction(SIGTRAP, &action, nullptr);
+    const stack_t stack = {signalStack, signalStack == nullptr ? SS_DISABLE : 0, size};
+    sigaltstack(&stack, nullptr);
+
+    StepFormatting();
+    static timespec now;
+    StepThrough([] { clock_gettime(CLOCK_REALTIME, &now); });
+    const int stride = std::exchange(gStride, 1 << 30); // backtrace() itself faults where an unwinder restores registers
+    StepThrough(ThrowAndCatch);
+    gStride = stride;
+    Recurse(300);
+    Realign(static_cast<std::size_t>(gSteps % 3) + 300);
+    alignas(16) char above[std::size_t{256} * 1024];
+    const auto below = std::make_unique<char[]>(sizeof above);
+    CallOnStack(above + sizeof above, StepFormatting);
+    CallOnStack(below.get() + sizeof above, StepFormatting);
+    RunInHandler([] { RunInHandler([] { Recurse(300); }); });
+
+    const stack_t none = {nullptr, SS_DISABLE, 0};
+    sigaltstack(&none, nullptr);
     std::signal(SIGTRAP, SIG_DFL);
-    EXPECT_GT(gSteps, 50);
-    EXPECT_TRUE(areEqual) << "at step " << gSteps << "\nbacktrace " << Print(gAtStep[0]) << "\nwalk " << Print(gAtStep[1])
-                          << "\ninterrupted " << Print(gInterrupted);
-}
-
-void StepFormatting()
-{
-    char text[64];
-    std::snprintf(text, sizeof(text), "%d %s %.2f", 5, "five", 5.0);
-}
-
-void StepClock()
-{
-    timespec time;
-    clock_gettime(CLOCK_REALTIME, &time);
-    std::time(nullptr);
-}
-
-void StepException()
-{
-    try
-    {
-        throw 5;
-    }
-    catch (int)
-    {
-    }
 }
 
 TEST(StackWalk, EqualsBacktraceAtEveryInstruction)
 {
-    Trace warmUp[2];
-    CaptureBoth(warmUp, kCapacity); // the first backtrace() of a process loads its unwinder
-    for (void (*run)() : {StepFormatting, StepClock, StepException})
-        std::thread(StepThrough, run, 0).join(); // a thread's stack is short: fewer frames to compare
-}
-
-void StepOnAlternateStack(unsigned char* memory, std::size_t size)
-{
-    stack_t stack = {};
-    stack.ss_sp = memory;
-    stack.ss_size = size;
-    ASSERT_EQ(sigaltstack(&stack, nullptr), 0);
-    StepThrough(StepFormatting, SA_ONSTACK);
-    stack.ss_flags = SS_DISABLE;
-    sigaltstack(&stack, nullptr);
-}
-
-TEST(StackWalk, EqualsBacktraceOnAnAlternateStack)
-{
-    // Above the stack of the thread, where the caller of the trampoline is found further down, and below.
+    __backtrace(gExpected.data(), kCapacity); // the first one of a process loads its unwinder
+    // No signal stack; one above the thread's, where the caller of the trampoline is found further down; and one below.
     unsigned char above[std::size_t{512} * 1024];
-    const auto below = std::make_unique<unsigned char[]>(sizeof(above));
-    for (unsigned char* memory : {above, below.get()})
+    const auto below = std::make_unique<unsigned char[]>(sizeof above);
+    for (unsigned char* const stack : {static_cast<unsigned char*>(nullptr), above, below.get()})
     {
-        std::thread(StepOnAlternateStack, memory, sizeof(above)).join();
+        std::thread(StepThroughAll, stack, sizeof above).join(); // a thread's stack is short: fewer frames to compare
     }
 }
 
-// ---- What the walk tells besides: the signal handler that it met, and whether it came to the end ----
+// ---- Stacks made by hand ----
 
-Unwind::WalkResult gAnswer;
-// In this order: an answer with frames must equal the one without.
-__attribute__((noinline)) void Answer()
+// What a signal handler returns to. A walk that starts there goes on in the context above it.
+constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x00, 0x0f, 0x05};
+
+std::uint64_t AddressOf(const void* place)
 {
-    void* frames[kCapacity];
-    Unwind::FrameRegisters here;
-    Unwind::CaptureRegisters(here);
-    const Unwind::WalkResult stored = Unwind::WalkStack(here, frames, kCapacity);
-    gAnswer = Unwind::WalkStack(here, nullptr, 0);
-    EXPECT_EQ(gAnswer.count, 0);
-    EXPECT_GT(stored.count, 2);
-    EXPECT_EQ(stored.signalFrames, gAnswer.signalFrames);
-    EXPECT_EQ(stored.reachedEnd, gAnswer.reachedEnd);
+    return reinterpret_cast<std::uint64_t>(place);
 }
 
-__attribute__((noinline)) void AnswerBelow(int depth)
+// The first frame is the trampoline.
+Unwind::WalkResult WalkFrom(const ucontext_t* context, void** frames)
 {
-    depth > 0 ? AnswerBelow(depth - 1) : Answer();
-    asm volatile("");
+    Unwind::FrameRegisters trampoline;
+    trampoline.Set(Unwind::FrameRegisters::kProgramCounter, AddressOf(kTrampoline));
+    trampoline.Set(Unwind::FrameRegisters::kStackPointer, AddressOf(context));
+    return Unwind::WalkStack(trampoline, frames, kCapacity);
 }
 
-sigjmp_buf gBeforeSignal;
-void (*gInHandler)();
-
-void RaiseAndRun(void (*run)(), int flags)
-{
-    struct sigaction action = {};
-    action.sa_handler = [](int)
-    {
-        gInHandler();
-    };
-    action.sa_flags = SA_NODEFER | flags;
-    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-    gInHandler = run;
-    int (*const volatile raise)(int) = std::raise; // which may throw when the handler does
-    raise(SIGUSR1);
-}
-
-TEST(StackWalk, TellsOfTheSignalHandlerThatItMet)
-{
-    struct Row
-    {
-        const char* name;
-        void (*run)();
-        int handlers;
-    };
-    const Row rows[] = {
-        {"no signal", Answer, 0},
-        {"no signal, deep", [] { AnswerBelow(5000); }, 0},
-        {"handler", [] { RaiseAndRun(Answer, 0); }, 1},
-        {"deep in a handler", [] { RaiseAndRun([] { AnswerBelow(5000); }, 0); }, 1},
-        {"handler in a handler", [] { RaiseAndRun([] { RaiseAndRun(Answer, 0); }, 0); }, 2},
-        {"alternate stack", [] { RaiseAndRun(Answer, SA_ONSTACK); }, 1},
-        {"deep on the alternate stack", [] { RaiseAndRun([] { AnswerBelow(5000); }, SA_ONSTACK); }, 1},
-        {"after a handler", [] { RaiseAndRun([] {}, 0), Answer(); }, 0},
-        {"catch clause after a throw out of a handler",
-         []
-         {
-             try
-             {
-                 RaiseAndRun([] { throw 5; }, 0);
-             }
-             catch (int)
-             {
-                 Answer();
-             }
-         },
-         0},
-        {"the same from the alternate stack",
-         []
-         {
-             try
-             {
-                 RaiseAndRun([] { AnswerBelow(100), throw 5; }, SA_ONSTACK);
-             }
-             catch (int)
-             {
-                 Answer();
-             }
-         },
-         0},
-        {"catch clause in a handler",
-         []
-         {
-             const auto run = []
-             {
-                 try
-                 {
-                     throw 5;
-                 }
-                 catch (int)
-                 {
-                     Answer();
-                 }
-             };
-             RaiseAndRun(run, 0);
-         },
-         1},
-        {"after a jump out of a handler",
-         []
-         {
-             if (sigsetjmp(gBeforeSignal, 1) == 0)
-             {
-                 RaiseAndRun([] { siglongjmp(gBeforeSignal, 1); }, SA_ONSTACK);
-             }
-             Answer();
-         },
-         0},
-    };
-    std::vector<unsigned char> memory(std::size_t{2048} * 1024);
-    stack_t stack = {};
-    stack.ss_sp = memory.data();
-    stack.ss_size = memory.size();
-    stack_t before;
-    ASSERT_EQ(sigaltstack(&stack, &before), 0);
-    for (const Row& row : rows)
-    {
-        row.run();
-        EXPECT_TRUE(gAnswer.reachedEnd) << row.name;
-        EXPECT_EQ(gAnswer.signalFrames, row.handlers) << row.name;
-    }
-    sigaltstack(&before, nullptr);
-}
-
-// push %rbp; mov %rsp, %rbp; call *%rdi; pop %rbp; ret
-constexpr unsigned char kGeneratedCode[] = {0x55, 0x48, 0x89, 0xe5, 0xff, 0xd7, 0x5d, 0xc3};
-
-Trace gGenerated;
-
-void CaptureGenerated()
-{
-    gGenerated.count = WalkFromHere(gGenerated.frames, kCapacity);
-    Answer();
-}
-
-TEST(StackWalk, FollowsFramePointersThroughGeneratedCode)
-{
-    void* code = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(code, MAP_FAILED);
-    std::memcpy(code, kGeneratedCode, sizeof(kGeneratedCode));
-    ASSERT_EQ(mprotect(code, 4096, PROT_READ | PROT_EXEC), 0);
-    auto* call = reinterpret_cast<void (*)(void (*)())>(code);
-    Trace direct;
-    direct.count = WalkFromHere(direct.frames, kCapacity);
-    call(CaptureGenerated);
-    // Two frames more: CaptureGenerated and the generated code.
-    ASSERT_EQ(gGenerated.count, direct.count + 2) << Print(gGenerated) << "\ndirect" << Print(direct);
-    EXPECT_EQ(gGenerated.frames[1], static_cast<char*>(code) + 6);
-    EXPECT_FALSE(gAnswer.reachedEnd) << "a frame pointer is a guess";
-    EXPECT_TRUE(std::equal(direct.frames + 1, direct.frames + direct.count, gGenerated.frames + 3));
-    munmap(code, 4096);
-}
-
-// A chain of frames in a stack made by hand, each found by the frame pointer that the one before has saved.
+// A chain of frames, each found by the frame pointer that the one before has saved.
 TEST(StackWalk, FollowsOtherStacksButNeverBack)
 {
-    constexpr std::size_t kAll = 0;
+    const std::uint64_t afterCall = AddressOf(gAfterCall);
+    const std::uint64_t withoutTables = AddressOf(gAfterCallWithoutTables);
+    constexpr int kAll = 0;
     std::vector<std::size_t> manySwitches;
     for (std::size_t i = 20000; i > 0; i -= 1000)
+    {
         manySwitches.push_back(i);
+    }
     const struct
     {
         const char* name;
         std::vector<std::size_t> frames; // positions in words, from the stack pointer of the first on
-        std::size_t count;
-        std::uint64_t beyondCall = 0; // where the frames return to
+        int count;
+        std::uint64_t returnAddress = AddressOf(gAfterCall); // of the frames
+        std::uint64_t interrupted = AddressOf(gAfterCall);
     } rows[] = {
         {"one stack", {2000, 2010, 2020}, kAll},
         {"a stack above", {2000, 2010, 9000, 9010}, kAll},
@@ -496,66 +240,117 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
         {"back to the frame before", {2000, 2010, 2020, 2010}, 3},
         {"the same frame", {2000, 2010, 2010}, 2},
         {"what returned calls have left", {2000, 2010, 1980, 1990}, 2},
-        {"a stack below, to what is no return address", {2000, 2010, 100, 110}, 2, 1},
-        {"switches without end", manySwitches, 16},
+        {"a stack below, to what is no return address", {2000, 2010, 100, 110}, 2, afterCall + 1, afterCall},
+        {"switches without end", manySwitches, 15},
+        {"frame pointers without tables", {2000, 2010, 2020}, 2, withoutTables, withoutTables},
+        {"the same to a stack below", {2000, 2010, 100}, 2, withoutTables, withoutTables},
+        {"called null", {2000, 2010, 2020}, 3, afterCall, 0},
+        {"called what is not there", {2000, 2010, 2020}, 3, afterCall, 0x1234},
     };
-    const auto afterCall = reinterpret_cast<std::uint64_t>(gAfterCall);
     for (const auto& row : rows)
     {
         std::vector<std::uint64_t> stack(21000);
-        const auto addressOf = [&](std::size_t index)
+        stack[row.frames[0]] = row.returnAddress;
+        for (std::size_t i = row.frames.size() - 2; i > 0; --i)
         {
-            return reinterpret_cast<std::uint64_t>(&stack[row.frames[index]]);
-        };
-        for (std::size_t i = row.frames.size() - 1; i > 0; --i)
-        {
-            const bool isLast = i + 1 == row.frames.size();
-            stack[row.frames[i]] = isLast ? 0 : addressOf(i + 1);
-            stack[row.frames[i] + 1] = isLast ? 0 : afterCall + row.beyondCall;
+            stack[row.frames[i]] = AddressOf(&stack[row.frames[i + 1]]);
+            stack[row.frames[i] + 1] = row.returnAddress;
         }
-        Unwind::FrameRegisters start;
-        start.Set(Unwind::FrameRegisters::kProgramCounter, afterCall);
-        start.Set(Unwind::FrameRegisters::kStackPointer, addressOf(0));
-        start.Set(Unwind::FrameRegisters::kBasePointer, addressOf(1));
+        ucontext_t context = {};
+        context.uc_mcontext.gregs[REG_RIP] = static_cast<greg_t>(row.interrupted);
+        context.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(AddressOf(&stack[row.frames[0]]));
+        context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(AddressOf(&stack[row.frames[1]]));
         void* frames[kCapacity];
-        const Unwind::WalkResult result = Unwind::WalkStack(start, frames, kCapacity);
-        EXPECT_EQ(static_cast<std::size_t>(result.count), row.count == kAll ? row.frames.size() - 1 : row.count) << row.name;
+        const Unwind::WalkResult result = WalkFrom(&context, frames);
+        EXPECT_EQ(result.count - 1, row.count == kAll ? static_cast<int>(row.frames.size()) - 1 : row.count) << row.name;
         EXPECT_EQ(result.reachedEnd, row.count == kAll) << row.name;
     }
 }
 
+// Words that lead on: code, the stack itself, or anything.
 TEST(StackWalk, EndsOnDamagedStacks)
 {
-    Trace here;
-    here.count = WalkFromHere(here.frames, kCapacity);
     std::vector<std::uint64_t> stack(4096);
-    const auto bottom = reinterpret_cast<std::uint64_t>(stack.data());
+    const std::uint64_t bottom = AddressOf(stack.data());
     std::mt19937_64 random(1);
-    std::uint64_t stackPointers[] = {
-        0, 8, bottom, bottom + 3, ~std::uint64_t{0}, ~std::uint64_t{0} - 7, std::uint64_t{1} << 47};
-    for (int round = 0; round < 500; ++round)
+    const auto codeCount = static_cast<unsigned>(__backtrace(gExpected.data(), kCapacity));
+    void* frames[kCapacity];
+    for (int round = 0; round < 300; ++round)
     {
-        // Words that lead on: code, the stack itself, or anything.
         for (auto& word : stack)
         {
-            const std::uint64_t code =
-                reinterpret_cast<std::uint64_t>(here.frames[random() % static_cast<unsigned>(here.count)]);
-            const std::uint64_t choices[] = {code, code + random() % 4096, bottom + random() % 32768 / 8 * 8, random(), 0};
-            word = choices[random() % 5];
+            const std::uint64_t code = AddressOf(gExpected[random() % codeCount]);
+            const std::uint64_t words[] = {code, code + random() % 4096, bottom + random() % 4096 * 8, random(), 0};
+            word = words[random() % std::size(words)];
         }
         ucontext_t context = {};
         for (auto& value : context.uc_mcontext.gregs)
+        {
             value = static_cast<greg_t>(stack[random() % stack.size()]);
-        context.uc_mcontext.gregs[REG_RSP] =
-            static_cast<greg_t>(round % 4 == 0 ? stackPointers[random() % 7] : bottom + random() % 4096 * 8);
-        Trace trace;
-        trace.count = WalkFrom(&context, trace.frames, kCapacity);
-        ASSERT_GE(trace.count, 1);
-        ASSERT_LE(trace.count, kCapacity);
-        ASSERT_EQ(trace.frames[0], reinterpret_cast<void*>(context.uc_mcontext.gregs[REG_RIP]));
+        }
+        const std::uint64_t pointers[] = {0, 8, bottom + 3, ~std::uint64_t{7}, std::uint64_t{1} << 47};
+        const std::uint64_t pointer = round % 4 == 0 ? pointers[random() % 5] : bottom + random() % 4096 * 8;
+        context.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(pointer);
+        ASSERT_GE(WalkFrom(&context, frames).count, 2);
+        ASSERT_EQ(frames[1], reinterpret_cast<void*>(context.uc_mcontext.gregs[REG_RIP]));
     }
-    Trace none;
-    EXPECT_EQ(WalkFrom(reinterpret_cast<const ucontext_t*>(16), none.frames, kCapacity), 0);
+    EXPECT_EQ(WalkFrom(reinterpret_cast<const ucontext_t*>(16), frames).count, 1);
+}
+
+// Two functions of a copy of this program, whose tables lie as they do in the program.
+TEST(StackWalk, EndsOnDamagedTables)
+{
+    Unwind::MemoryReader memory;
+    Unwind::ElfObject object;
+    ASSERT_TRUE(Unwind::FindObject(memory, AddressOf(gAfterCall), object));
+    std::vector<unsigned char> copy(object.end - object.start);
+    for (std::size_t at = 0; at + 4096 <= copy.size(); at += 4096)
+    {
+        Unwind::ReadMemory(reinterpret_cast<void*>(object.start + at), &copy[at], 4096);
+    }
+    const std::uint64_t moved = AddressOf(copy.data()) - object.start;
+    const std::uint64_t header = object.unwindHeader + moved;
+    const std::uint64_t functions[] = {AddressOf(gAfterCall) + moved,
+                                       AddressOf(reinterpret_cast<void*>(Realign)) + 50 + moved};
+    std::mt19937_64 random(1);
+    int unwound = 0;
+    for (int round = 0; round < 20000; ++round)
+    {
+        const std::uint64_t address = functions[round % 2];
+        Unwind::FrameEntry entry;
+        ASSERT_TRUE(Unwind::FindFrameEntry(*std::make_unique<Unwind::MemoryReader>(), header, address, entry));
+        const std::uint64_t parts[] = {header, entry.commonInstructions - 16, entry.instructions - 20};
+        auto& damaged = *reinterpret_cast<unsigned char*>(parts[random() % 3] + random() % 40);
+        const unsigned char before = std::exchange(damaged, static_cast<unsigned char>(random()));
+        Unwind::FrameRegisters registers;
+        for (unsigned i = 0; i < Unwind::FrameRegisters::kCount; ++i)
+        {
+            registers.Set(i, random() % 2 == 0 ? random() : AddressOf(&copy[copy.size() / 2]));
+        }
+        const auto result = Unwind::UnwindFrame(*std::make_unique<Unwind::MemoryReader>(), header, address, registers);
+        unwound += result == Unwind::UnwindResult::UNWOUND ? 1 : 0;
+        damaged = before;
+    }
+    EXPECT_TRUE(unwound > 1000 && unwound < 19000) << unwound;
+}
+
+int WalkAfterTheMainThread()
+{
+    const auto walk = [main = pthread_self()]
+    {
+        pthread_join(main, nullptr);
+        Unwind::FrameRegisters here;
+        Unwind::CaptureRegisters(here);
+        _exit(Unwind::WalkStack(here, nullptr, 0).reachedEnd ? 0 : 1);
+    };
+    std::thread(walk).detach();
+    syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework
+    return 2;
+}
+
+TEST(StackWalk, WorksAfterTheMainThreadHasEnded)
+{
+    EXPECT_EQ(RunChild(WalkAfterTheMainThread), 0);
 }
 
 } // namespace

@@ -3,26 +3,32 @@
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "support/LogTest.h"
-#include "support/Pages.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <memory>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 namespace
 {
 
-using Lines = std::vector<std::string>;
+std::string PrintedBy(const std::function<void()>& print)
+{
+    testing::internal::CaptureStdout();
+    print();
+    return testing::internal::GetCapturedStdout();
+}
 
-StructuredException MakeException(int signal, int code, std::uintptr_t address)
+// The exception without the dump that its construction prints.
+StructuredException MakeQuietly(int signal, int code, std::uintptr_t address)
 {
     ucontext_t context{};
     for (int i = 0; i < NGREG; ++i)
@@ -30,61 +36,22 @@ StructuredException MakeException(int signal, int code, std::uintptr_t address)
         context.uc_mcontext.gregs[i] = i % 2 == 0 ? i : -i;
     }
     siginfo_t info{};
-    info.si_signo = signal;
     info.si_code = code;
     info.si_addr = reinterpret_cast<void*>(address);
-    return StructuredException(signal, &context, &info);
-}
-
-// The exception without the dump that its construction prints.
-StructuredException MakeQuietly(int signal, int code, std::uintptr_t address)
-{
     testing::internal::CaptureStdout();
-    const StructuredException exception = MakeException(signal, code, address);
+    const StructuredException exception(signal, &context, &info);
     testing::internal::GetCapturedStdout();
     return exception;
 }
 
-Lines GetPrintedLines()
+std::string Joined(const std::vector<std::string>& lines)
 {
-    std::istringstream text(testing::internal::GetCapturedStdout());
-    Lines lines;
-    for (std::string line; std::getline(text, line);)
+    std::string text;
+    for (const std::string& line : lines)
     {
-        lines.push_back(line);
+        text += line + "\n";
     }
-    return lines;
-}
-
-// The lines between the one that reads `first` and the one that reads `last`.
-Lines Between(const Lines& lines, const std::string& first, const std::string& last)
-{
-    const auto begin = std::find(lines.begin(), lines.end(), first);
-    return begin == lines.end() ? Lines{} : Lines(begin + 1, std::find(begin, lines.end(), last));
-}
-
-Lines WithPrefix(const std::string& prefix, Lines lines)
-{
-    for (std::string& line : lines)
-    {
-        line.insert(0, prefix);
-    }
-    return lines;
-}
-
-Lines Join(std::initializer_list<Lines> parts)
-{
-    Lines joined;
-    for (const Lines& part : parts)
-    {
-        joined.insert(joined.end(), part.begin(), part.end());
-    }
-    return joined;
-}
-
-std::string Trace(const char* function, const char* what)
-{
-    return std::string("Level 5|ErrorHandlerDll/LinuxStructuredException.cpp(N) : ") + function + "() - [" + what + "]";
+    return text;
 }
 
 } // namespace
@@ -121,221 +88,113 @@ TEST(StructuredException, DescribesTheSignal)
     }
 }
 
-TEST(StructuredException, DumpsToStandardOutputAndLog)
-{
-    Lines registers;
-    for (long long i = 0; i < 23; ++i)
-    {
-        char line[100];
-        std::snprintf(line, sizeof line, "reg[%02lld] = 0x%llx", i, static_cast<unsigned long long>(i % 2 == 0 ? i : -i));
-        registers.push_back(line);
-    }
-    const std::string constructor = "StructuredException::StructuredException";
-    const std::string headline = "Structured exception Segmentation fault (code 00000002) occurred at 0x1234";
-    for (const bool logs : {true, false})
-    {
-        const CapturedLog log(5, ZR_LOG_ALL_CATEGORIES, logs);
-        testing::internal::CaptureStdout();
-        MakeException(SIGSEGV, 2, 0x1234);
-        const Lines printed = GetPrintedLines();
-
-        const Lines frames = Between(printed, "Call stack", "Finished GenerateCallStack");
-        const Lines modules = Between(printed, "GenerateModuleAddresses...", "Done");
-        ASSERT_FALSE(frames.empty());
-        ASSERT_FALSE(modules.empty());
-        EXPECT_TRUE(modules[0].starts_with("    (") && modules[0].ends_with(") ")) << modules[0];
-        EXPECT_EQ(Join({{constructor, headline, "  Fault address:  0x1234", "GenerateCallStack...", "Call stack"},
-                        frames,
-                        {"Finished GenerateCallStack", "Registers..."},
-                        registers,
-                        {"GenerateModuleAddresses..."},
-                        modules,
-                        {"Done", "Finished GenerateModuleAddresses"}}),
-                  printed);
-        const Lines logged =
-            Join({{Trace("DumpExceptionContext", "Entering"), "ERROR|" + constructor + headline,
-                   "ERROR|  Fault address:  0x1234", Trace("GenerateCallStack", "Entering"), "ERROR|  Call stack:"},
-                  WithPrefix("ERROR|     ", frames),
-                  {Trace("GenerateCallStack", "Exiting"), "ERROR|", "ERROR|  Registers:"},
-                  WithPrefix("ERROR|", registers),
-                  {"ERROR|", Trace("GenerateModuleAddresses", "Entering"), "ERROR|", "ERROR|  Modules list:"},
-                  WithPrefix("ERROR|", modules),
-                  {"ERROR|", Trace("GenerateModuleAddresses", "Exiting"), Trace("DumpExceptionContext", "Exiting")}});
-        EXPECT_EQ(logs ? logged : Lines{}, log.GetLines());
-    }
-}
-
 TEST(StructuredException, IsHandledLikeAnyOtherError)
 {
     StructuredException exception = MakeQuietly(SIGBUS, 2, 0);
-    const CapturedLog log(ZR_LOG_ERROR);
-    testing::internal::CaptureStdout();
-    const std::unique_ptr<HalvikException> propagated(ExceptionHandler::HandleStructuredException("F - ", exception, true));
-    EXPECT_EQ("F - ", GetPrintedLines()[0]);
+    const CapturedLog log(5);
+    std::unique_ptr<HalvikException> propagated;
+    const auto handle = [&]
+    {
+        propagated.reset(ExceptionHandler::HandleStructuredException("F - ", exception, true));
+    };
+    const std::string headline = "Structured exception Bus error (code 00000002) occurred at (nil)\n";
+    EXPECT_TRUE(PrintedBy(handle).starts_with("F - \n" + headline + "  Fault address:  (nil)\n"));
     EXPECT_EQ(2, ExceptionHandler::m_lastErrorCode);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", ExceptionHandler::m_lastErrorString);
     ASSERT_TRUE(propagated);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", propagated->GetErrorString());
-    EXPECT_EQ(2, propagated->GetErrorCode());
-    EXPECT_TRUE(propagated->GetHandled());
-    const Lines lines = log.GetLines();
-    EXPECT_EQ(
-        (Lines{"ERROR|----------------------", "ERROR|F - Structured exception Bus error (code 00000002) occurred at (nil)",
-               "ERROR|  Fault address:  (nil)"}),
-        Lines(lines.begin(), lines.begin() + 3));
+    EXPECT_TRUE(propagated->GetErrorCode() == 2 && propagated->GetHandled());
+    const std::string text = Joined(log.GetLines());
+    std::size_t last = 0;
+    for (const std::string& part :
+         {std::string("ERROR|----------------------\n"), std::string("DumpExceptionContext() - [Entering]\n"),
+          "ERROR|F - " + headline, std::string("GenerateCallStack() - [Entering]\nERROR|  Call stack:\n"),
+          std::string("GenerateCallStack() - [Exiting]\nERROR|\nERROR|  Registers:\nERROR|reg[00] = 0x0\n"),
+          std::string("ERROR|reg[01] = 0xffffffffffffffff\n"), std::string("ERROR|reg[22] = 0x16\n"),
+          std::string("GenerateModuleAddresses() - [Entering]\nERROR|\nERROR|  Modules list:\n"),
+          std::string("GenerateModuleAddresses() - [Exiting]\n"), std::string("DumpExceptionContext() - [Exiting]\n")})
+    {
+        EXPECT_TRUE(text.find(part, last) != std::string::npos) << part << text;
+        last = std::min(text.find(part, last), text.size());
+    }
 }
 
-TEST(StructuredException, KeepsModuleLinesWithinTheirLimit)
+TEST(StructuredException, ListsModulesWithinTheirLimitsAndTellsOfDamage)
 {
     StructuredException exception = MakeQuietly(SIGSEGV, 1, 0);
-    link_map* const executable = _r_debug.r_map;
-    char* const name = executable->l_name;
-    char prefix[50];
-    const auto room = static_cast<std::size_t>(309 - std::snprintf(prefix, sizeof prefix, "    (%lx) ", executable->l_addr));
-    const std::string paths[] = {std::string(room, 'x'), std::string(4000, 'x'), std::string(room - 1, 'x') + "\u00E9"};
-    const std::size_t shown[] = {room, room, room - 1};
-    for (int i = 0; i < 3; ++i)
+    const auto list = [&]
     {
-        std::string path = paths[i];
-        executable->l_name = path.data();
-        testing::internal::CaptureStdout();
-        exception.GenerateModuleAddresses();
-        executable->l_name = name;
-        EXPECT_EQ(prefix + paths[i].substr(0, shown[i]), GetPrintedLines()[0]);
+        return PrintedBy([&] { exception.GenerateModuleAddresses(); });
+    };
+    link_map* const first = _r_debug.r_map;
+    char* const name = first->l_name;
+    const std::string whole = list();
+    const std::string prefix = whole.substr(0, whole.find('\n'));
+    const std::size_t room = 309 - prefix.size();
+    for (const std::string& path : {std::string(room, 'x'), std::string(4000, 'x'), std::string(room - 1, 'x') + "\u00E9"})
+    {
+        std::string replaced = path;
+        first->l_name = replaced.data();
+        const std::string listed = list();
+        first->l_name = name;
+        const std::size_t shown = path.ends_with('x') ? room : room - 1;
+        EXPECT_TRUE(listed.starts_with(prefix + path.substr(0, shown) + "\n")) << listed;
     }
+    const std::string damaged = "    The list of modules is damaged\nDone\n";
+    link_map* const third = first->l_next->l_next;
+    link_map* const fourth = third->l_next;
+    for (link_map* const wrong : {third, first, first->l_next, reinterpret_cast<link_map*>(0x10)})
+    {
+        third->l_next = wrong;
+        const std::string listed = list();
+        third->l_next = fourth;
+        EXPECT_TRUE(listed.starts_with(prefix + "\n" + whole.substr(prefix.size() + 1, 50))) << listed;
+        EXPECT_TRUE(listed.ends_with(damaged) && std::count(listed.begin(), listed.end(), '\n') <= 11) << listed;
+    }
+    _r_debug.r_map = nullptr;
+    const std::string none = list();
+    _r_debug.r_map = first;
+    EXPECT_EQ(damaged, none);
 }
 
 TEST(StructuredException, DumpsMemoryThatMayBeUnreadable)
 {
-    const Pages pages(Pages::NO_ACCESS);
-    std::memcpy(pages.Border() - 8, "ABC\0\x1F\x20\x7F\x80", 8);
-    const std::string unreadable = "?? ?? ?? ?? ?? ?? ?? ?? ";
-    const struct
+    enum Behind
     {
-        std::uintptr_t address;
-        std::string hex; // of the first eight bytes; the rest is unreadable
-        std::string characters;
-    } rows[] = {
-        {reinterpret_cast<std::uintptr_t>(pages.Border()) - 8, "41 42 43 00 1f 20 7f 80 ", "ABC.. \x7F."},
-        {0, unreadable, "........"},
-        {UINTPTR_MAX - 100, unreadable, "........"},
+        NO_ACCESS,
+        UNMAPPED,
+        PAST_END_OF_FILE,
     };
     StructuredException exception = MakeQuietly(SIGSEGV, 1, 0);
-    for (const auto& row : rows)
+    const auto expectDump = [&](std::uintptr_t start, const std::string& hex, const std::string& text)
     {
-        Lines expected = {"ERROR|  Raw stack dump:"};
+        const std::string unreadable = "?? ?? ?? ?? ?? ?? ?? ?? ";
+        std::string expected = "ERROR|  Raw stack dump:\n";
         for (std::uintptr_t i = 0; i < 20; ++i)
         {
             char address[50];
-            std::snprintf(address, sizeof address, "ERROR|    %p  ", reinterpret_cast<void*>(row.address + 16 * i));
-            expected.push_back(address + (i == 0 ? row.hex : unreadable) + unreadable + "  " +
-                               (i == 0 ? row.characters : "........") + "........");
+            std::snprintf(address, sizeof address, "ERROR|    %p  ", reinterpret_cast<void*>(start + 16 * i));
+            expected +=
+                address + (i == 0 ? hex : unreadable) + unreadable + "  " + (i == 0 ? text : "........") + "........\n";
         }
-        expected.push_back("ERROR|");
         const CapturedLog log(ZR_LOG_ERROR);
-        testing::internal::CaptureStdout();
-        exception.GenerateStackDump(reinterpret_cast<unsigned char*>(row.address));
-        EXPECT_EQ("", testing::internal::GetCapturedStdout());
-        EXPECT_EQ(expected, log.GetLines());
-    }
-}
-
-namespace
-{
-
-void DumpAndExit(int signal, siginfo_t* info, void* context)
-{
-    const StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
-    ShutdownLogging();
-    _exit(0);
-}
-
-// In assembler, so that neither the compiler nor a sanitizer sees the fault coming.
-void WriteByte(std::uintptr_t address)
-{
-    asm volatile("movb $1, (%0)" : : "r"(address) : "memory");
-}
-
-void CallAddress(std::uintptr_t address)
-{
-    reinterpret_cast<void (*)()>(address)();
-    asm volatile(""); // keeps the call from becoming a jump
-}
-
-void FaultOnAlternateStack(void (*fault)(std::uintptr_t), std::uintptr_t address)
-{
-    static char stack[256 * 1024];
-    stack_t alternate{};
-    alternate.ss_sp = stack;
-    alternate.ss_size = sizeof stack;
-    sigaltstack(&alternate, nullptr);
-    struct sigaction action = {};
-    action.sa_sigaction = DumpAndExit;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    for (const int signal : {SIGSEGV, SIGBUS})
-    {
-        sigaction(signal, &action, nullptr);
-    }
-    fault(address);
-}
-
-// The addresses in the frames of the dump, from that of the interrupted instruction on.
-std::vector<std::uintptr_t> InterruptedFrames(const Lines& dump)
-{
-    std::uintptr_t instruction = UINTPTR_MAX;
-    std::vector<std::uintptr_t> frames;
-    for (const std::string& line : dump)
-    {
-        std::sscanf(line.c_str(), "ERROR|reg[16] = 0x%" SCNxPTR, &instruction);
-        if (line.starts_with("ERROR|     ") && line.ends_with("]"))
-        {
-            frames.push_back(std::strtoull(line.c_str() + line.rfind('[') + 1, nullptr, 16));
-        }
-    }
-    frames.erase(frames.begin(), std::find(frames.begin(), frames.end(), instruction));
-    return frames;
-}
-
-} // namespace
-
-TEST(StructuredException, RealFaultsAreDumpedAsTheyWere)
-{
-    const Pages noAccess(Pages::NO_ACCESS);
-    const Pages pastEnd(Pages::PAST_END_OF_FILE);
-    static const int data = 0;
-    const struct
-    {
-        void (*fault)(std::uintptr_t);
-        std::uintptr_t address;
-        const char* text;
-    } rows[] = {
-        {WriteByte, reinterpret_cast<std::uintptr_t>(noAccess.Border()), "Segmentation fault (code 00000002)"},
-        {WriteByte, 16, "Segmentation fault (code 00000001)"},
-        {WriteByte, reinterpret_cast<std::uintptr_t>(pastEnd.Border()), "Bus error (code 00000002)"},
-        {CallAddress, 0x1234, "Segmentation fault (code 00000001)"},
-        {CallAddress, reinterpret_cast<std::uintptr_t>(&data), "Segmentation fault (code 00000002)"},
+        EXPECT_EQ("", PrintedBy([&] { exception.GenerateStackDump(reinterpret_cast<unsigned char*>(start)); }));
+        EXPECT_EQ(expected + "ERROR|\n", Joined(log.GetLines()));
     };
-    std::vector<std::uintptr_t> callers; // of the function that faults: the same in each row
-    for (const auto& row : rows)
+    for (const auto behind : {NO_ACCESS, UNMAPPED, PAST_END_OF_FILE})
     {
-        SCOPED_TRACE(row.text);
-        const CapturedLog log(ZR_LOG_ERROR);
-        EXPECT_EXIT(FaultOnAlternateStack(row.fault, row.address), testing::ExitedWithCode(0), "");
-        const Lines lines = log.GetLines();
-        std::vector<std::uintptr_t> frames = InterruptedFrames(lines);
-        ASSERT_LT(3u, frames.size());
-
-        char text[200];
-        std::snprintf(text, sizeof text, "Structured exception %s occurred at 0x%" PRIxPTR, row.text, row.address);
-        EXPECT_EQ(std::string("ERROR|StructuredException::StructuredException") + text, lines[0]);
-        if (row.fault == CallAddress)
-        {
-            EXPECT_EQ(row.address, frames[0]);
-            frames.erase(frames.begin());
-        }
-        EXPECT_LT(frames[0] - reinterpret_cast<std::uintptr_t>(row.fault), 200u);
-        frames.erase(frames.begin());
-        callers = callers.empty() ? frames : callers;
-        EXPECT_EQ(callers, frames);
+        constexpr std::size_t kSize = 4096;
+        const int file = memfd_create("page", 0);
+        ASSERT_EQ(0, ftruncate(file, kSize));
+        auto* const page = static_cast<char*>(mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+        close(file);
+        std::memcpy(page + kSize - 8, "ABC\0\x1F\x20\x7F\x80", 8);
+        behind == NO_ACCESS  ? mprotect(page + kSize, kSize, PROT_NONE)
+        : behind == UNMAPPED ? munmap(page + kSize, kSize)
+                             : 0;
+        expectDump(reinterpret_cast<std::uintptr_t>(page) + kSize - 8, "41 42 43 00 1f 20 7f 80 ", "ABC.. \x7F.");
+        munmap(page, 2 * kSize);
     }
+    expectDump(0, "?? ?? ?? ?? ?? ?? ?? ?? ", "........");
+    expectDump(UINTPTR_MAX - 100, "?? ?? ?? ?? ?? ?? ?? ?? ", "........");
 }

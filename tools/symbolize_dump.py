@@ -105,6 +105,9 @@ class Report:
             if module.elf and module.lookups and self._options.tool:
                 elf = module.debug or module.elf
                 answers = resolve(self._options.tool, elf.path, [address for _, address in module.lookups])
+                if elf.has_debug_info and not any(place for places in answers for _, place in places):
+                    module.notes.append(f"{self._options.tool[0]} finds no lines in {elf.path}, which has debug information: "
+                                        "try another --tool")
                 for (index, address), places in zip(module.lookups, answers):
                     # Without line information the tools fall back on symbols, and some on the nearest, however far away.
                     if elf.covers(address) or any(place for _, place in places):

@@ -4,74 +4,18 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
+#include <string>
 #include <unistd.h>
 
 namespace
 {
 
-struct Way
-{
-    const char* name;
-    int (*end)();
-};
-
-// Signals that are sent are waited for.
-int Send(int signal)
+void SendAndWait(int signal)
 {
     kill(getpid(), signal);
     pause();
-    return 1;
 }
-
-const Way kWays[] = {
-    {"return from main",
-     []
-     {
-         return 0;
-     }},
-    {"exit",
-     []() -> int
-     {
-         std::exit(0);
-     }},
-    {"quick_exit",
-     []() -> int
-     {
-         std::quick_exit(0);
-     }},
-    {"_exit",
-     []() -> int
-     {
-         _exit(0);
-     }},
-    {"abort",
-     []() -> int
-     {
-         std::abort();
-     }},
-    {"SIGTERM",
-     []
-     {
-         return Send(SIGTERM);
-     }},
-    {"SIGKILL",
-     []
-     {
-         return Send(SIGKILL);
-     }},
-    {"fault",
-     []() -> int
-     {
-         __builtin_trap();
-     }},
-    {"uncaught exception",
-     []() -> int
-     {
-         throw std::runtime_error("nobody catches this");
-     }},
-};
 
 void EndInOrder(int)
 {
@@ -79,24 +23,32 @@ void EndInOrder(int)
     _exit(0);
 }
 
-void Keep(const char* keeper)
+void Keep(const std::string& keeper, const std::string& way)
 {
-    if (std::strcmp(keeper, "flushInterval 0") == 0)
+    if (keeper == "flushInterval 0")
     {
         LoggingSettings settings;
         GetLoggingOptions(&settings);
         settings.flushInterval = 0;
         SetLoggingOptions(&settings);
     }
-    else if (std::strcmp(keeper, "ShutdownLogging") == 0)
+    else if (keeper == "ShutdownLogging")
     {
         std::at_quick_exit(ShutdownLogging);
         signal(SIGTERM, EndInOrder);
     }
-    else if (std::strcmp(keeper, "CrashHandler.h") == 0)
+    else if (keeper == "CrashHandler.h")
     {
         InstallCrashHandlers();
         InstallTerminateHandler();
+    }
+    for (int line = 1; line <= 50; ++line)
+    {
+        ZR_LOG(ZR_LOG_ERROR, 1, "line %d", line);
+    }
+    if (keeper == "ShutdownLogging" && way == "_exit")
+    {
+        ShutdownLogging();
     }
 }
 
@@ -105,25 +57,16 @@ void Keep(const char* keeper)
 int main(int argc, char** argv)
 {
     InitialiseLogging(true, ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, "ends.log");
-    if (argc != 3)
-    {
-        return 2;
-    }
-    Keep(argv[1]);
-    for (int line = 1; line <= 50; ++line)
-    {
-        ZR_LOG(ZR_LOG_ERROR, 1, "line %d", line);
-    }
-    for (const Way& way : kWays)
-    {
-        if (std::strcmp(way.name, argv[2]) == 0)
-        {
-            if (std::strcmp(argv[1], "ShutdownLogging") == 0 && std::strcmp(argv[2], "_exit") == 0)
-            {
-                ShutdownLogging();
-            }
-            return way.end();
-        }
-    }
-    return 2;
+    const std::string way = argc == 3 ? argv[2] : "";
+    Keep(argc == 3 ? argv[1] : "", way);
+    way == "exit"                 ? std::exit(0)
+    : way == "quick_exit"         ? std::quick_exit(0)
+    : way == "_exit"              ? _exit(0)
+    : way == "abort"              ? std::abort()
+    : way == "SIGTERM"            ? SendAndWait(SIGTERM)
+    : way == "SIGKILL"            ? SendAndWait(SIGKILL)
+    : way == "fault"              ? __builtin_trap()
+    : way == "uncaught exception" ? throw std::runtime_error("nobody catches this")
+                                  : static_cast<void>(0);
+    return way == "return from main" ? 0 : 2;
 }

@@ -1,24 +1,11 @@
 // Dies of a write to address 16 and leaves a dump on standard output and in crash.log: CrashHost [PLUGIN]. Built by
 // SymbolizeDumpTest.py in several ways.
-#include <ErrorHandlerDll/ErrorHandlerDll.h>
-#include <ErrorHandlerDll/LinuxStructuredException.h>
+#include <ErrorHandlerDll/CrashHandler.h>
 
-#include <csignal>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <dlfcn.h>
 
 namespace
 {
-
-void HandleSignal(int signal, siginfo_t* info, void* context)
-{
-    const StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
-    std::fflush(stdout);
-    ShutdownLogging();
-    std::_Exit(3);
-}
 
 using Write = void (*)(int*);
 
@@ -40,16 +27,8 @@ using Write = void (*)(int*);
 int main(int argc, char** argv)
 {
     InitialiseLogging(true, 5, ZR_LOG_ALL_CATEGORIES, "crash.log");
-    struct sigaction action = {};
-    action.sa_sigaction = HandleSignal;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGSEGV, &action, nullptr);
-
-    Write write = WriteInHost;
-    if (argc > 1)
-    {
-        void* const plugin = dlopen(argv[1], RTLD_NOW);
-        write = reinterpret_cast<Write>(dlsym(plugin, "PluginEntry"));
-    }
-    NeverReturns(write, reinterpret_cast<int*>(std::uintptr_t{16}));
+    InstallCrashHandlers();
+    void* const entry = argc > 1 ? dlsym(dlopen(argv[1], RTLD_NOW), "PluginEntry") : nullptr;
+    NeverReturns(entry != nullptr ? reinterpret_cast<Write>(entry) : WriteInHost,
+                 reinterpret_cast<int*>(std::uintptr_t{16}));
 }

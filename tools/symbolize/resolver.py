@@ -9,7 +9,7 @@ _VERSIONS = [""] + [f"-{n}" for n in range(25, 12, -1)]  # Debian's llvm-NN pack
 _TOOLS = {
     "llvm-symbolizer": ["llvm-symbolizer" + v for v in _VERSIONS],
     "addr2line": ["addr2line"],
-    "eu-addr2line": ["eu-addr2line"],  # finds no lines in what Clang has built, unless with -gdwarf-aranges
+    "eu-addr2line": ["eu-addr2line"],  # finds no lines without .debug_aranges, which Clang only writes when told
 }
 TOOL_NAMES = list(_TOOLS)
 
