@@ -1,6 +1,6 @@
+// The handlers: what they trace, record, log, report and pass on.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
-#include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "support/Allocations.h"
 #include "support/LogTest.h"
@@ -8,42 +8,35 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace
 {
 
 using Lines = std::vector<std::string>;
 using Handled = std::unique_ptr<HalvikException>;
+using Writer = void (*)(const char*, void*);
 
 constexpr auto kHostCode = static_cast<ZelvoReaderErrorCode>(0x10030);
 const std::string kSeparator = "ERROR|----------------------";
 
-void WriteTwoLines(const char* source, void* param)
+HalvikException* Handle(bool propagate, const char* message = "host error", Writer writer = nullptr, void* param = nullptr)
 {
-    LogMessage(ZR_LOG_ERROR, 1, source, static_cast<const char*>(param));
-    LogMessage(ZR_LOG_ERROR, 1, source, "second");
+    return ExceptionHandler::GenericHandleException("F - ", kHostCode, message, propagate, writer, param);
 }
 
 HalvikException* HandleHostError(bool propagate)
 {
+    const auto writeTwoLines = [](const char* source, void* param)
+    {
+        LogMessage(ZR_LOG_ERROR, 1, source, static_cast<const char*>(param));
+        ExceptionHandler::OnWriteErrorLog_WriteString(source, nullptr);
+        LogMessage(ZR_LOG_ERROR, 1, source, "second");
+    };
     char first[] = "first";
-    return ExceptionHandler::GenericHandleException("F - ", kHostCode, "host error", propagate, WriteTwoLines, first);
-}
-
-HalvikException* HandleWithoutWriter(bool propagate)
-{
-    return ExceptionHandler::GenericHandleException("F - ", kHostCode, "host error", propagate, nullptr, nullptr);
-}
-
-HalvikException* HandleUnknown(bool propagate)
-{
-    return ExceptionHandler::HandleUnknownException("F - ", propagate);
+    return Handle(propagate, "host error", writeTwoLines, first);
 }
 
 HalvikException* HandleStd(bool propagate)
@@ -58,30 +51,27 @@ HalvikException* HandleBadAlloc(bool propagate)
     return ExceptionHandler::HandleBadAllocException("F - ", error, propagate);
 }
 
-struct HandlerRow
+const std::string kUnknown = "An unknown error occurred";
+const std::string kLongMessage = kUnknown + " - " + std::string(5000, 'x');
+const std::string kNoMemory = "Memory allocation error - std::bad_alloc";
+
+const struct
 {
     const char* function; // that traces
-    HalvikException* (*handle)(bool propagate);
+    std::function<HalvikException*(bool propagate)> handle;
     ZelvoReaderErrorCode code;
     std::string message; // whole, as it is logged
     Lines lines;         // behind the separator
-};
-
-const std::string kLongMessage = "An unknown error occurred - " + std::string(5000, 'x');
-const HandlerRow kHandlerRows[] = {
+} kHandlerRows[] = {
     {"GenericHandleException", HandleHostError, kHostCode, "host error", {"ERROR|F - first", "ERROR|F - second"}},
-    {"GenericHandleException", HandleWithoutWriter, kHostCode, "host error", {}},
+    {"GenericHandleException", [](bool propagate) { return Handle(propagate); }, kHostCode, "host error", {}},
     {"HandleUnknownException",
-     HandleUnknown,
+     [](bool propagate) { return ExceptionHandler::HandleUnknownException("F - ", propagate); },
      ZR_ERROR_UNKNOWN,
-     "An unknown error occurred",
-     {"ERROR|F - An unknown error occurred"}},
+     kUnknown,
+     {"ERROR|F - " + kUnknown}},
     {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, kLongMessage, {"ERROR|F - " + kLongMessage}},
-    {"GenericHandleException",
-     HandleBadAlloc,
-     ZR_ERROR_MEMORY_ALLOCATION,
-     "Memory allocation error - std::bad_alloc",
-     {"ERROR|F - Memory allocation error - std::bad_alloc"}},
+    {"GenericHandleException", HandleBadAlloc, ZR_ERROR_MEMORY_ALLOCATION, kNoMemory, {"ERROR|F - " + kNoMemory}},
 };
 
 // What the callback got: code, text, and whether the text is the last error itself.
@@ -96,16 +86,8 @@ struct Report
 void Record(ZelvoReaderErrorCode code, char* message, void* param)
 {
     Report& report = *static_cast<Report*>(param);
-    ++report.calls;
-    report.code = code;
-    report.text = message;
-    report.isLastError = message == ExceptionHandler::m_lastErrorString;
+    report = {report.calls + 1, code, message, message == ExceptionHandler::m_lastErrorString};
     errno = EDOM;
-}
-
-void Throw(ZelvoReaderErrorCode, char*, void*)
-{
-    throw 42;
 }
 
 std::string TraceLine(const std::string& function, const char* what)
@@ -122,7 +104,7 @@ void ExpectLastError(ZelvoReaderErrorCode code, const std::string& text)
 class Handler : public testing::Test
 {
 protected:
-    void SetUp() override
+    Handler()
     {
         // An override does not reach the handlers' own texts.
         SetErrorMessage(ZR_ERROR_UNKNOWN, "override");
@@ -130,7 +112,7 @@ protected:
         ExceptionHandler::SetErrorCallback(Record, &m_report);
         ExceptionHandler::SetLastErrorString(std::string(600, 'x').c_str());
     }
-    void TearDown() override
+    ~Handler() override
     {
         ResetErrorMessages();
         ExceptionHandler::SetErrorCallback(nullptr, nullptr);
@@ -143,7 +125,7 @@ protected:
 
 TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 {
-    for (const HandlerRow& row : kHandlerRows)
+    for (const auto& row : kHandlerRows)
     {
         const std::string message = row.message.substr(0, 511);
         for (int variant = 0; variant < 8; ++variant)
@@ -188,25 +170,26 @@ TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 TEST_F(Handler, GuardsItsBody)
 {
     HalvikException error(kHostCode, "no tag", "");
-    const auto throwInWriter = []
+    const auto throwInWriter = [](bool)
     {
         ExceptionHandler::SetErrorCallback(nullptr, nullptr);
-        const auto writer = [](const char*, void*)
-        {
-            throw 42;
-        };
-        ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, nullptr);
+        return Handle(false, "", [](const char*, void*) { throw 42; });
     };
-    std::vector<std::function<void()>> calls = {[&] { ExceptionHandler::HandleHalvikException("", &error); }, throwInWriter};
-    for (const HandlerRow& row : kHandlerRows)
+    const auto handleHalvik = [&](bool)
     {
-        calls.push_back([&] { row.handle(true); });
+        ExceptionHandler::HandleHalvikException("", &error);
+        return nullptr;
+    };
+    std::vector<std::function<HalvikException*(bool)>> calls = {handleHalvik, throwInWriter};
+    for (const auto& row : kHandlerRows)
+    {
+        calls.push_back(row.handle);
     }
     for (const auto& call : calls)
     {
         const CapturedLog log(5);
-        ExceptionHandler::SetErrorCallback(Throw, nullptr);
-        EXPECT_THROW(call(), int);
+        ExceptionHandler::SetErrorCallback([](auto, auto, auto) { throw 42; }, nullptr);
+        EXPECT_THROW(call(true), int);
         ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, "An exception was raised within the exception handler.");
         // From another thread, which would wait for ever for a lock that was left held.
         std::thread([] { LogMessage(ZR_LOG_ERROR, 1, "", "lock is free"); }).join();
@@ -221,9 +204,11 @@ TEST_F(Handler, NeedsNoMemory)
 {
     HalvikException error(ZR_ERROR_OCR, "text", "at");
     ExceptionHandler::SetErrorCallback(nullptr, nullptr); // it keeps the text
+    const CapturedLog log(ZR_LOG_ERROR, 0);               // drops every line
     const long before = Allocations::tCount;
     HandleBadAlloc(false);
     ExceptionHandler::HandleHalvikException("F", &error);
+    LogFormatted(ZR_LOG_ERROR, 1, "", "%2000d", 1);
     for (const unsigned int code : {1u, 300u, 0x10000u, 0xC0000005u})
     {
         char text[100];
@@ -242,11 +227,8 @@ TEST_F(Handler, CallsTheWriterWhenTheFilterDropsTheBlock)
 {
     const CapturedLog log(ZR_LOG_ERROR, 0);
     bool isCalled = false;
-    const auto writer = [](const char*, void* param)
-    {
-        *static_cast<bool*>(param) = true;
-    };
-    ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, &isCalled);
+    Handle(
+        false, "", [](const char*, void* param) { *static_cast<bool*>(param) = true; }, &isCalled);
     EXPECT_TRUE(isCalled);
 }
 
@@ -260,7 +242,7 @@ TEST_F(Handler, KeepsItsBlockTogether)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         LogMessage(ZR_LOG_ERROR, 1, "", "block");
     };
-    ExceptionHandler::GenericHandleException("", kHostCode, "", false, writer, &other);
+    Handle(false, "", writer, &other);
     other.join();
     EXPECT_EQ((Lines{kSeparator, "ERROR|block", "ERROR|other"}), log.GetLines());
 }
@@ -278,7 +260,7 @@ TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
         const std::string text = std::string("outer inner").substr(offset);
         char* const message = ExceptionHandler::m_lastErrorString + offset;
         ExceptionHandler::SetLastErrorString("outer inner");
-        const Handled propagated(ExceptionHandler::GenericHandleException("", kHostCode, message, true, nullptr, nullptr));
+        const Handled propagated(Handle(true, message));
         EXPECT_EQ(text, m_report.text);
         EXPECT_EQ(text, propagated->GetErrorString());
         EXPECT_STREQ("wiped", ExceptionHandler::m_lastErrorString);
