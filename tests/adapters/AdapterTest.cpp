@@ -1,0 +1,292 @@
+// Each adapter and ZR_LOGF of Log.h on a log of their own: what is written, and that no line of several threads is lost.
+#include <ErrorHandlerDll/Log.h>
+#include <ErrorHandlerDll/adapters/BoostLog.h>
+#include <ErrorHandlerDll/adapters/Glog.h>
+#include <ErrorHandlerDll/adapters/Libusb.h>
+#include <ErrorHandlerDll/adapters/Spdlog.h>
+
+#include <algorithm>
+#include <boost/log/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/log/sinks/unlocked_frontend.hpp>
+#include <boost/log/sources/logger.hpp>
+#include <boost/log/sources/record_ostream.hpp>
+#include <boost/log/sources/severity_channel_logger.hpp>
+#include <boost/log/trivial.hpp>
+#include <boost/make_shared.hpp>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <regex>
+#include <spdlog/spdlog.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+using Lines = std::vector<std::string>;
+namespace boost_log = boost::log;
+
+int gFailures = 0;
+bool gIsFormatted = false;
+
+struct Unformattable
+{
+};
+
+void Check(bool isRight, const std::string& what)
+{
+    if (!isRight)
+    {
+        std::fprintf(stderr, "FAILED: %s\n", what.c_str());
+        ++gFailures;
+    }
+}
+
+void OpenLog()
+{
+    std::remove("adapter.log");
+    InitialiseLogging(true, 9, ZR_LOG_ALL_CATEGORIES, "adapter.log");
+}
+
+// "WARNING|source and message" for each line. Fails for lines that are not ours alone, as with a second time or thread.
+Lines CloseLog()
+{
+    ShutdownLogging();
+    Lines lines;
+    std::ifstream file("adapter.log");
+    for (std::string line; std::getline(file, line);)
+    {
+        const std::size_t text = line.find("] - ");
+        Check(line.find("[ThreadID: ") == 37 && text != std::string::npos, "no line of ours: " + line);
+        const std::string level = line.substr(24, 10);
+        lines.push_back(level.substr(0, level.find_last_not_of(' ') + 1) + "|" + line.substr(text + 4));
+    }
+    return lines;
+}
+
+// Compares what has been logged, with N for the numbers of source lines, and opens the log afresh.
+void Expect(const Lines& expected)
+{
+    Lines lines = CloseLog();
+    lines.resize(std::max(lines.size(), expected.size()), "nothing");
+    for (std::size_t i = 0; i < lines.size(); ++i)
+    {
+        const std::string line = std::regex_replace(lines[i], std::regex(R"(AdapterTest\(\d+)"), "AdapterTest(N");
+        Check(i < expected.size() && line == expected[i], "line " + std::to_string(i) + " is " + line);
+    }
+    OpenLog();
+}
+
+// Every thread logs "thread 1 line 0" and so on; all must be there, in the order of their thread. Without a file nothing is.
+void CheckThreads(const char* name, const std::function<void(const std::string& text)>& log)
+{
+    constexpr int kLines = 25000;
+    InitialiseLogging(true, 9, ZR_LOG_ALL_CATEGORIES, "/nowhere/adapter.log");
+    log("lost");
+    OpenLog();
+    const auto logLines = [&log](int thread)
+    {
+        for (int line = 0; line < kLines; ++line)
+        {
+            log("thread " + std::to_string(thread) + " line " + std::to_string(line));
+        }
+    };
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < 4; ++thread)
+    {
+        threads.emplace_back(logLines, thread);
+    }
+    threads.clear();
+    std::map<int, int> next;
+    for (const std::string& line : CloseLog())
+    {
+        int thread = -1;
+        int number = -1;
+        const std::size_t at = std::min(line.find("thread "), line.size());
+        Check(std::sscanf(line.c_str() + at, "thread %d line %d", &thread, &number) == 2 && number == next[thread]++, line);
+    }
+    Check(next == std::map<int, int>{{0, kLines}, {1, kLines}, {2, kLines}, {3, kLines}}, "all lines of each thread");
+    std::printf("%s: %zu threads\n", name, next.size());
+    OpenLog();
+}
+
+} // namespace
+
+template <>
+struct fmt::formatter<Unformattable> : fmt::formatter<int>
+{
+    template <class Context>
+    auto format(Unformattable, Context& context) const -> decltype(context.out())
+    {
+        gIsFormatted = true;
+        throw fmt::format_error("never");
+    }
+};
+
+namespace
+{
+
+void TestFormat()
+{
+    Lines expected;
+    for (const std::size_t length : {0U, 1010U, 1023U, 1024U, 70000U})
+    {
+        const std::string text(length, 'x');
+        Check(ZR_LOGF(ZR_LOG_WARNING, 1, "{}", text), "result");
+        expected.push_back("WARNING|AdapterTest(N) : TestFormat() - " + text);
+    }
+    ZR_LOGF(ZR_LOG_ERROR, 1, "100 % {:>3} of {:#x}", 3, 255);
+    expected.emplace_back("ERROR|AdapterTest(N) : TestFormat() - 100 %   3 of 0xff");
+    ZR_LOGF(10, 1, "{}", Unformattable());
+    Check(!gIsFormatted, "what is filtered out is not formatted");
+    Expect(expected);
+    CheckThreads("std::format", [](const std::string& text) { ZR_LOGF(ZR_LOG_ERROR, 1, "{}", text); });
+}
+
+void TestSpdlog()
+{
+    const auto sink = std::make_shared<SpdlogSink>();
+    const auto logger = std::make_shared<spdlog::logger>("usb", sink);
+    spdlog::logger nameless("", sink);
+    spdlog::initialize_logger(logger); // hands its own format to the sinks
+    logger->set_level(spdlog::level::trace);
+    logger->set_error_handler([](const std::string&) {});
+    logger->critical("critical");
+    logger->error("{:>5}|{:#x}", "e", 255);
+    logger->warn("100 % {}", "%s");
+    logger->info("info");
+    logger->debug("debug");
+    logger->trace("trace");
+    logger->warn("{}", Unformattable());
+    nameless.warn("nameless");
+    nameless.warn(std::string(2000, 'x'));
+    SPDLOG_LOGGER_WARN(logger, "place {}", 1);
+    Expect({"ERROR|usb - critical", "ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info",
+            "DEBUG_HIGH|usb - debug", "Level 4|usb - trace", "WARNING|nameless", "WARNING|" + std::string(2000, 'x'),
+            "WARNING|AdapterTest(N) : TestSpdlog() - place 1"});
+    for (const auto strategy : {LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_APPEND}) // a flush must not empty the file
+    {
+        LoggingSettings settings = {0, 0, 100, strategy, 0, 0};
+        SetLoggingOptions(&settings);
+        logger->warn("before the flush");
+        logger->flush();
+        Check(strategy == LOGGING_STRATEGY_OVERWRITE || std::ifstream("adapter.log").peek() != EOF, "flushed");
+        logger->warn("after the flush");
+        Expect({"WARNING|usb - before the flush", "WARNING|usb - after the flush"});
+    }
+    CheckThreads("spdlog", [&](const std::string& text) { logger->warn(text); });
+    sink->set_pattern("[%L] %v %%");
+    CheckThreads("spdlog with a pattern", [&](const std::string& text) { logger->warn(text); });
+    logger->warn("pattern");
+    Expect({"WARNING|usb - [W] pattern %"});
+}
+
+void TestGlog()
+{
+    google::InitGoogleLogging("AdapterTest");
+    FLAGS_stderrthreshold = google::GLOG_FATAL;
+    GlogSink sink;
+    google::AddLogSink(&sink);
+    LOG_TO_SINK_BUT_NOT_TO_LOGFILE(&sink, INFO) << "sink alone";
+    LOG(ERROR) << "100 % " << 1;
+    LOG(WARNING) << "";
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        close(STDERR_FILENO);
+        LOG(FATAL) << "the end";
+    }
+    int status = 0;
+    Check(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, "glog aborts");
+    Expect({"DEBUG_LOW|AdapterTest(N) - sink alone", "ERROR|AdapterTest(N) - 100 % 1", "WARNING|AdapterTest(N) - ",
+            "ERROR|AdapterTest(N) - the end"});
+    CheckThreads("glog", [](const std::string& text) { LOG(WARNING) << text; });
+    google::RemoveLogSink(&sink);
+    LOG(WARNING) << "removed";
+    Expect({});
+}
+
+template <template <class> class Frontend>
+boost::shared_ptr<Frontend<BoostLogBackend>> UseSink()
+{
+    const auto sink = boost::make_shared<Frontend<BoostLogBackend>>(boost::make_shared<BoostLogBackend>());
+    boost_log::core::get()->remove_all_sinks();
+    boost_log::core::get()->add_sink(sink);
+    return sink;
+}
+
+void TestBoostLog()
+{
+    const auto sink = UseSink<boost_log::sinks::synchronous_sink>();
+    boost_log::sources::severity_channel_logger_mt<int, std::string> channel(boost_log::keywords::channel = "usb");
+    boost_log::sources::logger_mt plain;
+    BOOST_LOG_TRIVIAL(fatal) << "fatal";
+    BOOST_LOG_TRIVIAL(error) << "100 % " << 1;
+    BOOST_LOG_TRIVIAL(warning) << "warning";
+    BOOST_LOG_TRIVIAL(info) << "info";
+    BOOST_LOG_TRIVIAL(debug) << "debug";
+    BOOST_LOG_TRIVIAL(trace) << "trace";
+    BOOST_LOG_SEV(channel, ZR_LOG_DEBUG_HIGH) << "own level";
+    BOOST_LOG(plain) << "no level";
+    boost_log::core::get()->flush();
+    sink->set_formatter(boost_log::expressions::stream << "<" << boost_log::expressions::smessage << ">");
+    BOOST_LOG_TRIVIAL(warning) << "formatter";
+    Expect({"ERROR|fatal", "ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "DEBUG_HIGH|debug", "Level 4|trace",
+            "DEBUG_HIGH|usb - own level", "DEBUG_LOW|no level", "WARNING|<formatter>"});
+    CheckThreads("Boost.Log", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
+    UseSink<boost_log::sinks::unlocked_sink>();
+    CheckThreads("Boost.Log without a lock", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
+}
+
+void TestLibusb()
+{
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_ERROR, "[ 0.000123] [00001a2b] libusb: error [op_open] no access\n");
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_WARNING, "libusb: warning [handle] a [b] c\r\n");
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_INFO, "libusb: info without place");
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "100 %s [x");
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "\n");
+    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, nullptr);
+    Expect({"ERROR|libusb : op_open() - no access", "WARNING|libusb : handle() - a [b] c",
+            "DEBUG_LOW|libusb - libusb: info without place", "DEBUG_HIGH|libusb - 100 %s [x", "DEBUG_HIGH|libusb - ",
+            "DEBUG_HIGH|libusb - "});
+
+    // The library itself; it need not find a device.
+    libusb_set_log_cb(nullptr, LogLibusb<>, LIBUSB_LOG_CB_GLOBAL);
+    setenv("LIBUSB_DEBUG", "4", 1); // libusb 1.0.26 takes the level of libusb_init from nowhere else
+    libusb_context* context = nullptr;
+    if (libusb_init(&context) == 0)
+    {
+        libusb_exit(context);
+    }
+    bool hasPlace = false;
+    for (const std::string& line : CloseLog())
+    {
+        hasPlace = hasPlace || line.starts_with("DEBUG_HIGH|libusb : libusb_init() - ");
+    }
+    Check(hasPlace, "lines of libusb_init");
+    const auto log = [](const std::string& text)
+    {
+        LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, ("libusb: debug [f] " + text + "\n").c_str());
+    };
+    CheckThreads("libusb", log);
+}
+
+} // namespace
+
+int main()
+{
+    OpenLog();
+    TestFormat();
+    TestSpdlog();
+    TestGlog();
+    TestBoostLog();
+    TestLibusb();
+    return gFailures == 0 ? 0 : 1;
+}
