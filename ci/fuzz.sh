@@ -2,6 +2,7 @@
 # Each fuzzer for half a minute, or for as many seconds as the first argument says, from the seeds in harness/fuzz/corpus and from
 # what long runs have grown out of them. What makes one fail stays in build/fuzz/findings; new inputs stay in build/fuzz/corpus.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
 

@@ -20,7 +20,7 @@
 #include <map>
 #include <regex>
 #include <spdlog/spdlog.h>
-#include <sys/resource.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -198,8 +198,7 @@ void TestGlog()
     const pid_t child = fork();
     if (child == 0)
     {
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_CORE, &none);
+        prctl(PR_SET_DUMPABLE, 0); // no core file
         close(STDERR_FILENO);
         LOG(FATAL) << "the end";
     }
@@ -213,18 +212,11 @@ void TestGlog()
     Expect({});
 }
 
-template <template <class> class Frontend>
-boost::shared_ptr<Frontend<BoostLogBackend>> UseSink()
-{
-    const auto sink = boost::make_shared<Frontend<BoostLogBackend>>(boost::make_shared<BoostLogBackend>());
-    boost_log::core::get()->remove_all_sinks();
-    boost_log::core::get()->add_sink(sink);
-    return sink;
-}
-
 void TestBoostLog()
 {
-    const auto sink = UseSink<boost_log::sinks::synchronous_sink>();
+    const auto backend = boost::make_shared<BoostLogBackend>();
+    const auto sink = boost::make_shared<boost_log::sinks::synchronous_sink<BoostLogBackend>>(backend);
+    boost_log::core::get()->add_sink(sink);
     boost_log::sources::severity_channel_logger_mt<int, std::string> channel(boost_log::keywords::channel = "usb");
     boost_log::sources::logger_mt plain;
     BOOST_LOG_TRIVIAL(fatal) << "fatal";
@@ -241,7 +233,8 @@ void TestBoostLog()
     Expect({"ERROR|fatal", "ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "DEBUG_HIGH|debug", "Level 4|trace",
             "DEBUG_HIGH|usb - own level", "DEBUG_LOW|no level", "WARNING|<formatter>"});
     CheckThreads("Boost.Log", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
-    UseSink<boost_log::sinks::unlocked_sink>();
+    boost_log::core::get()->remove_all_sinks();
+    boost_log::core::get()->add_sink(boost::make_shared<boost_log::sinks::unlocked_sink<BoostLogBackend>>(backend));
     CheckThreads("Boost.Log without a lock", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
 }
 
@@ -265,12 +258,12 @@ void TestLibusb()
     {
         libusb_exit(context);
     }
-    bool hasPlace = false;
-    for (const std::string& line : CloseLog())
+    const Lines lines = CloseLog();
+    const auto hasPlace = [](const std::string& line)
     {
-        hasPlace = hasPlace || line.starts_with("DEBUG_HIGH|libusb : libusb_init() - ");
-    }
-    Check(hasPlace, "lines of libusb_init");
+        return line.starts_with("DEBUG_HIGH|libusb : libusb_init() - ");
+    };
+    Check(std::ranges::any_of(lines, hasPlace), "lines of libusb_init");
     const auto log = [](const std::string& text)
     {
         LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, ("libusb: debug [f] " + text + "\n").c_str());
