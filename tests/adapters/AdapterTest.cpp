@@ -1,4 +1,5 @@
 // Each adapter and ZR_LOGF of Log.h on a log of their own: what is written, and that no line of several threads is lost.
+#include "support/LogTest.h"
 #include <ErrorHandlerDll/Log.h>
 #include <ErrorHandlerDll/adapters/BoostLog.h>
 #include <ErrorHandlerDll/adapters/Glog.h>
@@ -15,15 +16,11 @@
 #include <boost/log/sources/severity_channel_logger.hpp>
 #include <boost/log/trivial.hpp>
 #include <boost/make_shared.hpp>
-#include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
 #include <spdlog/spdlog.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -31,64 +28,30 @@ namespace
 using Lines = std::vector<std::string>;
 namespace boost_log = boost::log;
 
-int gFailures = 0;
 bool gIsFormatted = false;
 
 struct Unformattable
 {
 };
 
-void Check(bool isRight, const std::string& what)
+// What has been logged, with N for the numbers of source lines.
+Lines LinesOf(const CapturedLog& log)
 {
-    if (!isRight)
+    Lines lines = log.GetLines();
+    for (std::string& line : lines)
     {
-        std::fprintf(stderr, "FAILED: %s\n", what.c_str());
-        ++gFailures;
-    }
-}
-
-void OpenLog()
-{
-    std::remove("adapter.log");
-    InitialiseLogging(true, 9, ZR_LOG_ALL_CATEGORIES, "adapter.log");
-}
-
-// "WARNING|source and message" for each line. Fails for lines that are not ours alone, as with a second time or thread.
-Lines CloseLog()
-{
-    ShutdownLogging();
-    Lines lines;
-    std::ifstream file("adapter.log");
-    for (std::string line; std::getline(file, line);)
-    {
-        const std::size_t text = line.find("] - ");
-        Check(line.find("[ThreadID: ") == 37 && text != std::string::npos, "no line of ours: " + line);
-        const std::string level = line.substr(24, 10);
-        lines.push_back(level.substr(0, level.find_last_not_of(' ') + 1) + "|" + line.substr(text + 4));
+        line = std::regex_replace(line, std::regex(R"(AdapterTest\(\d+)"), "AdapterTest(N");
     }
     return lines;
 }
 
-// Compares what has been logged, with N for the numbers of source lines, and opens the log afresh.
-void Expect(const Lines& expected)
-{
-    Lines lines = CloseLog();
-    lines.resize(std::max(lines.size(), expected.size()), "nothing");
-    for (std::size_t i = 0; i < lines.size(); ++i)
-    {
-        const std::string line = std::regex_replace(lines[i], std::regex(R"(AdapterTest\(\d+)"), "AdapterTest(N");
-        Check(i < expected.size() && line == expected[i], "line " + std::to_string(i) + " is " + line);
-    }
-    OpenLog();
-}
-
 // Every thread logs "thread 1 line 0" and so on; all must be there, in the order of their thread. Without a file nothing is.
-void CheckThreads(const char* name, const std::function<void(const std::string& text)>& log)
+void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& log)
 {
     constexpr int kLines = 25000;
     InitialiseLogging(true, 9, ZR_LOG_ALL_CATEGORIES, "/nowhere/adapter.log");
     log("lost");
-    OpenLog();
+    const CapturedLog captured(9);
     const auto logLines = [&log](int thread)
     {
         for (int line = 0; line < kLines; ++line)
@@ -102,17 +65,17 @@ void CheckThreads(const char* name, const std::function<void(const std::string& 
         threads.emplace_back(logLines, thread);
     }
     threads.clear();
+    ShutdownLogging();
     std::map<int, int> next;
-    for (const std::string& line : CloseLog())
+    for (const LogLine& line : ParseLog(ReadFile(GetLogFilename())))
     {
         int thread = -1;
         int number = -1;
-        const std::size_t at = std::min(line.find("thread "), line.size());
-        Check(std::sscanf(line.c_str() + at, "thread %d line %d", &thread, &number) == 2 && number == next[thread]++, line);
+        const std::size_t at = std::min(line.m_text.find("thread "), line.m_text.size());
+        EXPECT_EQ(2, std::sscanf(line.m_text.c_str() + at, "thread %d line %d", &thread, &number)) << line.m_text;
+        EXPECT_EQ(next[thread]++, number);
     }
-    Check(next == std::map<int, int>{{0, kLines}, {1, kLines}, {2, kLines}, {3, kLines}}, "all lines of each thread");
-    std::printf("%s: %zu threads\n", name, next.size());
-    OpenLog();
+    EXPECT_EQ((std::map<int, int>{{0, kLines}, {1, kLines}, {2, kLines}, {3, kLines}}), next);
 }
 
 } // namespace
@@ -128,28 +91,27 @@ struct fmt::formatter<Unformattable> : fmt::formatter<int>
     }
 };
 
-namespace
+TEST(Adapter, Format)
 {
-
-void TestFormat()
-{
+    const CapturedLog log(9);
     Lines expected;
     for (const std::size_t length : {0U, 1010U, 1023U, 1024U, 70000U})
     {
         const std::string text(length, 'x');
-        Check(ZR_LOGF(ZR_LOG_WARNING, 1, "{}", text), "result");
-        expected.push_back("WARNING|AdapterTest(N) : TestFormat() - " + text);
+        EXPECT_TRUE(ZR_LOGF(ZR_LOG_WARNING, 1, "{}", text));
+        expected.push_back("WARNING|AdapterTest(N) : TestBody() - " + text);
     }
     ZR_LOGF(ZR_LOG_ERROR, 1, "100 % {:>3} of {:#x}", 3, 255);
-    expected.emplace_back("ERROR|AdapterTest(N) : TestFormat() - 100 %   3 of 0xff");
+    expected.emplace_back("ERROR|AdapterTest(N) : TestBody() - 100 %   3 of 0xff");
     ZR_LOGF(10, 1, "{}", Unformattable());
-    Check(!gIsFormatted, "what is filtered out is not formatted");
-    Expect(expected);
-    CheckThreads("std::format", [](const std::string& text) { ZR_LOGF(ZR_LOG_ERROR, 1, "{}", text); });
+    EXPECT_FALSE(gIsFormatted) << "what is filtered out is not formatted";
+    EXPECT_EQ(expected, LinesOf(log));
+    ExpectLinesOfThreads([](const std::string& text) { ZR_LOGF(ZR_LOG_ERROR, 1, "{}", text); });
 }
 
-void TestSpdlog()
+TEST(Adapter, Spdlog)
 {
+    const CapturedLog log(9);
     const auto sink = std::make_shared<SpdlogSink>();
     const auto logger = std::make_shared<spdlog::logger>("usb", sink);
     spdlog::logger nameless("", sink);
@@ -166,28 +128,32 @@ void TestSpdlog()
     nameless.warn("nameless");
     nameless.warn(std::string(2000, 'x'));
     SPDLOG_LOGGER_WARN(logger, "place {}", 1);
-    Expect({"ERROR|usb - critical", "ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info",
-            "DEBUG_HIGH|usb - debug", "Level 4|usb - trace", "WARNING|nameless", "WARNING|" + std::string(2000, 'x'),
-            "WARNING|AdapterTest(N) : TestSpdlog() - place 1"});
+    EXPECT_EQ((Lines{"ERROR|usb - critical", "ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info",
+                     "DEBUG_HIGH|usb - debug", "Level 4|usb - trace", "WARNING|nameless",
+                     "WARNING|" + std::string(2000, 'x'), "WARNING|AdapterTest(N) : TestBody() - place 1"}),
+              LinesOf(log));
     for (const auto strategy : {LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_APPEND}) // a flush must not empty the file
     {
+        const CapturedLog flushed(9);
         LoggingSettings settings = {0, 0, 100, strategy, 0, 0};
         SetLoggingOptions(&settings);
         logger->warn("before the flush");
         logger->flush();
-        Check(strategy == LOGGING_STRATEGY_OVERWRITE || std::ifstream("adapter.log").peek() != EOF, "flushed");
+        EXPECT_TRUE(strategy == LOGGING_STRATEGY_OVERWRITE || !flushed.GetFlushedLines().empty());
         logger->warn("after the flush");
-        Expect({"WARNING|usb - before the flush", "WARNING|usb - after the flush"});
+        EXPECT_EQ((Lines{"WARNING|usb - before the flush", "WARNING|usb - after the flush"}), LinesOf(flushed));
     }
-    CheckThreads("spdlog", [&](const std::string& text) { logger->warn(text); });
+    ExpectLinesOfThreads([&](const std::string& text) { logger->warn(text); });
     sink->set_pattern("[%L] %v %%");
-    CheckThreads("spdlog with a pattern", [&](const std::string& text) { logger->warn(text); });
+    ExpectLinesOfThreads([&](const std::string& text) { logger->warn(text); });
+    const CapturedLog withPattern;
     logger->warn("pattern");
-    Expect({"WARNING|usb - [W] pattern %"});
+    EXPECT_EQ(Lines{"WARNING|usb - [W] pattern %"}, LinesOf(withPattern));
 }
 
-void TestGlog()
+TEST(Adapter, Glog)
 {
+    const CapturedLog log(9);
     google::InitGoogleLogging("AdapterTest");
     FLAGS_stderrthreshold = google::GLOG_FATAL;
     GlogSink sink;
@@ -203,17 +169,20 @@ void TestGlog()
         LOG(FATAL) << "the end";
     }
     int status = 0;
-    Check(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, "glog aborts");
-    Expect({"DEBUG_LOW|AdapterTest(N) - sink alone", "ERROR|AdapterTest(N) - 100 % 1", "WARNING|AdapterTest(N) - ",
-            "ERROR|AdapterTest(N) - the end"});
-    CheckThreads("glog", [](const std::string& text) { LOG(WARNING) << text; });
+    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
+    EXPECT_EQ((Lines{"DEBUG_LOW|AdapterTest(N) - sink alone", "ERROR|AdapterTest(N) - 100 % 1", "WARNING|AdapterTest(N) - ",
+                     "ERROR|AdapterTest(N) - the end"}),
+              LinesOf(log));
+    ExpectLinesOfThreads([](const std::string& text) { LOG(WARNING) << text; });
     google::RemoveLogSink(&sink);
+    const CapturedLog afterwards;
     LOG(WARNING) << "removed";
-    Expect({});
+    EXPECT_EQ(Lines{}, LinesOf(afterwards));
 }
 
-void TestBoostLog()
+TEST(Adapter, BoostLog)
 {
+    const CapturedLog log(9);
     const auto backend = boost::make_shared<BoostLogBackend>();
     const auto sink = boost::make_shared<boost_log::sinks::synchronous_sink<BoostLogBackend>>(backend);
     boost_log::core::get()->add_sink(sink);
@@ -230,27 +199,31 @@ void TestBoostLog()
     boost_log::core::get()->flush();
     sink->set_formatter(boost_log::expressions::stream << "<" << boost_log::expressions::smessage << ">");
     BOOST_LOG_TRIVIAL(warning) << "formatter";
-    Expect({"ERROR|fatal", "ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "DEBUG_HIGH|debug", "Level 4|trace",
-            "DEBUG_HIGH|usb - own level", "DEBUG_LOW|no level", "WARNING|<formatter>"});
-    CheckThreads("Boost.Log", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
+    EXPECT_EQ((Lines{"ERROR|fatal", "ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "DEBUG_HIGH|debug",
+                     "Level 4|trace", "DEBUG_HIGH|usb - own level", "DEBUG_LOW|no level", "WARNING|<formatter>"}),
+              LinesOf(log));
+    ExpectLinesOfThreads([](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
     boost_log::core::get()->remove_all_sinks();
     boost_log::core::get()->add_sink(boost::make_shared<boost_log::sinks::unlocked_sink<BoostLogBackend>>(backend));
-    CheckThreads("Boost.Log without a lock", [](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
+    ExpectLinesOfThreads([](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
 }
 
-void TestLibusb()
+TEST(Adapter, Libusb)
 {
+    const CapturedLog log(9);
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_ERROR, "[ 0.000123] [00001a2b] libusb: error [op_open] no access\n");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_WARNING, "libusb: warning [handle] a [b] c\r\n");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_INFO, "libusb: info without place");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "100 %s [x");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "\n");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, nullptr);
-    Expect({"ERROR|libusb : op_open() - no access", "WARNING|libusb : handle() - a [b] c",
-            "DEBUG_LOW|libusb - libusb: info without place", "DEBUG_HIGH|libusb - 100 %s [x", "DEBUG_HIGH|libusb - ",
-            "DEBUG_HIGH|libusb - "});
+    EXPECT_EQ((Lines{"ERROR|libusb : op_open() - no access", "WARNING|libusb : handle() - a [b] c",
+                     "DEBUG_LOW|libusb - libusb: info without place", "DEBUG_HIGH|libusb - 100 %s [x",
+                     "DEBUG_HIGH|libusb - ", "DEBUG_HIGH|libusb - "}),
+              LinesOf(log));
 
     // The library itself; it need not find a device.
+    const CapturedLog ofLibrary(9);
     libusb_set_log_cb(nullptr, LogLibusb<>, LIBUSB_LOG_CB_GLOBAL);
     setenv("LIBUSB_DEBUG", "4", 1); // libusb 1.0.26 takes the level of libusb_init from nowhere else
     libusb_context* context = nullptr;
@@ -258,28 +231,11 @@ void TestLibusb()
     {
         libusb_exit(context);
     }
-    const Lines lines = CloseLog();
-    const auto hasPlace = [](const std::string& line)
-    {
-        return line.starts_with("DEBUG_HIGH|libusb : libusb_init() - ");
-    };
-    Check(std::ranges::any_of(lines, hasPlace), "lines of libusb_init");
-    const auto log = [](const std::string& text)
+    const std::string lines = testing::PrintToString(ofLibrary.GetLines());
+    EXPECT_NE(std::string::npos, lines.find("\"DEBUG_HIGH|libusb : libusb_init() - "));
+    const auto logText = [](const std::string& text)
     {
         LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, ("libusb: debug [f] " + text + "\n").c_str());
     };
-    CheckThreads("libusb", log);
-}
-
-} // namespace
-
-int main()
-{
-    OpenLog();
-    TestFormat();
-    TestSpdlog();
-    TestGlog();
-    TestBoostLog();
-    TestLibusb();
-    return gFailures == 0 ? 0 : 1;
+    ExpectLinesOfThreads(logText);
 }
