@@ -57,7 +57,7 @@ TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
                 {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
                 {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
                 {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
-                {"a.log", "a.99999999999.log", "a.1.log", "a.2.log"}};
+                {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
     for (const auto& row : rows)
     {
         const std::string folder = std::to_string(&row - rows) + "/";

@@ -53,9 +53,9 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         Log("end");
         ShutdownLogging();
         const std::string text = OnDisk(name);
-        const std::size_t start = row.present.empty() ? 0 : row.present.size() + 1;
-        EXPECT_EQ(row.present, text.substr(0, row.present.size()));
-        EXPECT_EQ(row.expected, TextsOf(text.substr(start))) << row.what;
+        const std::string before = row.present + (row.present.empty() ? "" : "\n");
+        EXPECT_EQ(before, text.substr(0, before.size())) << row.what;
+        EXPECT_EQ(row.expected, TextsOf(text.substr(before.size()))) << row.what;
     }
 }
 
