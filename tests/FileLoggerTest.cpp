@@ -199,16 +199,21 @@ TEST_F(FileLoggerTest, GivesBackItsSettings)
 
 TEST_F(FileLoggerTest, KeepsItsDescriptorFromChildrenAndStandardStreams)
 {
-    const auto body = [this]
+    const auto isKept = [this]
     {
+        Log("x");
+        const int descriptor = DescriptorOf(m_folder / "app.log");
+        const bool isClosedOnExec = (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0;
+        ShutdownLogging();
+        return descriptor > STDERR_FILENO && isClosedOnExec;
+    };
+    const auto body = [&]
+    {
+        const bool isKeptBesideThem = isKept();
         close(STDIN_FILENO);
         close(STDOUT_FILENO);
         close(STDERR_FILENO);
-        Log("x");
-        const int descriptor = DescriptorOf(m_folder / "app.log");
-        const bool isKept = descriptor > STDERR_FILENO && (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0;
-        ShutdownLogging();
-        return isKept && fcntl(STDIN_FILENO, F_GETFD) < 0 ? 0 : 1;
+        return isKeptBesideThem && isKept() && fcntl(STDIN_FILENO, F_GETFD) < 0 ? 0 : 1;
     };
     EXPECT_EQ(0, RunChild(body));
 }
