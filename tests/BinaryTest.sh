@@ -3,6 +3,7 @@
 # and C++ run-time libraries.
 #   BinaryTest.sh LIBRARY EXPORT_LIST
 set -eu
+export LC_ALL=C.UTF-8
 library=$1
 exportList=$2
 
@@ -14,7 +15,7 @@ fail() {
     status=1
 }
 
-sed -n '/global:/,/local:/s/^ *\([A-Za-z0-9_]\{1,\}\);.*/\1/p' "$exportList" | sort >"$work/listed"
+sed -n '/global:/,/local:/s/^ *\([[:alnum:]_]\{1,\}\);.*/\1/p' "$exportList" | sort >"$work/listed"
 nm -D --defined-only "$library" | awk '{ print $3 }' | sort >"$work/exported"
 diff -u "$work/listed" "$work/exported" || fail "symbols: - is listed but not exported, + is exported but not listed"
 
@@ -23,6 +24,8 @@ readelf -lW "$library" >"$work/segments"
 grep -q 'SONAME.*\[libErrorHandlerDll\.so\]$' "$work/dynamic" || fail "the soname is not the plain file name"
 grep -q 'FLAGS_1.*NOW' "$work/dynamic" || fail "symbols are bound lazily"
 ! grep -q 'TEXTREL' "$work/dynamic" || fail "text relocations"
+# Objects that need construction stand in one unit, where their order is defined; the other one is the compiler's own.
+grep -q '(INIT_ARRAYSZ) *16 (bytes)' "$work/dynamic" || fail "more or less than one unit has initialisers"
 grep -q 'GNU_RELRO' "$work/segments" || fail "the relocated data stays writable"
 grep 'GNU_STACK' "$work/segments" | grep -q ' RW ' || fail "the stack is executable"
 foreign=$(sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' "$work/dynamic" |

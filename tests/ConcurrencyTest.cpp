@@ -1,5 +1,5 @@
 // The log under many threads, in forked children, and at the beginning and the end of the process.
-#include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "ErrorHandlerDll/ExceptionHandler.h"
 #include "support/LogTest.h"
 
 #include <algorithm>
@@ -35,16 +35,15 @@ std::vector<std::jthread> StartWriters(int writers, int count)
 void ExpectEveryLineOnce(const std::vector<LogLine>& lines, const std::map<int, int>& counts)
 {
     std::map<int, int> next;
-    std::map<int, int> threads;
-    std::map<int, int> writers;
+    std::map<int, int> writerOf;
     for (const LogLine& line : lines)
     {
         const int writer = std::stoi(line.m_text);
         EXPECT_EQ(std::to_string(1000000 + next[writer]++).substr(1), line.m_text.substr(4)) << "writer " << writer;
-        EXPECT_EQ(threads.emplace(writer, line.m_thread).first->second, line.m_thread);
-        EXPECT_EQ(writers.emplace(line.m_thread, writer).first->second, writer);
+        EXPECT_EQ(writer, writerOf.emplace(line.m_thread, writer).first->second);
     }
     EXPECT_EQ(counts, next);
+    EXPECT_EQ(counts.size(), writerOf.size());
 }
 
 // What a host's static object calls too late: registered before the library's objects are made, it runs when they are gone.
@@ -53,26 +52,26 @@ constexpr int kLateCallsWereHarmless = 42;
 
 void CallAtExit()
 {
-    if (gCallsAtExit)
+    if (!gCallsAtExit)
     {
-        LoggingSettings settings = {};
-        GetLoggingOptions(&settings);
-        SetLoggingOptions(&settings);
-        InitialiseLogging(true, 3, 1, "late.log");
-        const bool dropped = *GetLogFilename() == '\0' && LogMessage(0, 1, "", "late") &&
-                             LogFormatted(0, 1, "", "%s", "late") && LogMessageAndBufferAsHex(0, 1, "", "late", nullptr, 0);
-        ShutdownLogging();
-        char text[100];
-        int length = sizeof text;
-        GetErrorString(ZR_ERROR_ALREADY_INITIALISED, text, &length);
-        const bool isCatalogue = std::string(text) == "Already initialised" &&
-                                 !AddCustomErrorMessage(ZR_CUSTOM_ERROR_FIRST, "X") && ResetErrorMessages();
-        _exit(dropped && isCatalogue ? kLateCallsWereHarmless : 1);
+        return;
     }
+    LoggingSettings settings = {};
+    GetLoggingOptions(&settings);
+    SetLoggingOptions(&settings);
+    InitialiseLogging(true, 3, 1, "late.log");
+    const bool isDropped = *GetLogFilename() == '\0' && LogMessage(0, 1, "", "late");
+    ShutdownLogging();
+    char text[100];
+    int length = sizeof text;
+    GetErrorString(ZR_ERROR_ALREADY_INITIALISED, text, &length);
+    const bool isCatalogue = std::string(text) == "Already initialised" && ResetErrorMessages() &&
+                             !AddCustomErrorMessage(ZR_CUSTOM_ERROR_FIRST, "X");
+    _exit(isDropped && isCatalogue ? kLateCallsWereHarmless : 1);
 }
 
 // A host's static object that logs before the library's objects are constructed.
-bool gEarlyLineIsWritten = false;
+bool gIsEarlyLineWritten = false;
 
 [[gnu::constructor(101)]] void LogEarly()
 {
@@ -80,7 +79,7 @@ bool gEarlyLineIsWritten = false;
     InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, (folder / "early.log").c_str());
     LogMessage(ZR_LOG_ERROR, 1, "", "early");
     ShutdownLogging();
-    gEarlyLineIsWritten = ReadFile(GetLogFilename()).ends_with(" - early\n");
+    gIsEarlyLineWritten = ReadFile(GetLogFilename()).ends_with(" - early\n");
     std::atexit(CallAtExit);
 }
 
@@ -88,18 +87,14 @@ bool gEarlyLineIsWritten = false;
 
 TEST_F(ConcurrencyTest, ThreadsAtFullSpeedLoseAndTearNothing)
 {
-    constexpr int kWriters = 4;
-    constexpr int kCount = 2000;
     for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
     {
         SetOptions(strategy, 50000);
-        StartWriters(kWriters, kCount).clear(); // joins them
+        StartWriters(4, 2000).clear(); // joins them
         ShutdownLogging();
-        const std::string text = strategy == LOGGING_STRATEGY_APPEND ? OnDisk() : SeriesOnDisk();
-        const std::vector<LogLine> lines = ParseLog(text);
-        ExpectEveryLineOnce(lines, {{0, kCount}, {1, kCount}, {2, kCount}, {3, kCount}});
-        EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end(),
-                                   [](const LogLine& a, const LogLine& b) { return a.m_stamp < b.m_stamp; }));
+        const std::vector<LogLine> lines = ParseLog(strategy == LOGGING_STRATEGY_APPEND ? OnDisk() : SeriesOnDisk());
+        ExpectEveryLineOnce(lines, {{0, 2000}, {1, 2000}, {2, 2000}, {3, 2000}});
+        EXPECT_TRUE(std::ranges::is_sorted(lines, {}, &LogLine::m_stamp));
     }
 }
 
@@ -111,13 +106,7 @@ TEST_F(ConcurrencyTest, ForkedChildrenLogBesideTheirParent)
     std::map<int, int> counts = {{0, kCount}, {1, kCount}, {12, 1}};
     for (int child = 2; child < 12; ++child)
     {
-        const auto body = [child]
-        {
-            LogCounting(child, 150);
-            ShutdownLogging();
-            return 0;
-        };
-        EXPECT_EQ(0, RunChild(body));
+        EXPECT_EQ(0, RunChild([child] { return LogCounting(child, 150), ShutdownLogging(), 0; }));
         counts[child] = 150;
     }
     threads.clear();
@@ -125,27 +114,33 @@ TEST_F(ConcurrencyTest, ForkedChildrenLogBesideTheirParent)
     ExpectEveryLineOnce(ParseLog(OnDisk()), counts);
 }
 
-TEST_F(ConcurrencyTest, AForkInsideAGroupLeavesTheSectionToTheChild)
+TEST_F(ConcurrencyTest, AForkInsideABlockLeavesTheSectionToTheChild)
 {
-    const auto body = []
+    const auto forkInside = [](const char*, void* child)
     {
-        LogCounting(1, 1);
-        gFileLogger.LeaveCriticalSection();
+        *static_cast<pid_t*>(child) = fork();
+        LogCounting(*static_cast<pid_t*>(child) == 0 ? 1 : 0, 1);
+    };
+    pid_t child = -1;
+    ExceptionHandler::GenericHandleException("", ZR_ERROR_UNKNOWN, "", false, forkInside, &child);
+    if (child == 0)
+    {
+        alarm(30);
         std::thread(LogCounting, 2, 1).join();
         ShutdownLogging();
-        return 0;
-    };
-    gFileLogger.EnterCriticalSection();
-    LogCounting(0, 1);
-    EXPECT_EQ(0, RunChild(body));
-    gFileLogger.LeaveCriticalSection();
+        execl("/bin/true", "true", nullptr);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
     ShutdownLogging();
-    ExpectEveryLineOnce(ParseLog(OnDisk()), {{0, 1}, {1, 1}, {2, 1}});
+    const std::vector<LogLine> lines = ParseLog(OnDisk()); // behind the line that heads the block
+    ExpectEveryLineOnce({lines.begin() + 1, lines.end()}, {{0, 1}, {1, 1}, {2, 1}});
 }
 
 TEST(EarlyHost, LogsBeforeTheLibraryIsInitialised)
 {
-    EXPECT_TRUE(gEarlyLineIsWritten);
+    EXPECT_TRUE(gIsEarlyLineWritten);
 }
 
 TEST_F(ConcurrencyTest, CallsAfterTheEndAreHarmless)

@@ -1,47 +1,14 @@
 // Numbered files: their names, the search for them, the moves from one to the next.
-#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
-#include "ZelvoWinAPI/ZelvoWinAPI.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 
 #include <climits>
 #include <map>
-#include <set>
 
-using String = QV::BaseString<char>;
 using FileSizeRotation = LogTest;
 
 namespace
 {
-
-std::string Mask(const std::string& name, const char* wildcard = ".*")
-{
-    return FileDependentLoggerStrategy::GetFileSearchMask(String(name.c_str()), String(wildcard)).GetData();
-}
-
-std::string Build(const std::string& name, int number)
-{
-    return FileSizeLoggerStrategy::BuildLogFileName(String(name.c_str()), number).GetData();
-}
-
-int Number(const std::string& name)
-{
-    return FileSizeLoggerStrategy::GetFileIDFromFileName(String(name.c_str()));
-}
-
-// Keeps the names that a search reports.
-class Search : public FileDependentLoggerStrategy
-{
-public:
-    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr)
-    {
-        SearchCurrentFiles(String(mask.c_str()));
-    }
-    bool PrepareOutputSource() override { return false; }
-    void OnFileFound(std::string_view name) override { EXPECT_TRUE(m_names.emplace(name).second); }
-
-    std::set<std::string> m_names;
-};
 
 void Fill(const std::string& path, std::size_t size)
 {
@@ -60,73 +27,64 @@ void LogBytes(std::size_t size)
     LogMessage(0, 1, "", std::string(size - prefix - std::to_string(gettid()).size(), 'x').c_str());
 }
 
-const struct
-{
-    const char *name, *mask;
-    int number;
-    const char* seventh;
-} kNames[] = {{"ZelvoReader.log", "ZelvoReader.*.log", -1, "ZelvoReader.7.log"},
-              {"ZelvoReader.12.log", "ZelvoReader.*.log", 12, "ZelvoReader.7.log"},
-              {"/var/log/ZelvoReader.log", "/var/log/ZelvoReader.*.log", -1, "/var/log/ZelvoReader.7.log"},
-              {"dir.x/log.txt", "dir.x/log.*.txt", -1, "dir.x/log.7.txt"},
-              {"a.b.c", "a.*.c", -1, "a.b.7.c"},
-              {".log", ".*.log", -1, ".7.log"},
-              {"x.", "x.*.", -1, "x.7."},
-              {"ZelvoReader.-3.log", "ZelvoReader.*.log", -3, "ZelvoReader.7.log"},
-              {"ZelvoReader.+.log", "ZelvoReader.*.log", 0, "ZelvoReader.7.log"},
-              {"ZelvoReader. 3.log", "ZelvoReader.*.log", 3, "ZelvoReader.7.log"},
-              {"ZelvoReader.03.log", "ZelvoReader.*.log", 3, "ZelvoReader.7.log"},
-              {"ZelvoReader.3a.log", "ZelvoReader.*.log", -1, "ZelvoReader.3a.7.log"},
-              {"ZelvoReader.3 .log", "ZelvoReader.*.log", -1, "ZelvoReader.3 .7.log"},
-              {"ZelvoReader..log", "ZelvoReader.*.log", -1, "ZelvoReader..7.log"},
-              {"5.6.7", "5.*.7", 6, "5.7.7"},
-              {"logs.1/reader.1.log", "logs.1/reader.*.log", 1, "logs.1/reader.7.log"},
-              {"v.10/reader", "v.10/reader.*.log", -1, "v.10/reader.7.log"},
-              {"reader", "reader.*.log", -1, "reader.7.log"},
-              {"2026.log", "2026.*.log", 2026, "2026.7.log"},
-              {"x.3", "x.*.3", -1, "x.7.3"},
-              {".3", ".*.3", 3, ".7.3"},
-              {"7", "7.*.log", 7, "7.7.log"},
-              {"1.2\\3.log", "1.2\\3.*.log", 3, "1.2\\3.7.log"},
-              {"1.2/3.log", "1.2/3.*.log", -1, "1.2/3.7.log"},
-              {"a.2147483647.log", "a.*.log", INT_MAX, "a.7.log"},
-              {"a.2147483648.log", "a.*.log", -1, "a.2147483648.7.log"}};
-
 } // namespace
 
-TEST(FileNumber, NamesAreCutBetweenTheLastDots)
+TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
 {
-    for (const auto& row : kNames)
+    const struct
     {
-        EXPECT_EQ(row.mask, Mask(row.name)) << row.name;
-        EXPECT_EQ(row.number, Number(row.name)) << row.name;
-        EXPECT_EQ(row.seventh, Build(row.name, 7)) << row.name;
-    }
-    EXPECT_EQ("ZelvoReader.log", Mask("ZelvoReader.log", ""));
-    EXPECT_EQ("a.log", Mask("a.3.log", ""));
-}
-
-TEST(FileSearch, OnlyTheStarHasAMeaning)
-{
-    const TemporaryFolder folder;
-    for (const char* name : {"a.1.log", "a.log", "ab.1.logs", "a[1].log", "aXbXbc", "?"})
+        const char *name, *onDisk, *opened, *next;
+    } rows[] = {{"a.log", "a.12.log", "a.12.log", "a.13.log"},
+                {"a.12.log", "", "a.1.log", "a.2.log"},
+                {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
+                {".log", ".7.log", ".7.log", ".8.log"},
+                {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
+                {"a.+.log", "a.+7.log", "a.7.log", "a.8.log"},
+                {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
+                {"a.3a.log", "a.7a.log", "a.3a.1.log", "a.3a.2.log"},
+                {"a..log", "a..log", "a..1.log", "a..2.log"},
+                {"logs.1/reader.1.log", "logs.1/reader.4.log", "logs.1/reader.4.log", "logs.1/reader.5.log"},
+                {"v.10/reader", "v.10/reader.7.log", "v.10/reader.7.log", "v.10/reader.8.log"},
+                {"2026.log", "2026.7.log", "2026.7.log", "2026.8.log"},
+                {".3", ".7.3", ".7.3", ".8.3"},
+                {"7", "7.9.log", "7.9.log", "7.10.log"},
+                {"1.2\\3.log", "1.2\\3.7.log", "1.2\\3.7.log", "1.2\\3.8.log"},
+                {"1.2\\3.log", "1.9\\3.7.log", "1.2\\3.1.log", "1.2\\3.2.log"},
+                {"a[1].log", "a1.7.log", "a[1].1.log", "a[1].2.log"},
+                {"a?.log", "ab.7.log", "a?.1.log", "a?.2.log"},
+                {"a.x*", "a.7.x", "a.7.x*", "a.8.x*"}, // the only character with a meaning
+                {"a.log", "a.log.7.log", "a.7.log", "a.8.log"},
+                {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
+                {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
+                {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
+                {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
+    for (const auto& row : rows)
     {
-        Fill(folder / name, 0);
+        const std::string folder = std::to_string(&row - rows) + "/";
+        Fill(m_folder / (folder + row.onDisk + (*row.onDisk == '\0' ? "none" : "")), 0);
+        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + row.name)).parent_path());
+        SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100);
+        Start(folder + row.name);
+        LogBytes(99);
+        EXPECT_EQ(m_folder / (folder + row.opened), GetLogFilename()) << row.name;
+        LogBytes(60);
+        EXPECT_EQ(m_folder / (folder + row.next), GetLogFilename()) << row.name;
+        ShutdownLogging();
+        LogBytes(60);
+        EXPECT_NE(m_folder / (folder + row.opened), GetLogFilename()) << row.name;
     }
-    using Names = std::set<std::string>;
-    EXPECT_EQ((Names{"a.1.log", "a.log", "ab.1.logs", "a[1].log", "aXbXbc", "?"}), Search(folder / "*").m_names);
-    EXPECT_EQ(Names{"a.1.log"}, Search(folder / "a.*.log").m_names);
-    EXPECT_EQ((Names{"a.1.log", "a.log", "a[1].log"}), Search(folder / "a*.log").m_names);
-    EXPECT_EQ(Names{"a[1].log"}, Search(folder / "a[1].log").m_names);
-    EXPECT_EQ(Names{"aXbXbc"}, Search(folder / "a*b*bc*").m_names);
-    EXPECT_EQ(Names{"?"}, Search(folder / "?").m_names);
-    EXPECT_EQ(Names{}, Search(folder / "a.?.log").m_names);
-    EXPECT_EQ(Names{}, Search(folder / "none/*").m_names);
 }
 
 TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
 {
     using Sizes = std::map<std::string, std::size_t>; // files by the text between "app." and "log"
+    Sizes many;
+    for (int number = 1; number <= 300; ++number) // more than one system call gives
+    {
+        many[std::to_string(number) + "."] = 5;
+    }
+    Sizes manyLeft = many;
+    manyLeft["300."] = 105;
     const struct
     {
         const char* what;
@@ -140,14 +98,8 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
                 {"limit 0", {}, 0, {100, 100}, {{"1.", 0}, {"2.", 100}, {"3.", 100}}},
                 {"longer than the limit", {}, 200, {100, 500, 100}, {{"1.", 100}, {"2.", 500}, {"3.", 100}}},
                 {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
-                {"highest by value", {{"2.", 5}, {"10.", 5}, {"9.", 5}}, 1000, {100}, {{"2.", 5}, {"9.", 5}, {"10.", 105}}},
+                {"highest by value", many, 1000, {100}, manyLeft},
                 {"no numbers", {{"old.", 5}, {".", 5}, {"", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"", 5}, {"1.", 100}}},
-                {"leading zero", {{"03.", 5}}, 1000, {100}, {{"03.", 5}, {"3.", 100}}},
-                {"too high",
-                 {{"2147483647.", 5}, {"99999999999.", 5}},
-                 1000,
-                 {100},
-                 {{"2147483647.", 5}, {"99999999999.", 5}, {"1.", 100}}},
                 {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
                 {"the last number grows on",
                  {{"2147483646.", 950}},
@@ -164,10 +116,12 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
         std::filesystem::create_directories(m_folder / folder);
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, row.limit);
         Start(folder + "/app.log");
+        Faults::gSearches = 0;
         for (const std::size_t size : row.lines)
         {
             LogBytes(size);
         }
+        EXPECT_EQ(1, Faults::gSearches) << row.what;
         ShutdownLogging();
         Sizes left;
         for (const auto& file : std::filesystem::directory_iterator(m_folder / folder))
@@ -192,23 +146,4 @@ TEST_F(FileSizeRotation, PassesByADirectoryWithANumberedName)
     std::filesystem::create_directory(m_folder / "app.5.log");
     Log(std::string(100, 'x'));
     EXPECT_EQ(m_folder / "app.6.log", GetLogFilename());
-}
-
-TEST_F(FileSizeRotation, SearchesTenThousandFilesOnce)
-{
-    Fill(m_folder / "app.1.log", 0);
-    for (int number = 2; number < 10000; ++number) // links cost much less than files
-    {
-        std::filesystem::create_hard_link(m_folder / "app.1.log", m_folder / ("app." + std::to_string(number) + ".log"));
-    }
-    Fill(m_folder / "app.10000.log", 0);
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
-    Faults::gSearches = 0;
-    for (int line = 0; line < 40; ++line)
-    {
-        LogBytes(100);
-    }
-    EXPECT_EQ(1, Faults::gSearches);
-    EXPECT_EQ(m_folder / "app.10004.log", GetLogFilename());
-    EXPECT_EQ(9u, ClosedTexts("app.10000.log").size());
 }

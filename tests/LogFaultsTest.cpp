@@ -5,143 +5,104 @@
 #include <cerrno>
 
 using LogFaultsTest = LogTest;
+using Texts = std::vector<std::string>;
 
-TEST_F(LogFaultsTest, FailingWritesCostNothing)
+TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
 {
+    const std::string longText(200000, 'x');
+    const std::string torn = "whole\nkilled in the mid";
     const struct
     {
+        const char* what;
+        int strategy;
         unsigned int flushInterval;
+        std::string present;
         std::deque<Faults::WriteFault> faults;
-    } rows[] = {{0, {{1, 0}, {7, 0}, {100, 0}}},
-                {0, {{0, EINTR}, {0, EINTR}}},
-                {0, {{0, EIO}, {30, 0}, {0, ENOSPC}, {1, 0}, {0, EAGAIN}}},
-                {0, {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}},
-                {100, {{25, 0}, {0, EIO}}}}; // when it is closed
+        Texts lines;
+        Texts expected;
+    } rows[] = {
+        {"short writes", 0, 0, "", {{1, 0}, {7, 0}, {100, 0}}, {"a", "b", "c"}, {"a", "b", "c", "end"}},
+        {"interrupted", 0, 0, "", {{0, EINTR}, {0, EINTR}}, {"a", "b"}, {"a", "b", "end"}},
+        {"failing", 0, 0, "", {{0, EIO}, {30, 0}, {0, ENOSPC}, {1, 0}, {0, EAGAIN}}, {"a", "b"}, {"a", "b", "end"}},
+        {"failing long", 0, 0, "", {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}, {"a", "b"}, {"a", "b", "end"}},
+        {"at the end", 0, 100, "", {{25, 0}, {0, EIO}}, {"a", "b"}, {"a", "b", "end"}},
+        {"long line", 0, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
+        {"long line, emptied", 1, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
+        {"long line behind another", 0, 100, "", {{10, 0}, {0, EIO}}, {"first", longText}, {"first", "end"}},
+        {"torn before", 0, 100, torn, {}, {"a"}, {"a", "end"}},
+        {"torn before, numbered", 2, 100, torn, {}, {"a"}, {"a", "end"}},
+        {"torn before a long line", 0, 100, torn, {}, {longText}, {longText, "end"}},
+    };
     for (const auto& row : rows)
     {
-        SetOptions(LOGGING_STRATEGY_OVERWRITE, 0, row.flushInterval);
+        const std::string name = row.what + std::string(".1.log");
+        std::ofstream(m_folder / name) << row.present;
+        SetOptions(row.strategy, 1000000, row.flushInterval);
+        Start(name);
         Faults::gWrites = row.faults;
-        std::vector<std::string> expected;
-        for (int i = 0; i < 10; ++i)
+        for (const std::string& line : row.lines)
         {
-            expected.push_back("line " + std::to_string(i));
-            EXPECT_TRUE(Log(expected.back()));
+            EXPECT_TRUE(Log(line));
         }
-        EXPECT_EQ(expected, ClosedTexts()) << "row " << &row - rows;
+        if (row.lines[0] == longText) // closed with no room for a line feed either
+        {
+            ShutdownLogging();
+            Faults::gWrites.clear();
+            SetOptions(LOGGING_STRATEGY_APPEND);
+        }
+        Log("end");
+        ShutdownLogging();
+        const std::string text = OnDisk(name);
+        const std::string before = row.present + (row.present.empty() ? "" : "\n");
+        EXPECT_EQ(before, text.substr(0, before.size())) << row.what;
+        EXPECT_EQ(row.expected, TextsOf(text.substr(before.size()))) << row.what;
     }
 }
 
-TEST_F(LogFaultsTest, ClosesOnAWholeLineWhenTheDiskIsFull)
+TEST_F(LogFaultsTest, ClosesOnAWholeLineWhenTheDiskIsFullAndMakesNoNextFile)
 {
-    for (const long space : {0L, 1L, 3000L})
+    for (const int strategy : {LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_FILE_SIZE})
     {
-        SetOptions(LOGGING_STRATEGY_OVERWRITE);
-        Faults::gDiskSpace = space;
+        const std::string name = std::to_string(strategy) + ".1.log";
+        Start(name);
+        SetOptions(strategy, 2000);
+        Faults::gDiskSpace = 1500;
         for (int i = 0; i < 100; ++i)
         {
-            Log("line " + std::to_string(i));
+            Log("line");
         }
-        const std::vector<std::string> texts = ClosedTexts();
-        EXPECT_EQ(space > 1, !texts.empty());
-        for (std::size_t i = 0; i < texts.size(); ++i)
-        {
-            EXPECT_EQ("line " + std::to_string(i), texts[i]);
-        }
-        Faults::gDiskSpace = -1;
-    }
-}
-
-TEST_F(LogFaultsTest, TakesBackALongLineThatFailed)
-{
-    const struct
-    {
-        int strategy;
-        bool closes;
-    } rows[] = {{LOGGING_STRATEGY_APPEND, false}, {LOGGING_STRATEGY_APPEND, true}, {LOGGING_STRATEGY_OVERWRITE, false}};
-    for (const auto& row : rows)
-    {
-        Start("long" + std::to_string(&row - rows));
-        SetOptions(row.strategy);
-        Faults::gWrites = {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}};
-        Log(std::string(200000, 'x'));
-        if (row.closes) // with no room for a line feed either
+        if (strategy == LOGGING_STRATEGY_OVERWRITE)
         {
             ShutdownLogging();
         }
-        Faults::gWrites.clear();
-        Log("next");
-        EXPECT_EQ(std::vector<std::string>{"next"}, ClosedTexts("long" + std::to_string(&row - rows)));
+        EXPECT_EQ(Texts(TextsOf(OnDisk(name)).size(), "line"), TextsOf(OnDisk(name)));
+        Faults::gDiskSpace = -1;
+        Log("room again");
+        ShutdownLogging();
+        EXPECT_EQ(strategy == LOGGING_STRATEGY_FILE_SIZE ? 100u : 1u, TextsOf(OnDisk(name)).size());
+        EXPECT_EQ(strategy == LOGGING_STRATEGY_FILE_SIZE ? 1u : 0u, TextsOf(OnDisk("2.2.log")).size());
     }
 }
 
 TEST_F(LogFaultsTest, AForkThatCannotFlushLeavesTheLinesToTheParent)
 {
-    const struct
+    for (const long written : {0L, 30L})
     {
-        const char* what;
-        std::deque<Faults::WriteFault> faults;
-    } rows[] = {{"nothing written", {{0, ENOSPC}}}, {"half a line", {{30, 0}, {0, ENOSPC}}}};
-    for (const auto& row : rows)
-    {
-        Start(row.what);
+        const std::string name = std::to_string(written);
+        Start(name);
         Log("parent");
-        Faults::gWrites = row.faults;
+        Faults::gWrites = {{written, written == 0 ? ENOSPC : 0}, {0, ENOSPC}};
         EXPECT_EQ(0, RunChild(
                          []
                          {
+                             Faults::gWrites.clear();
                              Log("child");
                              ShutdownLogging();
                              return 0;
                          }));
-        EXPECT_EQ((std::vector<std::string>{"child", "parent"}), ClosedTexts(row.what)) << row.what;
+        Faults::gWrites.clear();
+        EXPECT_EQ((Texts{"child", "parent"}), ClosedTexts(name));
     }
-}
-
-TEST_F(LogFaultsTest, StartsOnALineOfItsOwn)
-{
-    for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
-    {
-        for (const std::size_t length : {std::size_t{10}, std::size_t{100000}})
-        {
-            const std::string name = std::to_string(strategy) + std::to_string(length) + ".1.log";
-            std::ofstream(m_folder / name) << "whole\nkilled in the mid";
-            SetOptions(strategy, 1000000);
-            Start(name);
-            Log(std::string(length, 'x'));
-            ShutdownLogging();
-            Log("again");
-            ShutdownLogging();
-            const std::string text = OnDisk(name);
-            EXPECT_TRUE(text.starts_with("whole\nkilled in the mid\n"));
-            EXPECT_EQ(2u, ParseLog(text.substr(text.find("mid") + 4)).size());
-        }
-    }
-}
-
-TEST_F(LogFaultsTest, StaysInANumberedFileThatCannotBeFlushed)
-{
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 2000);
-    Faults::gDiskSpace = 1000;
-    for (int i = 0; i < 100; ++i)
-    {
-        Log("line");
-    }
-    Faults::gDiskSpace = -1;
-    Log("room again");
-    EXPECT_EQ(std::vector<std::string>(100, "line"), ClosedTexts("app.1.log"));
-    EXPECT_EQ(std::vector<std::string>{"room again"}, ClosedTexts("app.2.log"));
-}
-
-TEST_F(LogFaultsTest, ALongLineDoesNotOvertakeTheOnesBefore)
-{
-    Log("first");
-    Faults::gWrites = {{10, 0}, {0, EIO}};
-    Log(std::string(200000, 'x'));
-    Log("last");
-    const std::vector<std::string> texts = ClosedTexts();
-    ASSERT_LE(2u, texts.size());
-    EXPECT_EQ("first", texts.front());
-    EXPECT_EQ("last", texts.back());
 }
 
 TEST_F(LogFaultsTest, OpensAsSoonAsItCan)
@@ -149,19 +110,17 @@ TEST_F(LogFaultsTest, OpensAsSoonAsItCan)
     for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_FILE_SIZE})
     {
         SetOptions(strategy, 100000);
-        InitialiseLogging(true, 3, 1, strategy == LOGGING_STRATEGY_FILE_SIZE ? "/dev/null/app.log" : nullptr);
-        EXPECT_FALSE(Log("a name that cannot be opened"));
-        Start(std::string(5000, 'x'));
-        EXPECT_FALSE(Log("a name too long"));
-
-        const std::string folder = "later" + std::to_string(strategy);
-        Start(folder + "/app.1.log");
-        EXPECT_FALSE(Log("lost"));
-        std::filesystem::create_directory(m_folder / folder);
+        for (const std::string& name : {std::string("missing/app.log"), std::string("file/app.log"), std::string(5000, 'x')})
+        {
+            std::ofstream(m_folder / "file") << "";
+            Start(name);
+            EXPECT_FALSE(Log("lost"));
+        }
+        Start(std::to_string(strategy) + ".1.log");
         Faults::gOpenErrors = {EMFILE, EACCES, EINTR};
         EXPECT_FALSE(Log("lost"));
         EXPECT_FALSE(Log("lost"));
         EXPECT_TRUE(Log("kept")); // the interrupted open is tried again at once
-        EXPECT_EQ(std::vector<std::string>{"kept"}, ClosedTexts(folder + "/app.1.log"));
+        EXPECT_EQ(Texts{"kept"}, ClosedTexts(std::to_string(strategy) + ".1.log"));
     }
 }

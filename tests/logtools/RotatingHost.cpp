@@ -1,9 +1,15 @@
-// Logs numbered entries while its log is rotated: RotatingHost LOG ENTRIES [MAX_FILE_SIZE]. With a size it rotates by
-// itself; without one it opens its log afresh whenever it is told to by SIGHUP. Half of the entries have further lines.
+// Logs for the readers of logs to be tried on:
+//   RotatingHost LOG                          every form of entry, in numbered files
+//   RotatingHost LOG ENTRIES [MAX_FILE_SIZE]  numbered entries while the log is rotated. With a size it rotates by itself;
+//                                             without one it opens its log afresh whenever it is told to by SIGHUP.
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
+#include <ErrorHandlerDll/ExceptionHandler.h>
+#include <ErrorHandlerDll/HalvikException.h>
+#include <ErrorHandlerDll/LinuxStructuredException.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <ucontext.h>
 #include <unistd.h>
 
 namespace
@@ -11,32 +17,75 @@ namespace
 
 volatile std::sig_atomic_t gReopenLog = 0;
 
-void HandleHangup(int)
+void OnSignal(int signal, siginfo_t* info, void* context)
 {
-    gReopenLog = 1;
+    StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+    ExceptionHandler::HandleStructuredException("RotatingHost::OnSignal - ", exception, false);
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+void LogEachForm()
 {
-    if (argc < 3)
+    const int levels[] = {ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, 5, -1, 1234567, -1234567};
+    for (const int level : levels)
     {
-        return 2;
+        LogFormatted(level, 1, "Camera(120) : Open() - ", "level %d", level);
     }
-    std::signal(SIGHUP, HandleHangup);
-    InitialiseLogging(true, ZR_LOG_WARNING, ZR_LOG_ALL_CATEGORIES, argv[1]);
-    LoggingSettings settings = {};
-    GetLoggingOptions(&settings);
-    settings.flushInterval = 5;
-    if (argc > 3)
+    LogMessage(ZR_LOG_ERROR, 1, "src/v1.2/Chip reader.cpp(7) : Chip::Send<int>() - ", "path, blank and class in the source");
+    LogMessage(ZR_LOG_ERROR, 1, "Reader::Open - ", "source of another form");
+    LogMessage(ZR_LOG_ERROR, 1, "", "f(1) : no source, a message that resembles one");
+    LogMessage(ZR_LOG_ERROR, 1, "Camera(120) : Open() - ", "quotes \" ' back\\slash, tab\t, 100 %, M\xC3\xBCnchen");
+    LogMessage(ZR_LOG_ERROR, 1, "", "");
+    LogMessage(ZR_LOG_ERROR, 1, "Camera(121) : Open() - ", "");
+    LogMessage(ZR_LOG_WARNING, 1, "Camera(130) : Read() - ",
+               "line feeds\n\n  in the message - [ThreadID: 1] - \n03/12/26 ends");
+}
+
+void LogDumps()
+{
+    unsigned char bytes[2048]; // as text more than 8 kB, where some readers cut by default
+    for (unsigned int i = 0; i < sizeof bytes; ++i)
     {
-        settings.strategy = LOGGING_STRATEGY_FILE_SIZE;
-        settings.maxFileSize = static_cast<unsigned int>(std::atoi(argv[3]));
+        bytes[i] = static_cast<unsigned char>(16 + 5 * i);
     }
-    SetLoggingOptions(&settings);
+    const int lengths[] = {0, 1, 16, 48, sizeof bytes};
+    for (const int length : lengths)
+    {
+        LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, 1, "Chip(9) : Receive() - ", "reply", bytes, length);
+    }
+}
+
+void ReportError()
+{
+    try
+    {
+        RaiseError(ZR_ERROR_UNKNOWN_CODE, "Camera(140) : Scan() - ");
+    }
+    catch (HalvikException* exception)
+    {
+        ExceptionHandler::HandleHalvikException("Camera::Scan - ", exception);
+        ExceptionHandler::HandleHalvikException("Kit::Scan - ", exception);
+        delete exception;
+    }
+}
+
+void LogEveryForm()
+{
+    LogEachForm();
+    LogDumps();
+    ReportError();
+    struct sigaction action = {};
+    action.sa_sigaction = OnSignal;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGFPE, &action, nullptr);
+    std::raise(SIGFPE);
+    LogMessage(ZR_LOG_ERROR, 1, "RotatingHost(1) : main() - ", "last entry");
+}
+
+// Half of the entries have further lines.
+void LogNumbers(int count)
+{
+    std::signal(SIGHUP, [](int) { gReopenLog = 1; });
     const unsigned char bytes[40] = {};
-    const int count = std::atoi(argv[2]);
     for (int number = 1; number <= count; ++number)
     {
         if (gReopenLog != 0)
@@ -47,6 +96,29 @@ int main(int argc, char** argv)
         LogFormatted(ZR_LOG_WARNING, 1, "main - ", "entry %d", number);
         LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "main - ", "bytes", bytes, number % 10 == 0 ? 40 : 0);
         usleep(2000);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const bool isNumbered = argc > 2;
+    LoggingSettings settings = {0, 0, isNumbered ? 5U : 100U, LOGGING_STRATEGY_FILE_SIZE, 4096, 0};
+    if (isNumbered)
+    {
+        settings.strategy = argc > 3 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
+        settings.maxFileSize = argc > 3 ? static_cast<unsigned int>(std::atoi(argv[3])) : 0;
+    }
+    InitialiseLogging(argc > 1, 10000000, ZR_LOG_ALL_CATEGORIES, argv[1]);
+    SetLoggingOptions(&settings);
+    if (isNumbered)
+    {
+        LogNumbers(std::atoi(argv[2]));
+    }
+    else
+    {
+        LogEveryForm();
     }
     ShutdownLogging();
 }

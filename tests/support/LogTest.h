@@ -103,15 +103,19 @@ protected:
         }
         return text;
     }
-    std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
+    static std::vector<std::string> TextsOf(const std::string& log)
     {
-        ShutdownLogging();
         std::vector<std::string> texts;
-        for (const LogLine& line : ParseLog(OnDisk(name)))
+        for (const LogLine& line : ParseLog(log))
         {
             texts.push_back(line.m_text);
         }
         return texts;
+    }
+    std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
+    {
+        ShutdownLogging();
+        return TextsOf(OnDisk(name));
     }
 
     TemporaryFolder m_folder;
