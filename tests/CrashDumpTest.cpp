@@ -2,9 +2,7 @@
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
-#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
-#include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "support/LogTest.h"
 #include "support/SignalHandler.h"
 
@@ -630,22 +628,6 @@ void LoseAllDescriptors()
     setrlimit(RLIMIT_NOFILE, &none);
 }
 
-// Overwrites the object on the heap that tells the logger which file takes a line.
-void DamageTheStrategy()
-{
-    const FileSizeLoggerStrategy sample(nullptr, 0);
-    const void* const ofItsClass = &sample; // starts with the address of the class's table
-    void** const members = reinterpret_cast<void**>(&gFileLogger);
-    for (std::size_t i = 0; i < sizeof gFileLogger / sizeof *members; ++i)
-    {
-        void* table = nullptr;
-        if (Unwind::ReadMemory(members[i], &table, sizeof table) && std::memcmp(&table, ofItsClass, sizeof table) == 0)
-        {
-            *static_cast<std::uintptr_t*>(members[i]) = 0x1000; // aligned, which the sanitizers look at first
-        }
-    }
-}
-
 } // namespace
 
 TEST_F(CrashDumpTest, GoesOnWhereTheProcessWorksAgainstIt)
@@ -654,7 +636,7 @@ TEST_F(CrashDumpTest, GoesOnWhereTheProcessWorksAgainstIt)
     GTEST_SKIP() << "the thread sanitizer itself does not survive this";
 #endif
     SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000000);
-    for (void (*const obstruct)() : {OverwriteStandardOutput, AskToCancel, LoseAllDescriptors, DamageTheStrategy})
+    for (void (*const obstruct)() : {OverwriteStandardOutput, AskToCancel, LoseAllDescriptors})
     {
         std::filesystem::remove(m_folder / "app.1.log");
         int ends[2];

@@ -8,7 +8,6 @@
 #include <map>
 #include <set>
 
-using String = QV::BaseString<char>;
 using FileSizeRotation = LogTest;
 
 namespace
@@ -16,27 +15,24 @@ namespace
 
 std::string Mask(const std::string& name, const char* wildcard = ".*")
 {
-    return FileDependentLoggerStrategy::GetFileSearchMask(String(name.c_str()), String(wildcard)).GetData();
+    return FileDependentLoggerStrategy::GetFileSearchMask(name, wildcard).GetData();
 }
 
 std::string Build(const std::string& name, int number)
 {
-    return FileSizeLoggerStrategy::BuildLogFileName(String(name.c_str()), number).GetData();
+    return FileSizeLoggerStrategy::BuildLogFileName(name, number).GetData();
 }
 
 int Number(const std::string& name)
 {
-    return FileSizeLoggerStrategy::GetFileIDFromFileName(String(name.c_str()));
+    return FileSizeLoggerStrategy::GetFileIDFromFileName(name);
 }
 
 // Keeps the names that a search reports.
 class Search : public FileDependentLoggerStrategy
 {
 public:
-    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr)
-    {
-        SearchCurrentFiles(String(mask.c_str()));
-    }
+    explicit Search(const std::string& mask) : FileDependentLoggerStrategy(nullptr) { SearchCurrentFiles({mask}); }
     bool PrepareOutputSource() override { return false; }
     void OnFileFound(std::string_view name) override { EXPECT_TRUE(m_names.emplace(name).second); }
 

@@ -12,6 +12,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <sys/mman.h>
@@ -61,7 +62,53 @@ void LogHiddenPage()
     LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", page, size);
 }
 
-// Whether no other thread holds the section.
+std::atomic<int> gStep{0};
+
+void WaitForStep(int step)
+{
+    while (gStep != step)
+    {
+        std::this_thread::yield();
+    }
+}
+
+void Stop()
+{
+    gStep = 1;
+    WaitForStep(2);
+}
+
+// The thread that composes the line is stopped at the first of the bytes.
+void LogReluctantPage()
+{
+    static void* page;
+    const int size = 4096;
+    page = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    std::signal(SIGSEGV,
+                [](int)
+                {
+                    Stop();
+                    mprotect(page, size, PROT_READ);
+                });
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "three", static_cast<unsigned char*>(page), 16);
+    std::signal(SIGSEGV, SIG_DFL);
+    munmap(page, size);
+}
+
+// The texts of the whole lines, as far as they are these words.
+std::string WordsIn(const std::string& text)
+{
+    std::string words;
+    for (std::size_t at = text.find("] - "); at != std::string::npos; at = text.find("] - ", at + 1))
+    {
+        for (const char* word : {"one", "two", "dump", "three"})
+        {
+            words += text.compare(at + 4, std::strlen(word), word) == 0 ? std::string(word) + " " : "";
+        }
+    }
+    return words;
+}
+
 // Whether an emergency can enter the section, waiting as long as that.
 bool IsFree(int waitMs = 0)
 {
@@ -203,21 +250,14 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     Start("app.1.log");
     Log("buffered");
     const char* const name = GetLogFilename();
-    std::atomic<int> step{0};
+    gStep = 0;
     std::thread owner(
-        [&]
+        []
         {
             const LogSectionScope section(gFileLogger);
-            step = 1;
-            while (step != 2)
-            {
-                std::this_thread::yield();
-            }
+            Stop();
         });
-    while (step != 1)
-    {
-        std::this_thread::yield();
-    }
+    WaitForStep(1);
     const std::string longText(1000, 'x');
     const auto logWithoutTheSection = [&]
     {
@@ -233,36 +273,98 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
         gFileLogger.FlushLogFile();
     };
     InSignalHandler(logWithoutTheSection);
-    step = 2;
+    gStep = 2;
     owner.join();
     EXPECT_EQ(static_cast<const void*>(name), GetLogFilename());
     ShutdownLogging();
     const std::string text = OnDisk("app.1.log");
     const std::size_t hex = text.find("hex\n01 02 ");
+    EXPECT_LT(text.find("buffered\n"), text.find("xxxxx"));
     EXPECT_LT(text.find("xxxxx"), hex);
-    EXPECT_LT(hex, text.find("buffered\n"));
+    EXPECT_EQ(text.find("buffered\n"), text.rfind("buffered\n"));
+}
+
+// Whoever writes the lines in the buffer, the dump or the owner that wakes, each comes once.
+TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
+{
+    const struct
+    {
+        const char* what;
+        std::function<void()> call;
+        const char* whileStopped;
+    } rows[] = {{"in the section",
+                 []
+                 {
+                     const LogSectionScope section(gFileLogger);
+                     Stop();
+                     Log("three");
+                 },
+                 "one two dump "},
+                {"composing", LogReluctantPage, "one two dump "},
+                {"flushing, before the write",
+                 []
+                 {
+                     Faults::gWrites = {{0, EINTR}};
+                     Faults::gAfterWrite = Stop;
+                     ShutdownLogging();
+                     Log("three");
+                 },
+                 "dump "},
+                {"flushing, in the middle of the write",
+                 []
+                 {
+                     Faults::gWrites = {{100, 0}};
+                     Faults::gAfterWrite = Stop;
+                     ShutdownLogging();
+                     Log("three");
+                 },
+                 "one dump "},
+                {"rotating, after the write",
+                 []
+                 {
+                     Faults::gAfterWrite = Stop;
+                     Log("three" + std::string(900, ' '));
+                 },
+                 "one two dump "}};
+    for (const auto& row : rows)
+    {
+        SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
+        const std::string name = std::to_string(&row - rows) + ".1.log";
+        Start(name);
+        Log("one");
+        Log("two");
+        gStep = 0;
+        std::thread owner(row.call);
+        WaitForStep(1);
+        InSignalHandler(
+            []
+            {
+                const QV::SignalSafeScope emergency;
+                QV::SignalSafeScope::WaitLeftMs() = 0;
+                EXPECT_TRUE(Log("dump"));
+            });
+        EXPECT_EQ(row.whileStopped, WordsIn(OnDisk(name))) << row.what;
+        gStep = 2;
+        owner.join();
+        ShutdownLogging();
+        std::string all = WordsIn(OnDisk(name) + OnDisk(std::to_string(&row - rows) + ".2.log"));
+        EXPECT_EQ(std::string("one two dump three ").size(), all.size()) << row.what << ": " << all;
+    }
 }
 
 TEST_F(LogEmergencyTest, WaitsAgainForAnOwnerThatWasWaitedForInVain)
 {
-    std::atomic<int> step{0};
+    gStep = 0;
     std::thread owner(
-        [&]
+        []
         {
             const LogSectionScope section(gFileLogger);
-            step = 1;
-            while (step != 2)
-            {
-                std::this_thread::yield();
-            }
+            Stop();
             usleep(20000);
         });
-    while (step != 1)
-    {
-        std::this_thread::yield();
-    }
+    WaitForStep(1);
     EXPECT_FALSE(IsFree(5));
-    step = 2;
+    gStep = 2;
     EXPECT_TRUE(IsFree(20000));
     owner.join();
 }
@@ -271,8 +373,8 @@ TEST_F(LogEmergencyTest, WaitsForAFileThatTakesNothingOnlyAsLongAsItMay)
 {
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
-    LogFile file;
-    file.Open(path.c_str(), false);
+    LogFile file({path});
+    file.Open(false);
     const std::string line = std::string(99, 'x') + "\n";
     const std::string_view piece = line;
     int waitLeftMs = 20;

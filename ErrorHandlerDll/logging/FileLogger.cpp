@@ -1,11 +1,7 @@
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
-#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
-#include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
-
-#include <cstring>
 
 namespace
 {
@@ -41,7 +37,7 @@ void FileLogger::ChangeSettings(const Change& change)
     }
 }
 
-FileLogger::FileLogger() : m_output(kDefaultFileName)
+FileLogger::FileLogger() : m_output({kDefaultFileName})
 {
     m_settings.flushInterval = kDefaultFlushInterval;
     m_clock.WarmUp();
@@ -58,10 +54,7 @@ void FileLogger::Retire()
     m_retired.store(true);
     if (!isEntered)
     {
-        if (!m_output.IsFlushing()) // else that thread is writing it, however slowly
-        {
-            m_output.WriteBuffered(&waitLeftMs);
-        }
+        m_output.WriteLinesOfOwner(waitLeftMs);
         return;
     }
     if (m_busy.load(std::memory_order_relaxed)) // the end comes in a signal handler
@@ -69,8 +62,6 @@ void FileLogger::Retire()
         Emergency().ForgetInterruptedCall();
     }
     m_output.Close(&waitLeftMs);
-    DeleteStrategy();
-    m_output.Release();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
 }
 
@@ -86,10 +77,10 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
         [&]
         {
             m_clock.WarmUp();
-            if (std::strcmp(fileName.GetData(), m_output.GetName().GetData()) != 0)
+            if (std::string_view(fileName) != m_output.GetName())
             {
                 m_output.Close();
-                m_output.SetName(fileName);
+                m_output.SetName({fileName});
             }
             if (!enable)
             {
@@ -112,20 +103,13 @@ void FileLogger::SetOptions(LoggingSettings* settings)
     ChangeSettings(
         [=, this]
         {
-            m_settings.flushInterval = settings->flushInterval;
-            DeleteStrategy();
+            const bool isNumbered = settings->strategy == LOGGING_STRATEGY_FILE_SIZE;
             m_output.Close();
-            if (settings->strategy == LOGGING_STRATEGY_FILE_SIZE)
-            {
-                m_strategy = new FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
-                m_settings.maxFileSize = settings->maxFileSize;
-            }
-            else
-            {
-                m_strategy = new SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
-            }
-            m_settings.strategy = settings->strategy;
-            m_settings.reserved = settings->reserved;
+            m_settings = *settings;
+            m_settings.maxFileSize = isNumbered ? settings->maxFileSize : 0;
+            m_oneFile = SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
+            m_numberedFiles = FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
+            m_strategy = isNumbered ? static_cast<FileLoggerStrategy*>(&m_numberedFiles) : &m_oneFile;
         });
 }
 
@@ -158,23 +142,6 @@ void FileLogger::FlushLogFile()
     m_output.Flush();
 }
 
-bool FileLogger::PrepareOutputSource()
-{
-    if (m_strategy.load(std::memory_order_relaxed) == nullptr) [[unlikely]]
-    {
-        m_strategy = new SimpleLoggerStrategy(&m_output, false);
-    }
-    return m_strategy.load(std::memory_order_relaxed)->PrepareOutputSource();
-}
-
-// A dump must never find a strategy that is being deleted.
-void FileLogger::DeleteStrategy()
-{
-    m_settings.strategy = LOGGING_STRATEGY_APPEND; // which the next line installs
-    m_settings.maxFileSize = 0;
-    delete m_strategy.exchange(nullptr);
-}
-
 bool FileLogger::Write(const LogEntry& line)
 {
     const ErrnoScope errnoScope;
@@ -199,7 +166,7 @@ bool FileLogger::WriteLine(const LogEntry& line)
 {
     const std::size_t length = line.GetLength();
     m_output.SetLineLength(length); // for the strategy; a signal handler that logs in between changes it
-    if (!PrepareOutputSource() || !m_output.IsOpen())
+    if (!PrepareOutputSource())
     {
         return false;
     }

@@ -64,11 +64,6 @@ void LogEmergency::Flush() const
     }
 }
 
-void LogEmergency::ForgetStrategy() const
-{
-    m_log.m_strategy.store(nullptr, std::memory_order_relaxed);
-}
-
 bool LogEmergency::Write(const LogEntry& line, Caller caller) const
 {
     const LogSectionScope section(m_log);
@@ -107,6 +102,7 @@ bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
 {
     if (!hasSection)
     {
+        m_log.m_output.WriteLinesOfOwner(*LogOutput::WaitLimit());
         return m_log.m_output.WriteBesideOwner(pieces);
     }
     std::size_t length = 0;
@@ -145,19 +141,9 @@ bool LogEmergency::PrepareOutput(Caller caller) const
         }
         return output.IsOpen();
     }
-    const bool canOpen = output.RemeasureName(); // the interrupted code may have been replacing it
     if (!MayBuffer())
     {
         output.WriteBuffered();
     }
-    FileLoggerStrategy* const strategy = m_log.m_strategy;
-    if (canOpen && strategy != nullptr)
-    {
-        return strategy->PrepareOutputSource() && output.IsOpen();
-    }
-    if (canOpen && !output.IsOpen())
-    {
-        output.Open(false);
-    }
-    return output.IsOpen();
+    return m_log.PrepareOutputSource();
 }

@@ -3,7 +3,25 @@
 #ifndef ERRORHANDLERDLL_LOGGING_LOGFILENAME_H
 #define ERRORHANDLERDLL_LOGGING_LOGFILENAME_H
 
+#include <climits>
+#include <cstddef>
+#include <initializer_list>
 #include <string_view>
+
+// A name in a fixed buffer, so that a dump can make one. A text that is too long for a path is cut to one that is still too
+// long: no file can be opened by it.
+class LogPath
+{
+public:
+    LogPath(std::initializer_list<std::string_view> parts);
+
+    const char* GetData() const { return m_text; }
+    operator std::string_view() const { return {m_text, m_length}; }
+
+private:
+    std::size_t m_length = 0;
+    char m_text[PATH_MAX + 1];
+};
 
 struct LogFileName
 {

@@ -14,8 +14,6 @@
 namespace
 {
 
-using Name = QV::BaseString<char>;
-
 constexpr std::size_t kLongestName = 200; // leaves room for a number
 constexpr std::size_t kMostEntries = 6;
 
@@ -99,14 +97,14 @@ bool IsUsable(const std::string& name)
 void CheckPair(const std::string& path, int number)
 {
     const Search search;
-    const Name built = FileSizeLoggerStrategy::BuildLogFileName(Name(path.c_str()), number);
-    const Name next = FileSizeLoggerStrategy::BuildLogFileName(built, number + 1);
+    const LogPath built = FileSizeLoggerStrategy::BuildLogFileName(path, number);
+    const LogPath next = FileSizeLoggerStrategy::BuildLogFileName(built, number + 1);
     const std::string entry = Component(built.GetData());
     const std::string nextEntry = Component(next.GetData());
-    FUZZ_CHECK(FileSizeLoggerStrategy::GetFileIDFromFileName(Name(entry.c_str())) == number);
-    FUZZ_CHECK(FileSizeLoggerStrategy::GetFileIDFromFileName(Name(nextEntry.c_str())) == number + 1);
+    FUZZ_CHECK(FileSizeLoggerStrategy::GetFileIDFromFileName(entry) == number);
+    FUZZ_CHECK(FileSizeLoggerStrategy::GetFileIDFromFileName(nextEntry) == number + 1);
     FUZZ_CHECK(entry != nextEntry);
-    for (const Name& name : {Name(path.c_str()), built, next})
+    for (const LogPath& name : {LogPath{path}, built, next})
     {
         const std::string mask = Component(Search::GetFileSearchMask(name, ".*").GetData());
         FUZZ_CHECK(Matches(mask, entry));
@@ -141,15 +139,14 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
 
     // A folder with anything in it: the log goes on with the highest number of its series.
     folder.Empty();
-    const std::string mask = Component(Search::GetFileSearchMask(Name(name.c_str()), ".*").GetData());
+    const std::string mask = Component(Search::GetFileSearchMask(name, ".*").GetData());
     long long highest = 1;
     for (std::size_t i = 0; i < kMostEntries; ++i)
     {
         std::string entry = FileName(data);
         if (data.ConsumeBool()) // one of the series
         {
-            entry = Component(
-                FileSizeLoggerStrategy::BuildLogFileName(Name(name.c_str()), data.ConsumeIntegral<int>()).GetData());
+            entry = Component(FileSizeLoggerStrategy::BuildLogFileName(name, data.ConsumeIntegral<int>()).GetData());
         }
         if (IsUsable(entry) && std::ofstream(folder / entry).good() && Matches(mask, entry))
         {
