@@ -30,11 +30,8 @@ public:
     // The new buffer is made before the old one goes, so that a failing allocation leaves the string as it was.
     BaseString& operator=(const BaseString& other)
     {
-        if (this != &other)
-        {
-            BaseString copy(other);
-            Swap(copy);
-        }
+        BaseString copy(other);
+        Swap(copy);
         return *this;
     }
 

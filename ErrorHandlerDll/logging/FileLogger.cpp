@@ -9,6 +9,8 @@ namespace
 constexpr const char* kDefaultFileName = "ZelvoReader.log";
 constexpr unsigned int kDefaultFlushInterval = 100;
 
+static_assert(LogEntry::kMaxExcess <= LogOutput::kExcess);
+
 // Says that the logger's state is in the middle of a change, for a scope. The caller holds the section.
 class BusyScope
 {
@@ -50,7 +52,8 @@ void FileLogger::Retire()
     int waitLeftMs = kMaxWaitMs;
     const bool isEntered =
         ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) != ZelvoWinAPI::Entry::REFUSED;
-    Disable();
+    m_enabled.store(false);
+    m_filterMask.store(0);
     m_retired.store(true);
     if (!isEntered)
     {
@@ -63,12 +66,6 @@ void FileLogger::Retire()
     }
     m_output.Close(&waitLeftMs);
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
-}
-
-void FileLogger::Disable()
-{
-    m_enabled.store(false);
-    m_filterMask.store(0);
 }
 
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
@@ -129,17 +126,15 @@ const char* FileLogger::GetLogFileName()
 
 void FileLogger::FlushLogFile()
 {
-    if (!Emergency().IsInCriticalSection())
-    {
-        return; // refused in an emergency, or taken over by another thread
-    }
     if (QV::SignalSafeScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
     {
         Emergency().Flush();
-        return;
     }
-    const BusyScope busy(m_busy);
-    m_output.Flush();
+    else if (Emergency().IsInCriticalSection()) // else another thread has taken it over
+    {
+        const BusyScope busy(m_busy);
+        m_output.Flush();
+    }
 }
 
 bool FileLogger::Write(const LogEntry& line)

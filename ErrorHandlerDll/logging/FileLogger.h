@@ -15,7 +15,6 @@
 #include "ErrorHandlerDll/logging/LogEmergency.h"
 #include "ErrorHandlerDll/logging/LogFork.h"
 #include "ErrorHandlerDll/logging/LogOutput.h"
-#include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
 #include "QV/BaseString.h"
 #include "QV/SignalSafeScope.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
@@ -95,7 +94,6 @@ private:
     bool WriteLine(const LogEntry& line);
     void WriteLongLine(const LogEntry& line);
     bool PrepareOutputSource() { return m_strategy.load()->PrepareOutputSource() && m_output.IsOpen(); }
-    void Disable();
 
     // Categories that are written: none while logging is off, and before the logger is constructed. So the filter looks at
     // two words only.

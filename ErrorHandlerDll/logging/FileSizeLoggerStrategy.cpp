@@ -62,8 +62,8 @@ LogPath FileSizeLoggerStrategy::BuildLogFileName(std::string_view fileName, int 
     char number[kNumberTextSize] = {};
     ZelvoWinAPI::itoa(fileID, number, 10);
 
-    const std::string_view kept = name.HasNumber() ? std::string_view() : name.m_middle;
-    return {name.m_stem, kept, ".", number, name.m_extension};
+    const bool hasNumber = !name.m_middle.empty() && ParseFileNumber(name.m_middle.substr(1)) != kNoNumber;
+    return {name.m_stem, hasNumber ? "" : name.m_middle, ".", number, name.m_extension};
 }
 
 void FileSizeLoggerStrategy::OpenHighestFile()

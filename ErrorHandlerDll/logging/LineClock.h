@@ -27,7 +27,7 @@ public:
         return out + kStampLength;
     }
 
-    // The same without the lock of the zone's data: the calendar is computed, with the offset to UTC that was learned last.
+    // The same without the lock of the zone's data, with the offset to UTC that was learned last.
     // Async-signal-safe.
     char* WriteStampSignalSafe(char* out) const;
 
@@ -51,8 +51,7 @@ private:
     }
     void SetSecond(std::time_t second);
     bool MayAskForZone() const;
-    std::tm AskForZone(std::time_t second);
-    std::tm Compute(std::time_t second) const;
+    void WriteSecond(char* stamp, std::time_t second) const; // by the offset that was learned last
 
     // The text of this second is kept: the local time asks the file system for the zone each time, which costs more than all
     // the rest of a line.

@@ -5,6 +5,13 @@
 
 #include <algorithm>
 
+namespace
+{
+
+constexpr std::size_t kMaxRows = LogEmergency::kMaxDumpedBytes / HexDump::kBytesPerRow;
+
+} // namespace
+
 unsigned int LogEmergency::GetSectionDepth() const
 {
     return m_log.m_criticalSection.m_enterCount;
@@ -76,9 +83,6 @@ bool LogEmergency::Write(const LogEntry& line, Caller caller) const
     {
         return false;
     }
-    char prefix[LogEntry::kMaxPrefixSize];
-    const char* const end = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
-    const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
     if (section.IsEntered())
     {
         m_log.m_output.SetLineLength(line.GetLength());
@@ -87,18 +91,19 @@ bool LogEmergency::Write(const LogEntry& line, Caller caller) const
             return false;
         }
     }
-    bool isWritten = Put(pieces, section.IsEntered());
-    for (std::size_t row = 0;
-         dump != nullptr && row < std::min(dump->GetRowCount(), kMaxDumpedBytes / HexDump::kBytesPerRow); ++row)
+    char prefix[LogEntry::kMaxPrefixSize];
+    const char* const prefixEnd = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
+    char rows[1 + kMaxRows * HexDump::kMaxRowLength];
+    char* rowsEnd = rows;
+    *rowsEnd++ = '\n';
+    for (std::size_t row = 0; dump != nullptr && row < std::min(dump->GetRowCount(), kMaxRows); ++row)
     {
-        char text[HexDump::kMaxRowLength];
-        const std::string_view rowText(text, dump->ComposeRow(text, row));
-        isWritten = isWritten && Put({&rowText, 1}, section.IsEntered());
+        rowsEnd = dump->ComposeRow(rowsEnd, row);
     }
-    return isWritten;
+    return Put({{{prefix, prefixEnd}, line.GetSource(), line.GetMessage(), {rows, rowsEnd}}}, section.IsEntered());
 }
 
-bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
+bool LogEmergency::Put(const std::array<std::string_view, LogFile::kMaxPieces>& pieces, bool hasSection) const
 {
     if (!hasSection)
     {
@@ -110,7 +115,7 @@ bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
     {
         length += piece.size();
     }
-    char* place = MayBuffer() ? m_log.m_output.Reserve(length) : nullptr;
+    char* place = m_log.m_buffersDump.load(std::memory_order_relaxed) ? m_log.m_output.Reserve(length) : nullptr;
     if (place == nullptr)
     {
         m_log.m_output.WritePastBuffer(pieces);
@@ -124,26 +129,14 @@ bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
     return true;
 }
 
-bool LogEmergency::MayBuffer() const
-{
-    return m_log.m_buffersDump.load(std::memory_order_relaxed);
-}
-
 bool LogEmergency::PrepareOutput(Caller caller) const
 {
     LogOutput& output = m_log.m_output;
-    if (caller == Caller::SIGNAL_HANDLER)
-    {
-        // Names and files are the interrupted code's, and what it is flushing right now it writes itself.
-        if (output.IsOpen() && !output.IsFlushing())
-        {
-            output.WriteBuffered();
-        }
-        return output.IsOpen();
-    }
-    if (!MayBuffer())
+    // In a handler names and files are the interrupted code's, and what it is flushing right now it writes itself.
+    const bool isOthers = caller == Caller::SIGNAL_HANDLER && (!output.IsOpen() || output.IsFlushing());
+    if (!isOthers && !m_log.m_buffersDump.load(std::memory_order_relaxed))
     {
         output.WriteBuffered();
     }
-    return m_log.PrepareOutputSource();
+    return caller == Caller::SIGNAL_HANDLER ? output.IsOpen() : m_log.PrepareOutputSource();
 }

@@ -5,6 +5,7 @@
 
 #include "ErrorHandlerDll/logging/LogFile.h"
 
+#include <array>
 #include <cstdint>
 
 class FileLogger;
@@ -52,9 +53,8 @@ public:
     static constexpr std::size_t kMaxDumpedBytes = 512;
 
 private:
-    bool MayBuffer() const;
     bool PrepareOutput(Caller caller) const;
-    bool Put(LogFile::Pieces pieces, bool hasSection) const;
+    bool Put(const std::array<std::string_view, LogFile::kMaxPieces>& pieces, bool hasSection) const;
 
     FileLogger& m_log;
 };

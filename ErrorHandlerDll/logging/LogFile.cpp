@@ -96,10 +96,14 @@ std::int64_t LogFile::Open(bool empties)
 
 std::int64_t LogFile::LookAtEnd()
 {
+    m_endsInsideLine = EndsInsideLine(false);
+    return std::max<std::int64_t>(GetSize(), 0) + (m_endsInsideLine ? 1 : 0);
+}
+
+std::int64_t LogFile::GetSize() const
+{
     struct stat status = {};
-    fstat(GetDescriptor(), &status);
-    m_endsInsideLine = status.st_size > 0 && EndsInsideLine(false);
-    return status.st_size + (m_endsInsideLine ? 1 : 0);
+    return fstat(GetDescriptor(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
 }
 
 void LogFile::Close()
@@ -182,23 +186,15 @@ bool LogFile::HoldsBefore(std::int64_t end, std::string_view text) const
 
 bool LogFile::EndsInsideLine(bool ifUnknown) const
 {
-    struct stat status = {};
     char last = '\n';
-    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
-    {
-        return ifUnknown;
-    }
-    return status.st_size > 0 && ZelvoWinAPI::ReadFile(GetDescriptor(), &last, 1, status.st_size - 1) == 1 && last != '\n';
+    const std::int64_t size = GetSize();
+    return size < 0 ? ifUnknown
+                    : size > 0 && ZelvoWinAPI::ReadFile(GetDescriptor(), &last, 1, size - 1) == 1 && last != '\n';
 }
 
 bool LogFile::TakeBack(Pieces pieces, std::size_t size) const
 {
-    struct stat status = {};
-    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
-    {
-        return false;
-    }
-    std::int64_t end = status.st_size - static_cast<std::int64_t>(size);
+    std::int64_t end = GetSize() - static_cast<std::int64_t>(size); // below 0 for what is no regular file
     const std::int64_t start = end;
     for (std::string_view piece : pieces)
     {

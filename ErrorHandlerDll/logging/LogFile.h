@@ -53,6 +53,7 @@ public:
 
 private:
     int GetDescriptor() const { return m_descriptor.load(std::memory_order_relaxed); }
+    std::int64_t GetSize() const; // -1 when it is no regular file
     bool EndsInsideLine(bool ifUnknown) const;
     bool TakeBack(Pieces pieces, std::size_t size) const;
 

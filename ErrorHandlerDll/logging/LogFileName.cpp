@@ -7,7 +7,6 @@ namespace
 {
 
 constexpr std::string_view kDefaultExtension = ".log";
-constexpr int kNoNumber = -1;
 
 } // namespace
 
@@ -31,11 +30,6 @@ LogFileName LogFileName::Split(std::string_view fileName)
     const std::size_t dotBefore = fileName.substr(0, lastDot).rfind('.');
     const std::size_t stemEnd = dotBefore == std::string_view::npos || dotBefore < component ? lastDot : dotBefore;
     return {fileName.substr(0, stemEnd), fileName.substr(stemEnd, lastDot - stemEnd), fileName.substr(lastDot)};
-}
-
-bool LogFileName::HasNumber() const
-{
-    return !m_middle.empty() && ParseFileNumber(m_middle.substr(1)) != kNoNumber;
 }
 
 int ParseFileNumber(std::string_view text)

@@ -32,13 +32,11 @@ struct LogFileName
     // Cuts `fileName`. A last component without a dot is taken as if it ended in ".log": a number at the very end of a name
     // could not be read back.
     static LogFileName Split(std::string_view fileName);
-
-    // Whether the text between the dots is a number.
-    bool HasNumber() const;
 };
 
 // Reads `text` as a file number: blanks, a sign, decimal digits. A sign alone reads as 0.
-//   returns -1 for anything else, and for what does not fit in 32 bits
+//   returns kNoNumber for anything else, and for what does not fit in 32 bits
+constexpr int kNoNumber = -1;
 int ParseFileNumber(std::string_view text);
 
 #endif

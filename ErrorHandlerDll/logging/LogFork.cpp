@@ -24,15 +24,7 @@ void LogFork::Before(FileLogger& logger)
     {
         logger.Emergency().ForgetInterruptedCall();
     }
-    if (!tEnteredForFork || !logger.m_output.HasUnwrittenLines())
-    {
-        return;
-    }
-    if (!logger.m_busy.load(std::memory_order_relaxed))
-    {
-        logger.m_output.Flush(&waitLeftMs);
-    }
-    else if (!logger.m_output.IsFlushing())
+    if (tEnteredForFork && logger.m_output.HasUnwrittenLines() && !logger.m_output.IsFlushing())
     {
         logger.m_output.WriteBuffered(&waitLeftMs);
     }

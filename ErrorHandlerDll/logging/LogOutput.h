@@ -18,6 +18,7 @@ class LogOutput
 public:
     // Large enough for the 101 lines between two flushes as a rule, so that they cost one write.
     static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
+    static constexpr std::size_t kExcess = 32;
 
     explicit LogOutput(const LogPath& name) : m_file(name) {}
 
@@ -41,7 +42,8 @@ public:
     std::size_t GetLineLength() const { return m_lineLength; }
     void SetLineLength(std::size_t length) { m_lineLength = length; }
 
-    // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. A line that does not
+    // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. What stands in the
+    // kExcess bytes behind it may be overwritten. A line that does not
     // fit behind the buffered ones is preceded by a flush, so that every write carries whole lines.
     //   returns null for a line that is too long for the buffer, and while nothing can be written and the buffer is full:
     //           the line is dropped then
@@ -96,7 +98,7 @@ private:
     std::atomic<std::size_t> m_written{0}; // how many of them are in the file already; out of date in a flush
     std::atomic<Claim> m_claim{0};
     std::int64_t m_bufferPosition = 0; // where in the file the buffer's first byte goes, if nobody else writes to it
-    char m_buffer[kBufferSize];
+    char m_buffer[kBufferSize + kExcess];
 };
 
 #endif
