@@ -8,8 +8,6 @@ class FileLoggerStrategy
 {
 public:
     explicit FileLoggerStrategy(LogOutput* output) : m_output(output) {}
-    FileLoggerStrategy(const FileLoggerStrategy&) = default;
-    FileLoggerStrategy& operator=(const FileLoggerStrategy&) = default;
     virtual ~FileLoggerStrategy() = default;
 
     // Called with the logger's critical section held and the line measured. Decides the file name, opens and switches files.

@@ -5,13 +5,6 @@
 
 #include <algorithm>
 
-namespace
-{
-
-constexpr std::size_t kMaxRows = LogEmergency::kMaxDumpedBytes / HexDump::kBytesPerRow;
-
-} // namespace
-
 unsigned int LogEmergency::GetSectionDepth() const
 {
     return m_log.m_criticalSection.m_enterCount;
@@ -93,6 +86,7 @@ bool LogEmergency::Write(const LogEntry& line, Caller caller) const
     }
     char prefix[LogEntry::kMaxPrefixSize];
     const char* const prefixEnd = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
+    constexpr std::size_t kMaxRows = kMaxDumpedBytes / HexDump::kBytesPerRow;
     char rows[1 + kMaxRows * HexDump::kMaxRowLength];
     char* rowsEnd = rows;
     *rowsEnd++ = '\n';
