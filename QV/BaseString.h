@@ -3,14 +3,12 @@
 #ifndef QV_BASESTRING_H
 #define QV_BASESTRING_H
 
-#include "QV/Memory.h"
 #include "QV/Str.h"
 
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <new>
-#include <string>
 #include <string_view>
 #include <utility>
 
@@ -23,24 +21,17 @@ class BaseString
 public:
     using View = std::basic_string_view<Char>;
 
-    BaseString() : m_data(Allocate(0)) { m_data[0] = Char(); }
+    BaseString() : BaseString(View()) {}
     BaseString(const Char* text) : BaseString(text == nullptr ? View() : View(text)) {}
-    explicit BaseString(View text) : m_data(Allocate(text.size())), m_length(static_cast<int>(text.size()))
-    {
-        Copy(m_data, text);
-        m_data[m_length] = Char();
-    }
+    explicit BaseString(View text) : BaseString(text, View()) {}
     BaseString(const BaseString& other) : BaseString(View(other)) {}
-    virtual ~BaseString() { Memory::Free(m_data); }
+    virtual ~BaseString() { delete[] m_data; }
 
     // The new buffer is made before the old one goes, so that a failing allocation leaves the string as it was.
     BaseString& operator=(const BaseString& other)
     {
-        if (this != &other)
-        {
-            BaseString copy(other);
-            Swap(copy);
-        }
+        BaseString copy(other);
+        Swap(copy);
         return *this;
     }
 
@@ -60,43 +51,11 @@ public:
     [[gnu::format(printf, 1, 0)]] static BaseString FormatV(const char* format, va_list& arguments)
     {
         const int length = Str::GetFormattedLength(format, arguments);
-        BaseString result(OfLength{static_cast<std::size_t>(length > 0 ? length : 0)});
+        BaseString result(static_cast<std::size_t>(length > 0 ? length : 0));
         if (length > 0)
         {
             Str::FormatArgs(result.m_data, static_cast<std::size_t>(length) + 1, format, arguments);
-            result.Remeasure(); // another thread may have shortened an argument between the passes
-        }
-        return result;
-    }
-
-    // Gives the memory back for good. Afterwards the string may only be filled anew or destroyed.
-    void Release() noexcept
-    {
-        Memory::Free(m_data);
-        m_data = nullptr;
-        m_length = 0;
-    }
-
-    // Takes the length from the NUL. For a reader that may have interrupted an assignment, between its buffer and its
-    // length.
-    void Remeasure() { m_length = m_data == nullptr ? 0 : static_cast<int>(View(m_data).size()); }
-
-    // A string of several parts, allocated once.
-    template <typename... Parts>
-    static BaseString Join(const Parts&... parts)
-    {
-        const View views[] = {View(parts)...};
-        std::size_t length = 0;
-        for (const View& view : views)
-        {
-            length += view.size();
-        }
-        BaseString result(OfLength{length});
-        Char* out = result.m_data;
-        for (const View& view : views)
-        {
-            Copy(out, view);
-            out += view.size();
+            result.m_length = static_cast<int>(View(result.m_data).size()); // another thread may have shortened an argument
         }
         return result;
     }
@@ -106,31 +65,29 @@ public:
     operator View() const { return View(m_data, static_cast<std::size_t>(m_length)); }
 
 private:
-    struct OfLength
-    {
-        std::size_t length;
-    };
-
-    // A string whose characters the caller fills: one allocation, where an empty string made longer would take two.
-    explicit BaseString(OfLength size) : m_data(Allocate(size.length)), m_length(static_cast<int>(size.length))
-    {
-        m_data[m_length] = Char();
-    }
-
-    // Lengths are signed 32-bit counts; a longer text cannot be kept, which to the caller is memory that cannot be had.
-    static Char* Allocate(std::size_t length)
+    // A string whose characters the caller fills: one allocation, where an empty string made longer would take two. Lengths
+    // are signed 32-bit counts; a longer text cannot be kept, which to the caller is memory that cannot be had.
+    explicit BaseString(std::size_t length)
     {
         if (length >= static_cast<std::size_t>(INT_MAX))
         {
             throw std::bad_alloc();
         }
-        return static_cast<Char*>(Memory::Allocate((length + 1) * sizeof(Char)));
+        m_data = new Char[length + 1];
+        m_length = static_cast<int>(length);
+        m_data[length] = Char();
     }
+    BaseString(View first, View second) : BaseString(first.size() + second.size())
+    {
+        first.copy(m_data, first.size());
+        second.copy(m_data + first.size(), second.size());
+    }
+
     void AppendView(View text)
     {
         if (!text.empty())
         {
-            BaseString joined = Join(*this, text);
+            BaseString joined(*this, text);
             Swap(joined);
         }
     }
@@ -139,9 +96,8 @@ private:
         std::swap(m_data, other.m_data);
         std::swap(m_length, other.m_length);
     }
-    static void Copy(Char* destination, View text) { std::char_traits<Char>::copy(destination, text.data(), text.size()); }
 
-    Char* m_data;
+    Char* m_data = nullptr;
     int m_length = 0;
 };
 

@@ -1,6 +1,6 @@
 // "This thread stands in a signal handler." It was interrupted anywhere, so it may hold the heap's lock, the logger's
-// section or any other: inside the scope strings take their memory from a reserve, and the logger writes without waiting for
-// anything that may never come. Scopes nest. Async-signal-safe.
+// section or any other: inside the scope the library takes no heap, and waits for nothing without a limit. Scopes nest.
+// Async-signal-safe.
 #ifndef QV_SIGNALSAFESCOPE_H
 #define QV_SIGNALSAFESCOPE_H
 

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <linux/futex.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -22,7 +23,9 @@ namespace
 // A section is held for less than a microsecond as a rule: waiting that long awake is cheaper than two system calls.
 constexpr int kSpins = 100;
 
-// How often a bounded wait looks whether the section is free.
+// A bounded wait looks often before it sleeps between its looks: other threads that log may take the section again and
+// again in a millisecond.
+constexpr int kYields = 1000;
 constexpr int kPollIntervalMs = 1;
 
 void ForgetThreadId() noexcept
@@ -194,6 +197,11 @@ Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexc
         return entry;
     }
     const std::int64_t end = GetTickCount64() + waitLeftMs;
+    for (int i = 0; i < kYields && entry == Entry::REFUSED && waitLeftMs > 0; ++i)
+    {
+        sched_yield();
+        entry = TryEnter(section, self);
+    }
     LeaseWatch watch;
     while (entry == Entry::REFUSED && waitLeftMs > 0)
     {

@@ -2,6 +2,7 @@
 #include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 #include "support/SignalHandler.h"
@@ -10,7 +11,9 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -18,6 +21,11 @@ namespace
 {
 
 using LogEmergencyTest = LogTest;
+
+bool LogInDump(const std::string& text)
+{
+    return gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", text), LogEmergency::Caller::DUMP);
+}
 
 sigjmp_buf gPlace;
 
@@ -38,6 +46,53 @@ void Cut(const std::function<void()>& call)
     gFileLogger.Emergency().ForgetInterruptedCall();
     gFileLogger.Emergency().RestoreSectionDepth(0);
     gFileLogger.LeaveCriticalSection();
+}
+
+std::atomic<int> gStep{0};
+
+void WaitForStep(int step)
+{
+    while (gStep != step)
+    {
+        std::this_thread::yield();
+    }
+}
+
+void Stop()
+{
+    gStep = 1;
+    WaitForStep(2);
+}
+
+// The thread that composes the line is stopped at the first of the bytes.
+void LogReluctantPage()
+{
+    static void* page;
+    const int size = 4096;
+    page = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    std::signal(SIGSEGV,
+                [](int)
+                {
+                    Stop();
+                    mprotect(page, size, PROT_READ);
+                });
+    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "three", static_cast<unsigned char*>(page), 16);
+    std::signal(SIGSEGV, SIG_DFL);
+    munmap(page, size);
+}
+
+// The texts of the whole lines, as far as they are these words.
+std::string WordsIn(const std::string& text)
+{
+    std::string words;
+    for (std::size_t at = text.find("] - "); at != std::string::npos; at = text.find("] - ", at + 1))
+    {
+        for (const char* word : {"one", "two", "dump", "three"})
+        {
+            words += text.compare(at + 4, std::strlen(word), word) == 0 ? std::string(word) + " " : "";
+        }
+    }
+    return words;
 }
 
 // Whether an emergency can enter the section, waiting as long as that.
@@ -118,23 +173,15 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     Start("app.1.log");
     Log("buffered");
     const char* const name = GetLogFilename();
-    std::atomic<int> step{0};
-    const auto waitFor = [&](int wanted)
-    {
-        while (step != wanted)
-        {
-            std::this_thread::yield();
-        }
-    };
+    gStep = 0;
     std::thread owner(
-        [&]
+        []
         {
             const LogSectionScope section(gFileLogger);
-            step = 1;
-            waitFor(2);
+            Stop();
             usleep(20000);
         });
-    waitFor(1);
+    WaitForStep(1);
     const unsigned char bytes[1000] = {1, 2};
     const auto logWithoutTheSection = [&]
     {
@@ -153,15 +200,127 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     };
     InSignalHandler(logWithoutTheSection);
     EXPECT_FALSE(IsFree(5));
-    step = 2;
+    gStep = 2;
     EXPECT_TRUE(IsFree(20000)); // its owner is waited for again
     owner.join();
     EXPECT_EQ(static_cast<const void*>(name), GetLogFilename());
     ShutdownLogging();
     const std::string text = OnDisk("app.1.log");
     const std::size_t hex = text.find("hex\n01 02 ");
+    EXPECT_LT(text.find("buffered\n"), text.find("xxxxx"));
     EXPECT_LT(text.find("xxxxx"), hex);
-    EXPECT_LT(hex, text.find("buffered\n"));
+    EXPECT_EQ(text.find("buffered\n"), text.rfind("buffered\n"));
+}
+
+TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
+{
+    const struct
+    {
+        const char* what;
+        int strategy;
+        std::function<void()> write;
+        std::vector<std::string> texts;
+    } rows[] = {{"close", LOGGING_STRATEGY_OVERWRITE, [] {}, {}},
+                {"flush", LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {}},
+                {"long line", LOGGING_STRATEGY_OVERWRITE, [] { Log(std::string(100000, 'x')); }, {std::string(100000, 'x')}},
+                {"rotation", LOGGING_STRATEGY_FILE_SIZE, [] { Log(std::string(900, 'x')); }, {}},
+                {"line of a dump", LOGGING_STRATEGY_APPEND, [] { EXPECT_TRUE(LogInDump("dump")); }, {"dump"}},
+                {"dump",
+                 LOGGING_STRATEGY_OVERWRITE,
+                 []
+                 {
+                     const LogSectionScope section(gFileLogger);
+                     gFileLogger.Emergency().BeginDump();
+                     EXPECT_TRUE(LogInDump("dump"));
+                     gFileLogger.Emergency().Flush();
+                     gFileLogger.Emergency().EndDump();
+                     EXPECT_TRUE(LogInDump("end"));
+                 },
+                 {"dump", "end"}}};
+    for (const auto& row : rows)
+    {
+        const std::string name = std::to_string(&row - rows) + ".1.log";
+        SetOptions(row.strategy, 1000);
+        Start(name);
+        Log("before");
+        close(DescriptorOf(m_folder / name));
+        row.write();
+        std::vector<std::string> expected = {"before"};
+        expected.insert(expected.end(), row.texts.begin(), row.texts.end());
+        EXPECT_EQ(expected, ClosedTexts(name)) << row.what;
+        if (row.strategy == LOGGING_STRATEGY_FILE_SIZE)
+        {
+            EXPECT_EQ(1u, ParseLog(OnDisk(std::to_string(&row - rows) + ".2.log")).size());
+        }
+    }
+}
+
+// Whoever writes the lines in the buffer, the dump or the owner that wakes, each comes once.
+TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
+{
+    const struct
+    {
+        const char* what;
+        std::function<void()> call;
+        const char* whileStopped;
+    } rows[] = {{"in the section",
+                 []
+                 {
+                     const LogSectionScope section(gFileLogger);
+                     Stop();
+                     Log("three");
+                 },
+                 "one two dump "},
+                {"composing", LogReluctantPage, "one two dump "},
+                {"flushing, before the write",
+                 []
+                 {
+                     Faults::gWrites = {{0, EINTR}};
+                     Faults::gAfterWrite = Stop;
+                     ShutdownLogging();
+                     Log("three");
+                 },
+                 "dump "},
+                {"flushing, in the middle of the write",
+                 []
+                 {
+                     Faults::gWrites = {{100, 0}};
+                     Faults::gAfterWrite = Stop;
+                     ShutdownLogging();
+                     Log("three");
+                 },
+                 "one dump "},
+                {"rotating, after the write",
+                 []
+                 {
+                     Faults::gAfterWrite = Stop;
+                     Log("three" + std::string(900, ' '));
+                 },
+                 "one two dump "}};
+    for (const auto& row : rows)
+    {
+        SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
+        const std::string name = std::to_string(&row - rows) + ".1.log";
+        Start(name);
+        Log("one");
+        Log("two");
+        gStep = 0;
+        std::thread owner(row.call);
+        WaitForStep(1);
+        InSignalHandler(
+            []
+            {
+                const QV::SignalSafeScope emergency;
+                QV::SignalSafeScope::WaitLeftMs() = 0;
+                EXPECT_TRUE(Log("dump"));
+            });
+        EXPECT_EQ(row.whileStopped, WordsIn(OnDisk(name))) << row.what;
+        gStep = 2;
+        owner.join();
+        ShutdownLogging();
+        std::string all = WordsIn(OnDisk(name) + OnDisk(std::to_string(&row - rows) + ".2.log"));
+        EXPECT_EQ(std::string("one two dump three ").size(), all.size()) << row.what << ": " << all;
+    }
 }
 
 TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)

@@ -165,14 +165,9 @@ void Dump::WriteLines() noexcept
 
 void Dump::Log(int level, unsigned int mask, const char* source, const char* text)
 {
-    const auto log = [=]
+    if (gFileLogger.CanWrite(level, mask) && !m_isLogDamaged)
     {
-        gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(text)));
-    };
-    if (gFileLogger.CanWrite(level, mask) && !m_isLogDamaged && !RunPart(log))
-    {
-        gFileLogger.Emergency().ForgetStrategy(); // lies on the heap, which is what is damaged as a rule
-        m_isLogDamaged = !RunPart(log);
+        m_isLogDamaged = !RunPart([=] { gFileLogger.Write(LogEntry(level, TextOrEmpty(source), TextOrEmpty(text))); });
     }
 }
 

@@ -1,9 +1,8 @@
 #include "ErrorHandlerDll/logging/FileDependentLoggerStrategy.h"
 
-#include "ErrorHandlerDll/logging/LogFileName.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
-void FileDependentLoggerStrategy::SearchCurrentFiles(const QV::BaseString<char>& searchMask)
+void FileDependentLoggerStrategy::SearchCurrentFiles(const LogPath& searchMask)
 {
     ZelvoWinAPI::_WIN32_FIND_DATA found;
     void* const search = ZelvoWinAPI::FindFirstFile(searchMask.GetData(), &found);
@@ -22,9 +21,8 @@ void FileDependentLoggerStrategy::SearchCurrentFiles(const QV::BaseString<char>&
     ZelvoWinAPI::FindClose(search);
 }
 
-QV::BaseString<char> FileDependentLoggerStrategy::GetFileSearchMask(const QV::BaseString<char>& fileName,
-                                                                    const QV::BaseString<char>& wildcard)
+LogPath FileDependentLoggerStrategy::GetFileSearchMask(std::string_view fileName, std::string_view wildcard)
 {
     const LogFileName name = LogFileName::Split(fileName);
-    return QV::BaseString<char>::Join(name.m_stem, wildcard, name.m_extension);
+    return {name.m_stem, wildcard, name.m_extension};
 }

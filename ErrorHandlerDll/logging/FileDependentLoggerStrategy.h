@@ -12,13 +12,12 @@ public:
 
     // Calls OnFileFound with the bare name of every entry that matches `searchMask`, "." and ".." excepted.
     // OnFileFound must not throw.
-    virtual void SearchCurrentFiles(const QV::BaseString<char>& searchMask);
+    virtual void SearchCurrentFiles(const LogPath& searchMask);
     virtual void OnFileFound(std::string_view fileName) = 0;
 
     // The mask that every numbered name of the series of `fileName` matches: `wildcard` takes the place of the text between
     // the last two dots of the last component, or stands before its last dot when there is only one.
-    static QV::BaseString<char> GetFileSearchMask(const QV::BaseString<char>& fileName,
-                                                  const QV::BaseString<char>& wildcard);
+    static LogPath GetFileSearchMask(std::string_view fileName, std::string_view wildcard);
 };
 
 #endif

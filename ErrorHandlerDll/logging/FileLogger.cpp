@@ -1,17 +1,15 @@
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
 #include "ErrorHandlerDll/ErrnoScope.h"
-#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
-#include "ErrorHandlerDll/logging/SimpleLoggerStrategy.h"
-
-#include <cstring>
 
 namespace
 {
 
 constexpr const char* kDefaultFileName = "ZelvoReader.log";
 constexpr unsigned int kDefaultFlushInterval = 100;
+
+static_assert(LogEntry::kMaxExcess <= LogOutput::kExcess);
 
 // Says that the logger's state is in the middle of a change, for a scope. The caller holds the section.
 class BusyScope
@@ -41,7 +39,7 @@ void FileLogger::ChangeSettings(const Change& change)
     }
 }
 
-FileLogger::FileLogger() : m_output(kDefaultFileName)
+FileLogger::FileLogger() : m_output({kDefaultFileName})
 {
     m_settings.flushInterval = kDefaultFlushInterval;
     m_clock.WarmUp();
@@ -54,14 +52,12 @@ void FileLogger::Retire()
     int waitLeftMs = kMaxWaitMs;
     const bool isEntered =
         ZelvoWinAPI::TryEnterCriticalSection(&m_criticalSection, waitLeftMs) != ZelvoWinAPI::Entry::REFUSED;
-    Disable();
+    m_enabled.store(false);
+    m_filterMask.store(0);
     m_retired.store(true);
     if (!isEntered)
     {
-        if (!m_output.IsFlushing()) // else that thread is writing it, however slowly
-        {
-            m_output.WriteBuffered(&waitLeftMs);
-        }
+        m_output.WriteLinesOfOwner(waitLeftMs);
         return;
     }
     if (m_busy.load(std::memory_order_relaxed)) // the end comes in a signal handler
@@ -69,15 +65,7 @@ void FileLogger::Retire()
         Emergency().ForgetInterruptedCall();
     }
     m_output.Close(&waitLeftMs);
-    DeleteStrategy();
-    m_output.Release();
     ZelvoWinAPI::DeleteCriticalSection(&m_criticalSection);
-}
-
-void FileLogger::Disable()
-{
-    m_enabled.store(false);
-    m_filterMask.store(0);
 }
 
 void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV::BaseString<char>& fileName)
@@ -86,10 +74,10 @@ void FileLogger::Initialise(bool enable, int level, unsigned int mask, const QV:
         [&]
         {
             m_clock.WarmUp();
-            if (std::strcmp(fileName.GetData(), m_output.GetName().GetData()) != 0)
+            if (std::string_view(fileName) != m_output.GetName())
             {
                 m_output.Close();
-                m_output.SetName(fileName);
+                m_output.SetName({fileName});
             }
             if (!enable)
             {
@@ -112,20 +100,13 @@ void FileLogger::SetOptions(LoggingSettings* settings)
     ChangeSettings(
         [=, this]
         {
-            m_settings.flushInterval = settings->flushInterval;
-            DeleteStrategy();
+            const bool isNumbered = settings->strategy == LOGGING_STRATEGY_FILE_SIZE;
             m_output.Close();
-            if (settings->strategy == LOGGING_STRATEGY_FILE_SIZE)
-            {
-                m_strategy = new FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
-                m_settings.maxFileSize = settings->maxFileSize;
-            }
-            else
-            {
-                m_strategy = new SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
-            }
-            m_settings.strategy = settings->strategy;
-            m_settings.reserved = settings->reserved;
+            m_settings = *settings;
+            m_settings.maxFileSize = isNumbered ? settings->maxFileSize : 0;
+            m_oneFile = SimpleLoggerStrategy(&m_output, settings->strategy == LOGGING_STRATEGY_OVERWRITE);
+            m_numberedFiles = FileSizeLoggerStrategy(&m_output, settings->maxFileSize);
+            m_strategy = isNumbered ? static_cast<FileLoggerStrategy*>(&m_numberedFiles) : &m_oneFile;
         });
 }
 
@@ -145,34 +126,41 @@ const char* FileLogger::GetLogFileName()
 
 void FileLogger::FlushLogFile()
 {
-    if (!Emergency().IsInCriticalSection())
-    {
-        return; // refused in an emergency, or taken over by another thread
-    }
     if (QV::SignalSafeScope::IsActive() || m_busy.load(std::memory_order_relaxed)) // or in a handler that interrupted a call
     {
         Emergency().Flush();
-        return;
     }
-    const BusyScope busy(m_busy);
-    m_output.Flush();
-}
-
-bool FileLogger::PrepareOutputSource()
-{
-    if (m_strategy.load(std::memory_order_relaxed) == nullptr) [[unlikely]]
+    else if (Emergency().IsInCriticalSection()) // else another thread has taken it over
     {
-        m_strategy = new SimpleLoggerStrategy(&m_output, false);
+        const BusyScope busy(m_busy);
+        m_output.Flush();
     }
-    return m_strategy.load(std::memory_order_relaxed)->PrepareOutputSource();
 }
 
-// A dump must never find a strategy that is being deleted.
-void FileLogger::DeleteStrategy()
+// In Write, its only caller: two frames cost a tenth of a line.
+[[gnu::always_inline]] inline bool FileLogger::WriteLine(const LogEntry& line)
 {
-    m_settings.strategy = LOGGING_STRATEGY_APPEND; // which the next line installs
-    m_settings.maxFileSize = 0;
-    delete m_strategy.exchange(nullptr);
+    const std::size_t length = line.GetLength();
+    m_output.SetLineLength(length); // for the strategy; a signal handler that logs in between changes it
+    if (!PrepareOutputSource())
+    {
+        return false;
+    }
+    if (char* const place = m_output.Reserve(length)) [[likely]]
+    {
+        line.Compose(m_clock.WriteStamp(place));
+        m_output.Commit(length);
+    }
+    else if (length > LogOutput::kBufferSize && m_output.Flush()) // the lines before it come first
+    {
+        WriteLongLine(line);
+    }
+    if (++m_linesSinceFlush > m_settings.flushInterval)
+    {
+        m_output.Flush();
+        m_linesSinceFlush = 0;
+    }
+    return true;
 }
 
 bool FileLogger::Write(const LogEntry& line)
@@ -193,31 +181,6 @@ bool FileLogger::Write(const LogEntry& line)
     }
     const BusyScope busy(m_busy);
     return WriteLine(line);
-}
-
-bool FileLogger::WriteLine(const LogEntry& line)
-{
-    const std::size_t length = line.GetLength();
-    m_output.SetLineLength(length); // for the strategy; a signal handler that logs in between changes it
-    if (!PrepareOutputSource() || !m_output.IsOpen())
-    {
-        return false;
-    }
-    if (char* const place = m_output.Reserve(length)) [[likely]]
-    {
-        line.Compose(m_clock.WriteStamp(place));
-        m_output.Commit(length);
-    }
-    else if (length > LogOutput::kBufferSize && m_output.Flush()) // the lines before it come first
-    {
-        WriteLongLine(line);
-    }
-    if (++m_linesSinceFlush > m_settings.flushInterval)
-    {
-        m_output.Flush();
-        m_linesSinceFlush = 0;
-    }
-    return true;
 }
 
 // The texts go to the file as they are, the rows of a dump through the buffer.

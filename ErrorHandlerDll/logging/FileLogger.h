@@ -10,7 +10,7 @@
 #define ERRORHANDLERDLL_LOGGING_FILELOGGER_H
 
 #include "ErrorHandlerDll/ErrorCodes.h"
-#include "ErrorHandlerDll/logging/FileLoggerStrategy.h"
+#include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 #include "ErrorHandlerDll/logging/LineClock.h"
 #include "ErrorHandlerDll/logging/LogEmergency.h"
 #include "ErrorHandlerDll/logging/LogFork.h"
@@ -31,9 +31,9 @@ public:
 
     virtual ~FileLogger() { Retire(); }
 
-    // Flushes and closes the file and gives all memory back. Threads that still log afterwards, as at the end of a process,
-    // have their entries dropped: the object stays. Waits for others no longer than an emergency. A thread that is inside
-    // meanwhile and does not come out keeps what it works on.
+    // Flushes and closes the file. Threads that still log afterwards, as at the end of a process, have their entries
+    // dropped: the object stays. Waits for others no longer than an emergency. A thread that is inside meanwhile and does
+    // not come out keeps what it works on.
     void Retire();
 
     // In an emergency without the section these do nothing.
@@ -92,9 +92,7 @@ private:
     void ChangeSettings(const Change& change);
     bool WriteLine(const LogEntry& line);
     void WriteLongLine(const LogEntry& line);
-    bool PrepareOutputSource();
-    void DeleteStrategy();
-    void Disable();
+    bool PrepareOutputSource() { return m_strategy.load()->PrepareOutputSource() && m_output.IsOpen(); }
 
     // Categories that are written: none while logging is off, and before the logger is constructed. So the filter looks at
     // two words only.
@@ -108,7 +106,9 @@ private:
     ZelvoWinAPI::_CRITICAL_SECTION m_criticalSection;
     LoggingSettings m_settings = {}; // without level and mask
     unsigned int m_linesSinceFlush = 0;
-    std::atomic<FileLoggerStrategy*> m_strategy{nullptr}; // owned
+    SimpleLoggerStrategy m_oneFile{&m_output, false};
+    FileSizeLoggerStrategy m_numberedFiles{&m_output, 0};
+    std::atomic<FileLoggerStrategy*> m_strategy{&m_oneFile}; // one of these two
     LineClock m_clock;
     LogOutput m_output;
 };

@@ -8,8 +8,6 @@ class FileLoggerStrategy
 {
 public:
     explicit FileLoggerStrategy(LogOutput* output) : m_output(output) {}
-    FileLoggerStrategy(const FileLoggerStrategy&) = delete;
-    FileLoggerStrategy& operator=(const FileLoggerStrategy&) = delete;
     virtual ~FileLoggerStrategy() = default;
 
     // Called with the logger's critical section held and the line measured. Decides the file name, opens and switches files.
@@ -18,6 +16,26 @@ public:
 
 protected:
     LogOutput* m_output; // outlives this strategy
+};
+
+// One file under the logger's name, opened in the same way whenever it is not open.
+class SimpleLoggerStrategy : public FileLoggerStrategy
+{
+public:
+    // `empties`: whether an opening empties the file.
+    SimpleLoggerStrategy(LogOutput* output, bool empties) : FileLoggerStrategy(output), m_empties(empties) {}
+
+    bool PrepareOutputSource() override
+    {
+        if (!m_output->IsOpen())
+        {
+            m_output->Open(m_empties);
+        }
+        return true;
+    }
+
+private:
+    bool m_empties;
 };
 
 #endif

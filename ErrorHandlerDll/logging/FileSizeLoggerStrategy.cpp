@@ -1,6 +1,5 @@
 #include "ErrorHandlerDll/logging/FileSizeLoggerStrategy.h"
 
-#include "ErrorHandlerDll/logging/LogFileName.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <climits>
@@ -16,16 +15,11 @@ constexpr std::size_t kNumberTextSize = 34; // what itoa asks for
 std::string_view NumberPart(std::string_view name)
 {
     const std::size_t lastDot = name.rfind('.');
-    if (lastDot == std::string_view::npos)
+    if (lastDot == std::string_view::npos || lastDot == 0)
     {
-        return name;
+        return name.substr(lastDot + 1); // npos + 1 is 0
     }
-    if (lastDot == 0)
-    {
-        return name.substr(1);
-    }
-    const std::size_t dotBefore = name.rfind('.', lastDot - 1);
-    const std::size_t start = dotBefore == std::string_view::npos ? 0 : dotBefore + 1;
+    const std::size_t start = name.rfind('.', lastDot - 1) + 1;
     return name.substr(start, lastDot - start);
 }
 
@@ -62,14 +56,14 @@ int FileSizeLoggerStrategy::GetFileIDFromFileName(std::string_view fileName)
     return ParseFileNumber(NumberPart(fileName));
 }
 
-QV::BaseString<char> FileSizeLoggerStrategy::BuildLogFileName(const QV::BaseString<char>& fileName, int fileID)
+LogPath FileSizeLoggerStrategy::BuildLogFileName(std::string_view fileName, int fileID)
 {
     const LogFileName name = LogFileName::Split(fileName);
     char number[kNumberTextSize] = {};
     ZelvoWinAPI::itoa(fileID, number, 10);
 
-    const std::string_view kept = name.HasNumber() ? std::string_view() : name.m_middle;
-    return QV::BaseString<char>::Join(name.m_stem, kept, ".", number, name.m_extension);
+    const bool hasNumber = !name.m_middle.empty() && ParseFileNumber(name.m_middle.substr(1)) != kNoNumber;
+    return {name.m_stem, hasNumber ? "" : name.m_middle, ".", number, name.m_extension};
 }
 
 void FileSizeLoggerStrategy::OpenHighestFile()

@@ -21,7 +21,7 @@ public:
     static int GetFileIDFromFileName(std::string_view fileName);
 
     // The name of file `fileID` of the series that `fileName` belongs to.
-    static QV::BaseString<char> BuildLogFileName(const QV::BaseString<char>& fileName, int fileID);
+    static LogPath BuildLogFileName(std::string_view fileName, int fileID);
 
 private:
     void OpenHighestFile();

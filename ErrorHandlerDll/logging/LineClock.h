@@ -22,12 +22,16 @@ public:
         {
             SetSecond(now.tv_sec);
         }
+        if (static_cast<unsigned long>(now.tv_nsec - m_millisecond) >= kNanosecondsPerMillisecond)
+        {
+            WriteMilliseconds(m_text, now.tv_nsec);
+            m_millisecond = now.tv_nsec - now.tv_nsec % kNanosecondsPerMillisecond;
+        }
         __builtin_memcpy(out, m_text, kStampLength);
-        WriteMilliseconds(out, now.tv_nsec);
         return out + kStampLength;
     }
 
-    // The same without the lock of the zone's data: the calendar is computed, with the offset to UTC that was learned last.
+    // The same without the lock of the zone's data, with the offset to UTC that was learned last.
     // Async-signal-safe.
     char* WriteStampSignalSafe(char* out) const;
 
@@ -41,24 +45,25 @@ public:
 
 private:
     static constexpr std::size_t kMillisecondsAt = 18;
+    static constexpr long kNanosecondsPerMillisecond = 1000000;
 
     static void WriteMilliseconds(char* stamp, long nanoseconds)
     {
-        const auto milliseconds = static_cast<unsigned int>(nanoseconds / 1000000);
+        const auto milliseconds = static_cast<unsigned int>(nanoseconds / kNanosecondsPerMillisecond);
         stamp[kMillisecondsAt] = static_cast<char>('0' + milliseconds / 100);
         stamp[kMillisecondsAt + 1] = static_cast<char>('0' + milliseconds / 10 % 10);
         stamp[kMillisecondsAt + 2] = static_cast<char>('0' + milliseconds % 10);
     }
     void SetSecond(std::time_t second);
     bool MayAskForZone() const;
-    std::tm AskForZone(std::time_t second);
-    std::tm Compute(std::time_t second) const;
+    void WriteSecond(char* stamp, std::time_t second) const; // by the offset that was learned last
 
-    // The text of this second is kept: the local time asks the file system for the zone each time, which costs more than all
-    // the rest of a line.
+    // The text of this second and millisecond is kept: the local time asks the file system for the zone each time, which
+    // costs more than all the rest of a line, and a burst of lines has many in one millisecond.
     std::time_t m_second = -1;
-    std::atomic<long> m_utcOffset{0}; // seconds
-    std::uint64_t m_usualMask = 0;    // signals that the host's threads block as a rule
+    long m_millisecond = -kNanosecondsPerMillisecond; // its start within the second, in nanoseconds
+    std::atomic<long> m_utcOffset{0};                 // seconds
+    std::uint64_t m_usualMask = 0;                    // signals that the host's threads block as a rule
     bool m_isZoneLost = false;
     char m_text[kStampLength + 1] = "00/00/00 00:00:00.000 - ";
 };

@@ -64,11 +64,6 @@ void LogEmergency::Flush() const
     }
 }
 
-void LogEmergency::ForgetStrategy() const
-{
-    m_log.m_strategy.store(nullptr, std::memory_order_relaxed);
-}
-
 bool LogEmergency::Write(const LogEntry& line, Caller caller) const
 {
     const LogSectionScope section(m_log);
@@ -81,9 +76,6 @@ bool LogEmergency::Write(const LogEntry& line, Caller caller) const
     {
         return false;
     }
-    char prefix[LogEntry::kMaxPrefixSize];
-    const char* const end = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
-    const std::string_view pieces[] = {{prefix, end}, line.GetSource(), line.GetMessage(), "\n"};
     if (section.IsEntered())
     {
         m_log.m_output.SetLineLength(line.GetLength());
@@ -92,21 +84,24 @@ bool LogEmergency::Write(const LogEntry& line, Caller caller) const
             return false;
         }
     }
-    bool isWritten = Put(pieces, section.IsEntered());
-    for (std::size_t row = 0;
-         dump != nullptr && row < std::min(dump->GetRowCount(), kMaxDumpedBytes / HexDump::kBytesPerRow); ++row)
+    char prefix[LogEntry::kMaxPrefixSize];
+    const char* const prefixEnd = line.ComposePrefix(m_log.m_clock.WriteStampSignalSafe(prefix));
+    constexpr std::size_t kMaxRows = kMaxDumpedBytes / HexDump::kBytesPerRow;
+    char rows[1 + kMaxRows * HexDump::kMaxRowLength];
+    char* rowsEnd = rows;
+    *rowsEnd++ = '\n';
+    for (std::size_t row = 0; dump != nullptr && row < std::min(dump->GetRowCount(), kMaxRows); ++row)
     {
-        char text[HexDump::kMaxRowLength];
-        const std::string_view rowText(text, dump->ComposeRow(text, row));
-        isWritten = isWritten && Put({&rowText, 1}, section.IsEntered());
+        rowsEnd = dump->ComposeRow(rowsEnd, row);
     }
-    return isWritten;
+    return Put({{{prefix, prefixEnd}, line.GetSource(), line.GetMessage(), {rows, rowsEnd}}}, section.IsEntered());
 }
 
-bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
+bool LogEmergency::Put(const std::array<std::string_view, LogFile::kMaxPieces>& pieces, bool hasSection) const
 {
     if (!hasSection)
     {
+        m_log.m_output.WriteLinesOfOwner(*LogOutput::WaitLimit());
         return m_log.m_output.WriteBesideOwner(pieces);
     }
     std::size_t length = 0;
@@ -114,7 +109,7 @@ bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
     {
         length += piece.size();
     }
-    char* place = MayBuffer() ? m_log.m_output.Reserve(length) : nullptr;
+    char* place = m_log.m_buffersDump.load(std::memory_order_relaxed) ? m_log.m_output.Reserve(length) : nullptr;
     if (place == nullptr)
     {
         m_log.m_output.WritePastBuffer(pieces);
@@ -128,36 +123,14 @@ bool LogEmergency::Put(LogFile::Pieces pieces, bool hasSection) const
     return true;
 }
 
-bool LogEmergency::MayBuffer() const
-{
-    return m_log.m_buffersDump.load(std::memory_order_relaxed);
-}
-
 bool LogEmergency::PrepareOutput(Caller caller) const
 {
     LogOutput& output = m_log.m_output;
-    if (caller == Caller::SIGNAL_HANDLER)
-    {
-        // Names and files are the interrupted code's, and what it is flushing right now it writes itself.
-        if (output.IsOpen() && !output.IsFlushing())
-        {
-            output.WriteBuffered();
-        }
-        return output.IsOpen();
-    }
-    const bool canOpen = output.RemeasureName(); // the interrupted code may have been replacing it
-    if (!MayBuffer())
+    // In a handler names and files are the interrupted code's, and what it is flushing right now it writes itself.
+    const bool isOthers = caller == Caller::SIGNAL_HANDLER && (!output.IsOpen() || output.IsFlushing());
+    if (!isOthers && !m_log.m_buffersDump.load(std::memory_order_relaxed))
     {
         output.WriteBuffered();
     }
-    FileLoggerStrategy* const strategy = m_log.m_strategy;
-    if (canOpen && strategy != nullptr)
-    {
-        return strategy->PrepareOutputSource() && output.IsOpen();
-    }
-    if (canOpen && !output.IsOpen())
-    {
-        output.Open(false);
-    }
-    return output.IsOpen();
+    return caller == Caller::SIGNAL_HANDLER ? output.IsOpen() : m_log.PrepareOutputSource();
 }

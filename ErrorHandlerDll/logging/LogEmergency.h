@@ -5,6 +5,7 @@
 
 #include "ErrorHandlerDll/logging/LogFile.h"
 
+#include <array>
 #include <cstdint>
 
 class FileLogger;
@@ -37,9 +38,6 @@ public:
     void EndDump() const;
     void Flush() const;
 
-    // For a dump that cannot trust the heap: its lines go to the file that is open. Nothing is freed.
-    void ForgetStrategy() const;
-
     enum class Caller
     {
         DUMP,           // the interrupted code is lost
@@ -47,16 +45,16 @@ public:
     };
 
     // Writes an entry straight to the file, or into the buffer (BeginDump). Of a hex dump only the first bytes are written
-    // in a dump, and a longer one is dropped in a handler. Without the section it touches nothing but the open descriptor.
+    // in a dump, and a longer one is dropped in a handler. Without the section it
+    // touches nothing but the open descriptor, and claims the lines that wait in the buffer of its owner.
     //   returns false when there is no file, or no end of waiting for it
     bool Write(const LogEntry& line, Caller caller) const;
 
     static constexpr std::size_t kMaxDumpedBytes = 512;
 
 private:
-    bool MayBuffer() const;
     bool PrepareOutput(Caller caller) const;
-    bool Put(LogFile::Pieces pieces, bool hasSection) const;
+    bool Put(const std::array<std::string_view, LogFile::kMaxPieces>& pieces, bool hasSection) const;
 
     FileLogger& m_log;
 };

@@ -46,22 +46,17 @@ public:
     const HexDump* GetDump() const { return m_dump; }
 
     // The fields before the source, with what their copies write behind them.
-    static constexpr std::size_t kMaxPrefixSize = LineClock::kStampLength + kLevelSize + ThreadField::kSize;
+    static constexpr std::size_t kMaxExcess = ThreadField::kSize;
+    static constexpr std::size_t kMaxPrefixSize = LineClock::kStampLength + kLevelSize + kMaxExcess;
 
-    // Writes level and thread behind the stamp. May write up to kCopySize bytes past its end: the next field overwrites
-    // them, or the prefix has room for them.
+    // Writes level and thread behind the stamp, up to kMaxExcess bytes past their end: the next field overwrites them, or
+    // the buffer has room for them.
     char* ComposePrefix(char* out) const
     {
-        std::memcpy(out, m_level.data(), kCopySize);
-        if (m_level.size() > kCopySize)
-        {
-            std::memcpy(out + kCopySize, m_level.data() + kCopySize, kLevelSize - kCopySize);
-        }
+        std::memcpy(out, m_level.data(), kLevelSize);
         out += m_level.size();
-        std::memcpy(out, m_thread.m_text, kCopySize);
-        char* const end = out + m_thread.m_length;
-        std::memcpy(end - kCopySize, m_thread.m_text + m_thread.m_length - kCopySize, kCopySize);
-        return end;
+        std::memcpy(out, m_thread.m_text, ThreadField::kSize);
+        return out + m_thread.m_length;
     }
 
     // Writes all behind the stamp.
@@ -78,11 +73,8 @@ public:
     }
 
 private:
-    static constexpr std::size_t kCopySize = 16; // of one copy, two instructions
     static constexpr std::size_t kNamedLevelLength = 13;
-    static constexpr char kNamedLevels[][kCopySize] = {"ERROR      - ", "WARNING    - ", "DEBUG_LOW  - ", "DEBUG_HIGH - "};
-    static_assert(kNamedLevelLength <= kCopySize && kLevelSize <= 2 * kCopySize && sizeof "[ThreadID: 1] - " > kCopySize,
-                  "the copies take whole fields, and start in the thread field");
+    static constexpr char kNamedLevels[][kLevelSize] = {"ERROR      - ", "WARNING    - ", "DEBUG_LOW  - ", "DEBUG_HIGH - "};
 
     // "ERROR      - " and so on for the four named levels, "Level 5    - " for all others.
     std::string_view GetLogLevelAsString(int level)

@@ -69,11 +69,22 @@ int Write(int descriptor, LogFile::Pieces pieces, std::atomic<std::size_t>& writ
 
 } // namespace
 
+void LogFile::SetName(const LogPath& name)
+{
+    if (std::string_view(name) != GetName())
+    {
+        const unsigned int unused = 1 - m_nameInUse.load(std::memory_order_relaxed);
+        m_names[unused] = name;
+        m_nameInUse.store(unused, std::memory_order_release);
+    }
+}
+
 // A regular file takes no notice of O_NONBLOCK; all others must be able to stop taking bytes without stopping the caller.
-std::int64_t LogFile::Open(const char* name, bool empties)
+std::int64_t LogFile::Open(bool empties)
 {
     const int truncation = empties && !m_wasClosedByHost ? O_TRUNC : 0;
-    const int descriptor = ZelvoWinAPI::OpenFile(name, O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | truncation);
+    const int descriptor =
+        ZelvoWinAPI::OpenFile(GetName().GetData(), O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | truncation);
     m_descriptor.store(descriptor, std::memory_order_relaxed);
     if (descriptor < 0)
     {
@@ -85,10 +96,14 @@ std::int64_t LogFile::Open(const char* name, bool empties)
 
 std::int64_t LogFile::LookAtEnd()
 {
+    m_endsInsideLine = EndsInsideLine(false);
+    return std::max<std::int64_t>(GetSize(), 0) + (m_endsInsideLine ? 1 : 0);
+}
+
+std::int64_t LogFile::GetSize() const
+{
     struct stat status = {};
-    fstat(GetDescriptor(), &status);
-    m_endsInsideLine = status.st_size > 0 && EndsInsideLine(false);
-    return status.st_size + (m_endsInsideLine ? 1 : 0);
+    return fstat(GetDescriptor(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
 }
 
 void LogFile::Close()
@@ -104,13 +119,26 @@ void LogFile::Close()
 
 bool LogFile::WriteAll(Pieces pieces, std::atomic<std::size_t>& written, int* waitLeftMs)
 {
-    const int error = Write(GetDescriptor(), pieces, written, m_endsInsideLine, waitLeftMs);
-    if (error == EBADF && IsOpen())
+    for (int attempt = 0; attempt < 2; ++attempt)
     {
-        m_descriptor.store(-1, std::memory_order_relaxed);
-        m_wasClosedByHost = true;
+        const int error = Write(GetDescriptor(), pieces, written, m_endsInsideLine, waitLeftMs);
+        if (error == 0)
+        {
+            return true;
+        }
+        if (error == EBADF && IsOpen())
+        {
+            m_descriptor.store(-1, std::memory_order_relaxed);
+            m_wasClosedByHost = true;
+        }
+        EndOnWholeLine(pieces, written);
+        if (!m_wasClosedByHost)
+        {
+            return false;
+        }
+        Open(false);
     }
-    return error == 0;
+    return false;
 }
 
 bool LogFile::WriteBesideOwner(Pieces pieces, int* waitLeftMs) const
@@ -120,9 +148,13 @@ bool LogFile::WriteBesideOwner(Pieces pieces, int* waitLeftMs) const
     return Write(GetDescriptor(), pieces, written, beginsWithLineFeed, waitLeftMs) == 0;
 }
 
-void LogFile::EndOnWholeLine(Pieces pieces, std::size_t size)
+void LogFile::EndOnWholeLine(Pieces pieces, std::atomic<std::size_t>& written)
 {
-    if (size > 0 && !TakeBack(pieces, size))
+    const std::size_t end = written.load(std::memory_order_relaxed);
+    const std::size_t lineStart = pieces.size() > 1 ? 0 : pieces[0].substr(0, end).rfind('\n') + 1; // npos + 1 is 0
+    const std::string_view torn = pieces[0].substr(lineStart);
+    written.store(lineStart, std::memory_order_release);
+    if (end > lineStart && !TakeBack(pieces.size() > 1 ? pieces : Pieces(&torn, 1), end - lineStart))
     {
         m_endsInsideLine = EndsInsideLine(true);
     }
@@ -154,23 +186,15 @@ bool LogFile::HoldsBefore(std::int64_t end, std::string_view text) const
 
 bool LogFile::EndsInsideLine(bool ifUnknown) const
 {
-    struct stat status = {};
     char last = '\n';
-    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
-    {
-        return ifUnknown;
-    }
-    return status.st_size > 0 && ZelvoWinAPI::ReadFile(GetDescriptor(), &last, 1, status.st_size - 1) == 1 && last != '\n';
+    const std::int64_t size = GetSize();
+    return size < 0 ? ifUnknown
+                    : size > 0 && ZelvoWinAPI::ReadFile(GetDescriptor(), &last, 1, size - 1) == 1 && last != '\n';
 }
 
 bool LogFile::TakeBack(Pieces pieces, std::size_t size) const
 {
-    struct stat status = {};
-    if (fstat(GetDescriptor(), &status) != 0 || !S_ISREG(status.st_mode))
-    {
-        return false;
-    }
-    std::int64_t end = status.st_size - static_cast<std::int64_t>(size);
+    std::int64_t end = GetSize() - static_cast<std::int64_t>(size); // below 0 for what is no regular file
     const std::int64_t start = end;
     for (std::string_view piece : pieces)
     {

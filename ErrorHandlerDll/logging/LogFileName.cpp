@@ -1,73 +1,48 @@
 #include "ErrorHandlerDll/logging/LogFileName.h"
 
+#include <algorithm>
 #include <charconv>
-#include <cstddef>
 
 namespace
 {
 
 constexpr std::string_view kDefaultExtension = ".log";
-constexpr int kNoNumber = -1;
-
-bool IsDecimal(std::string_view text)
-{
-    return text.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
-// The digits of a well-formed number with a sign before them only when it is negative; null data when it is not well-formed.
-std::string_view Digits(std::string_view text)
-{
-    const std::size_t start = text.find_first_not_of(' ');
-    if (start == std::string_view::npos)
-    {
-        return {};
-    }
-    text.remove_prefix(start);
-    const bool sign = text[0] == '+' || text[0] == '-';
-    if (!IsDecimal(text.substr(sign ? 1 : 0)))
-    {
-        return {};
-    }
-    return text[0] == '+' ? text.substr(1) : text;
-}
 
 } // namespace
 
+LogPath::LogPath(std::initializer_list<std::string_view> parts)
+{
+    for (const std::string_view part : parts)
+    {
+        m_length += part.copy(m_text + m_length, PATH_MAX - m_length);
+    }
+    m_text[m_length] = '\0';
+}
+
 LogFileName LogFileName::Split(std::string_view fileName)
 {
-    const std::size_t separator = fileName.find_last_of("\\/");
-    const std::size_t component = separator == std::string_view::npos ? 0 : separator + 1;
+    const std::size_t component = fileName.find_last_of("\\/") + 1; // npos + 1 is 0
     const std::size_t lastDot = fileName.rfind('.');
     if (lastDot == std::string_view::npos || lastDot < component)
     {
         return {fileName, {}, kDefaultExtension};
     }
-    const std::string_view extension = fileName.substr(lastDot);
     const std::size_t dotBefore = fileName.substr(0, lastDot).rfind('.');
-    if (dotBefore == std::string_view::npos || dotBefore < component)
-    {
-        return {fileName.substr(0, lastDot), {}, extension};
-    }
-    return {fileName.substr(0, dotBefore), fileName.substr(dotBefore, lastDot - dotBefore), extension};
-}
-
-bool LogFileName::HasNumber() const
-{
-    return !m_middle.empty() && ParseFileNumber(m_middle.substr(1)) != kNoNumber;
+    const std::size_t stemEnd = dotBefore == std::string_view::npos || dotBefore < component ? lastDot : dotBefore;
+    return {fileName.substr(0, stemEnd), fileName.substr(stemEnd, lastDot - stemEnd), fileName.substr(lastDot)};
 }
 
 int ParseFileNumber(std::string_view text)
 {
-    const std::string_view digits = Digits(text);
-    if (digits.data() == nullptr)
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+    const bool hasSign = text.starts_with('+') || text.starts_with('-');
+    const std::string_view digits = text.substr(hasSign ? 1 : 0);
+    if (text.empty() || digits.find_first_not_of("0123456789") != std::string_view::npos)
     {
         return kNoNumber;
     }
-    if (digits.empty() || digits == "-")
-    {
-        return 0;
-    }
     int number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return error == std::errc() ? number : kNoNumber;
+    const char* const start = text.starts_with('-') ? text.data() : digits.data();
+    const auto [end, error] = std::from_chars(start, digits.data() + digits.size(), number);
+    return error == std::errc() || digits.empty() ? number : kNoNumber;
 }

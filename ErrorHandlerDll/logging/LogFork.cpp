@@ -2,7 +2,6 @@
 
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
-#include <sched.h>
 #include <sys/single_threaded.h>
 
 namespace
@@ -10,23 +9,6 @@ namespace
 
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool tEnteredForFork = false;
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool tHadThreads = false;
-
-// A bounded wait looks once in a millisecond, when other threads that log may have taken the section again.
-ZelvoWinAPI::Entry EnterSection(ZelvoWinAPI::_CRITICAL_SECTION& section, int& waitLeftMs)
-{
-    constexpr int kTries = 1000;
-    for (int i = 0; i < kTries; ++i)
-    {
-        int noWaitMs = 0;
-        const ZelvoWinAPI::Entry entry = ZelvoWinAPI::TryEnterCriticalSection(&section, noWaitMs);
-        if (entry != ZelvoWinAPI::Entry::REFUSED)
-        {
-            return entry;
-        }
-        sched_yield();
-    }
-    return ZelvoWinAPI::TryEnterCriticalSection(&section, waitLeftMs);
-}
 
 } // namespace
 
@@ -36,21 +18,13 @@ void LogFork::Before(FileLogger& logger)
     int ownWaitLeftMs = FileLogger::kMaxWaitMs;
     int& waitLeftMs = QV::SignalSafeScope::IsActive() ? QV::SignalSafeScope::WaitLeftMs() : ownWaitLeftMs;
     tHadThreads = __libc_single_threaded == 0;
-    const ZelvoWinAPI::Entry entry = EnterSection(logger.m_criticalSection, waitLeftMs);
+    const ZelvoWinAPI::Entry entry = ZelvoWinAPI::TryEnterCriticalSection(&logger.m_criticalSection, waitLeftMs);
     tEnteredForFork = entry != ZelvoWinAPI::Entry::REFUSED;
     if (entry == ZelvoWinAPI::Entry::TAKEN_OVER)
     {
         logger.Emergency().ForgetInterruptedCall();
     }
-    if (!tEnteredForFork || !logger.m_output.HasUnwrittenLines())
-    {
-        return;
-    }
-    if (!logger.m_busy.load(std::memory_order_relaxed))
-    {
-        logger.m_output.Flush(&waitLeftMs);
-    }
-    else if (!logger.m_output.IsFlushing())
+    if (tEnteredForFork && logger.m_output.HasUnwrittenLines() && !logger.m_output.IsFlushing())
     {
         logger.m_output.WriteBuffered(&waitLeftMs);
     }

@@ -1,20 +1,13 @@
 #include "ErrorHandlerDll/logging/LogOutput.h"
 
 #include "QV/SignalSafeScope.h"
+#include "ZelvoWinAPI/ZelvoWinAPI.h"
 
-#include <climits>
+#include <cstring>
 
 int* LogOutput::WaitLimit()
 {
     return QV::SignalSafeScope::IsActive() ? &QV::SignalSafeScope::WaitLeftMs() : nullptr;
-}
-
-void LogOutput::SetName(const QV::BaseString<char>& name)
-{
-    if (std::string_view(name) != std::string_view(m_name))
-    {
-        m_name = name;
-    }
 }
 
 void LogOutput::Open(bool empties)
@@ -23,7 +16,7 @@ void LogOutput::Open(bool empties)
     {
         Close();
     }
-    m_bufferPosition = m_file.Open(m_name.GetData(), empties) - static_cast<std::int64_t>(m_written.load());
+    m_bufferPosition = m_file.Open(empties) - static_cast<std::int64_t>(m_written.load());
 }
 
 void LogOutput::Close(int* waitLeftMs)
@@ -32,8 +25,7 @@ void LogOutput::Close(int* waitLeftMs)
     {
         Flush(waitLeftMs); // one failing call must not cost a line
     }
-    m_used = 0;
-    m_written = 0;
+    EmptyBuffer();
     m_file.Close();
 }
 
@@ -44,61 +36,82 @@ bool LogOutput::Flush(int* waitLeftMs)
         return false;
     }
     const std::size_t used = GetUsed();
-    m_used.store(0, std::memory_order_release); // first: without bytes in the buffer the other numbers say nothing
-    m_written.store(0, std::memory_order_release);
+    EmptyBuffer();
     m_bufferPosition += static_cast<std::int64_t>(used);
     return true;
+}
+
+void LogOutput::EmptyBuffer()
+{
+    m_used.store(0, std::memory_order_release); // first: without bytes in the buffer the other numbers say nothing
+    m_written.store(0, std::memory_order_release);
+    m_claim.store((m_claim.load(std::memory_order_relaxed) | kByFlush) + 1, std::memory_order_release);
+}
+
+// From here to EndFlush nobody else claims lines. What was claimed before counts as written.
+void LogOutput::BeginFlush(std::size_t used)
+{
+    Claim claim = m_claim.load(std::memory_order_acquire);
+    do
+    {
+        const bool wasCutOff = ClaimedBytes(claim) == kByFlush;
+        m_written.store(wasCutOff ? FindWritten(used) : ClaimedBytes(claim), std::memory_order_release);
+    } while (!m_claim.compare_exchange_weak(claim, claim | kByFlush));
+}
+
+void LogOutput::EndFlush()
+{
+    const Claim buffer = m_claim.load(std::memory_order_relaxed) & ~kByFlush;
+    m_claim.store(buffer | m_written.load(std::memory_order_relaxed), std::memory_order_release);
 }
 
 bool LogOutput::WriteBuffered(int* waitLeftMs)
 {
     const std::size_t used = m_used.load(std::memory_order_acquire);
-    if (IsFlushing())
-    {
-        m_written.store(FindWritten(used), std::memory_order_release);
-    }
-    m_flushing.store(true, std::memory_order_release);
+    BeginFlush(used);
     const std::string_view lines(m_buffer, used);
-    const bool isDone = WriteAll({&lines, 1}, m_written, waitLeftMs);
-    m_flushing.store(false, std::memory_order_release);
+    const bool isDone = m_file.WriteAll({&lines, 1}, m_written, waitLeftMs);
+    EndFlush();
     return isDone;
+}
+
+// The owner may wake at any moment and fill the buffer anew, so the lines are copied before they are claimed: as long as
+// they can be claimed, nothing has happened to them. One thread at a time makes such a copy.
+void LogOutput::WriteLinesOfOwner(int& waitLeftMs)
+{
+    static constinit std::atomic<std::uint32_t> copyOwner = 0;
+    static char copy[kBufferSize];
+    const std::uint32_t self = ZelvoWinAPI::GetCurrentThreadId();
+    std::uint32_t expected = 0;
+    if (!copyOwner.compare_exchange_strong(expected, self) && expected != self) // its own: it has left this by a jump
+    {
+        return;
+    }
+    Claim claim = m_claim.load(std::memory_order_acquire); // before the number of bytes, which then is not older
+    const std::size_t used = m_used.load(std::memory_order_acquire);
+    const std::size_t start = ClaimedBytes(claim);
+    if (start < used && IsOpen())
+    {
+        std::memcpy(copy, m_buffer + start, used - start);
+        if (m_claim.compare_exchange_strong(claim, (claim & ~kByFlush) | used))
+        {
+            for (; !IsOpen() && waitLeftMs > 0; --waitLeftMs) // the owner is between two files
+            {
+                ZelvoWinAPI::Sleep(1);
+            }
+            const std::string_view lines(copy, used - start);
+            m_file.WriteBesideOwner({&lines, 1}, &waitLeftMs);
+        }
+    }
+    copyOwner.store(0);
 }
 
 bool LogOutput::WritePastBuffer(LogFile::Pieces pieces, int* waitLeftMs)
 {
     std::atomic<std::size_t> written = 0;
-    const bool isDone = WriteAll(pieces, written, waitLeftMs);
+    const bool isDone = m_file.WriteAll(pieces, written, waitLeftMs);
     m_bufferPosition += static_cast<std::int64_t>(written.load(std::memory_order_relaxed));
     return isDone;
-}
-
-// What fails ends behind the last whole line. A file that the host has closed is opened again at once.
-bool LogOutput::WriteAll(LogFile::Pieces pieces, std::atomic<std::size_t>& written, int* waitLeftMs)
-{
-    for (int attempt = 0; attempt < 2; ++attempt)
-    {
-        if (m_file.WriteAll(pieces, written, waitLeftMs))
-        {
-            return true;
-        }
-        EndOnWholeLine(pieces, written);
-        if (!m_file.WasClosedByHost())
-        {
-            return false;
-        }
-        m_file.Open(m_name.GetData(), false);
-    }
-    return false;
-}
-
-// Several pieces are one line.
-void LogOutput::EndOnWholeLine(LogFile::Pieces pieces, std::atomic<std::size_t>& written)
-{
-    const std::size_t end = written.load(std::memory_order_relaxed);
-    const std::size_t lineStart = pieces.size() > 1 ? 0 : pieces[0].substr(0, end).rfind('\n') + 1; // npos + 1 is 0
-    const std::string_view torn = pieces[0].substr(lineStart);
-    written.store(lineStart, std::memory_order_release);
-    m_file.EndOnWholeLine(pieces.size() > 1 ? pieces : LogFile::Pieces(&torn, 1), end - lineStart);
 }
 
 char* LogOutput::ReserveAfterFlush(std::size_t length)
@@ -130,27 +143,22 @@ std::size_t LogOutput::FindWritten(std::size_t used) const
     return isInFileUpTo(used) ? used : noted;
 }
 
+void LogOutput::ForgetBuffer()
+{
+    m_written.store(GetUsed(), std::memory_order_release);
+    EndFlush();
+}
+
 void LogOutput::ForgetInterruptedCall()
 {
     const std::size_t used = m_used.load(std::memory_order_acquire);
-    if (IsFlushing())
-    {
-        m_written.store(FindWritten(used), std::memory_order_release);
-    }
-    if (m_written.load(std::memory_order_relaxed) >= used)
-    {
-        m_used.store(0, std::memory_order_release);
-        m_written.store(0, std::memory_order_release);
-    }
+    BeginFlush(used);
     const std::string_view lines(m_buffer, used);
-    EndOnWholeLine({&lines, 1}, m_written);
-    m_flushing.store(false, std::memory_order_release);
+    m_file.EndOnWholeLine({&lines, 1}, m_written);
+    EndFlush();
+    if (!HasUnwrittenLines())
+    {
+        EmptyBuffer();
+    }
     m_bufferPosition = m_file.LookAtEnd() - static_cast<std::int64_t>(m_written.load(std::memory_order_relaxed));
-    RemeasureName();
-}
-
-bool LogOutput::RemeasureName()
-{
-    m_name.Remeasure();
-    return m_name.GetLength() < PATH_MAX;
 }

@@ -5,24 +5,25 @@
 // that we fill without its lock, and write lines twice. A stream whose write fails throws its buffer away, where this one
 // keeps the bytes and writes them with the next flush. And a dump can tell from its state, at any instruction at which the
 // code below was interrupted, which bytes are in the file.
+//
+// The lines in the buffer are the owner's to write as long as it holds the section, but for a thread that has waited for it
+// in vain, as for one that is stopped for ever: that one may claim them. Both settle it by one exchange.
 #ifndef ERRORHANDLERDLL_LOGGING_LOGOUTPUT_H
 #define ERRORHANDLERDLL_LOGGING_LOGOUTPUT_H
 
 #include "ErrorHandlerDll/logging/LogFile.h"
-#include "QV/BaseString.h"
 
 class LogOutput
 {
 public:
     // Large enough for the 101 lines between two flushes as a rule, so that they cost one write.
     static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
+    static constexpr std::size_t kExcess = 32;
 
-    explicit LogOutput(const char* name) : m_name(name) {}
+    explicit LogOutput(const LogPath& name) : m_file(name) {}
 
-    const QV::BaseString<char>& GetName() const { return m_name; }
-
-    // The characters of an unchanged name stay where they are: hosts hold pointers to them.
-    void SetName(const QV::BaseString<char>& name);
+    const LogPath& GetName() const { return m_file.GetName(); }
+    void SetName(const LogPath& name) { m_file.SetName(name); }
 
     bool IsOpen() const { return m_file.IsOpen(); }
     void Open(bool empties);
@@ -41,7 +42,8 @@ public:
     std::size_t GetLineLength() const { return m_lineLength; }
     void SetLineLength(std::size_t length) { m_lineLength = length; }
 
-    // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. A line that does not
+    // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. What stands in the
+    // kExcess bytes behind it may be overwritten. A line that does not
     // fit behind the buffered ones is preceded by a flush, so that every write carries whole lines.
     //   returns null for a line that is too long for the buffer, and while nothing can be written and the buffer is full:
     //           the line is dropped then
@@ -61,41 +63,42 @@ public:
 
     // ---- For a dump, a handler and a fork; async-signal-safe, whatever the interrupted code above was doing ----
 
-    // Whether the code that was interrupted is in the middle of a flush.
-    bool IsFlushing() const { return m_flushing.load(std::memory_order_acquire); }
+    // Whether the section's owner is in the middle of a flush.
+    bool IsFlushing() const { return ClaimedBytes(m_claim.load(std::memory_order_acquire)) == kByFlush; }
 
     // As Flush, but the buffer stays where it is: the interrupted code may be composing a line behind it.
     bool WriteBuffered(int* waitLeftMs = WaitLimit());
 
+    // For a thread that does not hold the section: claims and writes the lines of its owner, unless that is writing them.
+    void WriteLinesOfOwner(int& waitLeftMs);
     bool WriteBesideOwner(LogFile::Pieces pieces) const { return m_file.WriteBesideOwner(pieces, WaitLimit()); }
 
     // Counts as written what is not: it is the parent's to write, or lost.
-    void ForgetBuffer() { m_written.store(GetUsed(), std::memory_order_release); }
+    void ForgetBuffer();
 
     // Makes the state whole again after a call that was cut off.
     void ForgetInterruptedCall();
 
-    // Gives the name back for good.
-    void Release() { m_name.Release(); }
-
-    // Takes the name's length anew. Returns whether a file of that name can be opened at all.
-    bool RemeasureName();
-
 private:
+    // How far the lines are claimed: the count of buffers that were emptied before, and the bytes of this one, or kByFlush.
+    using Claim = std::uint64_t;
+    static constexpr Claim kByFlush = 0xFFFFFFFF;
+    static constexpr Claim ClaimedBytes(Claim claim) { return claim & kByFlush; }
+
     std::size_t GetUsed() const { return m_used.load(std::memory_order_relaxed); }
     char* ReserveAfterFlush(std::size_t length);
-    bool WriteAll(LogFile::Pieces pieces, std::atomic<std::size_t>& written, int* waitLeftMs);
-    void EndOnWholeLine(LogFile::Pieces pieces, std::atomic<std::size_t>& written);
+    void BeginFlush(std::size_t used);
+    void EndFlush();
+    void EmptyBuffer();
     std::size_t FindWritten(std::size_t used) const;
 
-    QV::BaseString<char> m_name;
     LogFile m_file;
     std::size_t m_lineLength = 0;
     std::atomic<std::size_t> m_used{0};    // bytes in the buffer
-    std::atomic<std::size_t> m_written{0}; // how many of them are in the file already
-    std::atomic<bool> m_flushing{false};   // m_written may be out of date
-    std::int64_t m_bufferPosition = 0;     // where in the file the buffer's first byte goes, if nobody else writes to it
-    char m_buffer[kBufferSize];
+    std::atomic<std::size_t> m_written{0}; // how many of them are in the file already; out of date in a flush
+    std::atomic<Claim> m_claim{0};
+    std::int64_t m_bufferPosition = 0; // where in the file the buffer's first byte goes, if nobody else writes to it
+    char m_buffer[kBufferSize + kExcess];
 };
 
 #endif

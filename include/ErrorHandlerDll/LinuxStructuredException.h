@@ -22,8 +22,8 @@ struct SignalHandlers;
 //            (propagate false) are async-signal-safe, wherever the thread was interrupted: inside malloc, stdio, the loader
 //            or this library. They take no heap, and wait for a stack for dumps and for standard output half a second each,
 //            for the log and the dump of another thread a second. When they return, every line is in the file: _exit or a
-//            kill -9 right after loses nothing, nor any line that was logged before; but what waits in the buffer while
-//            another thread does not leave the log in that second is that thread's to write.
+//            kill -9 right after loses nothing, nor any line that was logged before; but what another thread that does not
+//            leave the log in that second has begun to write is left to it.
 //   calls    Whether a call stands in a signal handler is read off the stack. Elsewhere, as in a catch clause after a throw
 //            out of the handler, a dump is a call like any other: it waits for the log as long as it takes. Where the
 //            stack cannot be followed to its end, the call is taken for one in a signal handler.

@@ -7,8 +7,9 @@ import gdb.printing
 
 # All that is taken from the library's inside.
 OUTPUT = "gLoggerStorage.m_logger.m_output"
-BUFFER, USED, WRITTEN, FLUSHING = "m_buffer", "m_used", "m_written", "m_flushing"
-NAME = OUTPUT + ".m_name.m_data"
+BUFFER, USED, WRITTEN, CLAIM = "m_buffer", "m_used", "m_written", "m_claim"
+FILE, NAMES, NAME_IN_USE, NAME_TEXT = "m_file", "m_names", "m_nameInUse", "m_text"
+BY_FLUSH = 0xFFFFFFFF
 
 
 def _evaluate(expression):
@@ -49,9 +50,12 @@ errorhandlerdll tail"""
     def invoke(self, argument, from_tty):
         _evaluate("gLoggerStorage")
         try:
-            output, name = gdb.parse_and_eval(OUTPUT), _text(gdb.parse_and_eval(NAME))
-            used, written, flushing = (_number(output[member]) for member in (USED, WRITTEN, FLUSHING))
-            lines = _bytes(output[BUFFER], used)[written:]
+            output = gdb.parse_and_eval(OUTPUT)
+            name = _text(output[FILE][NAMES][_number(output[FILE][NAME_IN_USE])][NAME_TEXT])
+            used, written, claim = (_number(output[member]) for member in (USED, WRITTEN, CLAIM))
+            claimed = claim & BY_FLUSH
+            flushing = claimed == BY_FLUSH
+            lines = _bytes(output[BUFFER], used)[written if flushing else claimed:]
         except gdb.error as error:
             raise gdb.GdbError(f"the log cannot be read; is this script of the library's version? {error}") from error
         gdb.write(f"{len(lines)} bytes are not in {name} yet{':' if lines else ''}\n")
