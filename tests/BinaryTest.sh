@@ -3,6 +3,7 @@
 # and C++ run-time libraries.
 #   BinaryTest.sh LIBRARY EXPORT_LIST
 set -eu
+export LC_ALL=C.UTF-8
 library=$1
 exportList=$2
 
