@@ -4,6 +4,7 @@
 #   ci/abi.sh [--update]
 set -eu
 cd "$(dirname "$0")/.."
+tools/need.sh abidw abidiff nm
 tools/build.sh release ErrorHandlerDll
 
 baseline=packaging/abi/libErrorHandlerDll.abi.xml

@@ -1,7 +1,9 @@
 #!/bin/sh
 # Each adapter against the Debian package of its library: built with both compilers and without a warning, then run.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh g++ clang++ pkg-config
 tools/build.sh release ErrorHandlerDll
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
