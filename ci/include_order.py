@@ -22,6 +22,11 @@ def resolve(file, name, quoted):
     return next(((place / name).resolve() for place in places if (place / name).is_file()), None)
 
 
+def unit_of(name):
+    """A header and its source are one unit. So are the platform's folder behind its one header, and the logger's two helpers."""
+    return re.sub("^ZelvoWinAPI/.*", "ZelvoWinAPI", re.sub("/Log(Emergency|Fork)$", "/FileLogger", name.rsplit(".")[0]))
+
+
 wrong, units = [], {}
 files = [file for folder in allowed for file in (root / folder).rglob("*") if file.suffix in (".h", ".cpp", ".c")]
 for file in sorted(set(files)):
@@ -31,8 +36,8 @@ for file in sorted(set(files)):
             used = target.relative_to(root).as_posix()
             if not {folder_of(used), "anything"} & allowed[folder_of(name)]:
                 wrong.append(f"{name}:{number}: {folder_of(name)} may not include {used}")
-            if used.rsplit(".")[0] != name.rsplit(".")[0]:  # a header and its source are one unit
-                units.setdefault(name.rsplit(".")[0], set()).add(used.rsplit(".")[0])
+            if unit_of(used) != unit_of(name):
+                units.setdefault(unit_of(name), set()).add(unit_of(used))
 try:
     graphlib.TopologicalSorter(units).prepare()
 except graphlib.CycleError as ring:
