@@ -14,7 +14,12 @@ if [ "${1:-}" != --inside ]; then
         echo "NOT RUN: the commands of the pages, none of them: this machine does not let root mount"
         exit 0
     fi
-    exec "${asRoot[@]}" unshare --mount --pid --fork --mount-proc ci/pages.sh --inside
+    # Nothing may change beneath the overlay: other builds wait, as tools/build.sh says.
+    exec 8>>build/release.log 9>>build/package.log
+    flock 8
+    flock 9
+    "${asRoot[@]}" unshare --mount --pid --fork --mount-proc ci/pages.sh --inside
+    exit
 fi
 
 fail() {
