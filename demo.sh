@@ -3,6 +3,7 @@
 # log. Exit status: 0 done; 1 something failed, or a FILE holds a faulty zone; 2 a FILE cannot be read.
 #   ./demo.sh [FILE...]
 set -eu
+export LC_ALL=C.UTF-8
 root=$(cd "$(dirname "$0")" && pwd) # FILE... stay relative to the caller's folder, so there is no cd here
 
 verdict="FAILED: the demo did not run to its end"

@@ -3,7 +3,9 @@
 # difference fails, additions too: so that the baseline is changed on purpose, in the commit that changes the interface.
 #   ci/abi.sh [--update]
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh abidw abidiff nm
 tools/build.sh release ErrorHandlerDll
 
 baseline=packaging/abi/libErrorHandlerDll.abi.xml
@@ -18,7 +20,7 @@ abidw --exported-interfaces-only --headers-dir include --drop-private-types --dr
     cat "$work/log" >&2
     exit 1
 }
-nm -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort >"$work/exported"
+nm -D --defined-only "$library" | awk '{ print $3 }' | sort >"$work/exported"
 
 if [ "${1:-}" = --update ]; then
     cp "$work/now.xml" "$baseline"
@@ -29,7 +31,7 @@ elif ! abidiff --no-show-locs "$baseline" "$work/now.xml"; then
 fi
 
 # A symbol's line says since which version it is there, for the dependencies of hosts' packages: written by hand.
-sed -n 's/^ \(.*\)@Base .*/\1/p' "$symbols" | LC_ALL=C sort >"$work/listed"
+sed -n 's/^ \(.*\)@Base .*/\1/p' "$symbols" | sort >"$work/listed"
 if ! diff -u "$work/listed" "$work/exported"; then
     echo "abi: $symbols differs from the exported symbols: - is listed, + is exported" >&2
     exit 1

@@ -3,6 +3,7 @@
 set -eu
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh g++ clang++ pkg-config
 tools/build.sh release ErrorHandlerDll
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -4,13 +4,14 @@
 # four minutes on an idle machine, and 1.5 GB in FOLDER.
 #   ci/clean-root.sh [FOLDER]
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
 [ "$(id -u)" -eq 0 ] || {
     echo "clean-root: needs root" >&2
     exit 1
 }
 command -v debootstrap >/dev/null || {
-    echo "clean-root: please apt-get install debootstrap" >&2
+    echo "clean-root: debootstrap is missing: apt-get install debootstrap" >&2
     exit 1
 }
 root=$(mktemp -d "${1:-/var/tmp}/clean-root.XXXXXX")

@@ -2,7 +2,9 @@
 # Installs the library, moves the installed tree, and builds and runs a C11 and a C++17 host against it: with CMake's package
 # and with pkg-config.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh cmake pkg-config gcc clang
 tools/build.sh release ErrorHandlerDll
 
 work=$(mktemp -d)

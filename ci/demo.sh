@@ -2,6 +2,7 @@
 # What a newcomer meets: demo.sh tells a wrong name from a faulty zone and shows a small log once, and without rights the set-up
 # says which command is missing.
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

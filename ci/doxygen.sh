@@ -1,7 +1,9 @@
 #!/bin/sh
 # Doxygen reads the public headers without a warning.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh doxygen
 mkdir -p build/doxygen
 doxygen docs/Doxyfile
 if [ -s build/doxygen/warnings ]; then

@@ -2,7 +2,9 @@
 # The library as part of another project: built with Clang by the parent's rules, sanitizer included, and not installed with it
 # unless that is asked for. Static builds are refused.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh cmake clang++
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() {
@@ -26,7 +28,7 @@ installed() {
 
 configure -DBUILD_SHARED_LIBS=OFF
 grep -q "ErrorHandlerDll is a shared library" "$work/log" || fail "nothing says that the library is shared all the same"
-quietly cmake --build "$work/build" --parallel "$(nproc)"
+quietly cmake --build "$work/build" --parallel "${JOBS:-$(nproc)}"
 (cd "$work" && "$work/build/host")
 files=$(installed)
 [ "$files" = "./bin/host " ] || fail "the parent installs $files"

@@ -1,7 +1,9 @@
 #!/bin/sh
 # Every source file is as clang-format would write it.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh clang-format
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

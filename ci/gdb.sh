@@ -3,7 +3,9 @@
 #   ci/gdb.sh              with the release build
 #   ci/gdb.sh --installed  with the installed packages, from which gdb must load its commands by itself
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh gdb g++
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() {

@@ -2,7 +2,9 @@
 # lnav takes the log format, and its own checker finds nothing wrong with it; it then reads a series that the library wrote:
 # every entry is recognised, every field right, and the files are merged in time.
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh lnav python3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export HOME=$work/home XDG_CONFIG_HOME=$work/home/config TERM=dumb

@@ -2,7 +2,9 @@
 # Writes a log series with every form of entry, across a midnight of 3 December, whose month and day can be mistaken for each
 # other: ci/log-sample.sh FOLDER gives FOLDER/sample.1.log and so on.
 set -eu
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh faketime g++
 tools/build.sh release ErrorHandlerDll
 g++ -std=c++17 -Iinclude tests/logtools/RotatingHost.cpp -o "$1/RotatingHost" \
     "-Wl,-rpath,$PWD/build/release" build/release/libErrorHandlerDll.so

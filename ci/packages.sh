@@ -2,7 +2,9 @@
 # Builds the Debian packages, has lintian look for errors, installs them on this machine (dpkg -i, as root), builds and runs a
 # C11 and a C++17 host against them by CMake and by pkg-config, and purges them again.
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh cpack file lintian dpkg-deb mandb readelf addr2line pkg-config gdb lnav vim
 
 work=$(mktemp -d)
 installed=()
@@ -108,7 +110,7 @@ runHosts "$work/pkg-config"
 
 # The examples as they lie there.
 quietly cmake -S "$documents/liberrorhandlerdll-dev/examples" -B "$work/examples"
-quietly cmake --build "$work/examples" --parallel 2
+quietly cmake --build "$work/examples" --parallel "${JOBS:-$(nproc)}"
 (cd "$work" && quietly "$work/examples/minimal_cpp" && quietly "$work/examples/mrz_reader/mrz_reader" --log mrz.log -- \
     "$documents"/liberrorhandlerdll-dev/examples/mrz_reader/samples/td*.txt)
 for _ in first second; do

@@ -3,16 +3,23 @@
 # these processes only, so a page may install to DIR, remove old logs and signal the process "reader". Needs root or sudo, and the
 # right to mount, which containers may withhold: then it says so, and nothing is run.
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh unshare gdb lnav logrotate python3 pkg-config file
 if [ "${1:-}" != --inside ]; then
     tools/build.sh release
     tools/build.sh package
     if [ "$(id -u)" -eq 0 ]; then asRoot=(); else asRoot=(sudo -n); fi
     if ! "${asRoot[@]}" unshare --mount mount -t tmpfs pages /mnt; then
-        echo "pages: NOT RUN, no command of any page was tried: this machine does not let root mount" >&2
+        echo "NOT RUN: the commands of the pages, none of them: this machine does not let root mount"
         exit 0
     fi
-    exec "${asRoot[@]}" unshare --mount --pid --fork --mount-proc ci/pages.sh --inside
+    # Nothing may change beneath the overlay: other builds wait, as tools/build.sh says.
+    exec 8>>build/release.log 9>>build/package.log
+    flock 8
+    flock 9
+    "${asRoot[@]}" unshare --mount --pid --fork --mount-proc ci/pages.sh --inside
+    exit
 fi
 
 fail() {

@@ -15,6 +15,7 @@ LEFT_OUT = {
     "./demo.sh": "run by ci/demo.sh",
     "./test.sh": "the first stage of .ci/run",
     ".ci/run": "runs this",
+    "ci/quick.sh": "stages of .ci/run",
     "tools/setup.sh": "has been run for this",
     "cmake --preset debug": "a build of the whole tree; the same line with release is run",
     "ctest --preset debug": "needs that build; .ci/run does it with release",

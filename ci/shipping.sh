@@ -2,7 +2,10 @@
 # rsyslog and syslog-ng, run with the sample configurations as this user and in folders of their own, make one message of each
 # entry, while the host that writes them goes from file to file: ci/shipping.sh [rsyslog|syslog-ng]...
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+PATH=$PATH:/usr/sbin tools/need.sh rsyslogd faketime g++ apt-get
+tools/build.sh release ErrorHandlerDll
 [ $# -ne 0 ] || set -- rsyslog syslog-ng
 work=$(mktemp -d)
 daemons=()

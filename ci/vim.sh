@@ -3,7 +3,9 @@
 #   ci/vim.sh              with the files of the source tree
 #   ci/vim.sh --installed  with those of the installed package
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
+tools/need.sh vim
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 runtime=(--cmd "set runtimepath^=$PWD/packaging/vim")

@@ -49,7 +49,7 @@ install(FILES packaging/lnav/errorhandlerdll.json
 install(DIRECTORY packaging/vim/ DESTINATION share/vim/vimfiles COMPONENT DebianTools)
 install(DIRECTORY packaging/rsyslog packaging/syslog-ng
     DESTINATION share/doc/${toolsPackage}/examples COMPONENT DebianTools)
-install(CODE "execute_process(COMMAND ${debianSources}/install-pages.sh ${PROJECT_SOURCE_DIR}/docs
+install(CODE "execute_process(COMMAND \"${debianSources}/install-pages.sh\" \"${PROJECT_SOURCE_DIR}/docs\"
     \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/doc/${toolsPackage}\" COMMAND_ERROR_IS_FATAL ANY)" COMPONENT DebianTools)
 
 # As programs of their own, without what runs them as tests here.

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Chart and table of README.md show what bench/results.json holds: CheckFigures.sh SOURCE_FOLDER
 set -eu
+export LC_ALL=C.UTF-8
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$1/README.md" "$work/"

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Every relative link of README.md, CONTRIBUTING.md and the pages here leads to something: CheckLinks.sh SOURCE_FOLDER [PAGE...]
 set -eu
+export LC_ALL=C.UTF-8
 cd "$1"
 shift
 [ $# -ne 0 ] || set -- README.md CONTRIBUTING.md docs/*.md

@@ -4,16 +4,21 @@
 #   tools/setup.sh            for building, running and testing
 #   tools/setup.sh --checks   also for every stage of .ci/run
 set -eu
+export LC_ALL=C.UTF-8
 
 # make is named because the presets leave the generator to CMake's default.
 packages="g++ make cmake libgtest-dev python3 binutils"
 if [ "${1:-}" = --checks ]; then
-    packages="$packages clang clang-format clang-tidy llvm elfutils doxygen gdb pkg-config valgrind"
+    packages="$packages clang libclang-rt-dev clang-format clang-tidy llvm elfutils doxygen gdb pkg-config valgrind ccache"
     packages="$packages libspdlog-dev libgoogle-glog-dev libboost-log-dev libusb-1.0-0-dev" # peers of the adapters
     packages="$packages dpkg-dev file lintian man-db abigail-tools lnav rsyslog faketime" # packages and readers of logs
     packages="$packages gdb vim logrotate libivykis0 libjson-c5 libnet1 libpcre3 libwrap0" # the last five for an unpacked syslog-ng
 fi
 
+command -v dpkg-query >/dev/null || {
+    echo "setup: no Debian packages here, so nothing is installed. Needed is what Debian has in: $packages"
+    exit 0
+}
 missing=
 for package in $packages; do
     state=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)

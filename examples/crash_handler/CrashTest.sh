@@ -1,6 +1,7 @@
 #!/bin/sh
 # The host dies of SIGSEGV, not of an exit call, and leaves its dump in both places: CrashTest.sh PROGRAM
 set -eu
+export LC_ALL=C.UTF-8
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"

@@ -60,7 +60,7 @@ ErrorsAreReportedOnce() # COUNT
 # The lines of a block follow each other; no other thread's line stands between them.
 BlocksAreWhole()
 {
-    cat $(LogFiles many) | awk '
+    LogFiles many | xargs -d '\n' cat | awk '
         expected && index($0, expected) == 0 { print "block torn: " $0; bad = 1 }
         { expected = "" }
         / - ----------------------$/ { expected = "RaiseFault() - " }
@@ -79,7 +79,7 @@ LogIsRotated() # SERIES LIMIT
 {
     [ ! -e "$work/$1.log" ] && [ -s "$work/$1.1.log" ] && [ -s "$work/$1.2.log" ] || return 1
     local file
-    for file in $(LogFiles "$1"); do
+    LogFiles "$1" | while read -r file; do
         [ "$(stat -c %s "$file")" -lt "$2" ] || { echo "$file reaches the limit"; return 1; }
     done
 }

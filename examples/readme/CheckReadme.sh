@@ -2,6 +2,7 @@
 # Runs the example of README.md in a folder of its own; its log must read as the README shows it, but for time and thread.
 #   CheckReadme.sh PROGRAM README
 set -eu
+export LC_ALL=C.UTF-8
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

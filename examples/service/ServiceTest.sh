@@ -1,6 +1,7 @@
 #!/bin/bash
 # Ends the service by each signal: status 0, and every line that it counted is in the log: ServiceTest.sh PROGRAM
 set -eu
+export LC_ALL=C.UTF-8
 for signal in TERM INT; do
     rm -f service.log
     exec 3< <(exec "$1")

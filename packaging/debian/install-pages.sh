@@ -2,6 +2,7 @@
 # Copies the pages as a machine needs them that has only the packages: install-pages.sh DOCS FOLDER. Names of the source tree
 # become those of the packages; links to what is not installed become plain text.
 set -eu
+export LC_ALL=C.UTF-8
 mkdir -p "$2"
 for page in "$1"/*.md; do
     sed -E -e 's#tools/symbolize_dump\.py#errorhandlerdll-symbolize#g' \

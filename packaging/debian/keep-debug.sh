@@ -2,7 +2,8 @@
 # Copies the debug information of LIBRARY to where debuggers look for it below FOLDER: .build-id/NN/NNNN.debug
 #   keep-debug.sh LIBRARY FOLDER
 set -eu
-buildId=$(LC_ALL=C readelf -n "$1" | sed -n 's/^ *Build ID: \([0-9a-f]*\)$/\1/p')
+export LC_ALL=C.UTF-8
+buildId=$(readelf -n "$1" | sed -n 's/^ *Build ID: \([0-9a-f]*\)$/\1/p')
 [ -n "$buildId" ] || {
     echo "keep-debug: $1 has no build id" >&2
     exit 1
