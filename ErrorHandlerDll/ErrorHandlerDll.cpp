@@ -1,13 +1,13 @@
 // The exported logging functions, and the objects of the library that need construction.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
-#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
-#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FormattedText.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "QV/ErrnoScope.h"
+#include "QV/FixedText.h"
 
 #include <new>
 #include <pthread.h>

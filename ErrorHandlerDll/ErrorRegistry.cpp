@@ -4,7 +4,7 @@
 #include "ErrorHandlerDll/CheckedRaise.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorStrings.h"
-#include "ErrorHandlerDll/FixedText.h"
+#include "QV/FixedText.h"
 
 #include <atomic>
 #include <climits>

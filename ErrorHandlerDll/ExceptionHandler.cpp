@@ -1,7 +1,6 @@
 // The handlers that hosts call at their API boundary.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 
-#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "ErrorHandlerDll/ErrorRegistry.h"
 #include "ErrorHandlerDll/FormattedText.h"
@@ -10,6 +9,7 @@
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
+#include "QV/ErrnoScope.h"
 
 #include <cstring>
 

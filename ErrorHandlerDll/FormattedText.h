@@ -3,7 +3,7 @@
 #ifndef ERRORHANDLERDLL_FORMATTEDTEXT_H
 #define ERRORHANDLERDLL_FORMATTEDTEXT_H
 
-#include "ErrorHandlerDll/FixedText.h"
+#include "QV/FixedText.h"
 #include "QV/SignalSafeScope.h"
 
 #include <algorithm>

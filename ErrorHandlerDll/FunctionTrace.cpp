@@ -1,9 +1,9 @@
 #include "ErrorHandlerDll/FunctionTrace.h"
 
 #include "ErrorHandlerDll/ExceptionHandler.h"
-#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
+#include "QV/FixedText.h"
 
 void WriteFunctionTrace(const TracePoint& point, const char* message)
 {

@@ -1,6 +1,6 @@
 #include "ErrorHandlerDll/HalvikException.h"
 
-#include "ErrorHandlerDll/FixedText.h"
+#include "QV/FixedText.h"
 
 HalvikException::HalvikException(ZelvoReaderErrorCode code, const char* message, const char* location) noexcept
     : m_errorCode(code), m_handled(false)

@@ -1,7 +1,7 @@
 // The last error and the error callback of the process. They have a file of their own because the handlers and the function
 // trace both use them.
 #include "ErrorHandlerDll/ExceptionHandler.h"
-#include "ErrorHandlerDll/FixedText.h"
+#include "QV/FixedText.h"
 
 // Plain zero and no construction: they are valid before any code of the library has run, and in signal handlers.
 ZelvoReaderErrorCallback ExceptionHandler::m_errorCallback;

@@ -3,13 +3,13 @@
 // crash/Dump.h.
 #include "ErrorHandlerDll/LinuxStructuredException.h"
 
-#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/FunctionTrace.h"
 #include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/unwind/FrameText.h"
 #include "ErrorHandlerDll/unwind/LoadedObjects.h"
 #include "ErrorHandlerDll/unwind/MemoryReader.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
+#include "QV/FixedText.h"
 
 #include <cstring>
 #include <string_view>

@@ -1,7 +1,7 @@
 // The log where its state is another's: calls that were cut off, a section that cannot be had, a file that takes nothing.
-#include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
+#include "QV/HexDump.h"
 #include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"

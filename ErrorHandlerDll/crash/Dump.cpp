@@ -1,10 +1,10 @@
 #include "ErrorHandlerDll/crash/Dump.h"
 
-#include "ErrorHandlerDll/ErrnoScope.h"
-#include "ErrorHandlerDll/FixedText.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "ErrorHandlerDll/unwind/StackWalk.h"
+#include "QV/ErrnoScope.h"
+#include "QV/FixedText.h"
 
 namespace Crash
 {

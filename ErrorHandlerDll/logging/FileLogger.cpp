@@ -1,7 +1,7 @@
 #include "ErrorHandlerDll/logging/FileLogger.h"
 
-#include "ErrorHandlerDll/ErrnoScope.h"
 #include "ErrorHandlerDll/logging/LogEntry.h"
+#include "QV/ErrnoScope.h"
 
 namespace
 {

@@ -3,8 +3,8 @@
 #ifndef ERRORHANDLERDLL_LOGGING_LOGENTRY_H
 #define ERRORHANDLERDLL_LOGGING_LOGENTRY_H
 
-#include "ErrorHandlerDll/HexDump.h"
 #include "ErrorHandlerDll/logging/LineClock.h"
+#include "QV/HexDump.h"
 #include "ZelvoWinAPI/ZelvoWinAPI.h"
 
 #include <cstdint>

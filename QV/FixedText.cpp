@@ -1,6 +1,6 @@
-#include "ErrorHandlerDll/FixedText.h"
+#include "QV/FixedText.h"
 
-#include "ErrorHandlerDll/ErrnoScope.h"
+#include "QV/ErrnoScope.h"
 #include "QV/Str.h"
 
 #include <cstring>

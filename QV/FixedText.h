@@ -1,6 +1,6 @@
 // Texts in fixed fields: bounded, terminated, never cut inside a UTF-8 sequence.
-#ifndef ERRORHANDLERDLL_FIXEDTEXT_H
-#define ERRORHANDLERDLL_FIXEDTEXT_H
+#ifndef QV_FIXEDTEXT_H
+#define QV_FIXEDTEXT_H
 
 #include <cstdarg>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // errno is the host's: formatting and writing may change it, a call of the library leaves it as it was.
-#ifndef ERRORHANDLERDLL_ERRNOSCOPE_H
-#define ERRORHANDLERDLL_ERRNOSCOPE_H
+#ifndef QV_ERRNOSCOPE_H
+#define QV_ERRNOSCOPE_H
 
 #include <cerrno>
 

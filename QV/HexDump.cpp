@@ -1,4 +1,4 @@
-#include "ErrorHandlerDll/HexDump.h"
+#include "QV/HexDump.h"
 
 #include "QV/Convert.h"
 

@@ -1,6 +1,6 @@
 // The rows of a hex dump below a message, written straight into the log line.
-#ifndef ERRORHANDLERDLL_HEXDUMP_H
-#define ERRORHANDLERDLL_HEXDUMP_H
+#ifndef QV_HEXDUMP_H
+#define QV_HEXDUMP_H
 
 #include <cstddef>
 
