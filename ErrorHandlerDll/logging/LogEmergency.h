@@ -45,8 +45,8 @@ public:
     };
 
     // Writes an entry straight to the file, or into the buffer (BeginDump). Of a hex dump only the first bytes are written
-    // in a dump, and a longer one is dropped in a handler. Without the section it
-    // touches nothing but the open descriptor, and claims the lines that wait in the buffer of its owner.
+    // in a dump, and a longer one is dropped in a handler. Without the section it touches nothing but the open descriptor,
+    // and claims the lines that wait in the buffer of its owner.
     //   returns false when there is no file, or no end of waiting for it
     bool Write(const LogEntry& line, Caller caller) const;
 

@@ -26,7 +26,9 @@ void LogFork::Before(FileLogger& logger)
     }
     if (tEnteredForFork && logger.m_output.HasUnwrittenLines() && !logger.m_output.IsFlushing())
     {
+        const bool wasBusy = logger.m_busy.exchange(true); // a handler that logs now must not flush the same lines
         logger.m_output.WriteBuffered(&waitLeftMs);
+        logger.m_busy.store(wasBusy);
     }
 }
 

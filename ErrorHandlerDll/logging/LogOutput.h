@@ -43,8 +43,8 @@ public:
     void SetLineLength(std::size_t length) { m_lineLength = length; }
 
     // Where the next line is to be composed, `length` bytes with its line feed; Commit then takes it. What stands in the
-    // kExcess bytes behind it may be overwritten. A line that does not
-    // fit behind the buffered ones is preceded by a flush, so that every write carries whole lines.
+    // kExcess bytes behind it may be overwritten. A line that does not fit behind the buffered ones is preceded by a flush,
+    // so that every write carries whole lines.
     //   returns null for a line that is too long for the buffer, and while nothing can be written and the buffer is full:
     //           the line is dropped then
     char* Reserve(std::size_t length)

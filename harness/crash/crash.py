@@ -58,11 +58,10 @@ AGAIN += [Case(name, allowed="wbs")
           for name in ("owner-jump", "owner-jump-then-handle", "owner-throw", "owner-throw-options")]
 
 ENDS = [Case(name, strategy, 250) for strategy in STRATEGIES for name in """
-    heap other-heap print localtime other-localtime other-dlopen write smashed-stack null-call wild-call""".split()]
+    heap other-heap print localtime other-localtime other-dlopen write smashed-stack null-call wild-call other-write""".split()]
 ENDS += [Case(name, strategy, 250, calls_back=True)
          for strategy in STRATEGIES for name in ("fork-prepare", "fork-parent", "fork-child", "dlopen")]
 ENDS += [Case("damaged-list", strategy, 250, walks=False) for strategy in STRATEGIES]
-ENDS += [Case("other-write", strategy, 250, keeps_lines=True) for strategy in STRATEGIES]
 ENDS += [Case("all-at-once", strategy, 250, threads) for strategy in STRATEGIES for threads in (2, 8)]
 ENDS += [Case("all-at-once", "append", 250, 2, "full pipe"), Case("other-stdout", printed=False), Case("modules"),
          Case("killed-after-first", lines=250, status=-signal.SIGKILL)]
