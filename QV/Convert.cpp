@@ -1,6 +1,7 @@
 #include "QV/Convert.h"
 
-#include <emmintrin.h>
+#include <array>
+#include <immintrin.h>
 
 namespace QV::Convert
 {
@@ -8,49 +9,53 @@ namespace QV::Convert
 namespace
 {
 
-constexpr std::size_t kBlockSize = 16; // bytes that are converted at once
-constexpr char kDigits[] = "0123456789ABCDEF";
+constexpr std::size_t kBlockSize = 16; // bytes that the wide instructions take at once
+constexpr std::size_t kTextSize = 3 * kBlockSize;
+alignas(kBlockSize) constexpr char kDigits[] = "0123456789ABCDEF";
 
-// The digits of 16 halves of bytes.
-__m128i ToDigits(__m128i halves)
+constexpr std::array<char, kTextSize> ForEachCharacter(char (*value)(std::size_t at))
 {
-    const __m128i isLetter = _mm_cmpgt_epi8(halves, _mm_set1_epi8(9));
-    const __m128i toLetter = _mm_and_si128(isLetter, _mm_set1_epi8('A' - '9' - 1));
-    return _mm_add_epi8(_mm_add_epi8(halves, _mm_set1_epi8('0')), toLetter);
+    std::array<char, kTextSize> values{};
+    for (std::size_t at = 0; at < kTextSize; ++at)
+    {
+        values[at] = value(at);
+    }
+    return values;
 }
 
-// Takes four bytes as "41  42  43  44  " and writes "41 42 43 44 ", and two characters behind it.
-char* WriteFourBytes(char* out, __m128i spaced)
+// For each character of a block's text: the byte that it shows, which half of it, and what makes a blank of a zero.
+alignas(kBlockSize) constexpr auto kBytes = ForEachCharacter([](std::size_t at) { return static_cast<char>(at / 3); });
+alignas(kBlockSize) constexpr auto kHighHalves = ForEachCharacter([](std::size_t at) { return at % 3 == 0 ? '\xF' : '\0'; });
+alignas(kBlockSize) constexpr auto kLowHalves = ForEachCharacter([](std::size_t at) { return at % 3 == 1 ? '\xF' : '\0'; });
+alignas(kBlockSize) constexpr auto kBlanks = ForEachCharacter([](std::size_t at)
+                                                              { return at % 3 == 2 ? static_cast<char>('0' ^ ' ') : '\0'; });
+
+__m128i Load(const char* aligned)
 {
-    const __m128i even = _mm_and_si128(spaced, _mm_set1_epi64x(0xFFFFFF));
-    const __m128i odd = _mm_and_si128(_mm_srli_epi64(spaced, 8), _mm_set1_epi64x(0xFFFFFF000000));
-    const __m128i text = _mm_or_si128(even, odd);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), text);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6), _mm_unpackhi_epi64(text, text));
-    return out + 12;
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(aligned));
 }
 
-char* WriteBlock(char* out, const unsigned char* bytes)
+// 16 bytes to their 47 characters, and a blank.
+__attribute__((target("ssse3"))) char* WriteBlock(char* out, const unsigned char* bytes)
 {
     const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
-    const __m128i half = _mm_set1_epi8(0x0F);
-    const __m128i blanks = _mm_set1_epi8(' ');
-    const __m128i high = ToDigits(_mm_and_si128(_mm_srli_epi16(block, 4), half));
-    const __m128i low = ToDigits(_mm_and_si128(block, half));
-    const __m128i pairs[] = {_mm_unpacklo_epi8(high, low), _mm_unpackhi_epi8(high, low)};
-    for (const __m128i& eight : pairs)
+#pragma GCC unroll 3
+    for (std::size_t at = 0; at < kTextSize; at += kBlockSize)
     {
-        out = WriteFourBytes(out, _mm_unpacklo_epi16(eight, blanks));
-        out = WriteFourBytes(out, _mm_unpackhi_epi16(eight, blanks));
+        const __m128i shown = _mm_shuffle_epi8(block, Load(&kBytes[at]));
+        const __m128i high = _mm_and_si128(_mm_srli_epi16(shown, 4), Load(&kHighHalves[at]));
+        const __m128i half = _mm_or_si128(high, _mm_and_si128(shown, Load(&kLowHalves[at])));
+        const __m128i text = _mm_xor_si128(_mm_shuffle_epi8(Load(kDigits), half), Load(&kBlanks[at]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), text);
     }
-    return out - 1;
+    return out + kTextSize - 1;
 }
 
 } // namespace
 
 char* ToHexStringA(char* out, const unsigned char* bytes, std::size_t count)
 {
-    if (count == kBlockSize)
+    if (count == kBlockSize && __builtin_cpu_supports("ssse3")) // not so before the constructors of a program
     {
         return WriteBlock(out, bytes);
     }
