@@ -1,6 +1,8 @@
 #include "QV/Convert.h"
 
 #include <array>
+#include <atomic>
+#include <cpuid.h>
 #include <immintrin.h>
 
 namespace QV::Convert
@@ -51,11 +53,25 @@ __attribute__((target("ssse3"))) char* WriteBlock(char* out, const unsigned char
     return out + kTextSize - 1;
 }
 
+// Asked once, and not when the library is loaded: a virtual machine answers slowly.
+bool HasByteShuffle() noexcept
+{
+    static constinit std::atomic<unsigned int> features = 0;
+    unsigned int known = features.load(std::memory_order_relaxed);
+    if (known == 0) [[unlikely]]
+    {
+        unsigned int other = 0;
+        __get_cpuid(1, &other, &other, &known, &other);
+        features.store(known | 1, std::memory_order_relaxed); // the bit of an older extension, for which nobody asks
+    }
+    return (known & bit_SSSE3) != 0;
+}
+
 } // namespace
 
 char* ToHexStringA(char* out, const unsigned char* bytes, std::size_t count)
 {
-    if (count == kBlockSize && __builtin_cpu_supports("ssse3")) // not so before the constructors of a program
+    if (count == kBlockSize && HasByteShuffle())
     {
         return WriteBlock(out, bytes);
     }

@@ -4,6 +4,8 @@
 #ifndef QV_SIGNALSAFESCOPE_H
 #define QV_SIGNALSAFESCOPE_H
 
+#include <atomic>
+
 namespace QV
 {
 
@@ -27,7 +29,8 @@ public:
 
     // A handler of the host may leave scopes by a jump. So where one is active, this is asked whether the calling thread
     // stands in a signal handler at all.
-    static void SetCheck(bool (*isInSignalHandler)() noexcept) noexcept;
+    using Check = bool (*)() noexcept;
+    static void SetCheck(Check isInSignalHandler) noexcept { sIsInSignalHandler.store(isInSignalHandler); }
 
     // For code of the library that leaves scopes by a jump.
     static bool GetState() noexcept { return sIsActive; }
@@ -41,6 +44,8 @@ public:
 
 private:
     static bool CheckActive() noexcept;
+
+    static constinit std::atomic<Check> sIsInSignalHandler;
 
     // In the static block of thread-local storage: the first access in a thread must not allocate.
     [[gnu::tls_model("initial-exec")]] static constinit thread_local bool sIsActive;
