@@ -51,7 +51,7 @@ void PrintAndLog(const char* line, const char* source = "")
 
 void RunPart(const auto& part)
 {
-    if (!Dump::RunPart(part))
+    if (!Crash::RunPart(part))
     {
         PrintAndLog(Crash::kFaultInDump);
     }
@@ -135,6 +135,7 @@ StructuredException::StructuredException(int signal, ucontext_t* context, siginf
     {
         PrintWithoutDump(GetErrorMessage());
     }
+    Crash::DumpStack::KeepAlternate(m_context, context);
 }
 
 const char* StructuredException::GetExceptionString()

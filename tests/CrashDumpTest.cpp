@@ -100,7 +100,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
             const auto faultyPart = []
             {
                 gFileLogger.EnterCriticalSection(); // skipped by the jump
-                Crash::Dump::RunPart(Fault);        // the innermost place counts
+                Crash::RunPart(Fault);        // the innermost place counts
                 Fault();
             };
             const auto dump = [&]
@@ -108,7 +108,7 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                 errno = EILSEQ;
                 raise(SIGTERM);
                 raise(SIGTTOU); // would stop the process
-                isRight = isRight && !Crash::Dump::RunPart(faultyPart) && terminated == 0;
+                isRight = isRight && !Crash::RunPart(faultyPart) && terminated == 0;
             };
             errno = ERANGE;
             for (int i = 0; i < 3; ++i)

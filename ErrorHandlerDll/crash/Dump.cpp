@@ -76,16 +76,15 @@ SignalHandlers FindSignalHandlers(CallStack* callStack) noexcept
     const ErrnoScope errnoScope;
     const HeldSignals signals;
     DumpStack::Run(
-        [&](DumpStack& stack)
+        [&](DumpStack&)
         {
-            RunPart(stack,
-                    [&]
-                    {
-                        const Unwind::WalkResult walk =
-                            Unwind::WalkStack(callStack->start, callStack->frames, callStack->capacity);
-                        callStack->count = walk.count;
-                        handlers = {walk.signalFrames > 0 || !walk.reachedEnd, walk.signalFrames > kMaxSignalFrames};
-                    });
+            RunPart(
+                [&]
+                {
+                    const auto walk = Unwind::WalkStack(callStack->start, callStack->frames, callStack->capacity);
+                    callStack->count = walk.count;
+                    handlers = {walk.signalFrames > 0 || !walk.reachedEnd, walk.signalFrames > kMaxSignalFrames};
+                });
         });
     return handlers;
 }
@@ -99,15 +98,15 @@ Dump* Dump::Current() noexcept
 Dump::Dump(DumpStack& stack, bool hasLog) noexcept : m_stack(stack), m_hasLog(hasLog)
 {
     m_stack.m_dump = this;
-    Crash::RunPart(m_stack,
-                   [this]
-                   {
-                       if (HasLog())
-                       {
-                           gFileLogger.Emergency().BeginDump();
-                       }
-                   });
-    Crash::RunPart(m_stack, [this] { m_output.Prepare(); });
+    RunPart(
+        [this]
+        {
+            if (HasLog())
+            {
+                gFileLogger.Emergency().BeginDump();
+            }
+        });
+    RunPart([this] { m_output.Prepare(); });
 }
 
 Dump::~Dump()
@@ -143,7 +142,7 @@ bool Dump::RunOutermost(void (*run)(const void*), const void* body, const Signal
         {
             const QV::SignalSafeScope boundsWaits; // and takes no heap, on an ordinary call either
             Dump dump(stack, log.IsHeld());
-            if (!Crash::RunPart(stack, [&] { run(body); }))
+            if (!RunPart([&] { run(body); }))
             {
                 dump.Print(kFaultInDump);
             }
@@ -152,14 +151,14 @@ bool Dump::RunOutermost(void (*run)(const void*), const void* body, const Signal
 
 void Dump::WriteLines() noexcept
 {
-    Crash::RunPart(m_stack,
-                   [this]
-                   {
-                       if (HasLog())
-                       {
-                           gFileLogger.Emergency().Flush();
-                       }
-                   });
+    RunPart(
+        [this]
+        {
+            if (HasLog())
+            {
+                gFileLogger.Emergency().Flush();
+            }
+        });
     m_output.WriteLines();
 }
 
@@ -185,18 +184,13 @@ void Dump::LeaveFaultyPart(int signal, int signalCode) noexcept
     }
 }
 
-Place::Place(DumpStack& stack) noexcept
-    : m_stack(stack),
-      m_outer(stack.m_place),
+Place::Place() noexcept
+    : m_stack(*DumpStack::Current()),
+      m_outer(m_stack.m_place),
       m_isSignalSafe(QV::SignalSafeScope::GetState()),
       m_sectionDepth(gFileLogger.Emergency().GetSectionDepth())
 {
-    stack.m_place = this;
-}
-
-Place::~Place()
-{
-    m_stack.m_place = m_outer;
+    m_stack.m_place = this;
 }
 
 void Place::Restore() const noexcept

@@ -39,8 +39,8 @@ SignalHandlers FindSignalHandlers(CallStack* callStack = nullptr) noexcept;
 class Place
 {
 public:
-    explicit Place(DumpStack& stack) noexcept;
-    ~Place();
+    Place() noexcept;
+    ~Place() { m_stack.m_place = m_outer; }
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
 
@@ -56,11 +56,11 @@ private:
     const unsigned int m_sectionDepth;
 };
 
-// Returns false when a fault ended the part.
+// Called on the stack of a dump. Returns false when a fault ended the part.
 template <class Part>
-bool RunPart(DumpStack& stack, const Part& part)
+bool RunPart(const Part& part)
 {
-    const Place place(stack);
+    const Place place;
     if (sigsetjmp(place.m_context, 0) != 0) // the mask is restored below: saving it takes room
     {
         place.Restore();
@@ -89,14 +89,6 @@ public:
             return true;
         }
         return RunOutermost([](const void* call) { (*static_cast<const Body*>(call))(); }, &body, handlers, endsCall);
-    }
-
-    // The same for a part of the dump under way.
-    //   returns false when a fault ended it
-    template <class Part>
-    static bool RunPart(const Part& part)
-    {
-        return Crash::RunPart(*DumpStack::Current(), part);
     }
 
     // When the calling code runs in a signal handler within a dump of this thread: goes back to the part that the signal has

@@ -27,6 +27,13 @@ std::uintptr_t CurrentAddress() noexcept
     return reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
 }
 
+stack_t GetAlternate() noexcept
+{
+    stack_t alternate = {};
+    SystemCall(SYS_sigaltstack, 0, ToArgument(&alternate));
+    return alternate;
+}
+
 // Debuggers, profilers and exceptions find the way back by the frame pointer.
 [[gnu::naked, gnu::noinline]] void CallOnStack(void* /*stackEnd*/, void (*)(void*), void* /*argument*/)
 {
@@ -89,9 +96,7 @@ bool DumpStack::TryTake(std::uint32_t thread) noexcept
 // The caller owns the stack and runs on none: it has left this one by a jump.
 void DumpStack::GiveBackLeft() noexcept
 {
-    stack_t current = {};
-    SystemCall(SYS_sigaltstack, 0, ToArgument(&current));
-    if ((current.ss_flags & SS_DISABLE) != 0) // else the host has set one since
+    if ((GetAlternate().ss_flags & SS_DISABLE) != 0) // else the host has set one since
     {
         SystemCall(SYS_sigaltstack, ToArgument(&m_alternate));
     }
@@ -137,7 +142,7 @@ void DumpStack::RunCall(void* argument)
     DumpStack& stack = *static_cast<DumpStack*>(argument);
     stack_t none = {};
     none.ss_flags = SS_DISABLE;
-    SystemCall(SYS_sigaltstack, 0, ToArgument(&stack.m_alternate));
+    stack.m_alternate = GetAlternate();
     SystemCall(SYS_sigaltstack, ToArgument(&none)); // refused where the dump stays on it
     const AtEnd restore(
         [&stack]
@@ -175,6 +180,15 @@ bool DumpStack::RunOnFree(Function run, const void* argument)
         });
     kSwitchesStack ? CallOnStack(stack->m_memory + kSize, RunCall, stack) : RunCall(stack);
     return true;
+}
+
+void DumpStack::KeepAlternate(const ucontext_t& copy, ucontext_t* context) noexcept
+{
+    const stack_t alternate = GetAlternate();
+    if ((copy.uc_stack.ss_flags & ~alternate.ss_flags & SS_DISABLE) != 0)
+    {
+        context->uc_stack = alternate;
+    }
 }
 
 void DumpStack::AfterForkInChild() noexcept

@@ -36,6 +36,10 @@ public:
         return RunOnFree([](DumpStack& stack, const void* call) { (*static_cast<const Body*>(call))(stack); }, &body);
     }
 
+    // Called at the end of a dump in a handler, with the interrupted context and a copy of it. When the handler returns, the
+    // kernel sets the alternate stack that the context has: none, where the dump before was left by a jump.
+    static void KeepAlternate(const ucontext_t& copy, ucontext_t* context) noexcept;
+
     // The stacks of other threads are free.
     static void AfterForkInChild() noexcept;
 
