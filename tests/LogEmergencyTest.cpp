@@ -229,9 +229,8 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
         Stop();
         Log("three");
     };
-    const auto stopInFlush = [](Faults::WriteFault fault)
+    const auto stopInFlush = []
     {
-        Faults::gWrites = {fault};
         Faults::gAfterWrite = Stop;
         ShutdownLogging();
         Log("three");
@@ -244,21 +243,14 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
     const struct
     {
         const char* what;
-        std::function<void()> call;
+        void (*call)();
+        std::deque<Faults::WriteFault> faults;
         const char* whileStopped;
     } rows[] = {
-        {"in the section", stopInSection, "one two dump "},
-        {"flushing, before the write",
-         [=] {
-             stopInFlush({0, EINTR});
-         },
-         "dump "},
-        {"flushing, in the middle of the write",
-         [=] {
-             stopInFlush({100, 0});
-         },
-         "one dump "},
-        {"rotating, after the write", stopInRotation, "one two dump "},
+        {"in the section", stopInSection, {}, "one two dump "},
+        {"flushing, before the write", stopInFlush, {{0, EINTR}}, "dump "},
+        {"flushing, in the middle of the write", stopInFlush, {{100, 0}}, "one dump "},
+        {"rotating, after the write", stopInRotation, {}, "one two dump "},
     };
     for (const auto& row : rows)
     {
@@ -268,6 +260,7 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
         Log("one");
         Log("two");
         gStep = 0;
+        Faults::gWrites = row.faults;
         std::thread owner(row.call);
         WaitForStep(1);
         InEmergency(0, [] { EXPECT_TRUE(Log("dump")); });
