@@ -1,4 +1,4 @@
-// The walk against backtrace() at every instruction, and on stacks and tables that lead nowhere.
+// The walk against backtrace(), and on stacks and tables that lead nowhere.
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
 #include "ErrorHandlerDll/crash/Dump.h"
@@ -9,9 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
@@ -29,49 +27,16 @@ namespace
 
 constexpr int kCapacity = 100;
 
-// ---- Interrupted at instructions all over: prologues, epilogues, the linker's lazy binding, the kernel's page ----
-
-constexpr int kEveryStep = 200; // compared one by one; of what follows one in 97, or the test would take minutes
-
-volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
-volatile std::sig_atomic_t gSteps;
-Unwind::WalkResult gResult;
-std::vector<void*> gWalked(kCapacity);
-std::vector<void*> gExpected(kCapacity);
-
-void CompareAtStep(int, siginfo_t*, void* data)
+void CompareWithBacktrace(int)
 {
-    greg_t* const registers = static_cast<ucontext_t*>(data)->uc_mcontext.gregs;
-    gSteps = gSteps + 1;
-    if (gStepping != 0 && (gSteps <= kEveryStep || gSteps % 97 == 0))
-    {
-        Unwind::FrameRegisters here;
-        Unwind::CaptureRegisters(here);
-        gResult = Unwind::WalkStack(here, gWalked.data(), kCapacity);
-        const int count = __backtrace(gExpected.data(), kCapacity);
-        if (count != gResult.count || !std::equal(&gWalked[1], &gWalked[0] + count, &gExpected[1]) ||
-            gResult.signalFrames != 1 || !gResult.reachedEnd)
-        {
-            gStepping = 0;
-        }
-    }
-    constexpr greg_t kTrapFlag = 0x100;
-    registers[REG_EFL] = gStepping != 0 ? registers[REG_EFL] | kTrapFlag : registers[REG_EFL] & ~kTrapFlag;
-}
-
-__attribute__((noinline)) void StepThrough(void (*code)())
-{
-    gSteps = 0;
-    gStepping = 1;
-    std::raise(SIGTRAP);
-    code();
-    const bool areEqual = gStepping != 0;
-    gStepping = 0;
-    asm volatile("nop");
-    EXPECT_GT(gSteps, 30);
-    EXPECT_TRUE(areEqual) << "at step " << gSteps << ", " << gResult.signalFrames << " handlers, end " << gResult.reachedEnd
-                          << "\nbacktrace " << testing::PrintToString(gExpected) << "\nwalk "
-                          << testing::PrintToString(gWalked);
+    void* walked[kCapacity];
+    void* expected[kCapacity];
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const Unwind::WalkResult result = Unwind::WalkStack(here, walked, kCapacity);
+    ASSERT_EQ(result.count, __backtrace(expected, kCapacity));
+    EXPECT_TRUE(std::equal(walked + 1, walked + result.count, expected + 1)); // the first is this function, at two places
+    EXPECT_TRUE(result.signalFrames == 1 && result.reachedEnd);
 }
 
 // A frame that is aligned beyond what the caller gives, of a size known only at run time.
@@ -81,29 +46,18 @@ __attribute__((noinline)) void Realign(std::size_t size)
     volatile char* dynamic = static_cast<volatile char*>(__builtin_alloca(size));
     aligned[0] = 1;
     dynamic[0] = 1;
-    static char text[64];
-    StepThrough([] { std::snprintf(text, sizeof text, "%d %s %.2f", 5, "five", 5.0); });
+    std::raise(SIGUSR1);
     dynamic[size - 1] = aligned[1];
 }
 
-TEST(StackWalk, EqualsBacktraceAtEveryInstruction)
+// The harness that crashes compares walks from any instruction.
+TEST(StackWalk, EqualsBacktraceAboveAFrameThatOnlyAnExpressionFinds)
 {
-    __backtrace(gExpected.data(), kCapacity); // the first one of a process loads its unwinder
-    struct sigaction action = {};
-    action.sa_sigaction = CompareAtStep;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGTRAP, &action, nullptr);
-    const auto stepThroughAll = []
-    {
-        static timespec now;
-        StepThrough([] { clock_gettime(CLOCK_REALTIME, &now); });
-        Realign(static_cast<std::size_t>(gSteps % 3) + 300);
-    };
-    std::thread(stepThroughAll).join(); // a thread's stack is short: fewer frames to compare
-    std::signal(SIGTRAP, SIG_DFL);
+    std::signal(SIGUSR1, CompareWithBacktrace);
+    volatile std::size_t size = 300;
+    Realign(size);
+    std::signal(SIGUSR1, SIG_DFL);
 }
-
-// ---- Stacks made by hand ----
 
 // Calls of code whose tables lead back by the frame pointer, and of code without any.
 extern "C" const char gAfterCall[];
