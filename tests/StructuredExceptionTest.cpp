@@ -64,23 +64,22 @@ TEST(StructuredException, DescribesTheSignal)
         int signal;
         int code;
         std::uintptr_t address;
-        const char* name;
-        const char* message;
+        std::string message;
     } rows[] = {
-        {SIGILL, 2, 0x1000, "Illegal Instruction", "Illegal Instruction (00000002) occurred at 0x1000"},
-        {SIGBUS, 3, 0x1000, "Bus error", "Bus error (00000003) occurred at 0x1000"},
-        {SIGFPE, 1, 0xABC, "Floating Point Exception", "Floating Point Exception (00000001) occurred at 0xabc"},
-        {SIGSEGV, 0x80, 0, "Segmentation fault", "Segmentation fault (00000080) occurred at (nil)"},
-        {SIGABRT, -6, 1, "Unknown", "Unknown (fffffffa) occurred at 0x1"},
+        {SIGILL, 2, 0x1000, "Illegal Instruction (00000002) occurred at 0x1000"},
+        {SIGBUS, 3, 0x1000, "Bus error (00000003) occurred at 0x1000"},
+        {SIGFPE, 1, 0xABC, "Floating Point Exception (00000001) occurred at 0xabc"},
+        {SIGSEGV, 0x80, 0, "Segmentation fault (00000080) occurred at (nil)"},
+        {SIGABRT, -6, 1, "Unknown (fffffffa) occurred at 0x1"},
     };
     const char* const shared = MakeQuietly(SIGUSR1, 0, 0).GetErrorMessage();
     for (const auto& row : rows)
     {
         StructuredException exception = MakeQuietly(row.signal, row.code, row.address);
-        EXPECT_STREQ(row.name, exception.GetExceptionString());
+        EXPECT_EQ(row.message.substr(0, row.message.find(" (")), exception.GetExceptionString());
         EXPECT_EQ(row.code, exception.GetExceptionCode());
         exception.GetErrorMessage();
-        EXPECT_STREQ(row.message, shared);
+        EXPECT_EQ(row.message, shared);
     }
     for (int code = 0; code <= 3; ++code)
     {
