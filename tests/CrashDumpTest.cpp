@@ -83,6 +83,9 @@ std::string PrintedBy(const std::function<int(int)>& body)
 
 TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer runs signal handlers later than they come";
+#endif
     const std::string printed = PrintedBy(
         [](int)
         {
@@ -93,9 +96,13 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
             bool isRight = true;
             const auto faultyPart = []
             {
-                gFileLogger.EnterCriticalSection(); // what the jump skips: leaving it, and the end of the scope
+                gFileLogger.EnterCriticalSection(); // skipped by the jump
+                Crash::Dump::RunPart(Fault);        // the innermost place counts
+                Fault();
+            };
+            const auto partOfAnOrdinaryCall = []
+            {
                 const QV::SignalSafeScope ordinaryCall(false);
-                Crash::Dump::RunPart(Fault); // the innermost place counts
                 Fault();
             };
             const auto dump = [&]
@@ -103,7 +110,8 @@ TEST_F(CrashDumpTest, AFaultInAPartGoesBackToTheDump)
                 errno = EILSEQ;
                 raise(SIGTERM);
                 raise(SIGTTOU); // would stop the process
-                isRight = isRight && !Crash::Dump::RunPart(faultyPart) && terminated == 0 && QV::SignalSafeScope::GetState();
+                isRight = isRight && !Crash::Dump::RunPart(faultyPart) && terminated == 0 &&
+                          !Crash::Dump::RunPart(partOfAnOrdinaryCall) && QV::SignalSafeScope::GetState();
             };
             errno = ERANGE;
             for (int i = 0; i < 3; ++i)
@@ -148,6 +156,9 @@ TEST_F(CrashDumpTest, AJumpOutOfItLeavesNothingHeld)
 
 TEST_F(CrashDumpTest, EndsAmongHandlersThatFaultAgainAndAgain)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer itself does not survive this";
+#endif
     const auto faultInCallbacks = [](int)
     {
         InstallHandler(SIGSEGV, HandleAndExit);
