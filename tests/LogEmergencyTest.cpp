@@ -5,15 +5,13 @@
 #include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
-#include "support/SignalHandler.h"
 
 #include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <deque>
 #include <functional>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -29,14 +27,13 @@ bool LogInDump(const std::string& text)
 
 sigjmp_buf gPlace;
 
-void JumpOut()
+// Runs `call`, jumps out of its write, and gives the section back as a dump does.
+void CutAfterWrite(void (*call)())
 {
-    siglongjmp(gPlace, 1);
-}
-
-// Runs `call`, which jumps out of the logger, and gives the section back as a dump does.
-void Cut(const std::function<void()>& call)
-{
+    Faults::gAfterWrite = []
+    {
+        siglongjmp(gPlace, 1);
+    };
     if (sigsetjmp(gPlace, 1) == 0)
     {
         call();
@@ -64,48 +61,38 @@ void Stop()
     WaitForStep(2);
 }
 
-// The thread that composes the line is stopped at the first of the bytes.
-void LogReluctantPage()
-{
-    static void* page;
-    const int size = 4096;
-    page = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    std::signal(SIGSEGV,
-                [](int)
-                {
-                    Stop();
-                    mprotect(page, size, PROT_READ);
-                });
-    LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "three", static_cast<unsigned char*>(page), 16);
-    std::signal(SIGSEGV, SIG_DFL);
-    munmap(page, size);
-}
-
 // The texts of the whole lines, as far as they are these words.
 std::string WordsIn(const std::string& text)
 {
     std::string words;
-    for (std::size_t at = text.find("] - "); at != std::string::npos; at = text.find("] - ", at + 1))
+    const std::regex word(R"(\] - (one|two|dump|three))");
+    for (std::sregex_iterator found(text.begin(), text.end(), word); found != std::sregex_iterator(); ++found)
     {
-        for (const char* word : {"one", "two", "dump", "three"})
-        {
-            words += text.compare(at + 4, std::strlen(word), word) == 0 ? std::string(word) + " " : "";
-        }
+        words += found->str(1) + " ";
     }
     return words;
 }
 
-// Whether an emergency can enter the section, waiting as long as that.
-bool IsFree(int waitMs = 0)
+std::function<void()> gInHandler;
+
+// Runs `body` in a signal handler, where it may wait as long as that.
+void InEmergency(int waitMs, const std::function<void()>& body)
 {
-    bool isFree = false;
-    const auto tryToEnter = [&]
+    gInHandler = [&]
     {
         const QV::SignalSafeScope emergency;
         QV::SignalSafeScope::WaitLeftMs() = waitMs;
-        isFree = LogSectionScope(gFileLogger).IsEntered();
+        body();
     };
-    InSignalHandler(tryToEnter);
+    std::signal(SIGUSR2, [](int) { gInHandler(); });
+    raise(SIGUSR2);
+}
+
+// Whether an emergency can enter the section, waiting as long as that.
+bool IsFree(int waitMs)
+{
+    bool isFree = false;
+    InEmergency(waitMs, [&] { isFree = LogSectionScope(gFileLogger).IsEntered(); });
     return isFree;
 }
 
@@ -113,26 +100,7 @@ bool IsFree(int waitMs = 0)
 
 TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
 {
-    const auto cutHexDump = []
-    {
-        std::signal(SIGSEGV, [](int) { JumpOut(); });
-        LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "cut", reinterpret_cast<unsigned char*>(16), 4096);
-    };
-    const auto cutWrite = [](long written, int error)
-    {
-        if (written != 0 || error != 0)
-        {
-            Faults::gWrites = {{written, error}};
-        }
-        Faults::gAfterWrite = JumpOut;
-        ShutdownLogging();
-    };
-    const std::function<void()> rows[] = {
-        cutHexDump,
-        [&] { cutWrite(0, 0); },
-        [&] { cutWrite(100, 0); },
-        [&] { cutWrite(0, ENOSPC); },
-    };
+    const std::deque<Faults::WriteFault> rows[] = {{}, {{100, 0}}, {{0, ENOSPC}}};
     for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
     {
         for (const auto& row : rows)
@@ -144,7 +112,8 @@ TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
                 Start(name);
                 Log("one");
                 Log("two");
-                Cut(row);
+                Faults::gWrites = row;
+                CutAfterWrite(ShutdownLogging);
                 std::thread([] { Log("three"); }).join();
                 ShutdownLogging();
                 return 0;
@@ -156,8 +125,7 @@ TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
     const auto logBehindTornLine = []
     {
         Faults::gWrites = {{50000, 0}};
-        Faults::gAfterWrite = JumpOut;
-        Cut([] { Log(std::string(100000, 'x')); });
+        CutAfterWrite([] { Log(std::string(100000, 'x')); });
         Log("next");
         ShutdownLogging();
         return 0;
@@ -185,8 +153,6 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     const unsigned char bytes[1000] = {1, 2};
     const auto logWithoutTheSection = [&]
     {
-        const QV::SignalSafeScope emergency;
-        QV::SignalSafeScope::WaitLeftMs() = 0;
         SetOptions(LOGGING_STRATEGY_APPEND);
         InitialiseLogging(false, 0, 0, "other.log");
         ShutdownLogging();
@@ -198,7 +164,7 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
                                                    LogEmergency::Caller::SIGNAL_HANDLER));
         gFileLogger.FlushLogFile();
     };
-    InSignalHandler(logWithoutTheSection);
+    InEmergency(0, logWithoutTheSection);
     EXPECT_FALSE(IsFree(5));
     gStep = 2;
     EXPECT_TRUE(IsFree(20000)); // its owner is waited for again
@@ -214,29 +180,30 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
 
 TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
 {
+    static const std::string longText(100000, 'x');
+    const auto dump = []
+    {
+        const LogSectionScope section(gFileLogger);
+        gFileLogger.Emergency().BeginDump();
+        EXPECT_TRUE(LogInDump("dump"));
+        gFileLogger.Emergency().Flush();
+        gFileLogger.Emergency().EndDump();
+        EXPECT_TRUE(LogInDump("end"));
+    };
     const struct
     {
         const char* what;
         int strategy;
         std::function<void()> write;
         std::vector<std::string> texts;
-    } rows[] = {{"close", LOGGING_STRATEGY_OVERWRITE, [] {}, {}},
-                {"flush", LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {}},
-                {"long line", LOGGING_STRATEGY_OVERWRITE, [] { Log(std::string(100000, 'x')); }, {std::string(100000, 'x')}},
-                {"rotation", LOGGING_STRATEGY_FILE_SIZE, [] { Log(std::string(900, 'x')); }, {}},
-                {"line of a dump", LOGGING_STRATEGY_APPEND, [] { EXPECT_TRUE(LogInDump("dump")); }, {"dump"}},
-                {"dump",
-                 LOGGING_STRATEGY_OVERWRITE,
-                 []
-                 {
-                     const LogSectionScope section(gFileLogger);
-                     gFileLogger.Emergency().BeginDump();
-                     EXPECT_TRUE(LogInDump("dump"));
-                     gFileLogger.Emergency().Flush();
-                     gFileLogger.Emergency().EndDump();
-                     EXPECT_TRUE(LogInDump("end"));
-                 },
-                 {"dump", "end"}}};
+    } rows[] = {
+        {"close", LOGGING_STRATEGY_OVERWRITE, [] {}, {"before"}},
+        {"flush", LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {"before"}},
+        {"long line", LOGGING_STRATEGY_OVERWRITE, [] { Log(longText); }, {"before", longText}},
+        {"rotation", LOGGING_STRATEGY_FILE_SIZE, [] { Log(std::string(900, 'x')); }, {"before"}},
+        {"line of a dump", LOGGING_STRATEGY_APPEND, [] { LogInDump("dump"); }, {"before", "dump"}},
+        {"dump", LOGGING_STRATEGY_OVERWRITE, dump, {"before", "dump", "end"}},
+    };
     for (const auto& row : rows)
     {
         const std::string name = std::to_string(&row - rows) + ".1.log";
@@ -245,9 +212,7 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
         Log("before");
         close(DescriptorOf(m_folder / name));
         row.write();
-        std::vector<std::string> expected = {"before"};
-        expected.insert(expected.end(), row.texts.begin(), row.texts.end());
-        EXPECT_EQ(expected, ClosedTexts(name)) << row.what;
+        EXPECT_EQ(row.texts, ClosedTexts(name)) << row.what;
         if (row.strategy == LOGGING_STRATEGY_FILE_SIZE)
         {
             EXPECT_EQ(1u, ParseLog(OnDisk(std::to_string(&row - rows) + ".2.log")).size());
@@ -258,45 +223,35 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
 // Whoever writes the lines in the buffer, the dump or the owner that wakes, each comes once.
 TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
 {
+    const auto stopInSection = []
+    {
+        const LogSectionScope section(gFileLogger);
+        Stop();
+        Log("three");
+    };
+    const auto stopInFlush = []
+    {
+        Faults::gAfterWrite = Stop;
+        ShutdownLogging();
+        Log("three");
+    };
+    const auto stopInRotation = []
+    {
+        Faults::gAfterWrite = Stop;
+        Log("three" + std::string(900, ' '));
+    };
     const struct
     {
         const char* what;
-        std::function<void()> call;
+        void (*call)();
+        std::deque<Faults::WriteFault> faults;
         const char* whileStopped;
-    } rows[] = {{"in the section",
-                 []
-                 {
-                     const LogSectionScope section(gFileLogger);
-                     Stop();
-                     Log("three");
-                 },
-                 "one two dump "},
-                {"composing", LogReluctantPage, "one two dump "},
-                {"flushing, before the write",
-                 []
-                 {
-                     Faults::gWrites = {{0, EINTR}};
-                     Faults::gAfterWrite = Stop;
-                     ShutdownLogging();
-                     Log("three");
-                 },
-                 "dump "},
-                {"flushing, in the middle of the write",
-                 []
-                 {
-                     Faults::gWrites = {{100, 0}};
-                     Faults::gAfterWrite = Stop;
-                     ShutdownLogging();
-                     Log("three");
-                 },
-                 "one dump "},
-                {"rotating, after the write",
-                 []
-                 {
-                     Faults::gAfterWrite = Stop;
-                     Log("three" + std::string(900, ' '));
-                 },
-                 "one two dump "}};
+    } rows[] = {
+        {"in the section", stopInSection, {}, "one two dump "},
+        {"flushing, before the write", stopInFlush, {{0, EINTR}}, "dump "},
+        {"flushing, in the middle of the write", stopInFlush, {{100, 0}}, "one dump "},
+        {"rotating, after the write", stopInRotation, {}, "one two dump "},
+    };
     for (const auto& row : rows)
     {
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
@@ -305,15 +260,10 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
         Log("one");
         Log("two");
         gStep = 0;
+        Faults::gWrites = row.faults;
         std::thread owner(row.call);
         WaitForStep(1);
-        InSignalHandler(
-            []
-            {
-                const QV::SignalSafeScope emergency;
-                QV::SignalSafeScope::WaitLeftMs() = 0;
-                EXPECT_TRUE(Log("dump"));
-            });
+        InEmergency(0, [] { EXPECT_TRUE(Log("dump")); });
         EXPECT_EQ(row.whileStopped, WordsIn(OnDisk(name))) << row.what;
         gStep = 2;
         owner.join();
@@ -325,8 +275,7 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
 
 TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)
 {
-    const std::string path = m_folder / "pipe";
-    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    ASSERT_EQ(0, mkfifo((m_folder / "pipe").c_str(), 0600));
     SetOptions(LOGGING_STRATEGY_APPEND, 0, 0);
     Start("pipe");
     const auto forkAndExitBesideLogging = []

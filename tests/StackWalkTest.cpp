@@ -1,6 +1,7 @@
-// The walk against backtrace() at every instruction, and on stacks and tables that lead nowhere.
+// The walk against backtrace(), and on stacks and tables that lead nowhere.
 #include "ErrorHandlerDll/unwind/StackWalk.h"
 
+#include "ErrorHandlerDll/crash/Dump.h"
 #include "ErrorHandlerDll/unwind/CallFrameInfo.h"
 #include "ErrorHandlerDll/unwind/FrameTable.h"
 #include "ErrorHandlerDll/unwind/LoadedObjects.h"
@@ -8,8 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <ctime>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
@@ -27,78 +27,16 @@ namespace
 
 constexpr int kCapacity = 100;
 
-// ---- Interrupted at instructions all over: prologues, epilogues, the linker's lazy binding, the kernel's page ----
-
-constexpr int kEveryStep = 200; // compared one by one; of what follows one in gStride, or the test would take minutes
-int gStride = 97;
-
-volatile std::sig_atomic_t gStepping; // ends at the first difference, whose traces then stay
-volatile std::sig_atomic_t gSteps;
-int gHandlers; // of SIGUSR1, under way
-Unwind::WalkResult gResult;
-std::vector<void*> gWalked(kCapacity);
-std::vector<void*> gExpected(kCapacity);
-
-void CompareAtStep(int, siginfo_t*, void* data)
+void CompareWithBacktrace(int)
 {
-    auto* const context = static_cast<ucontext_t*>(data);
-    gSteps = gSteps + 1;
-    const auto* const code = reinterpret_cast<const unsigned char*>(context->uc_mcontext.gregs[REG_RIP]);
-    const bool jumps = code[0] == 0xff && (code[1] & 0xf8) == 0xe0; // through a register: an unwinder's last instruction
-    if (gStepping != 0 && (gSteps <= kEveryStep || gSteps % gStride == 0 || jumps))
-    {
-        Unwind::FrameRegisters here;
-        Unwind::CaptureRegisters(here);
-        gResult = Unwind::WalkStack(here, gWalked.data(), kCapacity);
-        const int count = __backtrace(gExpected.data(), kCapacity);
-        if (count != gResult.count || !std::equal(&gWalked[1], &gWalked[0] + count, &gExpected[1]) ||
-            gResult.signalFrames != gHandlers + 1 || !gResult.reachedEnd)
-        {
-            gStepping = 0;
-        }
-    }
-    constexpr greg_t kTrapFlag = 0x100;
-    auto& flags = context->uc_mcontext.gregs[REG_EFL];
-    flags = gStepping != 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
-}
-
-__attribute__((noinline)) void StepThrough(void (*code)())
-{
-    gSteps = 0;
-    gStepping = 1;
-    std::raise(SIGTRAP);
-    code();
-    const bool areEqual = gStepping != 0;
-    gStepping = 0;
-    asm volatile("nop");
-    EXPECT_GT(gSteps, 30);
-    EXPECT_TRUE(areEqual) << "at step " << gSteps << ", " << gResult.count << " frames, " << gResult.signalFrames
-                          << " handlers, end " << gResult.reachedEnd << "\nbacktrace " << testing::PrintToString(gExpected)
-                          << "\nwalk " << testing::PrintToString(gWalked);
-}
-
-__attribute__((noinline)) void StepFormatting()
-{
-    static char text[64];
-    StepThrough([] { std::snprintf(text, sizeof text, "%d %s %.2f", 5, "five", 5.0); });
-    asm volatile(""); // no tail call: the frame must stay
-}
-
-void ThrowAndCatch()
-{
-    try
-    {
-        throw 5;
-    }
-    catch (int)
-    {
-    }
-}
-
-__attribute__((noinline)) void Recurse(int depth)
-{
-    depth > 0 ? Recurse(depth - 1) : StepFormatting();
-    asm volatile("");
+    void* walked[kCapacity];
+    void* expected[kCapacity];
+    Unwind::FrameRegisters here;
+    Unwind::CaptureRegisters(here);
+    const Unwind::WalkResult result = Unwind::WalkStack(here, walked, kCapacity);
+    ASSERT_EQ(result.count, __backtrace(expected, kCapacity));
+    EXPECT_TRUE(std::equal(walked + 1, walked + result.count, expected + 1)); // the first is this function, at two places
+    EXPECT_TRUE(result.signalFrames == 1 && result.reachedEnd);
 }
 
 // A frame that is aligned beyond what the caller gives, of a size known only at run time.
@@ -108,28 +46,29 @@ __attribute__((noinline)) void Realign(std::size_t size)
     volatile char* dynamic = static_cast<volatile char*>(__builtin_alloca(size));
     aligned[0] = 1;
     dynamic[0] = 1;
-    StepFormatting();
+    std::raise(SIGUSR1);
     dynamic[size - 1] = aligned[1];
 }
 
-// The one with tables that lead back, the other without any.
-extern "C" void CallOnStack(void* stackEnd, void (*run)());
+// The harness that crashes compares walks from any instruction.
+TEST(StackWalk, EqualsBacktraceAboveAFrameThatOnlyAnExpressionFinds)
+{
+    std::signal(SIGUSR1, CompareWithBacktrace);
+    volatile std::size_t size = 300;
+    Realign(size);
+    std::signal(SIGUSR1, SIG_DFL);
+}
+
+// Calls of code whose tables lead back by the frame pointer, and of code without any.
 extern "C" const char gAfterCall[];
 extern "C" const char gAfterCallWithoutTables[];
 asm(R"(
     .pushsection .text
-CallOnStack:
     .cfi_startproc
-    pushq %rbp
-    .cfi_def_cfa_offset 16
+    .cfi_def_cfa %rbp, 16
     .cfi_offset %rbp, -16
-    movq %rsp, %rbp
-    .cfi_def_cfa_register %rbp
-    movq %rdi, %rsp
     callq *%rsi
 gAfterCall:
-    leaveq
-    .cfi_def_cfa %rsp, 8
     retq
     .cfi_endproc
     callq *0x12345678(%rip)
@@ -137,64 +76,6 @@ gAfterCallWithoutTables:
     nop
     .popsection
 )");
-
-void RunInHandler(void (*run)())
-{
-    static void (*inHandler)();
-    struct sigaction action = {};
-    action.sa_handler = [](int)
-    {
-        ++gHandlers;
-        inHandler();
-        --gHandlers;
-    };
-    action.sa_flags = SA_NODEFER | SA_ONSTACK;
-    sigaction(SIGUSR1, &action, nullptr);
-    inHandler = run;
-    std::raise(SIGUSR1);
-}
-
-void StepThroughAll(unsigned char* signalStack, std::size_t size)
-{
-    struct sigaction action = {};
-    action.sa_sigaction = CompareAtStep;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    sigaction(SIGTRAP, &action, nullptr);
-    const stack_t stack = {signalStack, signalStack == nullptr ? SS_DISABLE : 0, size};
-    sigaltstack(&stack, nullptr);
-
-    StepFormatting();
-    static timespec now;
-    StepThrough([] { clock_gettime(CLOCK_REALTIME, &now); });
-    const int stride = std::exchange(gStride, 1 << 30); // backtrace() itself faults where an unwinder restores registers
-    StepThrough(ThrowAndCatch);
-    gStride = stride;
-    Recurse(300);
-    Realign(static_cast<std::size_t>(gSteps % 3) + 300);
-    alignas(16) char above[std::size_t{256} * 1024];
-    const auto below = std::make_unique<char[]>(sizeof above);
-    CallOnStack(above + sizeof above, StepFormatting);
-    CallOnStack(below.get() + sizeof above, StepFormatting);
-    RunInHandler([] { RunInHandler([] { Recurse(300); }); });
-
-    const stack_t none = {nullptr, SS_DISABLE, 0};
-    sigaltstack(&none, nullptr);
-    std::signal(SIGTRAP, SIG_DFL);
-}
-
-TEST(StackWalk, EqualsBacktraceAtEveryInstruction)
-{
-    __backtrace(gExpected.data(), kCapacity); // the first one of a process loads its unwinder
-    // No signal stack; one above the thread's, where the caller of the trampoline is found further down; and one below.
-    unsigned char above[std::size_t{512} * 1024];
-    const auto below = std::make_unique<unsigned char[]>(sizeof above);
-    for (unsigned char* const stack : {static_cast<unsigned char*>(nullptr), above, below.get()})
-    {
-        std::thread(StepThroughAll, stack, sizeof above).join(); // a thread's stack is short: fewer frames to compare
-    }
-}
-
-// ---- Stacks made by hand ----
 
 // What a signal handler returns to. A walk that starts there goes on in the context above it.
 constexpr unsigned char kTrampoline[] = {0x48, 0xc7, 0xc0, 0x0f, 0x00, 0x00, 0x00, 0x0f, 0x05};
@@ -219,11 +100,8 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
     const std::uint64_t afterCall = AddressOf(gAfterCall);
     const std::uint64_t withoutTables = AddressOf(gAfterCallWithoutTables);
     constexpr int kAll = 0;
-    std::vector<std::size_t> manySwitches;
-    for (std::size_t i = 20000; i > 0; i -= 1000)
-    {
-        manySwitches.push_back(i);
-    }
+    std::vector<std::size_t> manySwitches(20);
+    std::generate(manySwitches.begin(), manySwitches.end(), [at = 21000]() mutable { return at -= 1000; });
     const struct
     {
         const char* name;
@@ -233,6 +111,7 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
         std::uint64_t interrupted = AddressOf(gAfterCall);
     } rows[] = {
         {"one stack", {2000, 2010, 2020}, kAll},
+        {"a function that has given up its frame", {2000, 1998, 2010}, kAll},
         {"a stack above", {2000, 2010, 9000, 9010}, kAll},
         {"a stack below", {2000, 2010, 100, 110}, kAll},
         {"below, then back above", {2000, 2010, 100, 110, 9000}, kAll},
@@ -267,36 +146,6 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
     }
 }
 
-// Words that lead on: code, the stack itself, or anything.
-TEST(StackWalk, EndsOnDamagedStacks)
-{
-    std::vector<std::uint64_t> stack(4096);
-    const std::uint64_t bottom = AddressOf(stack.data());
-    std::mt19937_64 random(1);
-    const auto codeCount = static_cast<unsigned>(__backtrace(gExpected.data(), kCapacity));
-    void* frames[kCapacity];
-    for (int round = 0; round < 300; ++round)
-    {
-        for (auto& word : stack)
-        {
-            const std::uint64_t code = AddressOf(gExpected[random() % codeCount]);
-            const std::uint64_t words[] = {code, code + random() % 4096, bottom + random() % 4096 * 8, random(), 0};
-            word = words[random() % std::size(words)];
-        }
-        ucontext_t context = {};
-        for (auto& value : context.uc_mcontext.gregs)
-        {
-            value = static_cast<greg_t>(stack[random() % stack.size()]);
-        }
-        const std::uint64_t pointers[] = {0, 8, bottom + 3, ~std::uint64_t{7}, std::uint64_t{1} << 47};
-        const std::uint64_t pointer = round % 4 == 0 ? pointers[random() % 5] : bottom + random() % 4096 * 8;
-        context.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(pointer);
-        ASSERT_GE(WalkFrom(&context, frames).count, 2);
-        ASSERT_EQ(frames[1], reinterpret_cast<void*>(context.uc_mcontext.gregs[REG_RIP]));
-    }
-    EXPECT_EQ(WalkFrom(reinterpret_cast<const ucontext_t*>(16), frames).count, 1);
-}
-
 // Two functions of a copy of this program, whose tables lie as they do in the program.
 TEST(StackWalk, EndsOnDamagedTables)
 {
@@ -308,6 +157,9 @@ TEST(StackWalk, EndsOnDamagedTables)
     {
         Unwind::ReadMemory(reinterpret_cast<void*>(object.start + at), &copy[at], 4096);
     }
+    std::uint64_t acrossPages = 0;
+    ASSERT_TRUE(memory.Read(object.start + 4093, acrossPages));
+    EXPECT_EQ(std::memcmp(&acrossPages, &copy[4093], sizeof acrossPages), 0);
     const std::uint64_t moved = AddressOf(copy.data()) - object.start;
     const std::uint64_t header = object.unwindHeader + moved;
     const std::uint64_t functions[] = {AddressOf(gAfterCall) + moved,
@@ -334,23 +186,28 @@ TEST(StackWalk, EndsOnDamagedTables)
     EXPECT_TRUE(unwound > 1000 && unwound < 19000) << unwound;
 }
 
-int WalkAfterTheMainThread()
+TEST(StackWalk, ABrokenWalkMayHaveMissedASignalHandler)
 {
-    const auto walk = [main = pthread_self()]
-    {
-        pthread_join(main, nullptr);
-        Unwind::FrameRegisters here;
-        Unwind::CaptureRegisters(here);
-        _exit(Unwind::WalkStack(here, nullptr, 0).reachedEnd ? 0 : 1);
-    };
-    std::thread(walk).detach();
-    syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework
-    return 2;
+    Crash::CallStack broken = {{}, nullptr, 0};
+    broken.start.Set(Unwind::FrameRegisters::kProgramCounter, AddressOf(gAfterCallWithoutTables));
+    EXPECT_TRUE(Crash::FindSignalHandlers(&broken).isInOne);
+    EXPECT_FALSE(Crash::FindSignalHandlers().isInOne);
 }
 
 TEST(StackWalk, WorksAfterTheMainThreadHasEnded)
 {
-    EXPECT_EQ(RunChild(WalkAfterTheMainThread), 0);
+    const auto walkAfterThisThread = []
+    {
+        const auto walk = [main = pthread_self()]
+        {
+            pthread_join(main, nullptr);
+            _exit(Crash::FindSignalHandlers().isInOne ? 1 : 0);
+        };
+        std::thread(walk).detach();
+        syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework
+        return 2;
+    };
+    EXPECT_EQ(RunChild(walkAfterThisThread), 0);
 }
 
 } // namespace

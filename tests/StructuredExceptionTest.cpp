@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <memory>
@@ -20,7 +19,9 @@
 namespace
 {
 
-std::string PrintedBy(const std::function<void()>& print)
+// What a call prints to standard output.
+template <class Call>
+std::string PrintedBy(const Call& print)
 {
     testing::internal::CaptureStdout();
     print();
@@ -63,28 +64,27 @@ TEST(StructuredException, DescribesTheSignal)
         int signal;
         int code;
         std::uintptr_t address;
-        const char* name;
-        const char* message;
+        std::string message;
     } rows[] = {
-        {SIGILL, 2, 0x1000, "Illegal Instruction", "Illegal Instruction (00000002) occurred at 0x1000"},
-        {SIGBUS, 3, 0x1000, "Bus error", "Bus error (00000003) occurred at 0x1000"},
-        {SIGFPE, 1, 0xABC, "Floating Point Exception", "Floating Point Exception (00000001) occurred at 0xabc"},
-        {SIGSEGV, 0x80, 0, "Segmentation fault", "Segmentation fault (00000080) occurred at (nil)"},
-        {SIGABRT, -6, 1, "Unknown", "Unknown (fffffffa) occurred at 0x1"},
+        {SIGILL, 2, 0x1000, "Illegal Instruction (00000002) occurred at 0x1000"},
+        {SIGBUS, 3, 0x1000, "Bus error (00000003) occurred at 0x1000"},
+        {SIGFPE, 1, 0xABC, "Floating Point Exception (00000001) occurred at 0xabc"},
+        {SIGSEGV, 0x80, 0, "Segmentation fault (00000080) occurred at (nil)"},
+        {SIGABRT, -6, 1, "Unknown (fffffffa) occurred at 0x1"},
     };
     const char* const shared = MakeQuietly(SIGUSR1, 0, 0).GetErrorMessage();
     for (const auto& row : rows)
     {
         StructuredException exception = MakeQuietly(row.signal, row.code, row.address);
-        EXPECT_STREQ(row.name, exception.GetExceptionString());
+        EXPECT_EQ(row.message.substr(0, row.message.find(" (")), exception.GetExceptionString());
         EXPECT_EQ(row.code, exception.GetExceptionCode());
         exception.GetErrorMessage();
-        EXPECT_STREQ(row.message, shared);
+        EXPECT_EQ(row.message, shared);
     }
-    const char* const names[] = {"", "", "SEGV_MAPERR", "SEGV_ACCERR", ""};
-    for (int code = -1; code <= 3; ++code)
+    for (int code = 0; code <= 3; ++code)
     {
-        EXPECT_STREQ(names[code + 1], StructuredException::GetExceptionName(code));
+        const char* const name = code == 1 ? "SEGV_MAPERR" : code == 2 ? "SEGV_ACCERR" : "";
+        EXPECT_STREQ(name, StructuredException::GetExceptionName(code));
     }
 }
 
@@ -93,12 +93,10 @@ TEST(StructuredException, IsHandledLikeAnyOtherError)
     StructuredException exception = MakeQuietly(SIGBUS, 2, 0);
     const CapturedLog log(5);
     std::unique_ptr<HalvikException> propagated;
-    const auto handle = [&]
-    {
-        propagated.reset(ExceptionHandler::HandleStructuredException("F - ", exception, true));
-    };
     const std::string headline = "Structured exception Bus error (code 00000002) occurred at (nil)\n";
-    EXPECT_TRUE(PrintedBy(handle).starts_with("F - \n" + headline + "  Fault address:  (nil)\n"));
+    const std::string printed =
+        PrintedBy([&] { propagated.reset(ExceptionHandler::HandleStructuredException("F - ", exception, true)); });
+    EXPECT_TRUE(printed.starts_with("F - \n" + headline + "  Fault address:  (nil)\n")) << printed;
     EXPECT_EQ(2, ExceptionHandler::m_lastErrorCode);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", ExceptionHandler::m_lastErrorString);
     ASSERT_TRUE(propagated);
@@ -131,15 +129,10 @@ TEST(StructuredException, ListsModulesWithinTheirLimitsAndTellsOfDamage)
     const std::string whole = list();
     const std::string prefix = whole.substr(0, whole.find('\n'));
     const std::size_t room = 309 - prefix.size();
-    for (const std::string& path : {std::string(room, 'x'), std::string(4000, 'x'), std::string(room - 1, 'x') + "\u00E9"})
-    {
-        std::string replaced = path;
-        first->l_name = replaced.data();
-        const std::string listed = list();
-        first->l_name = name;
-        const std::size_t shown = path.ends_with('x') ? room : room - 1;
-        EXPECT_TRUE(listed.starts_with(prefix + path.substr(0, shown) + "\n")) << listed;
-    }
+    std::string path = std::string(room - 1, 'x') + "\u00E9"; // a character that does not fit
+    first->l_name = path.data();
+    EXPECT_TRUE(list().starts_with(prefix + path.substr(0, room - 1) + "\n"));
+    first->l_name = name;
     const std::string damaged = "    The list of modules is damaged\nDone\n";
     link_map* const third = first->l_next->l_next;
     link_map* const fourth = third->l_next;
@@ -159,12 +152,6 @@ TEST(StructuredException, ListsModulesWithinTheirLimitsAndTellsOfDamage)
 
 TEST(StructuredException, DumpsMemoryThatMayBeUnreadable)
 {
-    enum Behind
-    {
-        NO_ACCESS,
-        UNMAPPED,
-        PAST_END_OF_FILE,
-    };
     StructuredException exception = MakeQuietly(SIGSEGV, 1, 0);
     const auto expectDump = [&](std::uintptr_t start, const std::string& hex, const std::string& text)
     {
@@ -181,20 +168,22 @@ TEST(StructuredException, DumpsMemoryThatMayBeUnreadable)
         EXPECT_EQ("", PrintedBy([&] { exception.GenerateStackDump(reinterpret_cast<unsigned char*>(start)); }));
         EXPECT_EQ(expected + "ERROR|\n", Joined(log.GetLines()));
     };
-    for (const auto behind : {NO_ACCESS, UNMAPPED, PAST_END_OF_FILE})
+    constexpr std::size_t kSize = 4096;
+    const int file = memfd_create("page", 0);
+    ASSERT_EQ(0, ftruncate(file, kSize));
+    auto* const page = static_cast<char*>(mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    close(file);
+    std::memcpy(page + kSize - 8, "ABC\0\x1F\x20\x7F\x80", 8);
+    const auto expectTheEndOfThePage = [&]
     {
-        constexpr std::size_t kSize = 4096;
-        const int file = memfd_create("page", 0);
-        ASSERT_EQ(0, ftruncate(file, kSize));
-        auto* const page = static_cast<char*>(mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-        close(file);
-        std::memcpy(page + kSize - 8, "ABC\0\x1F\x20\x7F\x80", 8);
-        behind == NO_ACCESS  ? mprotect(page + kSize, kSize, PROT_NONE)
-        : behind == UNMAPPED ? munmap(page + kSize, kSize)
-                             : 0;
         expectDump(reinterpret_cast<std::uintptr_t>(page) + kSize - 8, "41 42 43 00 1f 20 7f 80 ", "ABC.. \x7F.");
-        munmap(page, 2 * kSize);
-    }
+    };
+    expectTheEndOfThePage(); // behind it is no more of the file
+    mprotect(page + kSize, kSize, PROT_NONE);
+    expectTheEndOfThePage();
+    munmap(page + kSize, kSize);
+    expectTheEndOfThePage();
+    munmap(page, kSize);
     expectDump(0, "?? ?? ?? ?? ?? ?? ?? ?? ", "........");
     expectDump(UINTPTR_MAX - 100, "?? ?? ?? ?? ?? ?? ?? ?? ", "........");
 }

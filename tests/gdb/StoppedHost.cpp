@@ -7,12 +7,8 @@
 #include <cstdlib>
 #include <sys/resource.h>
 
-int main(int argc, char** argv)
+int main(int, char** argv)
 {
-    if (argc != 2)
-    {
-        return 2;
-    }
     InitialiseLogging(true, ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, argv[1]);
     try
     {
