@@ -1,7 +1,6 @@
 // Texts of error and warning codes: ranges, sizes, registrations.
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 
-#include <climits>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -126,11 +125,8 @@ TEST_F(ErrorRegistry, RefusesATextWhoseSizeIsNoInt)
     }
     std::memset(text, 'x', kTile);
     close(file);
-    int length = 10;
     EXPECT_FALSE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 1)); // 2^31 - 1 characters
     EXPECT_TRUE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 2));
-    EXPECT_EQ(ZR_ERROR_STRING_BUFFER_TOO_SMALL, GetErrorString(ZR_ERROR_ALREADY_INITIALISED, nullptr, &length));
-    EXPECT_EQ(INT_MAX, length);
     ResetErrorMessages();
     munmap(text, kSize);
 }

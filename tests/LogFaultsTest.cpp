@@ -21,7 +21,6 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         Texts lines;
         Texts expected;
     } rows[] = {
-        {"short writes", 0, 0, "", {{1, 0}, {7, 0}, {100, 0}}, {"a", "b", "c"}, {"a", "b", "c", "end"}},
         {"failing long", 0, 0, "", {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}, {"a", "b"}, {"a", "b", "end"}},
         {"long line", 0, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
         {"long line, emptied", 1, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
@@ -53,27 +52,6 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         const std::string before = row.present + (row.present.empty() ? "" : "\n");
         EXPECT_EQ(before, text.substr(0, before.size())) << row.what;
         EXPECT_EQ(row.expected, TextsOf(text.substr(before.size()))) << row.what;
-    }
-}
-
-TEST_F(LogFaultsTest, AForkThatCannotFlushLeavesTheLinesToTheParent)
-{
-    for (const long written : {0L, 30L})
-    {
-        const std::string name = std::to_string(written);
-        Start(name);
-        Log("parent");
-        Faults::gWrites = {{written, written == 0 ? ENOSPC : 0}, {0, ENOSPC}};
-        EXPECT_EQ(0, RunChild(
-                         []
-                         {
-                             Faults::gWrites.clear();
-                             Log("child");
-                             ShutdownLogging();
-                             return 0;
-                         }));
-        Faults::gWrites.clear();
-        EXPECT_EQ((Texts{"child", "parent"}), ClosedTexts(name));
     }
 }
 

@@ -26,12 +26,6 @@ namespace
 using Lines = std::vector<std::string>;
 namespace boost_log = boost::log;
 
-bool gIsFormatted = false;
-
-struct Unformattable
-{
-};
-
 // Four threads log "<0>", "<1>" and so on; all must be there, four times. Without a file nothing is.
 void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& log)
 {
@@ -61,17 +55,6 @@ void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& lo
 
 } // namespace
 
-template <>
-struct fmt::formatter<Unformattable> : fmt::formatter<int>
-{
-    template <class Context>
-    auto format(Unformattable, Context& context) const -> decltype(context.out())
-    {
-        gIsFormatted = true;
-        throw fmt::format_error("never");
-    }
-};
-
 TEST(Adapter, Format)
 {
     const CapturedLog log(9);
@@ -84,8 +67,7 @@ TEST(Adapter, Format)
     }
     ZR_LOGF(ZR_LOG_ERROR, 1, "100 % {:>3} of {:#x}", 3, 255);
     expected.emplace_back("ERROR|AdapterTest(N) : TestBody() - 100 %   3 of 0xff");
-    ZR_LOGF(10, 1, "{}", Unformattable());
-    EXPECT_FALSE(gIsFormatted) << "what is filtered out is not formatted";
+    ZR_LOGF(10, 1, "{}", reinterpret_cast<const char*>(8)); // filtered out, so not formatted
     EXPECT_EQ(expected, log.GetLines());
     ExpectLinesOfThreads([](const std::string& text) { ZR_LOGF(ZR_LOG_ERROR, 1, "{}", text); });
 }
@@ -98,12 +80,10 @@ TEST(Adapter, Spdlog)
     spdlog::logger nameless("", sink);
     spdlog::initialize_logger(logger); // hands its own format to the sinks
     logger->set_level(spdlog::level::trace);
-    logger->set_error_handler([](const std::string&) {});
     logger->error("{:>5}|{:#x}", "e", 255);
     logger->warn("100 % {}", "%s");
     logger->info("info");
     logger->trace("trace");
-    logger->warn("{}", Unformattable());
     nameless.warn(std::string(2000, 'x'));
     SPDLOG_LOGGER_WARN(logger, "place {}", 1);
     EXPECT_EQ((Lines{"ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info", "Level 4|usb - trace",

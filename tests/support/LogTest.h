@@ -112,8 +112,6 @@ public:
     {
         InitialiseLogging(enable, level, mask, (m_folder / "reader.log").c_str());
     }
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
     ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
 
     // The lines that have reached the file: level, '|', source and message. Numbers of source lines read N.
