@@ -118,11 +118,12 @@ TEST_F(Raise, CutsLongTextsBetweenCharacters)
         {std::string(600, '\xA4'), 511}, // Latin-1
         {std::string(510, 'x') + "\xE9y", 511},
     };
-    for (const auto& [text, keptLength] : keptLengths)
+    for (const auto& row : keptLengths)
     {
+        const std::string& text = row.first;
         SetErrorMessage(ZR_ERROR_NOT_INITIALISED, "%s");
         const auto error = CatchError([&] { RaiseError(ZR_ERROR_NOT_INITIALISED, text.c_str(), text.c_str()); });
-        const std::string expected = text.substr(0, keptLength) + std::string(512 - keptLength, '\0');
+        const std::string expected = text.substr(0, row.second) + std::string(512 - row.second, '\0');
         EXPECT_EQ(expected, std::string(error->GetErrorString(), 512));
         EXPECT_EQ(expected, std::string(error->GetLocationString(), 512));
     }

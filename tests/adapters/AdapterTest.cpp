@@ -26,7 +26,7 @@ namespace
 using Lines = std::vector<std::string>;
 namespace boost_log = boost::log;
 
-// Four threads log "<0>", "<1>" and so on; all must be there, four times. Without a file nothing is.
+// Four threads log "#0", "#1" and so on; all must be there, four times. Without a file nothing is.
 void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& log)
 {
     constexpr int kLines = 25000;
@@ -37,7 +37,7 @@ void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& lo
     {
         for (int line = 0; line < kLines; ++line)
         {
-            log("<" + std::to_string(line) + ">");
+            log("#" + std::to_string(line));
         }
     };
     {
@@ -48,7 +48,7 @@ void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& lo
     std::vector<int> counts(kLines);
     for (const LogLine& line : ParseLog(ReadFile(GetLogFilename())))
     {
-        ++counts.at(std::stoul(line.m_text.substr(line.m_text.find('<') + 1)));
+        ++counts.at(std::stoul(line.m_text.substr(line.m_text.find('#') + 1)));
     }
     EXPECT_EQ(std::vector<int>(kLines, 4), counts);
 }
