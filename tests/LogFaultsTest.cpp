@@ -21,6 +21,7 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         Texts lines;
         Texts expected;
     } rows[] = {
+        {"failing", 0, 0, "", {{0, EIO}, {30, 0}, {0, ENOSPC}, {1, 0}, {0, EAGAIN}}, {"a", "b"}, {"a", "b", "end"}},
         {"failing long", 0, 0, "", {{10, 0}, {0, ENOSPC}, {0, ENOSPC}, {55, 0}, {0, EDQUOT}}, {"a", "b"}, {"a", "b", "end"}},
         {"long line", 0, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
         {"long line, emptied", 1, 100, "", {{100000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {longText}, {"end"}},
@@ -53,6 +54,20 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         EXPECT_EQ(before, text.substr(0, before.size())) << row.what;
         EXPECT_EQ(row.expected, TextsOf(text.substr(before.size()))) << row.what;
     }
+}
+
+TEST_F(LogFaultsTest, StaysInAFullFileUntilItsLinesAreWritten)
+{
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 2000);
+    Faults::gDiskSpace = 1500;
+    for (int i = 0; i < 100; ++i)
+    {
+        Log("line");
+    }
+    Faults::gDiskSpace = -1;
+    Log("room again");
+    EXPECT_EQ(Texts(100, "line"), TextsOf(OnDisk("app.1.log")));
+    EXPECT_EQ(Texts{"room again"}, ClosedTexts("app.2.log"));
 }
 
 TEST_F(LogFaultsTest, OpensAsSoonAsItCan)
