@@ -28,18 +28,17 @@ void ThrowStructured()
 
 const struct Row
 {
-    const char* what;
     void (*raise)();
     ZelvoReaderErrorCode code;
     const char* text;
 } kRows[] = {
-    {"nothing", [] {}, ZR_ERROR_NONE, "none"},
-    {"own", RaiseNotFound, ZR_ERROR_FILE_NOT_FOUND, "The file a.txt does not exist"},
-    {"no object", [] { throw static_cast<HalvikException*>(nullptr); }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
-    {"structured", ThrowStructured, ZR_ERROR_SYSTEM, "Segmentation fault"},
-    {"memory", [] { throw std::bad_alloc(); }, ZR_ERROR_MEMORY_ALLOCATION, "std::bad_alloc"},
-    {"standard", [] { throw std::logic_error("odd"); }, ZR_ERROR_UNKNOWN, "odd"},
-    {"other", [] { throw 1; }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
+    {[] {}, ZR_ERROR_NONE, "none"},
+    {RaiseNotFound, ZR_ERROR_FILE_NOT_FOUND, "The file a.txt does not exist"},
+    {[] { throw static_cast<HalvikException*>(nullptr); }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
+    {ThrowStructured, ZR_ERROR_SYSTEM, "Segmentation fault"},
+    {[] { throw std::bad_alloc(); }, ZR_ERROR_MEMORY_ALLOCATION, "std::bad_alloc"},
+    {[] { throw std::logic_error("odd"); }, ZR_ERROR_UNKNOWN, "odd"},
+    {[] { throw 1; }, ZR_ERROR_UNKNOWN, "An unknown error occurred"},
 };
 
 class Boundary : public testing::Test
@@ -61,12 +60,11 @@ TEST_F(Boundary, GivesCodeAndTextOfEachKindAndReportsOnce)
     {
         m_reported = 0;
         testing::internal::CaptureStdout(); // the dumps of the structured one
-        EXPECT_EQ(AtBoundary("A - ", row.raise), row.code) << row.what;
         const auto inner = [&]
         {
             AtInnerBoundary("C - ", [&] { AtInnerBoundary("D - ", row.raise); });
         };
-        EXPECT_EQ(AtBoundary("B - ", inner), row.code) << row.what;
+        EXPECT_EQ(AtBoundary("B - ", inner), row.code) << row.text;
         std::string text = "0none";
         const auto keepText = [&](ZelvoReaderErrorCode code, const char* message)
         {
@@ -74,7 +72,7 @@ TEST_F(Boundary, GivesCodeAndTextOfEachKindAndReportsOnce)
         };
         AtBoundaryOr("E - ", keepText, row.raise);
         EXPECT_EQ(text, std::to_string(row.code) + row.text);
-        EXPECT_EQ(m_reported, row.code != ZR_ERROR_NONE ? 3 : 0) << row.what;
+        EXPECT_EQ(m_reported, row.code != ZR_ERROR_NONE ? 2 : 0) << row.text;
         testing::internal::GetCapturedStdout();
     }
 }
@@ -84,29 +82,19 @@ TEST_F(Boundary, TakesValuesAndFunctionsForErrors)
     int target = 5;
     EXPECT_EQ(AtBoundaryOr("B - ", -1, [] { return 7; }), 7);
     EXPECT_EQ(AtBoundaryOr("B - ", -1, []() -> int { throw 1; }), -1);
-    EXPECT_EQ(AtBoundaryOr("B - ", nullptr, [&]() -> int* { throw 1; }), nullptr);
     EXPECT_EQ(&AtBoundaryOr("B - ", std::ref(target), [&]() -> int& { throw 1; }), &target);
     EXPECT_EQ(AtBoundaryOr(
                   "B - ", [](ZelvoReaderErrorCode code) { return -code; }, []() -> int { throw 1; }),
               -1);
     EXPECT_EQ(AtInnerBoundary("B - ", [] { return 8; }), 8);
-    EXPECT_THROW(AtBoundaryOr(
-                     "B - ", [](ZelvoReaderErrorCode) -> int { throw 2L; }, []() -> int { throw 1; }),
-                 long);
 }
 
 TEST_F(Boundary, ContainsWhatTheHandlingThrows)
 {
-    for (const ZelvoReaderErrorCallback callback : {+[](ZelvoReaderErrorCode, char*, void*) { throw 1; },
-                                                    +[](ZelvoReaderErrorCode, char*, void*)
-                                                    {
-                                                        RaiseNotFound();
-                                                    }})
-    {
-        ExceptionHandler::SetErrorCallback(callback, nullptr);
-        EXPECT_EQ(AtBoundary("B - ", RaiseNotFound), ZR_ERROR_IN_EXCEPTION_HANDLER);
-        EXPECT_EQ(AtBoundary("B - ", [] { throw 1; }), ZR_ERROR_IN_EXCEPTION_HANDLER);
-    }
+    ExceptionHandler::SetErrorCallback([](auto, auto, auto) { throw 1; }, nullptr);
+    EXPECT_EQ(AtBoundary("B - ", RaiseNotFound), ZR_ERROR_IN_EXCEPTION_HANDLER);
+    ExceptionHandler::SetErrorCallback([](auto, auto, auto) { RaiseNotFound(); }, nullptr);
+    EXPECT_EQ(AtBoundary("B - ", [] { throw 1; }), ZR_ERROR_IN_EXCEPTION_HANDLER);
 }
 
 TEST_F(Boundary, LetsAThreadBeCancelled)

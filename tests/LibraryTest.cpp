@@ -3,36 +3,20 @@
 #include "support/LogTest.h"
 
 #include <dlfcn.h>
+#include <tuple>
 
 namespace
 {
 
 bool gHostIsCalled = false;
 
-class Library
+template <class Function>
+Function* Find(void* library, const char* name)
 {
-public:
-    Library() : m_handle(dlopen(ERRORHANDLERDLL_PATH, RTLD_LAZY | RTLD_GLOBAL))
-    {
-        EXPECT_NE(nullptr, m_handle) << dlerror();
-    }
-    ~Library() { dlclose(m_handle); }
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-
-    template <class Function>
-    Function* Find(const char* name) const
-    {
-        return reinterpret_cast<Function*>(dlsym(m_handle, name));
-    }
-
-private:
-    void* m_handle;
-};
+    return reinterpret_cast<Function*>(dlsym(library, name));
+}
 
 } // namespace
-
-#define CALL(library, function) library.Find<decltype(function)>(#function)
 
 // A host's function of the same name as one of the library, which must not call it in place of its own.
 extern "C" bool LogMessage(int, unsigned int, const char*, const char*)
@@ -41,40 +25,28 @@ extern "C" bool LogMessage(int, unsigned int, const char*, const char*)
     return false;
 }
 
-TEST(Library, StartsWithTheDefaults)
-{
-    const Library library;
-    LoggingSettings settings = {9, 9, 9, LOGGING_STRATEGY_OVERWRITE, 9, 9};
-    CALL(library, GetLoggingOptions)(&settings);
-    EXPECT_EQ(0, settings.logLevel);
-    EXPECT_EQ(0xFFFFFFFFu, settings.logMask);
-    EXPECT_EQ(100u, settings.flushInterval);
-    EXPECT_EQ(LOGGING_STRATEGY_APPEND, settings.strategy);
-    EXPECT_EQ(0u, settings.maxFileSize);
-    EXPECT_EQ(0u, settings.reserved);
-    EXPECT_STREQ("ZelvoReader.log", CALL(library, GetLogFilename)());
-    EXPECT_TRUE(CALL(library, LogMessage)(0, ~0u, "", "dropped"));
-    EXPECT_FALSE(std::filesystem::exists("ZelvoReader.log"));
-}
+#define CALL(function) Find<decltype(function)>(library, #function)
 
-TEST(Library, UnloadsForGoodAndKeepsTheLogOfItsOwnFunctions)
+TEST(Library, StartsWithTheDefaultsCallsItselfAndUnloadsForGood)
 {
     const TemporaryFolder folder;
-    for (const ZelvoReaderLoggingStrategy strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
-    {
-        const std::string name = folder / (strategy == LOGGING_STRATEGY_APPEND ? "app.log" : "app.1.log");
-        {
-            const Library library;
-            LoggingSettings settings = {0, 0, 100, strategy, 1000, 0};
-            CALL(library, SetLoggingOptions)(&settings);
-            CALL(library, InitialiseLogging)(true, 3, 1, (folder / "app.log").c_str());
-            CALL(library, LogWarning)(0, "Main - ", "text");
-            EXPECT_EQ("", ReadFile(name));
-        }
-        EXPECT_FALSE(gHostIsCalled);
-        EXPECT_EQ(nullptr, dlopen(ERRORHANDLERDLL_PATH, RTLD_NOW | RTLD_NOLOAD));
-        ASSERT_EQ(1u, ParseLog(ReadFile(name)).size());
-        EXPECT_EQ("Main - An unknown warning occured - text", ParseLog(ReadFile(name))[0].m_text);
-        EXPECT_EQ(0, RunChild([] { return 0; })) << "a fork runs handlers that are gone";
-    }
+    void* const library = dlopen(ERRORHANDLERDLL_PATH, RTLD_LAZY | RTLD_GLOBAL);
+    ASSERT_NE(nullptr, library) << dlerror();
+    LoggingSettings settings = {9, 9, 9, LOGGING_STRATEGY_OVERWRITE, 9, 9};
+    CALL(GetLoggingOptions)(&settings);
+    EXPECT_EQ(std::tuple(0, 0xFFFFFFFFu, 100u, LOGGING_STRATEGY_APPEND, 0u, 0u),
+              std::tuple(settings.logLevel, settings.logMask, settings.flushInterval, settings.strategy,
+                         settings.maxFileSize, settings.reserved));
+    EXPECT_STREQ("ZelvoReader.log", CALL(GetLogFilename)());
+    EXPECT_TRUE(CALL(LogMessage)(0, ~0u, "", "dropped"));
+    EXPECT_FALSE(std::filesystem::exists("ZelvoReader.log"));
+
+    CALL(InitialiseLogging)(true, 3, 1, (folder / "app.log").c_str());
+    CALL(LogWarning)(0, "Main - ", "text");
+    EXPECT_FALSE(gHostIsCalled);
+    EXPECT_EQ("", ReadFile(folder / "app.log"));
+    dlclose(library);
+    EXPECT_EQ(nullptr, dlopen(ERRORHANDLERDLL_PATH, RTLD_NOW | RTLD_NOLOAD));
+    EXPECT_EQ("Main - An unknown warning occured - text", ParseLog(ReadFile(folder / "app.log")).at(0).m_text);
+    EXPECT_EQ(0, RunChild([] { return 0; })) << "a fork runs handlers that are gone";
 }

@@ -1,14 +1,8 @@
 /* Log.h in C, for LogHeaderTest.cpp. */
 #include "ErrorHandlerDll/Log.h"
 
-const char* HereInC(void);
 int LogTwiceInC(int argument);
 int LogOnceAndEveryThirdInC(int calls);
-
-const char* HereInC(void)
-{
-    return ZR_HERE;
-}
 
 int LogTwiceInC(int argument)
 {

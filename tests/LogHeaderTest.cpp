@@ -8,7 +8,6 @@
 extern "C"
 {
     // LogHeader.c
-    const char* HereInC(void);
     int LogTwiceInC(int argument);
     int LogOnceAndEveryThirdInC(int calls);
 }
@@ -25,18 +24,13 @@ namespace Places
 {
 
 const char* const kAtNamespaceScope = ZR_HERE;
-const char* gInDestructor;
 
 struct Class
 {
-    Class() : m_inConstructor(ZR_HERE) {}
-    ~Class() { gInDestructor = ZR_HERE; }
     const char* operator()(int) const& noexcept { return ZR_HERE; }
     const char* operator<(int) { return ZR_HERE; }
-    const char* operator->*(int) { return ZR_HERE; }
-    operator std::vector<const char*>() const { return {ZR_HERE}; }
+    explicit operator std::string() const { return ZR_HERE; }
 
-    const char* m_inConstructor;
     const char* m_inMember = ZR_HERE;
 };
 
@@ -50,22 +44,21 @@ struct Template
     }
 };
 
-auto Trailing(const std::vector<int>& numbers) -> const char* (*)[2]
+auto Trailing(const std::vector<int>&) -> const char* (*)[1]
 {
-    static const char* gHere[2] = {ZR_HERE, numbers.empty() ? "empty" : ""};
+    static const char* gHere[] = {ZR_HERE};
     return &gHere;
 }
 
 const char* InLambdas()
 {
-    const auto outer = [](auto value)
+    return [](auto)
     {
-        return [&value]
+        return []
         {
-            return value > 0 ? ZR_HERE : nullptr;
+            return ZR_HERE;
         }();
-    };
-    return outer(1);
+    }(1);
 }
 
 } // namespace Places
@@ -73,16 +66,9 @@ const char* InLambdas()
 namespace
 {
 
-std::string WithoutNumber(const std::string& here)
-{
-    return std::regex_replace(here, std::regex(R"(\(\d+\))"), "(N)");
-}
-
 TEST(Here, NamesUnitAndFunction)
 {
     Places::Class object;
-    const std::vector<const char*> fromConversion = object;
-    static_cast<void>(Places::Class());
     const struct
     {
         const char* here;
@@ -90,25 +76,20 @@ TEST(Here, NamesUnitAndFunction)
     } kRows[] = {
         {ZR_HERE, "TestBody"},
         {Places::kAtNamespaceScope, "Places"},
-        {object.m_inConstructor, "Class"},
         {object.m_inMember, "Class"},
         {object(1), "operator()"},
         {object < 1, "operator<"},
-        {object->*1, "operator->*"},
-        {Places::gInDestructor, "~Class"},
         {Places::Template<'('>::Run(1, std::string()), "Run"},
-        {Places::Template<'>'>::Run([] {}), "Run"},
         {Places::Template<'\''>::Run(), "Run"},
         {(*Places::Trailing({}))[0], "Trailing"},
         {Places::InLambdas(), "InLambdas"},
     };
     for (const auto& row : kRows)
     {
-        EXPECT_EQ(WithoutNumber(row.here), "LogHeaderTest(N) : " + std::string(row.function) + "() - ");
+        const std::string here = std::regex_replace(row.here, std::regex(R"(\(\d+\))"), "(N)");
+        EXPECT_EQ(here, "LogHeaderTest(N) : " + std::string(row.function) + "() - ");
     }
-    EXPECT_EQ(WithoutNumber(fromConversion[0]).substr(0, 28), "LogHeaderTest(N) : operator ");
-    EXPECT_EQ(WithoutNumber(HereInC()), "LogHeader(N) : HereInC() - ");
-    EXPECT_EQ(HereInC(), HereInC());
+    EXPECT_TRUE(std::string(object).find(") : operator ") < 30); // compilers write the type in ways of their own
     constexpr const char* kHere = ZR_HERE;
     EXPECT_EQ("LogHeaderTest(" + std::to_string(__LINE__ - 1) + ") : TestBody() - ", kHere);
 }
@@ -132,7 +113,7 @@ TEST(LogHeader, WritesLists)
     const std::string longest(70000, 'x');
     const std::string error = "|No such file or directory";
     std::vector<std::string> expected;
-    for (const std::size_t length : {std::size_t{0}, 1023 - error.size(), 1024 - error.size(), std::size_t{70000}})
+    for (const std::size_t length : {1023 - error.size(), 1024 - error.size(), std::size_t{70000}})
     {
         errno = ENOENT;
         EXPECT_TRUE(LogV(ZR_LOG_ERROR, "%.*s|%m", static_cast<int>(length), longest.c_str()));
@@ -140,8 +121,6 @@ TEST(LogHeader, WritesLists)
         expected.insert(expected.end(), 2, "ERROR|V - " + longest.substr(0, length) + error);
     }
     EXPECT_TRUE(LogV(ZR_LOG_DEBUG_LOW, "%s", reinterpret_cast<const char*>(8))); // filtered out, so not formatted
-    EXPECT_TRUE(LogV(ZR_LOG_ERROR, nullptr));
-    expected.insert(expected.end(), 2, "ERROR|V - ");
     EXPECT_EQ(log.GetLines(), expected);
 }
 
@@ -149,19 +128,14 @@ TEST(LogHeader, MacrosEvaluateOnceAndAreExpressions)
 {
     const CapturedLog log;
     int evaluated = 0;
-    if (evaluated == 0)
-        EXPECT_TRUE(ZR_LOG(++evaluated, 1, "%d", 1));
-    else
-        ZR_LOG(ZR_LOG_ERROR, 1, "not this one");
+    EXPECT_TRUE(ZR_LOG(++evaluated, 1, "%d", 1));
     EXPECT_TRUE(ZR_LOG(1, static_cast<unsigned int>(++evaluated), "%d", 2));
     EXPECT_TRUE(ZR_LOG(ZR_LOG_DEBUG_HIGH + 1, 1, "filtered out at run time: %d", ++evaluated));
     EXPECT_EQ(evaluated, 3);
     EXPECT_EQ(LogTwiceInC(7), 1);
-    std::vector<std::string> lines = log.GetLines();
-    std::transform(lines.begin(), lines.end(), lines.begin(), WithoutNumber);
     const std::string here = "WARNING|LogHeaderTest(N) : TestBody() - ";
-    EXPECT_EQ(lines, (std::vector<std::string>{here + "1", here + "2", "ERROR|LogHeader(N) : LogTwiceInC() - plain",
-                                               "ERROR|LogHeader(N) : LogTwiceInC() - 7"}));
+    EXPECT_EQ(log.GetLines(), (std::vector<std::string>{here + "1", here + "2", "ERROR|LogHeader(N) : LogTwiceInC() - plain",
+                                                        "ERROR|LogHeader(N) : LogTwiceInC() - 7"}));
 }
 
 TEST(LogHeader, CountsOverAllThreads)
@@ -192,18 +166,16 @@ TEST(LogHeader, LogsTextsAndMemoryOfAnyKind)
     const std::string text = "cut here, not there";
     const std::vector<std::uint16_t> words = {0x4241, 0x4443};
     Log(ZR_LOG_ERROR, 1, "S - ", {text.data(), 8});
-    Log(ZR_LOG_ERROR, 1, "S - ", text);
     Log(ZR_LOG_ERROR, 1, "S - ", "100 %s");
     Log(ZR_LOG_ERROR, 1, "S - ", std::string_view());
     LogHex(ZR_LOG_ERROR, 1, "", "", words);
-    LogHex(ZR_LOG_ERROR, 1, "", "", std::array<char, 2>{'A', 'B'});
     LogHex(ZR_LOG_ERROR, 1, "", "", words.data(), 3);
     LogHex(ZR_LOG_ERROR, 1, "", "", "AB");
-    LogHex(ZR_LOG_ERROR, 1, "", "", std::vector<int>());
+    LogHex(ZR_LOG_ERROR, 1, "", "", std::array<int, 0>());
     ShutdownLogging();
     const std::string file = std::regex_replace(ReadFile(GetLogFilename()), std::regex(".*\\] - | +: .*"), "");
-    EXPECT_EQ(file, "S - cut here\nS - cut here, not there\nS - 100 %s\nS - \n"
-                    "\n41 42 43 44\n\n41 42\n\n41 42 43\n\n41 42 00\n\n\n");
+    EXPECT_EQ(file, "S - cut here\nS - 100 %s\nS - \n"
+                    "\n41 42 43 44\n\n41 42 43\n\n41 42 00\n\n\n");
 }
 
 void Traced(int depth)
@@ -221,14 +193,15 @@ TEST(LogHeader, TracesScopes)
 {
     const CapturedLog log(5, 0x20);
     Traced(1);
-    const std::string here = "Level 5|LogHeaderTest(N) : Traced() - ";
     std::string trace;
     for (const std::string& line : log.GetLines())
     {
-        EXPECT_EQ(here, WithoutNumber(line).substr(0, here.size()));
-        trace += WithoutNumber(line).substr(here.size());
+        trace += line.substr(line.find("LogHeaderTest"));
     }
-    EXPECT_EQ(trace, "[Entering][Entering][Entering][Exiting][Exiting]"); // the innermost is left by the exception
+    const std::string here = "LogHeaderTest(N) : Traced() - ";
+    const std::string entering = here + "[Entering]";
+    const std::string exiting = here + "[Exiting]";
+    EXPECT_EQ(trace, entering + entering + entering + exiting + exiting); // the innermost is left by the exception
 }
 
 } // namespace

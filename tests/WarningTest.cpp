@@ -3,39 +3,24 @@
 
 #include <stdexcept>
 
-namespace
-{
-
 using Lines = std::vector<std::string>;
 
-struct Warning : testing::Test
+TEST(Warning, IsLoggedWholeThenReportedWhateverTheLogFilters)
 {
-    Warning() { SetWarningCallback(Record, &m_reported); }
-    ~Warning() override { SetWarningCallback(nullptr, nullptr); }
-
     // Logs as well: the order of the lines shows that the warning was logged before.
-    static void Record(std::uint32_t code, char* text, void* param)
+    const auto record = [](std::uint32_t code, char* text, void* param)
     {
         static_cast<Lines*>(param)->push_back(std::to_string(code) + "|" + text);
         LogMessage(ZR_LOG_WARNING, 1, "", "callback");
-    }
-
-    Lines m_reported;
-};
-
-} // namespace
-
-TEST_F(Warning, IsLoggedWholeThenReported)
-{
+    };
+    Lines reported;
     const CapturedLog log;
     const std::string longText(5000, 'x');
+    SetWarningCallback(record, &reported);
     LogWarning(1, "Feeder - ", 42);
     LogWarning(0, nullptr, longText.c_str());
     LogWarning(2, "Feeder - "); // the first that is none
-    EXPECT_EQ(
-        (Lines{"1|Ossel arm timeout failure - 42", "0|An unknown warning occured - " + longText, "2|Invalid warning code"}),
-        m_reported);
-    SetWarningCallback(nullptr, &m_reported);
+    SetWarningCallback(nullptr, &reported);
     LogWarning(1, "", 3);
     SetWarningCallback([](std::uint32_t, char*, void*) { throw std::runtime_error("no"); }, nullptr);
     EXPECT_THROW(LogWarning(1, "", 4), std::runtime_error);
@@ -44,15 +29,11 @@ TEST_F(Warning, IsLoggedWholeThenReported)
                      "WARNING|Feeder - Invalid warning code", "WARNING|callback", "WARNING|Ossel arm timeout failure - 3",
                      "WARNING|Ossel arm timeout failure - 4"}),
               log.GetLines());
-    EXPECT_EQ(3u, m_reported.size());
-}
-
-TEST_F(Warning, IsReportedWhateverTheLogFilters)
-{
-    const CapturedLog log(ZR_LOG_ERROR);
-    LogWarning(1, "", 1);
-    EXPECT_EQ(Lines{}, log.GetLines());
     InitialiseLogging(false, ZR_LOG_WARNING, 1, "");
+    SetWarningCallback(record, &reported);
     LogWarning(1, "", 2);
-    EXPECT_EQ((Lines{"1|Ossel arm timeout failure - 1", "1|Ossel arm timeout failure - 2"}), m_reported);
+    SetWarningCallback(nullptr, nullptr);
+    EXPECT_EQ((Lines{"1|Ossel arm timeout failure - 42", "0|An unknown warning occured - " + longText,
+                     "2|Invalid warning code", "1|Ossel arm timeout failure - 2"}),
+              reported);
 }

@@ -6,7 +6,6 @@
 #include <ErrorHandlerDll/adapters/Libusb.h>
 #include <ErrorHandlerDll/adapters/Spdlog.h>
 
-#include <algorithm>
 #include <boost/log/core.hpp>
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
@@ -17,7 +16,6 @@
 #include <boost/log/trivial.hpp>
 #include <boost/make_shared.hpp>
 #include <functional>
-#include <map>
 #include <spdlog/spdlog.h>
 #include <sys/prctl.h>
 #include <thread>
@@ -28,74 +26,40 @@ namespace
 using Lines = std::vector<std::string>;
 namespace boost_log = boost::log;
 
-bool gIsFormatted = false;
-
-struct Unformattable
-{
-};
-
-// What has been logged, with N for the numbers of source lines.
-Lines LinesOf(const CapturedLog& log)
-{
-    Lines lines = log.GetLines();
-    for (std::string& line : lines)
-    {
-        line = std::regex_replace(line, std::regex(R"(AdapterTest\(\d+)"), "AdapterTest(N");
-    }
-    return lines;
-}
-
-// Every thread logs "thread 1 line 0" and so on; all must be there, in the order of their thread. Without a file nothing is.
+// Four threads log "#0", "#1" and so on; all must be there, four times. Without a file nothing is.
 void ExpectLinesOfThreads(const std::function<void(const std::string& text)>& log)
 {
     constexpr int kLines = 25000;
     InitialiseLogging(true, 9, ZR_LOG_ALL_CATEGORIES, "/nowhere/adapter.log");
     log("lost");
     const CapturedLog captured(9);
-    const auto logLines = [&log](int thread)
+    const auto logLines = [&log]
     {
         for (int line = 0; line < kLines; ++line)
         {
-            log("thread " + std::to_string(thread) + " line " + std::to_string(line));
+            log("#" + std::to_string(line));
         }
     };
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread)
     {
-        threads.emplace_back(logLines, thread);
+        const std::jthread threads[] = {std::jthread(logLines), std::jthread(logLines), std::jthread(logLines),
+                                        std::jthread(logLines)};
     }
-    threads.clear();
     ShutdownLogging();
-    std::map<int, int> next;
+    std::vector<int> counts(kLines);
     for (const LogLine& line : ParseLog(ReadFile(GetLogFilename())))
     {
-        int thread = -1;
-        int number = -1;
-        const std::size_t at = std::min(line.m_text.find("thread "), line.m_text.size());
-        EXPECT_EQ(2, std::sscanf(line.m_text.c_str() + at, "thread %d line %d", &thread, &number)) << line.m_text;
-        EXPECT_EQ(next[thread]++, number);
+        ++counts.at(std::stoul(line.m_text.substr(line.m_text.find('#') + 1)));
     }
-    EXPECT_EQ((std::map<int, int>{{0, kLines}, {1, kLines}, {2, kLines}, {3, kLines}}), next);
+    EXPECT_EQ(std::vector<int>(kLines, 4), counts);
 }
 
 } // namespace
-
-template <>
-struct fmt::formatter<Unformattable> : fmt::formatter<int>
-{
-    template <class Context>
-    auto format(Unformattable, Context& context) const -> decltype(context.out())
-    {
-        gIsFormatted = true;
-        throw fmt::format_error("never");
-    }
-};
 
 TEST(Adapter, Format)
 {
     const CapturedLog log(9);
     Lines expected;
-    for (const std::size_t length : {0U, 1010U, 1023U, 1024U, 70000U})
+    for (const std::size_t length : {0U, 1023U, 1024U, 70000U})
     {
         const std::string text(length, 'x');
         EXPECT_TRUE(ZR_LOGF(ZR_LOG_WARNING, 1, "{}", text));
@@ -103,9 +67,8 @@ TEST(Adapter, Format)
     }
     ZR_LOGF(ZR_LOG_ERROR, 1, "100 % {:>3} of {:#x}", 3, 255);
     expected.emplace_back("ERROR|AdapterTest(N) : TestBody() - 100 %   3 of 0xff");
-    ZR_LOGF(10, 1, "{}", Unformattable());
-    EXPECT_FALSE(gIsFormatted) << "what is filtered out is not formatted";
-    EXPECT_EQ(expected, LinesOf(log));
+    ZR_LOGF(10, 1, "{}", reinterpret_cast<const char*>(8)); // filtered out, so not formatted
+    EXPECT_EQ(expected, log.GetLines());
     ExpectLinesOfThreads([](const std::string& text) { ZR_LOGF(ZR_LOG_ERROR, 1, "{}", text); });
 }
 
@@ -117,21 +80,15 @@ TEST(Adapter, Spdlog)
     spdlog::logger nameless("", sink);
     spdlog::initialize_logger(logger); // hands its own format to the sinks
     logger->set_level(spdlog::level::trace);
-    logger->set_error_handler([](const std::string&) {});
-    logger->critical("critical");
     logger->error("{:>5}|{:#x}", "e", 255);
     logger->warn("100 % {}", "%s");
     logger->info("info");
-    logger->debug("debug");
     logger->trace("trace");
-    logger->warn("{}", Unformattable());
-    nameless.warn("nameless");
     nameless.warn(std::string(2000, 'x'));
     SPDLOG_LOGGER_WARN(logger, "place {}", 1);
-    EXPECT_EQ((Lines{"ERROR|usb - critical", "ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info",
-                     "DEBUG_HIGH|usb - debug", "Level 4|usb - trace", "WARNING|nameless",
+    EXPECT_EQ((Lines{"ERROR|usb -     e|0xff", "WARNING|usb - 100 % %s", "DEBUG_LOW|usb - info", "Level 4|usb - trace",
                      "WARNING|" + std::string(2000, 'x'), "WARNING|AdapterTest(N) : TestBody() - place 1"}),
-              LinesOf(log));
+              log.GetLines());
     for (const auto strategy : {LOGGING_STRATEGY_OVERWRITE, LOGGING_STRATEGY_APPEND}) // a flush must not empty the file
     {
         const CapturedLog flushed(9);
@@ -141,14 +98,14 @@ TEST(Adapter, Spdlog)
         logger->flush();
         EXPECT_TRUE(strategy == LOGGING_STRATEGY_OVERWRITE || !flushed.GetFlushedLines().empty());
         logger->warn("after the flush");
-        EXPECT_EQ((Lines{"WARNING|usb - before the flush", "WARNING|usb - after the flush"}), LinesOf(flushed));
+        EXPECT_EQ((Lines{"WARNING|usb - before the flush", "WARNING|usb - after the flush"}), flushed.GetLines());
     }
     ExpectLinesOfThreads([&](const std::string& text) { logger->warn(text); });
     sink->set_pattern("[%L] %v %%");
     ExpectLinesOfThreads([&](const std::string& text) { logger->warn(text); });
     const CapturedLog withPattern;
     logger->warn("pattern");
-    EXPECT_EQ(Lines{"WARNING|usb - [W] pattern %"}, LinesOf(withPattern));
+    EXPECT_EQ(Lines{"WARNING|usb - [W] pattern %"}, withPattern.GetLines());
 }
 
 TEST(Adapter, Glog)
@@ -160,7 +117,6 @@ TEST(Adapter, Glog)
     google::AddLogSink(&sink);
     LOG_TO_SINK_BUT_NOT_TO_LOGFILE(&sink, INFO) << "sink alone";
     LOG(ERROR) << "100 % " << 1;
-    LOG(WARNING) << "";
     const pid_t child = fork();
     if (child == 0)
     {
@@ -170,14 +126,14 @@ TEST(Adapter, Glog)
     }
     int status = 0;
     EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
-    EXPECT_EQ((Lines{"DEBUG_LOW|AdapterTest(N) - sink alone", "ERROR|AdapterTest(N) - 100 % 1", "WARNING|AdapterTest(N) - ",
-                     "ERROR|AdapterTest(N) - the end"}),
-              LinesOf(log));
+    EXPECT_EQ(
+        (Lines{"DEBUG_LOW|AdapterTest(N) - sink alone", "ERROR|AdapterTest(N) - 100 % 1", "ERROR|AdapterTest(N) - the end"}),
+        log.GetLines());
     ExpectLinesOfThreads([](const std::string& text) { LOG(WARNING) << text; });
     google::RemoveLogSink(&sink);
     const CapturedLog afterwards;
     LOG(WARNING) << "removed";
-    EXPECT_EQ(Lines{}, LinesOf(afterwards));
+    EXPECT_EQ(Lines{}, afterwards.GetLines());
 }
 
 TEST(Adapter, BoostLog)
@@ -188,20 +144,18 @@ TEST(Adapter, BoostLog)
     boost_log::core::get()->add_sink(sink);
     boost_log::sources::severity_channel_logger_mt<int, std::string> channel(boost_log::keywords::channel = "usb");
     boost_log::sources::logger_mt plain;
-    BOOST_LOG_TRIVIAL(fatal) << "fatal";
     BOOST_LOG_TRIVIAL(error) << "100 % " << 1;
     BOOST_LOG_TRIVIAL(warning) << "warning";
     BOOST_LOG_TRIVIAL(info) << "info";
-    BOOST_LOG_TRIVIAL(debug) << "debug";
     BOOST_LOG_TRIVIAL(trace) << "trace";
     BOOST_LOG_SEV(channel, ZR_LOG_DEBUG_HIGH) << "own level";
     BOOST_LOG(plain) << "no level";
     boost_log::core::get()->flush();
     sink->set_formatter(boost_log::expressions::stream << "<" << boost_log::expressions::smessage << ">");
     BOOST_LOG_TRIVIAL(warning) << "formatter";
-    EXPECT_EQ((Lines{"ERROR|fatal", "ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "DEBUG_HIGH|debug",
-                     "Level 4|trace", "DEBUG_HIGH|usb - own level", "DEBUG_LOW|no level", "WARNING|<formatter>"}),
-              LinesOf(log));
+    EXPECT_EQ((Lines{"ERROR|100 % 1", "WARNING|warning", "DEBUG_LOW|info", "Level 4|trace", "DEBUG_HIGH|usb - own level",
+                     "DEBUG_LOW|no level", "WARNING|<formatter>"}),
+              log.GetLines());
     ExpectLinesOfThreads([](const std::string& text) { BOOST_LOG_TRIVIAL(warning) << text; });
     boost_log::core::get()->remove_all_sinks();
     boost_log::core::get()->add_sink(boost::make_shared<boost_log::sinks::unlocked_sink<BoostLogBackend>>(backend));
@@ -215,12 +169,11 @@ TEST(Adapter, Libusb)
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_WARNING, "libusb: warning [handle] a [b] c\r\n");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_INFO, "libusb: info without place");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "100 %s [x");
-    LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, "\n");
     LogLibusb<>(nullptr, LIBUSB_LOG_LEVEL_DEBUG, nullptr);
-    EXPECT_EQ((Lines{"ERROR|libusb : op_open() - no access", "WARNING|libusb : handle() - a [b] c",
-                     "DEBUG_LOW|libusb - libusb: info without place", "DEBUG_HIGH|libusb - 100 %s [x",
-                     "DEBUG_HIGH|libusb - ", "DEBUG_HIGH|libusb - "}),
-              LinesOf(log));
+    EXPECT_EQ(
+        (Lines{"ERROR|libusb : op_open() - no access", "WARNING|libusb : handle() - a [b] c",
+               "DEBUG_LOW|libusb - libusb: info without place", "DEBUG_HIGH|libusb - 100 %s [x", "DEBUG_HIGH|libusb - "}),
+        log.GetLines());
 
     // The library itself; it need not find a device.
     const CapturedLog ofLibrary(9);

@@ -23,7 +23,7 @@ void OnSignal(int signal, siginfo_t* info, void* context)
     ExceptionHandler::HandleStructuredException("RotatingHost::OnSignal - ", exception, false);
 }
 
-void LogEachForm()
+void LogEntries()
 {
     const int levels[] = {ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, 5, -1, 1234567, -1234567};
     for (const int level : levels)
@@ -38,10 +38,6 @@ void LogEachForm()
     LogMessage(ZR_LOG_ERROR, 1, "Camera(121) : Open() - ", "");
     LogMessage(ZR_LOG_WARNING, 1, "Camera(130) : Read() - ",
                "line feeds\n\n  in the message - [ThreadID: 1] - \n03/12/26 ends");
-}
-
-void LogDumps()
-{
     unsigned char bytes[2048]; // as text more than 8 kB, where some readers cut by default
     for (unsigned int i = 0; i < sizeof bytes; ++i)
     {
@@ -70,8 +66,7 @@ void ReportError()
 
 void LogEveryForm()
 {
-    LogEachForm();
-    LogDumps();
+    LogEntries();
     ReportError();
     struct sigaction action = {};
     action.sa_sigaction = OnSignal;

@@ -14,17 +14,6 @@ import sys
 LEVELS = {"ERROR": "error", "WARNING": "warning", "DEBUG_LOW": "debug", "DEBUG_HIGH": "debug2"}
 
 
-def starts_entry(line):
-    return line[2:3] == "/" and line[8:9] == " " and line[21:24] == " - "
-
-
-def level_of(field):
-    field = field.rstrip(" ")
-    if field in LEVELS:
-        return LEVELS[field]
-    return "critical" if int(field.removeprefix("Level ")) < 0 else "trace"
-
-
 def location_of(text):
     """File, line and function of a text that starts with "File(120) : Func() - ", and what follows."""
     place, separator, rest = text.partition("() - ")
@@ -41,7 +30,7 @@ def entry_of(text):
     file, line, function, body = location_of(rest)
     return {
         "log_time": f"20{year}-{month}-{day} {stamp[9:]}",
-        "log_level": level_of(level),
+        "log_level": LEVELS.get(level.rstrip()) or ("critical" if "-" in level else "trace"),
         "thread": thread.removeprefix("[ThreadID: ").removesuffix("]"),
         "file": file,
         "line": line,
@@ -56,30 +45,21 @@ def entries_in(names):
     for name in names:
         with open(name, encoding="utf-8", newline="\n") as log:
             for line in log:
-                if starts_entry(line):
+                if line[2:3] == "/" and line[8:9] == " " and line[21:24] == " - ":
                     texts.append(line)
                 else:
                     texts[-1] += line
     return [text.removesuffix("\n") for text in texts]
 
 
-def read_lnav(name):
-    with open(name, encoding="utf-8") as rows:
-        return json.load(rows)
-
-
-def read_messages(name):
-    with open(name, encoding="utf-8") as lines:
-        return [json.loads(line)["entry"] for line in lines]
-
-
 def main(kind, result, *files):
     expected = entries_in(files)
-    if kind == "lnav":
-        expected = [entry_of(text) for text in expected]
-        actual = read_lnav(result)
-    else:
-        expected, actual = (sorted(text.rstrip("\n") for text in texts) for texts in (expected, read_messages(result)))
+    with open(result, encoding="utf-8") as lines:
+        if kind == "lnav":
+            expected, actual = [entry_of(text) for text in expected], json.load(lines)
+        else:
+            actual = [json.loads(line)["entry"] for line in lines]
+            expected, actual = (sorted(text.rstrip("\n") for text in texts) for texts in (expected, actual))
     for number, (wanted, found) in enumerate(zip(expected, actual), 1):
         if wanted != found:
             sys.exit(f"entry {number}: expected\n{wanted!r}\nfound\n{found!r}")
