@@ -16,14 +16,14 @@ namespace
 namespace fs = std::filesystem;
 
 // Begins or ends a shortage of what the log needs. A child and its parent may end it at the same moment.
-using SetShortage = void(const LogFolder& folder, bool isShort);
+using SetShortage = void(bool isShort);
 
 // Leaves less than two pages of room.
-void FillUp(const LogFolder& folder, bool isShort)
+void FillUp(bool isShort)
 {
     const std::string page(4096, 'b');
-    const std::string name = folder / "ballast";
-    const int ballast = open(name.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+    const char* const name = "/dev/shm/ballast";
+    const int ballast = open(name, O_CREAT | O_WRONLY | O_TRUNC, 0600);
     while (isShort && write(ballast, page.data(), page.size()) > 0)
     {
     }
@@ -31,7 +31,7 @@ void FillUp(const LogFolder& folder, bool isShort)
     fs::resize_file(name, isShort ? fs::file_size(name) - page.size() : 0);
 }
 
-void LimitSize(const LogFolder&, bool isShort)
+void LimitSize(bool isShort)
 {
     constexpr rlim_t kRoom = 500;
     std::error_code isMissing;
@@ -43,20 +43,18 @@ void LimitSize(const LogFolder&, bool isShort)
 void Outlive(SetShortage* setShortage, unsigned int maxFileSize)
 {
     const LogFolder folder;
-    const std::string logs = folder / "logs";
-    fs::create_directory(logs);
-    OpenLog(logs, maxFileSize);
+    OpenLog(folder.Path(), maxFileSize);
     LogLines(400);
     ShutdownLogging();
     const Writer& loser = BeginWriter(kMayLose);
-    setShortage(folder, true);
+    setShortage(true);
     LogLines(2600);
-    setShortage(folder, false);
+    setShortage(false);
     LogLines(200); // until the next flush finds the room
     BeginWriter();
     LogLines(800);
     ShutdownLogging();
-    const Verdict verdict(logs);
+    Verdict verdict(folder.Path());
     const int lost = verdict.LostOf(loser);
     Report("... then room, files of " + std::to_string(maxFileSize), verdict, lost > 0, "%d lost meanwhile", lost);
 }
@@ -66,17 +64,15 @@ void ForkIn(SetShortage* setShortage, int rounds)
 {
     constexpr int kLines = 120; // more than two pages, less than a buffer
     const LogFolder folder;
-    const std::string logs = folder / "logs";
     int failed = 0;
-    fs::create_directory(logs);
-    OpenLog(logs);
+    OpenLog(folder.Path());
     for (int round = 0; round < rounds; ++round)
     {
-        setShortage(folder, true);
+        setShortage(true);
         LogLines(kLines);
         const auto logOn = [&]
         {
-            setShortage(folder, false);
+            setShortage(false);
             LogLines(kLines);
             ShutdownLogging();
         };
@@ -86,7 +82,7 @@ void ForkIn(SetShortage* setShortage, int rounds)
         logOn();
         failed += !isAlone && !IsGoodEnd(child) ? 1 : 0;
     }
-    Report("... and forks", Verdict(logs), failed == 0, "%d forks, %d hung or crashed", rounds, failed);
+    Report("... and forks", Verdict(folder.Path()), failed == 0, "%d forks, %d hung or crashed", rounds, failed);
 }
 
 void OutliveAll(SetShortage* setShortage, int scale)

@@ -133,29 +133,24 @@ void Verdict::ReadLine(const std::string& line)
     }
 }
 
-int Verdict::LostOf(const Writer& writer) const
+int Verdict::LostOf(const Writer& writer)
 {
-    const auto found = m_found.find(static_cast<int>(&writer - gShared.m_writers));
-    if (found == m_found.end())
-    {
-        return writer.m_taken;
-    }
-    const auto end = found->second.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found->second));
-    return writer.m_taken - static_cast<int>(std::count(found->second.begin(), end, true));
+    const std::vector<bool>& found = m_found[static_cast<int>(&writer - gShared.m_writers)];
+    const auto end = found.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found));
+    return writer.m_taken - static_cast<int>(std::count(found.begin(), end, true));
 }
 
-int Verdict::Lost() const
+int Verdict::Lost()
 {
     int lost = 0;
     for (int i = 0; i < gShared.m_count; ++i)
     {
-        const Writer& writer = gShared.m_writers[i];
-        lost += writer.m_mayLose ? 0 : LostOf(writer);
+        lost += gShared.m_writers[i].m_mayLose ? 0 : LostOf(gShared.m_writers[i]);
     }
     return lost;
 }
 
-void Report(const std::string& name, const Verdict& verdict, bool isElseKept, const char* format, ...)
+void Report(const std::string& name, Verdict verdict, bool isElseKept, const char* format, ...)
 {
     const bool isKept = isElseKept && verdict.IsKept();
     gShared.m_broken += isKept ? 0 : 1;

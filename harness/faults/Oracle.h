@@ -61,9 +61,9 @@ public:
     // Reads what all files have got since the reading before.
     void Read(const std::string& folder);
 
-    int Lost() const;                       // of the lines that were taken and may not be lost
-    int LostOf(const Writer& writer) const; // of all that it wrote
-    bool IsKept() const { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + Lost() == 0; }
+    int Lost();                       // of the lines that were taken and may not be lost
+    int LostOf(const Writer& writer); // of all that it wrote
+    bool IsKept() { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + Lost() == 0; }
 
     int m_whole = 0;    // lines
     int m_wrong = 0;    // of those, lines that are there once already, or with another thread's id than their writer's
@@ -80,7 +80,7 @@ private:
 };
 
 // Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`.
-void Report(const std::string& name, const Verdict& verdict, bool isElseKept, const char* format, ...)
+void Report(const std::string& name, Verdict verdict, bool isElseKept, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
 // Whether all rows so far were kept, in whatever process.

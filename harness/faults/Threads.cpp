@@ -60,22 +60,6 @@ constexpr struct
                 {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
                 {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true}};
 
-void* CallUntilItEnds(void* call)
-{
-    for (;;)
-    {
-        reinterpret_cast<void (*)()>(call)();
-    }
-}
-
-// The blocks of the handlers are none of our lines: what tears ours, shows in lost and joined ones.
-Verdict ReadBesideBlocks(const LogFolder& folder)
-{
-    Verdict verdict(folder.Path());
-    verdict.m_torn = 0;
-    return verdict;
-}
-
 void ChangeSettings()
 {
     static unsigned int round = 0;
@@ -124,25 +108,23 @@ void EndThreads(int scale)
         ExceptionHandler::SetLastErrorCode(ZR_ERROR_NONE);
         for (int round = 0; round < rounds; ++round)
         {
-            pthread_t threads[2];
-            for (pthread_t& thread : threads)
-            {
-                pthread_create(&thread, nullptr, CallUntilItEnds, reinterpret_cast<void*>(ending.m_call));
-            }
+            auto threads = CallForEver({ending.m_call, ending.m_call});
             usleep(static_cast<unsigned int>(round % 7) * 100);
-            for (const pthread_t thread : threads)
+            for (std::jthread& thread : threads)
             {
                 if (ending.m_isCancelled)
                 {
-                    pthread_cancel(thread);
+                    pthread_cancel(thread.native_handle());
                 }
-                pthread_join(thread, nullptr);
+                thread.join();
             }
             taken += Log() ? 1 : 0;
         }
         ShutdownLogging();
         const bool isFailureOfHandler = ExceptionHandler::m_lastErrorCode == ZR_ERROR_IN_EXCEPTION_HANDLER;
-        Report(std::string("ends in ") + ending.m_name, ReadBesideBlocks(folder),
+        Verdict verdict(folder.Path());
+        verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
+        Report(std::string("ends in ") + ending.m_name, verdict,
                taken == rounds && (isFailureOfHandler || !ending.m_isFailureOfHandler), "%d threads", 2 * rounds);
     }
 }
@@ -153,13 +135,11 @@ void Race(int scale)
     OpenLog(folder.Path());
     ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); },
                                        nullptr);
-    const auto log = []
-    {
-        Log();
-    };
-    std::vector<std::jthread> threads = CallForEver({log, log, ChangeSettings, LookUp, Raise, Raise, HandleAll});
+    auto threads = CallForEver({[] { Log(); }, [] { Log(); }, ChangeSettings, LookUp, Raise, Raise, HandleAll});
     sleep(static_cast<unsigned int>(3 * scale));
     threads.clear();
     ShutdownLogging();
-    Report("logging, settings, raising, handling", ReadBesideBlocks(folder), true, "%d s", 3 * scale);
+    Verdict verdict(folder.Path());
+    verdict.m_torn = 0;
+    Report("logging, settings, raising, handling", verdict, true, "%d s", 3 * scale);
 }
