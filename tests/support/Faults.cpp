@@ -70,7 +70,10 @@ long Write(long descriptor, const iovec* pieces, long count, const Faults::Write
         room -= static_cast<long>(piece.iov_len);
     }
     const long result = error != 0 ? -error : Unwind::SystemCall(SYS_writev, descriptor, Unwind::ToArgument(limited), count);
-    Faults::gDiskSpace -= Faults::gDiskSpace >= 0 ? std::max(result, 0L) : 0;
+    if (Faults::gDiskSpace > 0)
+    {
+        Faults::gDiskSpace -= std::max(result, 0L);
+    }
     if (Faults::gAfterWrite != nullptr)
     {
         std::exchange(Faults::gAfterWrite, nullptr)();
@@ -85,7 +88,10 @@ long CallSystem(long number, long a, long b, long c, long d, long e, long f) noe
     const bool isSearch = number == SYS_openat && (c & O_DIRECTORY) != 0;
     const long kind = isSearch ? Faults::kSearch : number == SYS_write ? SYS_writev : number;
     const Faults::WriteFault fault = TakeFault(kind);
-    Faults::gSearches += isSearch ? 1 : 0;
+    if (isSearch) // no write by threads that only log
+    {
+        ++Faults::gSearches;
+    }
     if (kind == SYS_writev)
     {
         const iovec whole = {reinterpret_cast<void*>(b), static_cast<std::size_t>(c)};
