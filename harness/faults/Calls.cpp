@@ -81,5 +81,5 @@ void FailCalls(int)
             }
         }
     }
-    Report("system calls fail", Verdict(), cases > 0, "%u cases", cases);
+    Report("system calls fail", Verdict(), cases > 0, "%u cases; broken ones are above", cases);
 }
