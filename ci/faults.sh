@@ -11,7 +11,7 @@ done
 run() {
     preset=$1
     shift
-    "build/$preset/harness/faults/faults" "$@"
+    "build/$preset/harness/faults/faults" 1 "$@"
 }
 log=build/faults.log
 { run release calls rotation unloading ends threads && run tsan races; } >"$log" 2>&1 &

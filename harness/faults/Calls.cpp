@@ -5,96 +5,81 @@
 #include "support/Faults.h"
 
 #include <cerrno>
-#include <cstring>
-#include <sys/mman.h>
+#include <climits>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace
 {
 
-constexpr struct Call
-{
-    long m_number;
-    const char* m_name;
-    unsigned int m_maxFileSize;
-} kCalls[] = {{SYS_openat, "openat", 0},
-              {SYS_writev, "writev", 0},
-              {SYS_close, "close", 0},
-              {SYS_fcntl, "fcntl", 0},
-              {SYS_fstat, "fstat", 0},
-              {SYS_pread64, "pread64", 0},
-              {SYS_openat, "openat", 1500},
-              {SYS_writev, "writev", 1500},
-              {SYS_close, "close", 1500},
-              {SYS_fcntl, "fcntl", 1500},
-              {SYS_fstat, "fstat", 1500},
-              {SYS_pread64, "pread64", 1500},
-              {SYS_getdents64, "getdents64", 1500}};
-constexpr int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, EDQUOT, EACCES, EAGAIN, Faults::kShortWrite, Faults::kHalfThenFull};
+constexpr long kCalls[] = {SYS_openat, Faults::kSearch, SYS_writev,  SYS_close,
+                           SYS_fcntl,  SYS_fstat,       SYS_pread64, SYS_getdents64};
+constexpr int kShortWrite = 0; // and no room after it; other calls succeed, once
+constexpr int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, EDQUOT, EACCES, EAGAIN, kShortWrite};
 
-// A log's life: opened, filled over several flushes, closed, opened again, closed. Without standard input, so that the log's
-// descriptor has to be moved.
-//   returns how many calls of the planned kind there were, or -1 when lines were refused that must not be
-int Live(const std::string& folder, unsigned int maxFileSize, const Faults::Plan& plan)
+struct Failures
+{
+    unsigned int m_maxFileSize;
+    long m_call;
+    int m_error;
+    unsigned int m_count;
+};
+
+// A log's life: opened, filled over several flushes, closed, opened again, closed.
+//   returns whether there were enough calls for one to fail
+bool Live(const Failures& failures, unsigned int first)
 {
     constexpr int kLines = 22;
-    close(STDIN_FILENO);
-    OpenLog(folder, maxFileSize);
-    Faults::gPlan = plan;
-    const bool isInterrupted = plan.m_error == EINTR && plan.m_number != SYS_fcntl; // which cannot be interrupted
-    const Writer& writer = BeginWriter(plan.m_count > 1 && !isInterrupted ? Loss::ALLOWED : Loss::NONE);
+    constexpr long kShortSize = 100; // in the second line
+    const LogFolder folder;
+    OpenLog(folder.Path(), failures.m_maxFileSize);
+    Faults::gCalls.assign(first, {LONG_MAX, 0});
+    Faults::gCalls.push_back({kShortSize, failures.m_error});
+    Faults::gCalls.resize(first + failures.m_count, {0, failures.m_error == kShortWrite ? ENOSPC : failures.m_error});
+    Faults::gCall = failures.m_call;
+    const bool isInterrupted = failures.m_error == EINTR && failures.m_call != SYS_fcntl; // which cannot be interrupted
+    const Writer& writer = BeginWriter(failures.m_count > 1 && !isInterrupted);
     LogLines(kLines);
     ShutdownLogging();
     LogLines(kLines);
     ShutdownLogging();
-    Faults::gPlan.m_number = -1;
+    Faults::gCall = -1;
     const bool isRefused = isInterrupted && writer.m_taken < 2 * kLines;
     BeginWriter();
     const bool goesOn = Log();
     ShutdownLogging();
-    return goesOn && !isRefused ? Faults::gPlannedCalls : -1;
-}
-
-// Each call of the kind in turn: returns how many there were, or -1 when something is broken.
-int FailEach(const Call& call, int failures, int error)
-{
-    static int& calls =
-        *static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    int first = 0;
-    bool isGood = true;
-    do
+    Verdict verdict(folder.Path());
+    if (isRefused || !goesOn || !verdict.IsKept())
     {
-        const LogFolder folder;
-        const Faults::Plan plan = {call.m_number, first, failures, error};
-        calls = -1;
-        const bool isEnded = IsGoodEnd(StartChild([&] { calls = Live(folder.Path(), call.m_maxFileSize, plan); }));
-        const Verdict verdict(folder.Path());
-        isGood = (isEnded && calls >= 0 && verdict.IsWhole() && verdict.Lost() == 0) ||
-                 Report(call.m_name, verdict, false, "call %d of %d fails %dx with error %d", first, calls, failures, error);
-    } while (isGood && first++ < calls);
-    return isGood ? first - 1 : -1;
+        Report("a system call fails", verdict, false, "call %u of number %ld fails %ux with error %d, files of %u bytes",
+               first, failures.m_call, failures.m_count, failures.m_error, failures.m_maxFileSize);
+    }
+    return Faults::gCalls.size() < failures.m_count;
 }
 
 } // namespace
 
-bool FailCalls(int)
+void FailCalls(int)
 {
-    const auto fail = [](const Call& call)
+    close(STDIN_FILENO); // so that the log's descriptor has to be moved
+    unsigned int cases = 0;
+    for (const unsigned int maxFileSize : {0u, 1500u})
     {
-        int cases = 0;
-        bool isGood = true;
-        for (const int error : kErrors)
+        for (const long call : kCalls)
         {
-            for (const int failures : {1, 3})
+            for (const int error : kErrors)
             {
-                const int calls = error > 0 || call.m_number == SYS_writev ? FailEach(call, failures, error) : 0;
-                cases += calls;
-                isGood = isGood && calls >= 0;
+                for (const unsigned int count : {1u, 3u})
+                {
+                    unsigned int first = 0;
+                    while (Live({maxFileSize, call, error, count}, first))
+                    {
+                        ++first;
+                    }
+                    cases += first;
+                }
             }
         }
-        return Report(std::string(call.m_name) + (call.m_maxFileSize > 0 ? " fails, rotating" : " fails, appended"),
-                      Verdict(), isGood && cases > 0, "%d cases", cases);
-    };
-    return RunAll(kCalls, fail);
+    }
+    Report("system calls fail", Verdict(), cases > 0, "%u cases; broken ones are above", cases);
 }

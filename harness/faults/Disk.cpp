@@ -2,7 +2,6 @@
 // only while nothing can be written, and the log goes on when it can.
 #include "harness/faults/Oracle.h"
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -16,142 +15,108 @@ namespace
 
 namespace fs = std::filesystem;
 
-// Something of which the log has too little, for a time. Also ended by a child and its parent at the same moment.
-struct Shortage
-{
-    const char* m_name;
-    void (*m_begin)(const LogFolder& folder);
-    void (*m_end)(const LogFolder& folder);
-};
+// Begins or ends a shortage of what the log needs. A child and its parent may end it at the same moment.
+using SetShortage = void(bool isShort);
 
 // Leaves less than two pages of room.
-void FillUp(const LogFolder& folder)
+void FillUp(bool isShort)
 {
     const std::string page(4096, 'b');
-    const int ballast = open((folder / "ballast").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-    while (write(ballast, page.data(), page.size()) > 0)
+    const char* const name = "/dev/shm/ballast";
+    const int ballast = open(name, O_CREAT | O_WRONLY | O_TRUNC, 0600);
+    while (isShort && write(ballast, page.data(), page.size()) > 0)
     {
     }
     close(ballast);
-    fs::resize_file(folder / "ballast", fs::file_size(folder / "ballast") - page.size());
+    fs::resize_file(name, isShort ? fs::file_size(name) - page.size() : 0);
 }
 
-void SetFileSizeLimit(rlim_t size)
+void LimitSize(bool isShort)
 {
-    const rlimit limit = {size, RLIM_INFINITY};
+    constexpr rlim_t kRoom = 500;
+    std::error_code isMissing;
+    const auto size = fs::file_size(GetLogFilename(), isMissing);
+    const rlimit limit = {!isShort ? RLIM_INFINITY : isMissing ? kRoom : size + kRoom, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-constexpr Shortage kFullDisk = {"disk full", FillUp,
-                                [](const LogFolder& folder)
-                                {
-                                    fs::resize_file(folder / "ballast", 0);
-                                }};
-constexpr Shortage kSmallFiles = {"file size limit",
-                                  [](const LogFolder&)
-                                  {
-                                      std::error_code isMissing;
-                                      const auto size = fs::file_size(GetLogFilename(), isMissing);
-                                      SetFileSizeLimit(isMissing ? 500 : size + 500);
-                                  },
-                                  [](const LogFolder&)
-                                  {
-                                      SetFileSizeLimit(RLIM_INFINITY);
-                                  }};
-
-bool Outlive(const Shortage& shortage, const LogFolder& folder, unsigned int maxFileSize)
+void Outlive(SetShortage* setShortage, unsigned int maxFileSize)
 {
-    const std::string logs = folder / "logs" + std::to_string(maxFileSize);
-    fs::create_directory(logs);
-    OpenLog(logs, maxFileSize);
+    const LogFolder folder;
+    OpenLog(folder.Path(), maxFileSize);
     LogLines(400);
     ShutdownLogging();
-    const Writer& loser = BeginWriter(Loss::ALLOWED);
-    shortage.m_begin(folder);
+    const Writer& loser = BeginWriter(kMayLose);
+    setShortage(true);
     LogLines(2600);
-    shortage.m_end(folder);
+    setShortage(false);
     LogLines(200); // until the next flush finds the room
     BeginWriter();
     LogLines(800);
     ShutdownLogging();
-    const Verdict verdict(logs);
+    Verdict verdict(folder.Path());
     const int lost = verdict.LostOf(loser);
-    return Report(std::string(shortage.m_name) + (maxFileSize > 0 ? ", then room, rotating" : ", then room, appended"),
-                  verdict, lost > 0, "%d lost meanwhile", lost);
+    Report("... then room, files of " + std::to_string(maxFileSize), verdict, lost > 0, "%d lost meanwhile", lost);
 }
 
 // The shortage cuts a line, the child of a fork logs beside it, and both have room again.
-bool ForkIn(const Shortage& shortage, const LogFolder& folder, int rounds)
+void ForkIn(SetShortage* setShortage, int rounds)
 {
     constexpr int kLines = 120; // more than two pages, less than a buffer
-    const std::string logs = folder / "logs";
+    const LogFolder folder;
     int failed = 0;
-    fs::create_directory(logs);
-    OpenLog(logs);
+    OpenLog(folder.Path());
     for (int round = 0; round < rounds; ++round)
     {
-        shortage.m_begin(folder);
+        setShortage(true);
         LogLines(kLines);
-        const auto logToo = [&]
+        const auto logOn = [&]
         {
-            LogLines(kLines);
-            shortage.m_end(folder);
+            setShortage(false);
             LogLines(kLines);
             ShutdownLogging();
         };
-        const pid_t child = StartChild(logToo, 10);
+        const pid_t child = StartChild([&] { LogLines(kLines), logOn(); });
         const bool isAlone = round % 2 == 0; // else both write at a time
         failed += isAlone && !IsGoodEnd(child) ? 1 : 0;
-        shortage.m_end(folder);
-        LogLines(kLines);
-        ShutdownLogging();
+        logOn();
         failed += !isAlone && !IsGoodEnd(child) ? 1 : 0;
     }
-    return Report(std::string(shortage.m_name) + ", forks", Verdict(logs), failed == 0, "%d forks, %d hung or crashed",
-                  rounds, failed);
+    Report("... and forks", Verdict(folder.Path()), failed == 0, "%d forks, %d hung or crashed", rounds, failed);
 }
 
-bool OutliveAll(const Shortage& shortage, int scale)
+void OutliveAll(SetShortage* setShortage, int scale)
 {
-    const auto run = [&](unsigned int maxFileSize)
-    {
-        const LogFolder folder;
-        return Outlive(shortage, folder, maxFileSize);
-    };
-    const bool isGood = RunAll(std::array{0u, 20000u}, run);
-    return ForkIn(shortage, LogFolder(), 10 * scale) && isGood;
+    Outlive(setShortage, 0);
+    Outlive(setShortage, 20000);
+    ForkIn(setShortage, 10 * scale);
+}
+
+std::string gLog;
+
+void FailForATime()
+{
+    ShutdownLogging();
+    fs::remove(gLog);
+    fs::create_symlink("/dev/full", gLog);
+    LogLines(100);
+    ShutdownLogging();
+    fs::remove(gLog);
 }
 
 // What happens to the file of an open log. Lines that were in a file that went are lost.
-constexpr struct Change
+constexpr struct
 {
     const char* m_name;
-    Loss m_lossBefore;
-    void (*m_change)(const LogFolder& folder);
-} kChanges[] = {{"renamed", Loss::NONE,
-                 [](const LogFolder& folder)
-                 {
-                     fs::rename(folder / "app.log", folder / "old.log");
-                 }},
-                {"deleted", Loss::ALLOWED,
-                 [](const LogFolder& folder)
-                 {
-                     fs::remove(folder / "app.log");
-                 }},
-                {"/dev/full in its place for a time", Loss::ALLOWED,
-                 [](const LogFolder& folder)
-                 {
-                     ShutdownLogging();
-                     fs::remove(folder / "app.log");
-                     fs::create_symlink("/dev/full", folder / "app.log");
-                     LogLines(100);
-                     ShutdownLogging();
-                     fs::remove(folder / "app.log");
-                 }}};
+    void (*m_change)();
+    bool m_mayLose;
+} kChanges[] = {{CALL(fs::rename(gLog, gLog + ".old")), false},
+                {CALL(fs::remove(gLog)), kMayLose},
+                {"/dev/full in its place for a time", FailForATime, kMayLose}};
 
 } // namespace
 
-bool FillDisk(int scale)
+void FillDisk(int scale)
 {
     const uid_t user = getuid();
     const gid_t group = getgid();
@@ -165,33 +130,35 @@ bool FillDisk(int scale)
         mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=8m") != 0)
     {
         std::puts("disk full: NOT RUN, no file system can be mounted here; the file size limit stands in for it");
-        return true;
+        return;
     }
     setenv("TMPDIR", "/dev/shm", 1);
-    return OutliveAll(kFullDisk, scale);
+    std::puts("disk full ...");
+    OutliveAll(FillUp, scale);
 }
 
-bool LimitFileSize(int scale)
+void LimitFileSize(int scale)
 {
     std::signal(SIGXFSZ, SIG_IGN);
-    return OutliveAll(kSmallFiles, scale);
+    std::puts("file size limit ...");
+    OutliveAll(LimitSize, scale);
 }
 
-bool ChangeFiles(int)
+void ChangeFiles(int)
 {
-    const auto outlive = [](const Change& change)
+    for (const auto& change : kChanges)
     {
         const LogFolder folder;
+        gLog = folder / "app.log";
         OpenLog(folder.Path());
-        BeginWriter(change.m_lossBefore);
+        BeginWriter(change.m_mayLose);
         LogLines(50);
-        change.m_change(folder);
+        change.m_change();
         LogLines(25);
         ShutdownLogging();
         BeginWriter();
         LogLines(25);
         ShutdownLogging();
-        return Report(change.m_name, Verdict(folder.Path()), true, "the file of an open log");
-    };
-    return RunAll(kChanges, outlive);
+        Report(change.m_name, Verdict(folder.Path()), true, "the file of an open log");
+    }
 }

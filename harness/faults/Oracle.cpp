@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,26 +14,28 @@ namespace
 
 constexpr int kMaxWriters = 4096;
 
-struct Writers
+struct Shared
 {
+    std::atomic<int> m_broken; // rows
     std::atomic<int> m_count;
     Writer m_writers[kMaxWriters];
 };
 
-// Shared by all processes.
-Writers& gWriters =
-    *static_cast<Writers*>(mmap(nullptr, sizeof(Writers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+// By all processes.
+Shared& gShared =
+    *static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
 thread_local Writer* tWriter = nullptr;
 
-using LineText = char[128];
-
-void MakeText(LineText& text, int writer, int number)
+struct LineText
 {
-    constexpr int kMaxPadding = 60;
-    static const std::string padding(kMaxPadding, 'x');
-    std::snprintf(text, sizeof text, "<%d %d %.*s>", writer, number, number % (kMaxPadding + 1), padding.c_str());
-}
+    LineText(int writer, int number)
+    {
+        std::snprintf(m_text, sizeof m_text, "<%d %d %*s>", writer, number, number % 61, "");
+    }
+
+    char m_text[128];
+};
 
 // Whether an entry starts here.
 constexpr std::string_view kPrefix = "00/00/00 00:00:00.000 - WARNING    - [ThreadID: "; // 0: any digit
@@ -45,20 +48,19 @@ bool StartsEntry(std::string_view text)
 
 } // namespace
 
-Writer& BeginWriter(Loss loss)
+Writer& BeginWriter(bool mayLose)
 {
-    tWriter = &gWriters.m_writers[gWriters.m_count++ % kMaxWriters];
+    tWriter = &gShared.m_writers[gShared.m_count++ % kMaxWriters];
     tWriter->m_thread = gettid();
     tWriter->m_taken = 0;
-    tWriter->m_mayLose = loss == Loss::ALLOWED;
+    tWriter->m_mayLose = mayLose;
     return *tWriter;
 }
 
 bool Log(Writer& writer)
 {
-    LineText text;
-    MakeText(text, static_cast<int>(&writer - gWriters.m_writers), writer.m_taken);
-    const bool isTaken = LogMessage(ZR_LOG_WARNING, 1, "", text);
+    const LineText line(static_cast<int>(&writer - gShared.m_writers), writer.m_taken);
+    const bool isTaken = LogMessage(ZR_LOG_WARNING, 1, "", line.m_text);
     writer.m_taken += isTaken ? 1 : 0;
     return isTaken;
 }
@@ -78,7 +80,7 @@ void LogLines(int count)
 
 LogFolder::~LogFolder()
 {
-    gWriters.m_count = 0;
+    gShared.m_count = 0;
     tWriter = nullptr;
 }
 
@@ -98,16 +100,13 @@ void Verdict::Read(const std::string& folder)
         std::streamoff& readTo = m_readTo[entry.path()];
         std::ifstream file(entry.path(), std::ios::binary);
         file.seekg(readTo);
-        for (std::string line; std::getline(file, line);)
+        std::string line;
+        while (std::getline(file, line) && !file.eof())
         {
-            if (file.eof())
-            {
-                ++m_openEnds;
-                break;
-            }
             readTo += static_cast<std::streamoff>(line.size()) + 1;
             ReadLine(line);
         }
+        m_openEnds += line.empty() ? 0 : 1;
     }
 }
 
@@ -116,102 +115,79 @@ void Verdict::ReadLine(const std::string& line)
     int thread = 0;
     int writer = 0;
     int number = 0;
-    int textAt = 0;
-    LineText text = "";
-    if (StartsEntry(line) &&
-        std::sscanf(line.c_str() + kPrefix.size(), "%d] - %n<%d %d", &thread, &textAt, &writer, &number) == 3)
-    {
-        MakeText(text, writer, number);
-    }
-    if (line.empty())
-    {
-        ++m_empty;
-    }
-    else if (*text != '\0' && line.substr(kPrefix.size() + static_cast<std::size_t>(textAt)) == text)
+    if (StartsEntry(line) && std::sscanf(line.c_str() + kPrefix.size(), "%d] - <%d %d", &thread, &writer, &number) == 3 &&
+        line.substr(kPrefix.size()) == std::to_string(thread) + "] - " + LineText(writer, number).m_text)
     {
         std::vector<bool>& found = m_found[writer];
         found.resize(std::max(found.size(), static_cast<std::size_t>(number) + 1));
-        m_doubled += found[static_cast<std::size_t>(number)] ? 1 : 0;
-        found[static_cast<std::size_t>(number)] = true;
-        m_wrongThread += thread != gWriters.m_writers[writer].m_thread ? 1 : 0;
+        auto isFound = found.begin() + number;
+        m_wrong += *isFound || thread != gShared.m_writers[writer].m_thread ? 1 : 0;
+        *isFound = true;
         ++m_whole;
+        return;
     }
-    else
+    ++(line.empty() ? m_empty : m_torn);
+    for (std::size_t at = 1; at < line.size(); ++at)
     {
-        ++m_torn;
-        std::string_view rest = line;
-        do
-        {
-            rest.remove_prefix(1);
-        } while (!rest.empty() && !StartsEntry(rest));
-        m_joined += rest.empty() ? 0 : 1;
+        m_joined += StartsEntry(std::string_view(line).substr(at)) ? 1 : 0;
     }
 }
 
-int Verdict::LostOf(const Writer& writer) const
+int Verdict::LostOf(const Writer& writer)
 {
-    const auto found = m_found.find(static_cast<int>(&writer - gWriters.m_writers));
-    if (found == m_found.end())
-    {
-        return writer.m_taken;
-    }
-    const auto end = found->second.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found->second));
-    return writer.m_taken - static_cast<int>(std::count(found->second.begin(), end, true));
+    const std::vector<bool>& found = m_found[static_cast<int>(&writer - gShared.m_writers)];
+    const auto end = found.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found));
+    return writer.m_taken - static_cast<int>(std::count(found.begin(), end, true));
 }
 
-int Verdict::Lost() const
+int Verdict::Lost()
 {
     int lost = 0;
-    for (int i = 0; i < gWriters.m_count; ++i)
+    for (int i = 0; i < gShared.m_count; ++i)
     {
-        const Writer& writer = gWriters.m_writers[i];
-        lost += writer.m_mayLose ? 0 : LostOf(writer);
+        lost += gShared.m_writers[i].m_mayLose ? 0 : LostOf(gShared.m_writers[i]);
     }
     return lost;
 }
 
-bool Report(const std::string& name, const Verdict& verdict, bool isElseKept, const char* format, ...)
+void Report(const std::string& name, Verdict verdict, bool isElseKept, const char* format, ...)
 {
-    const int lost = verdict.Lost();
-    const bool isKept = isElseKept && verdict.IsWhole() && lost == 0;
+    const bool isKept = isElseKept && verdict.IsKept();
+    gShared.m_broken += isKept ? 0 : 1;
     std::printf("%-50s %-6s ", name.c_str(), isKept ? "kept" : "BROKEN");
     va_list arguments;
     va_start(arguments, format);
     std::vprintf(format, arguments);
     va_end(arguments);
-    if (verdict.m_whole > 0 || lost > 0)
+    if (verdict.m_whole > 0)
     {
-        std::printf("; %d lines: %d lost, %d torn, %d joined, %d doubled, %d empty, %d with a wrong thread id",
-                    verdict.m_whole, lost, verdict.m_torn + verdict.m_openEnds, verdict.m_joined, verdict.m_doubled,
-                    verdict.m_empty, verdict.m_wrongThread);
+        std::printf("; %d lines: %d lost, %d torn, %d joined, %d empty, %d doubled or of another thread", verdict.m_whole,
+                    verdict.Lost(), verdict.m_torn + verdict.m_openEnds, verdict.m_joined, verdict.m_empty, verdict.m_wrong);
     }
     std::puts("");
     std::fflush(stdout);
-    return isKept;
 }
 
-RepeatedCalls::RepeatedCalls(const std::vector<void (*)()>& calls)
+bool IsAllKept()
 {
+    return gShared.m_broken == 0;
+}
+
+std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls)
+{
+    std::vector<std::jthread> threads;
     for (void (*const call)() : calls)
     {
-        m_threads.emplace_back(
-            [this, call]
+        const auto callForEver = [call](const std::stop_token& stop)
+        {
+            while (!stop.stop_requested())
             {
-                while (!m_stop)
-                {
-                    call();
-                }
-            });
+                call();
+            }
+        };
+        threads.emplace_back(callForEver);
     }
-}
-
-RepeatedCalls::~RepeatedCalls()
-{
-    m_stop = true;
-    for (std::thread& thread : m_threads)
-    {
-        thread.join();
-    }
+    return threads;
 }
 
 pid_t StartChild(const std::function<void()>& body, unsigned int timeoutSeconds)

@@ -47,68 +47,18 @@ void AllowCancellation(const char*, void*)
     pthread_testcancel();
 }
 
-// Called again and again by two threads, until they have ended.
-struct Ending
+// Called again and again by two threads, until they have ended. A callback that has been set stays for the rows after it.
+constexpr struct
 {
     const char* m_name;
     void (*m_call)();
     bool m_isCancelled;
     bool m_isFailureOfHandler; // shows in the last error
-};
-constexpr Ending kEndings[] = {{CALL(Handle(End)), false, true},
-                               {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
-                               {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true},
-                               {CALL(Raise(); Handle(AllowCancellation)), true, false},
-                               {CALL(Log(); pthread_testcancel()), true, false}};
-
-void* CallForEver(void* call)
-{
-    for (;;)
-    {
-        reinterpret_cast<void (*)()>(call)();
-    }
-}
-
-// The blocks of the handlers are none of our lines: what tears ours, shows in lost and joined ones.
-Verdict ReadBesideBlocks(const LogFolder& folder)
-{
-    Verdict verdict(folder.Path());
-    verdict.m_torn = 0;
-    return verdict;
-}
-
-bool EndThreadsIn(const Ending& ending, int rounds)
-{
-    const LogFolder folder;
-    int taken = 0;
-    OpenLog(folder.Path());
-    BeginWriter();
-    for (int round = 0; round < rounds; ++round)
-    {
-        pthread_t threads[2];
-        for (pthread_t& thread : threads)
-        {
-            pthread_create(&thread, nullptr, CallForEver, reinterpret_cast<void*>(ending.m_call));
-        }
-        usleep(static_cast<unsigned int>(round % 7) * 100);
-        for (const pthread_t thread : threads)
-        {
-            if (ending.m_isCancelled)
-            {
-                pthread_cancel(thread);
-            }
-            pthread_join(thread, nullptr);
-        }
-        taken += Log() ? 1 : 0;
-    }
-    ShutdownLogging();
-    return Report(std::string("ends in ") + ending.m_name, ReadBesideBlocks(folder),
-                  taken == rounds &&
-                      (!ending.m_isFailureOfHandler || ExceptionHandler::m_lastErrorCode == ZR_ERROR_IN_EXCEPTION_HANDLER),
-                  "%d threads", 2 * rounds);
-}
-
-// ---- All at a time ----
+} kEndings[] = {{CALL(Handle(End)), false, true},
+                {CALL(Raise(); Handle(AllowCancellation)), true, false},
+                {CALL(Log(); pthread_testcancel()), true, false},
+                {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
+                {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true}};
 
 void ChangeSettings()
 {
@@ -124,11 +74,6 @@ void ChangeSettings()
         ShutdownLogging();
     }
     usleep(1000);
-}
-
-void CallLog()
-{
-    Log();
 }
 
 void LookUp()
@@ -151,22 +96,50 @@ void HandleAll()
 
 } // namespace
 
-bool EndThreads(int scale)
+void EndThreads(int scale)
 {
-    return RunAll(kEndings, [&](const Ending& ending)
-                  { return IsGoodEnd(StartChild([&] { _exit(EndThreadsIn(ending, 40 * scale) ? 0 : 1); }, 60)); });
+    for (const auto& ending : kEndings)
+    {
+        const LogFolder folder;
+        const int rounds = 40 * scale;
+        int taken = 0;
+        OpenLog(folder.Path());
+        BeginWriter();
+        ExceptionHandler::SetLastErrorCode(ZR_ERROR_NONE);
+        for (int round = 0; round < rounds; ++round)
+        {
+            auto threads = CallForEver({ending.m_call, ending.m_call});
+            usleep(static_cast<unsigned int>(round % 7) * 100);
+            for (std::jthread& thread : threads)
+            {
+                if (ending.m_isCancelled)
+                {
+                    pthread_cancel(thread.native_handle());
+                }
+                thread.join();
+            }
+            taken += Log() ? 1 : 0;
+        }
+        ShutdownLogging();
+        const bool isFailureOfHandler = ExceptionHandler::m_lastErrorCode == ZR_ERROR_IN_EXCEPTION_HANDLER;
+        Verdict verdict(folder.Path());
+        verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
+        Report(std::string("ends in ") + ending.m_name, verdict,
+               taken == rounds && (isFailureOfHandler || !ending.m_isFailureOfHandler), "%d threads", 2 * rounds);
+    }
 }
 
-bool Race(int scale)
+void Race(int scale)
 {
     const LogFolder folder;
     OpenLog(folder.Path());
     ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); },
                                        nullptr);
-    {
-        const RepeatedCalls threads({CallLog, CallLog, ChangeSettings, LookUp, Raise, Raise, HandleAll});
-        sleep(static_cast<unsigned int>(3 * scale));
-    }
+    auto threads = CallForEver({[] { Log(); }, [] { Log(); }, ChangeSettings, LookUp, Raise, Raise, HandleAll});
+    sleep(static_cast<unsigned int>(3 * scale));
+    threads.clear();
     ShutdownLogging();
-    return Report("logging, settings, raising, handling", ReadBesideBlocks(folder), true, "%d s", 3 * scale);
+    Verdict verdict(folder.Path());
+    verdict.m_torn = 0;
+    Report("logging, settings, raising, handling", verdict, true, "%d s", 3 * scale);
 }

@@ -1,96 +1,79 @@
 #include "support/Faults.h"
 
+#include "../../ErrorHandlerDll/unwind/SystemCall.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
+#include <climits>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/uio.h>
-#include <unistd.h>
 #include <utility>
+
+// Under these names in C++, so that no declaration with dots is in the way; in the registers the arguments lie alike.
+// Callers pass as many as their system call has: the others are whatever lies there, and passed on like that.
+extern "C"
+{
+    long CallSystem(long number, long a, long b, long c, long d, long e, long f) noexcept asm("syscall");
+    int ControlFile(int descriptor, int command, long argument) asm("fcntl");
+    int LookAtFile(int descriptor, void* status) noexcept asm("fstat");
+    int CutFile(int descriptor, long size) noexcept asm("ftruncate");
+}
 
 namespace
 {
 
-long Fail(int error)
+long Return(long result)
 {
-    errno = error;
+    if (result >= 0)
+    {
+        return result;
+    }
+    errno = static_cast<int>(-result);
     return -1;
 }
 
-// What a sanitizer calls at each read would change the registers that are set already.
-__attribute__((no_sanitize("thread"), no_sanitize("address"), noinline)) long Call(long number, const long (&arguments)[6])
+template <class Fault>
+Fault TakeFirst(std::deque<Fault>& faults, Fault none)
 {
-    register long fourth asm("r10") = arguments[3];
-    register long fifth asm("r8") = arguments[4];
-    register long sixth asm("r9") = arguments[5];
-    long result = number;
-    asm volatile("syscall"
-                 : "+a"(result)
-                 : "D"(arguments[0]), "S"(arguments[1]), "d"(arguments[2]), "r"(fourth), "r"(fifth), "r"(sixth)
-                 : "rcx", "r11", "memory");
-    return result < 0 ? Fail(static_cast<int>(-result)) : result;
+    if (!faults.empty())
+    {
+        none = faults.front();
+        faults.pop_front();
+    }
+    return none;
 }
 
-// What the plan has for this call: 0 or an error, or kShortWrite.
-int PlannedError(long number)
+Faults::WriteFault TakeFault(long kind)
 {
-    if (number != Faults::gPlan.m_number)
+    constexpr Faults::WriteFault kNone = {LONG_MAX, 0};
+    if (kind == Faults::gCall)
     {
-        return 0;
+        return TakeFirst(Faults::gCalls, kNone);
     }
-    const int at = Faults::gPlannedCalls++ - Faults::gPlan.m_first;
-    if (at < 0 || at >= Faults::gPlan.m_count)
+    if (kind == SYS_openat)
     {
-        return 0;
+        return {0, TakeFirst(Faults::gOpenErrors, 0)};
     }
-    if (Faults::gPlan.m_error == Faults::kHalfThenFull)
-    {
-        return at == 0 ? Faults::kShortWrite : ENOSPC;
-    }
-    return Faults::gPlan.m_error;
+    return kind == SYS_writev ? TakeFirst(Faults::gWrites, kNone) : kNone;
 }
 
-// Bytes that may be written now, or -1 with errno set.
-long Limit(long size)
-{
-    if (!Faults::gWrites.empty())
-    {
-        const Faults::WriteFault fault = Faults::gWrites.front();
-        Faults::gWrites.pop_front();
-        if (fault.m_error != 0)
-        {
-            return Fail(fault.m_error);
-        }
-        size = std::min(size, fault.m_bytes);
-    }
-    if (Faults::gDiskSpace >= 0)
-    {
-        size = std::min(size, Faults::gDiskSpace);
-        Faults::gDiskSpace -= size;
-        return size > 0 ? size : Fail(ENOSPC);
-    }
-    return size;
-}
-
-long WritePieces(long descriptor, const iovec* pieces, long count, bool onlyHalf)
+// Returns what the system call gives: bytes, or an error below 0.
+long Write(long descriptor, const iovec* pieces, long count, const Faults::WriteFault& fault)
 {
     iovec limited[8] = {}; // no heap: signal handlers write, too
     std::copy_n(pieces, count, limited);
-    long size = 0;
-    for (const iovec& piece : limited)
-    {
-        size += static_cast<long>(piece.iov_len);
-    }
-    size = Limit(onlyHalf ? (size + 1) / 2 : size);
-    long left = std::max(size, 0L);
+    long room = std::min(fault.m_bytes, Faults::gDiskSpace >= 0 ? Faults::gDiskSpace : LONG_MAX);
+    const int error = fault.m_error == 0 && room == 0 ? ENOSPC : fault.m_error;
     for (iovec& piece : limited)
     {
-        piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(left));
-        left -= static_cast<long>(piece.iov_len);
+        piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(room));
+        room -= static_cast<long>(piece.iov_len);
     }
-    const long result = size < 0 ? -1 : Call(SYS_writev, {descriptor, reinterpret_cast<long>(limited), count, 0, 0, 0});
+    const long result = error != 0 ? -error : Unwind::SystemCall(SYS_writev, descriptor, Unwind::ToArgument(limited), count);
+    if (Faults::gDiskSpace > 0)
+    {
+        Faults::gDiskSpace -= std::max(result, 0L);
+    }
     if (Faults::gAfterWrite != nullptr)
     {
         std::exchange(Faults::gAfterWrite, nullptr)();
@@ -100,62 +83,38 @@ long WritePieces(long descriptor, const iovec* pieces, long count, bool onlyHalf
 
 } // namespace
 
-extern "C"
+long CallSystem(long number, long a, long b, long c, long d, long e, long f) noexcept
 {
-    // Callers pass as many arguments as their system call has: the others are whatever lies there, and passed on like that.
-    __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept
+    const bool isSearch = number == SYS_openat && (c & O_DIRECTORY) != 0;
+    const long kind = isSearch ? Faults::kSearch : number == SYS_write ? SYS_writev : number;
+    const Faults::WriteFault fault = TakeFault(kind);
+    if (isSearch) // no write by threads that only log
     {
-        long arguments[6];
-        va_list list;
-        va_start(list, number);
-        for (long& argument : arguments)
-        {
-            argument = va_arg(list, long);
-        }
-        va_end(list);
-        const int planned = PlannedError(number == SYS_write ? SYS_writev : number); // one way to write for the plans
-        if (planned > 0)
-        {
-            if (number == SYS_close)
-            {
-                Call(number, arguments); // Linux closes before it reports
-            }
-            return Fail(planned);
-        }
-        if (number == SYS_openat && (arguments[2] & O_DIRECTORY) != 0)
-        {
-            ++Faults::gSearches;
-        }
-        else if (number == SYS_openat && !Faults::gOpenErrors.empty())
-        {
-            const int error = Faults::gOpenErrors.front();
-            Faults::gOpenErrors.pop_front();
-            return Fail(error);
-        }
-        else if (number == SYS_writev || number == SYS_write)
-        {
-            const iovec whole = {reinterpret_cast<void*>(arguments[1]), static_cast<std::size_t>(arguments[2])};
-            const bool isWhole = number == SYS_write;
-            const iovec* const pieces = isWhole ? &whole : reinterpret_cast<const iovec*>(arguments[1]);
-            return WritePieces(arguments[0], pieces, isWhole ? 1 : arguments[2], planned != 0);
-        }
-        return Call(number, arguments);
+        ++Faults::gSearches;
     }
+    if (kind == SYS_writev)
+    {
+        const iovec whole = {reinterpret_cast<void*>(b), static_cast<std::size_t>(c)};
+        const bool isWhole = number == SYS_write;
+        return Return(Write(a, isWhole ? &whole : reinterpret_cast<const iovec*>(b), isWhole ? 1 : c, fault));
+    }
+    // Linux closes before it reports.
+    const bool isDone = fault.m_error == 0 || number == SYS_close;
+    const long result = isDone ? Unwind::SystemCall(number, a, b, c, d, e, f) : 0;
+    return Return(fault.m_error != 0 ? -fault.m_error : result);
+}
 
-    int fcntl(int descriptor, int command, ...)
-    {
-        va_list list;
-        va_start(list, command);
-        const long argument = va_arg(list, long);
-        va_end(list);
-        return static_cast<int>(syscall(SYS_fcntl, descriptor, command, argument));
-    }
-    int fstat(int descriptor, struct stat* status) noexcept
-    {
-        return static_cast<int>(syscall(SYS_fstat, descriptor, status));
-    }
-    int ftruncate(int descriptor, off_t size) noexcept
-    {
-        return static_cast<int>(syscall(SYS_ftruncate, descriptor, size));
-    }
+int ControlFile(int descriptor, int command, long argument)
+{
+    return static_cast<int>(CallSystem(SYS_fcntl, descriptor, command, argument, 0, 0, 0));
+}
+
+int LookAtFile(int descriptor, void* status) noexcept
+{
+    return static_cast<int>(CallSystem(SYS_fstat, descriptor, Unwind::ToArgument(status), 0, 0, 0, 0));
+}
+
+int CutFile(int descriptor, long size) noexcept
+{
+    return static_cast<int>(CallSystem(SYS_ftruncate, descriptor, size, 0, 0, 0, 0));
 }

@@ -8,32 +8,24 @@
 namespace Faults
 {
 
-// What becomes of one write(2): at most `m_bytes` are written, or it fails with `m_error`.
+// What becomes of one call: it fails with `m_error`, or it succeeds; a write then takes at most `m_bytes`.
 struct WriteFault
 {
     long m_bytes;
     int m_error;
 };
 
-inline std::deque<WriteFault> gWrites;  // one for each of the next writes; those after them succeed
-inline std::deque<int> gOpenErrors;     // one for each of the next files opened
+inline std::deque<WriteFault> gWrites; // one for each of the next writes; those after them succeed
+inline std::deque<int> gOpenErrors;    // one for each of the next files opened
+
+// The same for calls of any other kind, or for these.
+constexpr long kSearch = -2; // in place of a system call's number: directories are opened
+inline long gCall = -1;      // the number of the system call; SYS_writev stands for all writes
+inline std::deque<WriteFault> gCalls;
+
 inline long gDiskSpace = -1;            // bytes that can be written until ENOSPC; below 0: any number
 inline void (*gAfterWrite)() = nullptr; // called once, when the bytes are in the file and nobody has been told
 inline int gSearches = 0;               // directories opened
-
-constexpr int kShortWrite = -1;   // in place of an error: half of the bytes are written
-constexpr int kHalfThenFull = -2; // half of them, and then there is no room
-
-// Some calls in a row of one kind fail.
-struct Plan
-{
-    long m_number; // the system call; below 0: none
-    int m_first;   // the call that fails first, counted from 0
-    int m_count;
-    int m_error;
-};
-inline Plan gPlan = {-1, 0, 0, 0};
-inline int gPlannedCalls = 0; // calls of that kind so far
 
 } // namespace Faults
 
