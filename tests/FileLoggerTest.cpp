@@ -95,7 +95,8 @@ TEST_F(FileLoggerTest, WritesLevelThreadSourceAndText)
     expect(error, "S - ", LogFormatted(0, 1, "S - ", "%2000d before %ls", 1, kNoCharacter));
     for (const int length : {1023, 1024, 5000})
     {
-        expect(error, longText.substr(0, length), LogFormatted(0, 1, "", "%.*s", length, longText.c_str()));
+        expect(error, longText.substr(0, static_cast<std::size_t>(length)),
+               LogFormatted(0, 1, "", "%.*s", length, longText.c_str()));
     }
     // Another thread may shorten an argument between the two passes; here the first pass does, with what it counts.
     std::string argument(2000, 'x');

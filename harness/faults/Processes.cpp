@@ -50,7 +50,8 @@ const struct
     const char* m_name;
     std::vector<void (*)()> m_calls;
 } kNeighbours[] = {{"forked beside four threads that log", {LogNowAndThen, LogNowAndThen, LogNowAndThen, LogNowAndThen}},
-                   {"forked beside localtime_r and malloc", {AskForLocalTime, AskForLocalTime, Allocate}}};
+                   {"forked beside localtime_r and malloc", {AskForLocalTime, AskForLocalTime, Allocate}},
+                   {"forked beside all of that", {LogNowAndThen, LogNowAndThen, AskForLocalTime, Allocate}}};
 
 Writer* gHandlerWriter = nullptr;
 
