@@ -147,9 +147,17 @@ TEST_F(CrashDumpTest, AJumpOutOfItLeavesNothingHeld)
                 Crash::Dump::Run([] { Fault(); });
             }
         }
-        const bool isRun = Crash::Dump::Run([] {});
+        static int waitLeftMs = 0;
+        const auto dumpInHandler = [](int signal, siginfo_t* info, void* context)
+        {
+            const StructuredException exception(signal, static_cast<ucontext_t*>(context), info);
+            QV::SignalSafeScope::WaitLeftMs() = 0; // as after a thread that was waited for in vain
+            Crash::Dump::Run([] { waitLeftMs = QV::SignalSafeScope::WaitLeftMs(); });
+        };
+        InstallHandler(SIGUSR1, dumpInHandler);
+        raise(SIGUSR1); // the return of its handler must not take the signal stack away again
         sigaltstack(nullptr, &alternate);
-        return isRun && alternate.ss_sp == memory && alternate.ss_flags == 0 ? 0 : 1;
+        return waitLeftMs > 0 && alternate.ss_sp == memory && alternate.ss_flags == 0 ? 0 : 1;
     };
     EXPECT_EQ(0, RunChild(jumpOutAgainAndAgain));
 }
