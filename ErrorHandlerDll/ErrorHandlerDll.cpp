@@ -70,6 +70,10 @@ const int gForkHandlers = pthread_atfork(
 void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName)
 {
     const ErrnoScope errnoScope;
+    if (QV::SignalSafeScope::IsActive())
+    {
+        return; // the name would take the heap, which the interrupted code may be in
+    }
     GetLogger().Initialise(enable, level, mask, fileName);
 }
 

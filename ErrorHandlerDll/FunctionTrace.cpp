@@ -20,14 +20,7 @@ void WriteFunctionTrace(const TracePoint& point, const char* message)
             gFileLogger.Write(LogEntry(kTraceLevel, prefix, message));
         }
     };
-    if (!QV::SignalSafeScope::IsActive())
-    {
-        write();
-    }
-    else
-    {
-        Crash::Dump::Run(write);
-    }
+    QV::SignalSafeScope::IsActive() ? static_cast<void>(Crash::Dump::Run(write)) : write();
 }
 
 void RecordHandlerFailure() noexcept

@@ -151,13 +151,14 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
         });
     WaitForStep(1);
     const unsigned char bytes[1000] = {1, 2};
+    const std::string longText(1000, 'x');
     const auto logWithoutTheSection = [&]
     {
         SetOptions(LOGGING_STRATEGY_APPEND);
         InitialiseLogging(false, 0, 0, "other.log");
         ShutdownLogging();
         EXPECT_STREQ("", GetLogFilename());
-        EXPECT_TRUE(Log(std::string(1000, 'x')));
+        EXPECT_TRUE(Log(longText));
         EXPECT_TRUE(LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "hex", bytes, 2));
         const HexDump dump(bytes, sizeof bytes);
         EXPECT_FALSE(gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", "too long", &dump),

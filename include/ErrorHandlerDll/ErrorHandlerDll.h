@@ -48,7 +48,8 @@ ERRORHANDLERDLL_EXTERN_C_BEGIN
 //             the empty name ".1.log". A new file gets the mode 0666 less the umask; symbolic links are followed, so choose
 //             a folder in which nobody else may create the predictable names of a series. A file that ends inside a line, as
 //             a killed process leaves it, is gone on with on a new line.
-// Not from a signal handler that may have interrupted a call of the library; it does nothing there.
+// Not from a signal handler that may have interrupted a call of the library, nor from an error callback that such a handler
+// runs; it does nothing there.
 ERRORHANDLERDLL_API void InitialiseLogging(bool enable, int level, unsigned int mask, const char* fileName);
 
 // The path of the current log file; with LOGGING_STRATEGY_FILE_SIZE that of the numbered file.
