@@ -37,7 +37,8 @@ cd "$root"
 
 # What the pages take for given: a host with its logs, one of its dumps, its core file; an editor's folder for a C host; a
 # journal. The viewer is kept from waiting for keys.
-export HOME=$work/home TERM=dumb PATH=$work/bin:$PATH PKG_CONFIG_PATH=$root/DIR/lib/pkgconfig
+ln -s "$root/DIR" "$work/prefix" # a blank in a path would end a flag of pkg-config's
+export HOME=$work/home TERM=dumb PATH=$work/bin:$PATH PKG_CONFIG_PATH=$work/prefix/lib/pkgconfig
 echo "source $root/packaging/gdb/errorhandlerdll.py" >"$HOME/.gdbinit"
 lnav -i packaging/lnav/errorhandlerdll.json >/dev/null
 printf '#!/bin/sh\nexec %s -n "$@"\n' "$(command -v lnav)" >"$work/bin/lnav"
