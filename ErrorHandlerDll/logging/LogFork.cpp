@@ -43,6 +43,7 @@ void LogFork::AfterInParent(FileLogger& logger)
 void LogFork::AfterInChild(FileLogger& logger)
 {
     logger.m_output.ForgetBuffer(); // what could not be flushed, or was logged after the flush, is the parent's to write
+    logger.m_output.ForgetOtherThreads();
     if (tHadThreads)
     {
         logger.m_clock.ForgetZone();

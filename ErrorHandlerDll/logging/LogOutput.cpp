@@ -79,11 +79,10 @@ bool LogOutput::WriteBuffered(int* waitLeftMs)
 // they can be claimed, nothing has happened to them. One thread at a time makes such a copy.
 void LogOutput::WriteLinesOfOwner(int& waitLeftMs)
 {
-    static constinit std::atomic<std::uint32_t> copyOwner = 0;
     static char copy[kBufferSize];
     const std::uint32_t self = ZelvoWinAPI::GetCurrentThreadId();
     std::uint32_t expected = 0;
-    if (!copyOwner.compare_exchange_strong(expected, self) && expected != self) // its own: it has left this by a jump
+    if (!m_copyOwner.compare_exchange_strong(expected, self) && expected != self) // its own: it has left this by a jump
     {
         return;
     }
@@ -103,7 +102,7 @@ void LogOutput::WriteLinesOfOwner(int& waitLeftMs)
             m_file.WriteBesideOwner({&lines, 1}, &waitLeftMs);
         }
     }
-    copyOwner.store(0);
+    m_copyOwner.store(0);
 }
 
 bool LogOutput::WritePastBuffer(LogFile::Pieces pieces, int* waitLeftMs)

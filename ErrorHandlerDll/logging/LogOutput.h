@@ -76,6 +76,9 @@ public:
     // Counts as written what is not: it is the parent's to write, or lost.
     void ForgetBuffer();
 
+    // In a forked child: who was claiming lines is no thread of it.
+    void ForgetOtherThreads() { m_copyOwner.store(0); }
+
     // Makes the state whole again after a call that was cut off.
     void ForgetInterruptedCall();
 
@@ -97,7 +100,8 @@ private:
     std::atomic<std::size_t> m_used{0};    // bytes in the buffer
     std::atomic<std::size_t> m_written{0}; // how many of them are in the file already; out of date in a flush
     std::atomic<Claim> m_claim{0};
-    std::int64_t m_bufferPosition = 0; // where in the file the buffer's first byte goes, if nobody else writes to it
+    std::atomic<std::uint32_t> m_copyOwner{0}; // thread that copies claimed lines
+    std::int64_t m_bufferPosition = 0;         // where in the file the buffer's first byte goes, if nobody else writes to it
     char m_buffer[kBufferSize + kExcess];
 };
 
