@@ -197,19 +197,23 @@ Entry TryEnterCriticalSection(_CRITICAL_SECTION* section, int& waitLeftMs) noexc
         return entry;
     }
     const std::int64_t end = GetTickCount64() + waitLeftMs;
-    for (int i = 0; i < kYields && entry == Entry::REFUSED && waitLeftMs > 0; ++i)
+    const auto timeLeftMs = [end]
+    {
+        return static_cast<int>(std::max<std::int64_t>(end - GetTickCount64(), 0));
+    };
+    for (int i = 0; i < kYields && entry == Entry::REFUSED && timeLeftMs() > 0; ++i) // a yield may take a time slice
     {
         sched_yield();
         entry = TryEnter(section, self);
     }
     LeaseWatch watch;
-    while (entry == Entry::REFUSED && waitLeftMs > 0)
+    while (entry == Entry::REFUSED && timeLeftMs() > 0)
     {
         Sleep(kPollIntervalMs);
-        waitLeftMs = static_cast<int>(std::max<std::int64_t>(end - GetTickCount64(), 0));
         entry = TryEnter(section, self);
         entry = entry == Entry::REFUSED ? watch.TryTakeOver(section, self) : entry;
     }
+    waitLeftMs = timeLeftMs();
     return entry;
 }
 
