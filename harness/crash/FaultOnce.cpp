@@ -13,6 +13,7 @@
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 #include <x86intrin.h>
 
@@ -115,16 +116,16 @@ void Wander()
     Work();
 }
 
-constexpr unsigned long long kTrapFlag = 0x100; // of the processor: a trap after each instruction
+constexpr greg_t kTrapFlag = 0x100; // of the processor: a trap after each instruction
 
-// After tThread->stepsLeft instructions, the thread gets its signal.
+// After tThread->stepsLeft instructions, the thread gets its signal; a negative number ends the steps.
 [[gnu::no_instrument_function]] void HandleStep(int, siginfo_t*, void* argument)
 {
     greg_t& flags = static_cast<ucontext_t*>(argument)->uc_mcontext.gregs[REG_EFL];
-    flags |= static_cast<greg_t>(kTrapFlag);
-    if (tThread->stepsLeft-- == 0)
+    const long stepsLeft = tThread->stepsLeft--;
+    flags = stepsLeft > 0 ? flags | kTrapFlag : flags & ~kTrapFlag;
+    if (stepsLeft == 0)
     {
-        flags &= ~static_cast<greg_t>(kTrapFlag);
         tThread->signalAfterSteps == 0 ? StopForEver() : static_cast<void>(raise(tThread->signalAfterSteps));
     }
 }
@@ -183,9 +184,8 @@ void StepThroughLogging()
     {
         LogNext();
     }
-    __writeeflags(__readeflags() & ~kTrapFlag);
-    gRecord->steps = gCase.number - tThread->stepsLeft;
-    Descend(0);
+    gRecord->steps = gCase.number - std::exchange(tThread->stepsLeft, -1);
+    Descend(0); // noted in the same place as what the handler calls: no signal may come between
 }
 
 // ---- With a lock held, at the end -------------------------------------------------------------------------------------
