@@ -42,6 +42,13 @@ int OpenFile(const char* path, int flags) noexcept
     return AboveStandardDescriptors(descriptor);
 }
 
+bool IsOpenFile(int descriptor, int flags) noexcept
+{
+    constexpr int kLasting = O_ACCMODE | O_APPEND | O_NONBLOCK;
+    const int current = fcntl(descriptor, F_GETFL);
+    return current < 0 ? errno != EBADF : ((current ^ flags) & kLasting) == 0;
+}
+
 std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) noexcept
 {
     return syscall(SYS_write, descriptor, bytes, size);

@@ -83,6 +83,9 @@ void AdoptCriticalSection(_CRITICAL_SECTION* section) noexcept;
 //   returns the descriptor, or -1 with errno set
 int OpenFile(const char* path, int flags) noexcept;
 
+// Whether the descriptor is open, and as OpenFile has opened it with these flags: another file under its number has others.
+bool IsOpenFile(int descriptor, int flags) noexcept;
+
 // One write(2). Returns the bytes written, or -1 with errno set.
 std::ptrdiff_t WriteFile(int descriptor, const void* bytes, std::size_t size) noexcept;
 

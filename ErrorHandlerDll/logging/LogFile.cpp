@@ -14,7 +14,9 @@
 namespace
 {
 
-constexpr std::string_view kLineFeed = "\n";
+// A regular file takes no notice of O_NONBLOCK; all others must be able to stop taking bytes without stopping the caller.
+// The flags tell, too, whether a number is still this file's: a host that has closed it may have opened another one.
+constexpr int kFlags = O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY;
 
 iovec ToVector(std::string_view text)
 {
@@ -32,7 +34,7 @@ int Write(int descriptor, LogFile::Pieces pieces, std::atomic<std::size_t>& writ
         int count = 0;
         if (beginsWithLineFeed)
         {
-            vectors[count++] = ToVector(kLineFeed);
+            vectors[count++] = ToVector("\n");
         }
         const int first = count;
         std::size_t skipped = written.load(std::memory_order_relaxed);
@@ -79,12 +81,10 @@ void LogFile::SetName(const LogPath& name)
     }
 }
 
-// A regular file takes no notice of O_NONBLOCK; all others must be able to stop taking bytes without stopping the caller.
 std::int64_t LogFile::Open(bool empties)
 {
     const int truncation = empties && !m_wasClosedByHost ? O_TRUNC : 0;
-    const int descriptor =
-        ZelvoWinAPI::OpenFile(GetName().GetData(), O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | truncation);
+    const int descriptor = ZelvoWinAPI::OpenFile(GetName().GetData(), kFlags | truncation);
     m_descriptor.store(descriptor, std::memory_order_relaxed);
     if (descriptor < 0)
     {
@@ -111,7 +111,7 @@ void LogFile::Close()
     m_wasClosedByHost = false;
     const int descriptor =
         m_descriptor.exchange(-1); // first: a dump must not take a number for ours that is another's by then
-    if (descriptor >= 0)
+    if (ZelvoWinAPI::IsOpenFile(descriptor, kFlags))
     {
         ZelvoWinAPI::CloseFile(descriptor);
     }
@@ -121,7 +121,8 @@ bool LogFile::WriteAll(Pieces pieces, std::atomic<std::size_t>& written, int* wa
 {
     for (int attempt = 0; attempt < 2; ++attempt)
     {
-        const int error = Write(GetDescriptor(), pieces, written, m_endsInsideLine, waitLeftMs);
+        const bool isOurs = ZelvoWinAPI::IsOpenFile(GetDescriptor(), kFlags);
+        const int error = isOurs ? Write(GetDescriptor(), pieces, written, m_endsInsideLine, waitLeftMs) : EBADF;
         if (error == 0)
         {
             return true;
@@ -145,7 +146,8 @@ bool LogFile::WriteBesideOwner(Pieces pieces, int* waitLeftMs) const
 {
     std::atomic<std::size_t> written = 0;
     bool beginsWithLineFeed = EndsInsideLine(false);
-    return Write(GetDescriptor(), pieces, written, beginsWithLineFeed, waitLeftMs) == 0;
+    return ZelvoWinAPI::IsOpenFile(GetDescriptor(), kFlags) &&
+           Write(GetDescriptor(), pieces, written, beginsWithLineFeed, waitLeftMs) == 0;
 }
 
 void LogFile::EndOnWholeLine(Pieces pieces, std::atomic<std::size_t>& written)
