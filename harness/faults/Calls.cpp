@@ -17,28 +17,19 @@ constexpr long kCalls[] = {SYS_openat, Faults::kSearch, SYS_writev,  SYS_close,
 constexpr int kShortWrite = 0; // and no room after it; other calls succeed, once
 constexpr int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, EDQUOT, EACCES, EAGAIN, kShortWrite};
 
-struct Failures
-{
-    unsigned int m_maxFileSize;
-    long m_call;
-    int m_error;
-    unsigned int m_count;
-};
-
 // A log's life: opened, filled over several flushes, closed, opened again, closed.
 //   returns whether there were enough calls for one to fail
-bool Live(const Failures& failures, unsigned int first)
+bool Live(unsigned int maxFileSize, long call, int error, unsigned int count, unsigned int first)
 {
     constexpr int kLines = 22;
     constexpr long kShortSize = 100; // in the second line
-    const LogFolder folder;
-    OpenLog(folder.Path(), failures.m_maxFileSize);
+    const LogFolder folder(maxFileSize);
     Faults::gCalls.assign(first, {LONG_MAX, 0});
-    Faults::gCalls.push_back({kShortSize, failures.m_error});
-    Faults::gCalls.resize(first + failures.m_count, {0, failures.m_error == kShortWrite ? ENOSPC : failures.m_error});
-    Faults::gCall = failures.m_call;
-    const bool isInterrupted = failures.m_error == EINTR && failures.m_call != SYS_fcntl; // which cannot be interrupted
-    const Writer& writer = BeginWriter(failures.m_count > 1 && !isInterrupted);
+    Faults::gCalls.push_back({kShortSize, error});
+    Faults::gCalls.resize(first + count, {0, error == kShortWrite ? ENOSPC : error});
+    Faults::gCall = call;
+    const bool isInterrupted = error == EINTR && call != SYS_fcntl; // which cannot be interrupted
+    const Writer& writer = BeginWriter(count > 1 && !isInterrupted);
     LogLines(kLines);
     ShutdownLogging();
     LogLines(kLines);
@@ -47,14 +38,13 @@ bool Live(const Failures& failures, unsigned int first)
     const bool isRefused = isInterrupted && writer.m_taken < 2 * kLines;
     BeginWriter();
     const bool goesOn = Log();
-    ShutdownLogging();
-    Verdict verdict(folder.Path());
+    Verdict verdict = folder.Close();
     if (isRefused || !goesOn || !verdict.IsKept())
     {
-        Report("a system call fails", verdict, false, "call %u of number %ld fails %ux with error %d, files of %u bytes",
-               first, failures.m_call, failures.m_count, failures.m_error, failures.m_maxFileSize);
+        Report("a system call fails", verdict, false,
+               {{"is its number", call}, {"succeed", first}, {"fail", count}, {"error", error}, {"max. size", maxFileSize}});
     }
-    return Faults::gCalls.size() < failures.m_count;
+    return Faults::gCalls.size() < count;
 }
 
 } // namespace
@@ -63,23 +53,20 @@ void FailCalls(int)
 {
     close(STDIN_FILENO); // so that the log's descriptor has to be moved
     unsigned int cases = 0;
-    for (const unsigned int maxFileSize : {0u, 1500u})
+    for (const long call : kCalls)
     {
-        for (const long call : kCalls)
+        for (const int error : kErrors)
         {
-            for (const int error : kErrors)
+            for (const unsigned int kind : {0, 1, 2, 3})
             {
-                for (const unsigned int count : {1u, 3u})
+                unsigned int first = 0;
+                while (Live(kind % 2 * 1500, call, error, kind < 2 ? 1 : 3, first))
                 {
-                    unsigned int first = 0;
-                    while (Live({maxFileSize, call, error, count}, first))
-                    {
-                        ++first;
-                    }
-                    cases += first;
+                    ++first;
                 }
+                cases += first;
             }
         }
     }
-    Report("system calls fail", Verdict(), cases > 0, "%u cases; broken ones are above", cases);
+    Report("system calls fail", Verdict(), cases > 0, {{"cases; broken ones are above", cases}});
 }

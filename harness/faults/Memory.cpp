@@ -31,12 +31,7 @@ std::runtime_error gLongError(gText);
 std::bad_alloc gBadAlloc;
 ucontext_t gContext;
 siginfo_t gInfo;
-
-StructuredException& Fault()
-{
-    static StructuredException fault(SIGSEGV, &gContext, &gInfo);
-    return fault;
-}
+StructuredException* gFault = nullptr;
 
 void Set(unsigned int flushInterval, ZelvoReaderLoggingStrategy strategy, unsigned int maxFileSize, unsigned int reserved)
 {
@@ -44,12 +39,14 @@ void Set(unsigned int flushInterval, ZelvoReaderLoggingStrategy strategy, unsign
     SetLoggingOptions(&settings);
 }
 
-void LookUp(unsigned int code)
+const char* LookUp(unsigned int code)
 {
-    char text[512];
+    static char text[512];
     int length = sizeof text;
-    GetErrorString(static_cast<ZelvoReaderErrorCode>(code), text, &length);
     GetWarningString(code, text, &length);
+    length = sizeof text;
+    GetErrorString(static_cast<ZelvoReaderErrorCode>(code), text, &length);
+    return text;
 }
 
 constexpr char kDefaults[] = "interval 3 strategy 0 size 0 reserved 1";
@@ -94,13 +91,13 @@ const struct Operation
     {CALL(delete Handler::HandleUnknownException(kWalk, true)), kHandlerFailed},
     {CALL(delete Handler::HandleSTDException(kWalk, gLongError, true)), kHandlerFailed},
     {CALL(delete Handler::HandleBadAllocException(kWalk, gBadAlloc, true)), kHandlerFailed},
-    {CALL(delete Handler::HandleStructuredException(kWalk, Fault(), true)), kHandlerFailed},
+    {CALL(delete Handler::HandleStructuredException(kWalk, *gFault, true)), kHandlerFailed},
     {CALL(Handler::HandleHalvikException(kWalk, &gError)), kHandlerFailed},
     {CALL(StructuredException(SIGSEGV, &gContext, &gInfo))},
-    {CALL(Fault().GetExceptionString(); StructuredException::GetExceptionName(1); Fault().GetErrorMessage())},
+    {CALL(gFault->GetExceptionString(); StructuredException::GetExceptionName(1); gFault->GetErrorMessage())},
     {CALL(StructuredException::RegisterHandler(nullptr); StructuredException::UnRegisterHandler(nullptr))},
-    {CALL(Fault().DumpExceptionContext(kWalk))},
-    {CALL(Fault().GenerateCallStack(); Fault().GenerateModuleAddresses(); Fault().GenerateStackDump(gBytes))},
+    {CALL(gFault->DumpExceptionContext(kWalk))},
+    {CALL(gFault->GenerateCallStack(); gFault->GenerateModuleAddresses(); gFault->GenerateStackDump(gBytes))},
 };
 
 // All that a host can read of the library's state, but for the file name: a numbered one may move on without the call that
@@ -110,17 +107,12 @@ std::string State()
     LoggingSettings settings;
     GetLoggingOptions(&settings);
     char state[1024];
-    int length =
-        std::snprintf(state, sizeof state, "level %d mask %x interval %u strategy %d size %u reserved %u last %d %s",
-                      settings.logLevel, settings.logMask, settings.flushInterval, settings.strategy, settings.maxFileSize,
-                      settings.reserved, Handler::m_lastErrorCode, Handler::m_lastErrorString);
-    std::string texts(state);
-    for (const ZelvoReaderErrorCode code : {ZR_ERROR_UNKNOWN, ZR_CUSTOM_ERROR_FIRST})
-    {
-        length = sizeof state;
-        GetErrorString(code, state, &length);
-        texts += state;
-    }
+    std::snprintf(state, sizeof state, "level %d mask %x interval %u strategy %d size %u reserved %u last %d %s ",
+                  settings.logLevel, settings.logMask, settings.flushInterval, settings.strategy, settings.maxFileSize,
+                  settings.reserved, Handler::m_lastErrorCode, Handler::m_lastErrorString);
+    std::string texts = state;
+    texts += LookUp(ZR_ERROR_UNKNOWN);
+    texts += LookUp(ZR_CUSTOM_ERROR_FIRST);
     return texts;
 }
 
@@ -144,10 +136,9 @@ std::string Prepare(const LogFolder& folder, bool isFileOpen)
 }
 
 int gFailures = 0; // allocations that were made to fail
-int gFaults = 0;
 
-// Returns what has left the operation.
-std::string Call(const Operation& operation)
+// Returns whether it ended well, and not by std::bad_alloc. Anything else that leaves it ends the program.
+bool Call(const Operation& operation)
 {
     try
     {
@@ -159,13 +150,9 @@ std::string Call(const Operation& operation)
     }
     catch (const std::bad_alloc&)
     {
-        return "bad_alloc";
+        return false;
     }
-    catch (...)
-    {
-        return "something else";
-    }
-    return "";
+    return true;
 }
 
 // Returns whether the n-th allocation was reached.
@@ -173,18 +160,15 @@ bool FailOne(const Operation& operation, const LogFolder& folder, bool isFileOpe
 {
     const std::string before = Prepare(folder, isFileOpen);
     Allocations::tFailAfter = n;
-    const std::string left = Call(operation);
+    Call(operation);
     const bool isFailed = std::exchange(Allocations::tFailAfter, -1) < 0;
     const std::string state = State();
     bool isLogged = false;
     std::thread([&isLogged] { isLogged = LogMessage(0, 1, "", "next"); }).join();
-    const std::string leftAgain = Call(operation);
     const bool isDefined = state == before || state == after || state.find(operation.m_orDefined) != std::string::npos;
-    if (left == "something else" || !isDefined || !isLogged || !leftAgain.empty())
+    if (!isDefined || !isLogged || !Call(operation))
     {
-        std::fprintf(stderr, "BROKEN: %s, allocation %ld: left by %s, then by %s, state %s%s\n", operation.m_name, n,
-                     left.c_str(), leftAgain.c_str(), state.c_str(), isLogged ? "" : ", another thread cannot log");
-        ++gFaults;
+        Report(operation.m_name + (": state " + state), Verdict(), false, {{"allocation", n}, {"logged beside", isLogged}});
     }
     gFailures += isFailed ? 1 : 0;
     return isFailed;
@@ -201,9 +185,8 @@ long FailAll(const LogFolder& folder)
             Prepare(folder, isFileOpen);
             Call(operation);
             const std::string after = State();
-            for (long n = 0; FailOne(operation, folder, isFileOpen, n, after);)
+            for (long n = 0; FailOne(operation, folder, isFileOpen, n, after); ++n)
             {
-                ++n;
             }
         }
     }
@@ -221,14 +204,12 @@ void FailMemory(int)
     getcontext(&gContext);
 
     // The dumps of the structured exceptions are not what is looked at here.
-    const int output = dup(STDOUT_FILENO);
     dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+    StructuredException fault(SIGSEGV, &gContext, &gInfo);
+    gFault = &fault;
     const long sizes[] = {FailAll(folder), FailAll(folder), FailAll(folder)};
     // What is allocated once and for all is there after the first time; the allocator's own caches come and go.
     const long left = std::min(sizes[1] - sizes[0], sizes[2] - sizes[1]);
-    std::fflush(stdout);
-    dup2(output, STDOUT_FILENO);
-    Report("memory runs out", Verdict(), gFaults == 0 && left <= 0 && gFailures > 0,
-           "%zu operations, %d allocations failed in turn: %d faults, %ld bytes left behind", std::size(kOperations),
-           gFailures, gFaults, left);
+    Report("memory runs out", Verdict(), left <= 0 && gFailures > 0,
+           {{"allocations failed in turn", gFailures}, {"bytes left behind", left}});
 }

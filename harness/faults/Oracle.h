@@ -38,38 +38,23 @@ bool Log(Writer& writer);
 bool Log();
 void LogLines(int count);
 
-// A folder for one log, whose writers go with it.
-class LogFolder : public TemporaryFolder
-{
-public:
-    ~LogFolder();
-    std::string Path() const { return *this / ""; }
-};
-
-// Switches the log on in a folder: app.log, or numbered files that are changed at a size.
-void OpenLog(const std::string& folder, unsigned int maxFileSize = 0, unsigned int linesPerFlush = 10);
-
 // ---- Reading ----
 
 // What is found in the files of a folder.
 class Verdict
 {
 public:
-    Verdict() = default;
-    explicit Verdict(const std::string& folder) { Read(folder); }
-
     // Reads what all files have got since the reading before.
     void Read(const std::string& folder);
 
-    int Lost();                       // of the lines that were taken and may not be lost
-    int LostOf(const Writer& writer); // of all that it wrote
+    int Lost(bool mayLose = false); // of the lines taken from writers that may lose some, or from the others
     bool IsKept() { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + Lost() == 0; }
 
     int m_whole = 0;    // lines
     int m_wrong = 0;    // of those, lines that are there once already, or with another thread's id than their writer's
     int m_empty = 0;    // empty lines
     int m_torn = 0;     // neither whole nor empty
-    int m_joined = 0;   // times that another line starts inside of those
+    int m_joined = 0;   // of those, lines with another line inside
     int m_openEnds = 0; // files that end without a line feed; what stands behind the last one counts nowhere else
 
 private:
@@ -79,12 +64,19 @@ private:
     std::map<std::string, std::streamoff> m_readTo;
 };
 
-// Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`.
-void Report(const std::string& name, Verdict verdict, bool isElseKept, const char* format, ...)
-    __attribute__((format(printf, 4, 5)));
+// Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`. Standard output may be closed.
+using Figures = std::vector<std::pair<const char*, long>>;
+void Report(const std::string& name, Verdict verdict, bool isElseKept = true, Figures figures = {});
 
-// Whether all rows so far were kept, in whatever process.
-bool IsAllKept();
+// A folder for one log, which is switched on in it: app.log, or numbered files that are changed at a size. The writers go
+// with it.
+class LogFolder : public TemporaryFolder
+{
+public:
+    explicit LogFolder(unsigned int maxFileSize = 0, unsigned int linesPerFlush = 10);
+    ~LogFolder();
+    Verdict Close() const; // closes the log and reads it
+};
 
 // ---- Processes and threads ----
 
@@ -92,17 +84,16 @@ bool IsAllKept();
 std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls);
 
 // Starts a child that runs `body` and ends, or is killed when it hangs.
-pid_t StartChild(const std::function<void()>& body, unsigned int timeoutSeconds = 10);
+pid_t StartChild(const std::function<void()>& body, int timeoutSeconds = 10);
 
-// Returns whether it has ended as it should.
-bool IsGoodEnd(pid_t child);
+// Waits for its end, and reports one that is not as it should be.
+void Await(pid_t child, const char* name);
 
 // ---- The cases ----
 
 // Each runs in a process of its own. `scale` times as many rounds as in the short form.
 using Case = void(int scale);
 Case ChangeFiles, EndProcess, EndThreads, FailCalls, FailMemory, FillDisk, Fork, Interrupt, Kill, LimitFileSize, Race,
-    Rotate;
-Case ShareFile, Unload;
+    Rotate, ShareFile, Unload;
 
 #endif

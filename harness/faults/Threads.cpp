@@ -11,6 +11,8 @@
 namespace
 {
 
+using Handler = ExceptionHandler;
+
 constexpr const char* kSource = "Threads::End() - ";
 
 void Raise()
@@ -25,15 +27,10 @@ void Raise()
     }
 }
 
-void Handle(void (*writer)(const char*, void*))
-{
-    delete ExceptionHandler::GenericHandleException(kSource, ZR_ERROR_UNKNOWN, "message", true, writer, nullptr);
-}
-
 void HandleRuntimeError()
 {
     std::runtime_error error("text");
-    delete ExceptionHandler::HandleSTDException(kSource, error, true);
+    delete Handler::HandleSTDException(kSource, error, true);
 }
 
 // A callback of any kind.
@@ -42,23 +39,23 @@ void End(Arguments...)
 {
     pthread_exit(nullptr);
 }
-void AllowCancellation(const char*, void*)
+
+void EndWriter()
 {
-    pthread_testcancel();
+    delete Handler::GenericHandleException(kSource, ZR_ERROR_UNKNOWN, "message", true, End, nullptr);
 }
 
-// Called again and again by two threads, until they have ended. A callback that has been set stays for the rows after it.
+// Called again and again by two threads, until they have ended or, in time, are cancelled. A callback that has been set
+// stays for the rows after it.
 constexpr struct
 {
     const char* m_name;
     void (*m_call)();
-    bool m_isCancelled;
-    bool m_isFailureOfHandler; // shows in the last error
-} kEndings[] = {{CALL(Handle(End)), false, true},
-                {CALL(Raise(); Handle(AllowCancellation)), true, false},
-                {CALL(Log(); pthread_testcancel()), true, false},
-                {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), false, false},
-                {CALL(ExceptionHandler::SetErrorCallback(End, nullptr); HandleRuntimeError()), false, true}};
+    int m_lastError; // of the process, afterwards
+} kEndings[] = {{CALL(EndWriter()), ZR_ERROR_IN_EXCEPTION_HANDLER},
+                {CALL(Log(); Raise(); pthread_testcancel()), ZR_ERROR_NONE},
+                {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), ZR_ERROR_NONE},
+                {CALL(Handler::SetErrorCallback(End, nullptr); HandleRuntimeError()), ZR_ERROR_IN_EXCEPTION_HANDLER}};
 
 void ChangeSettings()
 {
@@ -89,9 +86,9 @@ void LookUp()
 void HandleAll()
 {
     HalvikException error(ZR_ERROR_UNKNOWN, "message", kSource);
-    ExceptionHandler::HandleHalvikException(kSource, &error);
+    Handler::HandleHalvikException(kSource, &error);
     HandleRuntimeError();
-    delete ExceptionHandler::HandleUnknownException(kSource, true);
+    delete Handler::HandleUnknownException(kSource, true);
 }
 
 } // namespace
@@ -101,45 +98,35 @@ void EndThreads(int scale)
     for (const auto& ending : kEndings)
     {
         const LogFolder folder;
-        const int rounds = 40 * scale;
         int taken = 0;
-        OpenLog(folder.Path());
         BeginWriter();
-        ExceptionHandler::SetLastErrorCode(ZR_ERROR_NONE);
-        for (int round = 0; round < rounds; ++round)
+        Handler::SetLastErrorCode(ZR_ERROR_NONE);
+        for (int round = 0; round < 40 * scale; ++round)
         {
             auto threads = CallForEver({ending.m_call, ending.m_call});
             usleep(static_cast<unsigned int>(round % 7) * 100);
             for (std::jthread& thread : threads)
             {
-                if (ending.m_isCancelled)
-                {
-                    pthread_cancel(thread.native_handle());
-                }
+                pthread_cancel(thread.native_handle());
                 thread.join();
             }
             taken += Log() ? 1 : 0;
         }
-        ShutdownLogging();
-        const bool isFailureOfHandler = ExceptionHandler::m_lastErrorCode == ZR_ERROR_IN_EXCEPTION_HANDLER;
-        Verdict verdict(folder.Path());
+        Verdict verdict = folder.Close();
         verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
-        Report(std::string("ends in ") + ending.m_name, verdict,
-               taken == rounds && (isFailureOfHandler || !ending.m_isFailureOfHandler), "%d threads", 2 * rounds);
+        Report(ending.m_name, verdict, taken == 40 * scale && Handler::m_lastErrorCode == ending.m_lastError,
+               {{"taken", taken}, {"last error", Handler::m_lastErrorCode}});
     }
 }
 
 void Race(int scale)
 {
     const LogFolder folder;
-    OpenLog(folder.Path());
-    ExceptionHandler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); },
-                                       nullptr);
+    Handler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); }, nullptr);
     auto threads = CallForEver({[] { Log(); }, [] { Log(); }, ChangeSettings, LookUp, Raise, Raise, HandleAll});
     sleep(static_cast<unsigned int>(3 * scale));
     threads.clear();
-    ShutdownLogging();
-    Verdict verdict(folder.Path());
+    Verdict verdict = folder.Close();
     verdict.m_torn = 0;
-    Report("logging, settings, raising, handling", verdict, true, "%d s", 3 * scale);
+    Report("logging, settings, raising, handling", verdict);
 }
