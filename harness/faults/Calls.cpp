@@ -38,7 +38,7 @@ bool Live(unsigned int maxFileSize, long call, int error, unsigned int count, un
     const bool isRefused = isInterrupted && writer.m_taken < 2 * kLines;
     BeginWriter();
     const bool goesOn = Log();
-    Verdict verdict = folder.Close();
+    const Verdict verdict = folder.Close();
     if (isRefused || !goesOn || !verdict.IsKept())
     {
         Report("a system call fails", verdict, false,

@@ -49,9 +49,8 @@ void Outlive(const std::string& name, SetShortage* setShortage, unsigned int max
     LogLines(200); // until the next flush finds the room
     BeginWriter();
     LogLines(800);
-    Verdict verdict = folder.Close();
-    const int lost = verdict.Lost(kMayLose);
-    Report(name + ", then room, files of " + std::to_string(maxFileSize), verdict, lost > 0, {{"lost meanwhile", lost}});
+    const Verdict verdict = folder.Close();
+    Report(name + ", then room, files of " + std::to_string(maxFileSize), verdict, verdict.m_dropped > 0);
 }
 
 // The shortage cuts a line, the child of a fork logs beside it, and both have room again.

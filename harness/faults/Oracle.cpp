@@ -93,6 +93,14 @@ void Verdict::Read(const std::string& folder)
         }
         m_openEnds += line.empty() ? 0 : 1;
     }
+    m_lost = m_dropped = 0;
+    for (int i = 0; i < gShared.m_count; ++i)
+    {
+        const Writer& writer = gShared.m_writers[i];
+        const std::vector<bool>& found = m_found[i];
+        const auto end = found.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found));
+        (writer.m_mayLose ? m_dropped : m_lost) += writer.m_taken - static_cast<int>(std::count(found.begin(), end, true));
+    }
 }
 
 void Verdict::ReadLine(const std::string& line)
@@ -119,19 +127,6 @@ void Verdict::ReadLine(const std::string& line)
     m_joined += line.find("ThreadID: ", kThreadAt) != std::string::npos ? 1 : 0;
 }
 
-int Verdict::Lost(bool mayLose)
-{
-    int lost = 0;
-    for (int i = 0; i < gShared.m_count; ++i)
-    {
-        const Writer& writer = gShared.m_writers[i];
-        const std::vector<bool>& found = m_found[i];
-        const auto end = found.begin() + std::min<std::ptrdiff_t>(writer.m_taken, std::ssize(found));
-        lost += writer.m_mayLose == mayLose ? writer.m_taken - static_cast<int>(std::count(found.begin(), end, true)) : 0;
-    }
-    return lost;
-}
-
 LogFolder::LogFolder(unsigned int maxFileSize, unsigned int linesPerFlush)
 {
     const auto strategy = maxFileSize > 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
@@ -154,14 +149,15 @@ Verdict LogFolder::Close() const
     return verdict;
 }
 
-void Report(const std::string& name, Verdict verdict, bool isElseKept, Figures figures)
+void Report(const std::string& name, const Verdict& verdict, bool isElseKept, Figures figures)
 {
     const bool isKept = isElseKept && verdict.IsKept();
     gIsAllKept = gIsAllKept && isKept;
     if (verdict.m_whole > 0)
     {
         figures.insert(figures.end(), {{"lines", verdict.m_whole},
-                                       {"lost", verdict.Lost()},
+                                       {"lost", verdict.m_lost},
+                                       {"that may be lost, are", verdict.m_dropped},
                                        {"torn", verdict.m_torn + verdict.m_openEnds},
                                        {"joined", verdict.m_joined},
                                        {"empty", verdict.m_empty},
@@ -175,7 +171,7 @@ void Report(const std::string& name, Verdict verdict, bool isElseKept, Figures f
     dprintf(kOutput, "\n");
 }
 
-std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls)
+std::vector<std::jthread> CallForEver(const Calls& calls)
 {
     std::vector<std::jthread> threads;
     for (void (*const call)() : calls)
@@ -192,6 +188,19 @@ std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls)
     return threads;
 }
 
+Verdict Repeat(int rounds, const std::function<void()>& call, const Calls& beside)
+{
+    const LogFolder folder;
+    sleep(beside.empty() ? 0 : 1); // the log knows the time of this second without asking
+    std::vector<std::jthread> threads = CallForEver(beside);
+    for (int i = 0; i < rounds; ++i)
+    {
+        call();
+    }
+    threads.clear();
+    return folder.Close();
+}
+
 pid_t StartChild(const std::function<void()>& body, int timeoutSeconds)
 {
     const pid_t child = fork();
@@ -204,12 +213,12 @@ pid_t StartChild(const std::function<void()>& body, int timeoutSeconds)
     return child;
 }
 
-void Await(pid_t child, const char* name)
+void Await(pid_t child, const std::string& name)
 {
     int status = -1;
     if (waitpid(child, &status, 0) != child || status != 0)
     {
-        Report(name + std::string(": hung or crashed, or see above"), Verdict(), false);
+        Report(name + ": hung or crashed, or see above", Verdict(), false);
     }
 }
 

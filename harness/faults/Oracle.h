@@ -47,9 +47,10 @@ public:
     // Reads what all files have got since the reading before.
     void Read(const std::string& folder);
 
-    int Lost(bool mayLose = false); // of the lines taken from writers that may lose some, or from the others
-    bool IsKept() { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + Lost() == 0; }
+    bool IsKept() const { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + m_lost == 0; }
 
+    int m_lost = 0;     // of the lines that were taken
+    int m_dropped = 0;  // the same of writers that may lose lines
     int m_whole = 0;    // lines
     int m_wrong = 0;    // of those, lines that are there once already, or with another thread's id than their writer's
     int m_empty = 0;    // empty lines
@@ -64,9 +65,9 @@ private:
     std::map<std::string, std::streamoff> m_readTo;
 };
 
-// Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`. Standard output may be closed.
+// Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`.
 using Figures = std::vector<std::pair<const char*, long>>;
-void Report(const std::string& name, Verdict verdict, bool isElseKept = true, Figures figures = {});
+void Report(const std::string& name, const Verdict& verdict, bool isElseKept = true, Figures figures = {});
 
 // A folder for one log, which is switched on in it: app.log, or numbered files that are changed at a size. The writers go
 // with it.
@@ -81,13 +82,17 @@ public:
 // ---- Processes and threads ----
 
 // Threads that make calls again and again, each its own, until they are destroyed.
-std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls);
+using Calls = std::vector<void (*)()>;
+std::vector<std::jthread> CallForEver(const Calls& calls);
+
+// Makes a call so many times on a log of its own, while threads call `beside` for ever.
+Verdict Repeat(int rounds, const std::function<void()>& call, const Calls& beside = {});
 
 // Starts a child that runs `body` and ends, or is killed when it hangs.
 pid_t StartChild(const std::function<void()>& body, int timeoutSeconds = 10);
 
 // Waits for its end, and reports one that is not as it should be.
-void Await(pid_t child, const char* name);
+void Await(pid_t child, const std::string& name = "a child");
 
 // ---- The cases ----
 

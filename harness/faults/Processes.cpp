@@ -33,15 +33,22 @@ void Allocate()
     std::free(block);
 }
 
-// What the other threads do. Where none logs, the parent's log rests, and each child asks for the time of another second
-// than its parent's last line.
-const struct
+void ForkOnce()
 {
-    const char* m_name;
-    std::vector<void (*)()> m_calls;
-} kNeighbours[] = {{"forked beside four threads that log", {LogNowAndThen, LogNowAndThen, LogNowAndThen, LogNowAndThen}},
-                   {"forked beside tzset and malloc", {tzset, tzset, Allocate}},
-                   {"forked beside all of that", {LogNowAndThen, LogNowAndThen, tzset, Allocate}}};
+    Await(StartChild([] { LogLines(3), ShutdownLogging(); }));
+}
+
+void ExitOnce()
+{
+    const auto end = []
+    {
+        const auto threads = CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd, LogAtTheEnd});
+        usleep(500);
+        LogLines(5);
+        std::exit(0);
+    };
+    Await(StartChild(end));
+}
 
 constexpr struct Load
 {
@@ -78,8 +85,8 @@ void KillAndRestart(const Load& load, int kills)
         waitpid(child, nullptr, 0);
         verdict.Read(folder / ""); // what this process has added
         halfEnds += verdict.m_openEnds;
-        maxLost = std::max(maxLost, verdict.Lost(kMayLose) - lost);
-        lost = verdict.Lost(kMayLose);
+        maxLost = std::max(maxLost, verdict.m_dropped - lost);
+        lost = verdict.m_dropped;
     }
     Verdict all = folder.Close(); // what all of them have left of it
     const bool isSame = all.m_whole == verdict.m_whole && all.m_torn == verdict.m_torn;
@@ -90,21 +97,19 @@ void KillAndRestart(const Load& load, int kills)
 
 } // namespace
 
-// Children write lines of their own and end without a word.
+// Children write lines of their own and end without a word. Where no thread logs, the parent's log rests, and each child
+// asks for the time of another second than its parent's last line.
 void Fork(int scale)
 {
-    for (const auto& neighbours : kNeighbours)
-    {
-        const LogFolder folder;
-        sleep(1); // the log knows the time of this second without asking
-        std::vector<std::jthread> threads = CallForEver(neighbours.m_calls);
-        for (int i = 0; i < 100 * scale; ++i)
-        {
-            Await(StartChild([] { LogLines(3), ShutdownLogging(); }), "a forked child");
-        }
-        threads.clear();
-        Report(neighbours.m_name, folder.Close());
-    }
+    const Calls log = {LogNowAndThen, LogNowAndThen, LogNowAndThen, LogNowAndThen};
+    Report("forked beside four threads that log", Repeat(100 * scale, ForkOnce, log));
+    Report("forked beside tzset and malloc", Repeat(100 * scale, ForkOnce, {tzset, tzset, Allocate}));
+    Report("forked beside all of that", Repeat(100 * scale, ForkOnce, {LogNowAndThen, LogNowAndThen, tzset, Allocate}));
+}
+
+void EndProcess(int scale)
+{
+    Report("exit while four threads log", Repeat(20 * scale, ExitOnce));
 }
 
 void Kill(int scale)
@@ -133,39 +138,17 @@ void ShareFile(int)
     Report("four processes, one file", verdict, feeds < 4, {{"line feeds too many", feeds}});
 }
 
-void EndProcess(int scale)
-{
-    const LogFolder folder;
-    const auto end = []
-    {
-        const auto threads = CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd, LogAtTheEnd});
-        for (int i = 0; i < 5; ++i)
-        {
-            LogNowAndThen();
-        }
-        std::exit(0);
-    };
-    for (int i = 0; i < 20 * scale; ++i)
-    {
-        Await(StartChild(end), "exit");
-    }
-    Report("exit while four threads log", folder.Close());
-}
-
 void Interrupt(int scale)
 {
-    const LogFolder folder;
-    static Writer& handlerWriter = BeginWriter(kMayLose);
+    static Writer& writer = BeginWriter(kMayLose);
     static const pthread_t thread = pthread_self();
     BeginWriter();
-    std::signal(SIGUSR1, [](int) { Log(handlerWriter); });
-    auto threads = CallForEver({[]
-                                {
-                                    usleep(10 + pthread_kill(thread, SIGUSR1));
-                                }});
-    LogLines(100000 * scale);
-    threads.clear();
-    Verdict verdict = folder.Close();
-    Report("a signal handler logs", verdict, handlerWriter.m_taken > 0,
-           {{"signals", handlerWriter.m_taken}, {"of their lines dropped", verdict.Lost(kMayLose)}});
+    std::signal(SIGUSR1, [](int) { Log(writer); });
+    const auto interrupt = []
+    {
+        pthread_kill(thread, SIGUSR1);
+        usleep(10);
+    };
+    const Verdict verdict = Repeat(100 * scale, [] { LogLines(1000); }, {interrupt});
+    Report("a signal handler logs", verdict, writer.m_taken > 0, {{"signals", writer.m_taken}});
 }

@@ -97,36 +97,35 @@ void EndThreads(int scale)
 {
     for (const auto& ending : kEndings)
     {
-        const LogFolder folder;
-        int taken = 0;
-        BeginWriter();
         Handler::SetLastErrorCode(ZR_ERROR_NONE);
-        for (int round = 0; round < 40 * scale; ++round)
+        BeginWriter();
+        int taken = 0;
+        const auto end = [&]
         {
             auto threads = CallForEver({ending.m_call, ending.m_call});
-            usleep(static_cast<unsigned int>(round % 7) * 100);
+            usleep(static_cast<unsigned int>(taken % 7) * 100);
             for (std::jthread& thread : threads)
             {
                 pthread_cancel(thread.native_handle());
                 thread.join();
             }
             taken += Log() ? 1 : 0;
-        }
-        Verdict verdict = folder.Close();
+        };
+        Verdict verdict = Repeat(40 * scale, end);
         verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
         Report(ending.m_name, verdict, taken == 40 * scale && Handler::m_lastErrorCode == ending.m_lastError,
-               {{"taken", taken}, {"last error", Handler::m_lastErrorCode}});
+               {{"last error", Handler::m_lastErrorCode}});
     }
 }
 
 void Race(int scale)
 {
-    const LogFolder folder;
     Handler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); }, nullptr);
-    auto threads = CallForEver({[] { Log(); }, [] { Log(); }, ChangeSettings, LookUp, Raise, Raise, HandleAll});
-    sleep(static_cast<unsigned int>(3 * scale));
-    threads.clear();
-    Verdict verdict = folder.Close();
+    const auto log = []
+    {
+        Log();
+    };
+    Verdict verdict = Repeat(3 * scale, [] { sleep(1); }, {log, log, ChangeSettings, LookUp, Raise, Raise, HandleAll});
     verdict.m_torn = 0;
     Report("logging, settings, raising, handling", verdict);
 }
