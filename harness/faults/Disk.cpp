@@ -54,34 +54,33 @@ void Outlive(const std::string& name, SetShortage* setShortage, unsigned int max
 }
 
 // The shortage cuts a line, the child of a fork logs beside it, and both have room again.
-void ForkIn(const std::string& name, SetShortage* setShortage, int rounds)
+void ForkIn(const std::string& name, SetShortage* setShortage, int rounds, bool isInTurn)
 {
     constexpr int kLines = 120; // more than two pages, less than a buffer
-    const LogFolder folder;
-    for (int round = 0; round < rounds; ++round)
+    const auto logOn = [=]
+    {
+        setShortage(false);
+        LogLines(kLines);
+        ShutdownLogging();
+    };
+    const auto fork = [=]
     {
         setShortage(true);
         LogLines(kLines);
-        const auto logOn = [&]
-        {
-            setShortage(false);
-            LogLines(kLines);
-            ShutdownLogging();
-        };
-        const pid_t child = StartChild([&] { LogLines(kLines), logOn(); });
-        const int inTurn = round % 2 == 0 ? 0 : WNOHANG; // else both write at a time
-        waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT | inTurn);
+        const pid_t child = StartChild([=] { LogLines(kLines), logOn(); });
+        waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT | (isInTurn ? 0 : WNOHANG));
         logOn();
-        Await(child, "a child beside a shortage");
-    }
-    Report(name + " and forks", folder.Close());
+        Await(child);
+    };
+    Report(name + " and forks, " + (isInTurn ? "in turn" : "both at a time"), Repeat(rounds, fork));
 }
 
 void OutliveAll(const std::string& name, SetShortage* setShortage, int scale)
 {
     Outlive(name, setShortage, 0);
     Outlive(name, setShortage, 20000);
-    ForkIn(name, setShortage, 10 * scale);
+    ForkIn(name, setShortage, 5 * scale, true);
+    ForkIn(name, setShortage, 5 * scale, false);
 }
 
 void FailForATime()
@@ -95,15 +94,19 @@ void FailForATime()
     fs::remove(log);
 }
 
-// What happens to the file of an open log. Lines that were in a file that went are lost.
-constexpr struct
+// Lines that were in a file that went are lost.
+void Change(const char* name, void (*change)(), bool mayLose)
 {
-    const char* m_name;
-    void (*m_change)();
-    bool m_mayLose;
-} kChanges[] = {{CALL(fs::rename(GetLogFilename(), GetLogFilename() + std::string(".old"))), false},
-                {CALL(fs::remove(GetLogFilename())), kMayLose},
-                {CALL(FailForATime()), kMayLose}};
+    const LogFolder folder;
+    BeginWriter(mayLose);
+    LogLines(50);
+    change();
+    LogLines(25);
+    ShutdownLogging();
+    BeginWriter();
+    LogLines(25);
+    Report(name, folder.Close());
+}
 
 } // namespace
 
@@ -128,16 +131,7 @@ void LimitFileSize(int scale)
 
 void ChangeFiles(int)
 {
-    for (const auto& change : kChanges)
-    {
-        const LogFolder folder;
-        BeginWriter(change.m_mayLose);
-        LogLines(50);
-        change.m_change();
-        LogLines(25);
-        ShutdownLogging();
-        BeginWriter();
-        LogLines(25);
-        Report(change.m_name, folder.Close());
-    }
+    Change(CALL(fs::rename(GetLogFilename(), GetLogFilename() + std::string(".old"))), false);
+    Change(CALL(fs::remove(GetLogFilename())), kMayLose);
+    Change(CALL(FailForATime()), kMayLose);
 }

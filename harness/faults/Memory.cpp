@@ -135,8 +135,6 @@ std::string Prepare(const LogFolder& folder, bool isFileOpen)
     return State();
 }
 
-int gFailures = 0; // allocations that were made to fail
-
 // Returns whether it ended well, and not by std::bad_alloc. Anything else that leaves it ends the program.
 bool Call(const Operation& operation)
 {
@@ -155,43 +153,30 @@ bool Call(const Operation& operation)
     return true;
 }
 
-// Returns whether the n-th allocation was reached.
-bool FailOne(const Operation& operation, const LogFolder& folder, bool isFileOpen, long n, const std::string& after)
+// Returns how many allocations were made to fail.
+int FailAll(const Operation& operation, const LogFolder& folder, bool isFileOpen)
 {
-    const std::string before = Prepare(folder, isFileOpen);
-    Allocations::tFailAfter = n;
+    Prepare(folder, isFileOpen);
     Call(operation);
-    const bool isFailed = std::exchange(Allocations::tFailAfter, -1) < 0;
-    const std::string state = State();
-    bool isLogged = false;
-    std::thread([&isLogged] { isLogged = LogMessage(0, 1, "", "next"); }).join();
-    const bool isDefined = state == before || state == after || state.find(operation.m_orDefined) != std::string::npos;
-    if (!isDefined || !isLogged || !Call(operation))
+    const std::string after = State();
+    for (int n = 0;; ++n)
     {
-        Report(operation.m_name + (": state " + state), Verdict(), false, {{"allocation", n}, {"logged beside", isLogged}});
-    }
-    gFailures += isFailed ? 1 : 0;
-    return isFailed;
-}
-
-// Returns the size of the heap afterwards. Under a sanitizer it is 0: that one looks for lost blocks itself.
-long FailAll(const LogFolder& folder)
-{
-    gFailures = 0;
-    for (const Operation& operation : kOperations)
-    {
-        for (const bool isFileOpen : {true, false})
+        const std::string before = Prepare(folder, isFileOpen);
+        Allocations::tFailAfter = n;
+        Call(operation);
+        if (std::exchange(Allocations::tFailAfter, -1) >= 0)
         {
-            Prepare(folder, isFileOpen);
-            Call(operation);
-            const std::string after = State();
-            for (long n = 0; FailOne(operation, folder, isFileOpen, n, after); ++n)
-            {
-            }
+            return n;
+        }
+        const std::string state = State();
+        bool isLogged = false;
+        std::thread([&isLogged] { isLogged = LogMessage(0, 1, "", "next"); }).join();
+        const bool isDefined = state == before || state == after || state.find(operation.m_orDefined) != std::string::npos;
+        if (!isDefined || !isLogged || !Call(operation))
+        {
+            Report(operation.m_name + (": state " + state), Verdict(), false, {{"allocation", n}, {"next line", isLogged}});
         }
     }
-    Prepare(folder, true);
-    return static_cast<long>(mallinfo2().uordblks);
 }
 
 } // namespace
@@ -207,9 +192,19 @@ void FailMemory(int)
     dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
     StructuredException fault(SIGSEGV, &gContext, &gInfo);
     gFault = &fault;
-    const long sizes[] = {FailAll(folder), FailAll(folder), FailAll(folder)};
+    int failures = 0;
+    long sizes[3] = {}; // of the heap; 0 under a sanitizer, which looks for lost blocks itself
+    for (long& size : sizes)
+    {
+        for (const Operation& operation : kOperations)
+        {
+            failures += FailAll(operation, folder, true) + FailAll(operation, folder, false);
+        }
+        Prepare(folder, true);
+        size = static_cast<long>(mallinfo2().uordblks);
+    }
     // What is allocated once and for all is there after the first time; the allocator's own caches come and go.
     const long left = std::min(sizes[1] - sizes[0], sizes[2] - sizes[1]);
-    Report("memory runs out", Verdict(), left <= 0 && gFailures > 0,
-           {{"allocations failed in turn", gFailures}, {"bytes left behind", left}});
+    Report("memory runs out", Verdict(), left <= 0 && failures > 0,
+           {{"allocations failed in turn", failures}, {"bytes left behind", left}});
 }

@@ -1,4 +1,4 @@
-// faults SCALE [CASE...]: runs the cases, or all. SCALE is 1 for the short form and 10 for the figures of
+// faults [SCALE [CASE...]]: runs the cases, or all. SCALE is 1 for the short form and 10 for the figures of
 // docs/reliability.md. Logs are written below TMPDIR, or else in /dev/shm.
 #include "harness/faults/Oracle.h"
 
@@ -127,10 +127,10 @@ void Verdict::ReadLine(const std::string& line)
     m_joined += line.find("ThreadID: ", kThreadAt) != std::string::npos ? 1 : 0;
 }
 
-LogFolder::LogFolder(unsigned int maxFileSize, unsigned int linesPerFlush)
+LogFolder::LogFolder(unsigned int maxFileSize, int linesPerFlush)
 {
     const auto strategy = maxFileSize > 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
-    LoggingSettings settings = {0, 0, linesPerFlush - 1, strategy, maxFileSize, 0};
+    LoggingSettings settings = {0, 0, static_cast<unsigned int>(linesPerFlush - 1), strategy, maxFileSize, 0};
     InitialiseLogging(true, ZR_LOG_WARNING, 1, (*this / "app.log").c_str());
     SetLoggingOptions(&settings);
 }
@@ -149,24 +149,17 @@ Verdict LogFolder::Close() const
     return verdict;
 }
 
-void Report(const std::string& name, const Verdict& verdict, bool isElseKept, Figures figures)
+void Report(const std::string& name, const Verdict& verdict, bool isElseKept, const Figures& figures)
 {
     const bool isKept = isElseKept && verdict.IsKept();
     gIsAllKept = gIsAllKept && isKept;
-    if (verdict.m_whole > 0)
-    {
-        figures.insert(figures.end(), {{"lines", verdict.m_whole},
-                                       {"lost", verdict.m_lost},
-                                       {"that may be lost, are", verdict.m_dropped},
-                                       {"torn", verdict.m_torn + verdict.m_openEnds},
-                                       {"joined", verdict.m_joined},
-                                       {"empty", verdict.m_empty},
-                                       {"doubled or of another thread", verdict.m_wrong}});
-    }
-    dprintf(kOutput, "%-50s %s", name.c_str(), isKept ? "kept  " : "BROKEN");
+    dprintf(kOutput, "%-50s %s  %d lines", name.c_str(), isKept ? "kept  " : "BROKEN", verdict.m_whole);
+    dprintf(kOutput, ": %d lost, %d that may be lost, %d torn, %d joined, %d empty, %d doubled or of another thread",
+            verdict.m_lost, verdict.m_dropped, verdict.m_torn + verdict.m_openEnds, verdict.m_joined, verdict.m_empty,
+            verdict.m_wrong);
     for (const auto& [what, number] : figures)
     {
-        dprintf(kOutput, "  %ld %s", number, what);
+        dprintf(kOutput, "; %ld %s", number, what);
     }
     dprintf(kOutput, "\n");
 }
@@ -224,14 +217,9 @@ void Await(pid_t child, const std::string& name)
 
 int main(int count, char** arguments)
 {
-    const int scale = count > 1 ? std::atoi(arguments[1]) : 0;
-    if (scale < 1)
-    {
-        std::puts("usage: faults SCALE [CASE...]");
-        return 2;
-    }
+    const int scale = count > 1 ? std::max(std::atoi(arguments[1]), 1) : 1;
+    std::vector<std::string> names(arguments + std::min(count, 2), arguments + count);
     setenv("TMPDIR", "/dev/shm", 0);
-    std::vector<std::string> names(arguments + 2, arguments + count);
     for (const auto& row : kCases)
     {
         const auto run = [&]
@@ -239,7 +227,7 @@ int main(int count, char** arguments)
             row.m_run(scale);
             std::exit(gIsAllKept ? 0 : 1); // as a host ends, with what a sanitizer has to say then
         };
-        if (std::erase(names, row.m_name) > 0 || count == 2)
+        if (std::erase(names, row.m_name) > 0 || count <= 2)
         {
             Await(StartChild(run, kTimeoutSeconds * scale), row.m_name);
         }

@@ -67,14 +67,14 @@ private:
 
 // Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`.
 using Figures = std::vector<std::pair<const char*, long>>;
-void Report(const std::string& name, const Verdict& verdict, bool isElseKept = true, Figures figures = {});
+void Report(const std::string& name, const Verdict& verdict, bool isElseKept = true, const Figures& figures = {});
 
 // A folder for one log, which is switched on in it: app.log, or numbered files that are changed at a size. The writers go
 // with it.
 class LogFolder : public TemporaryFolder
 {
 public:
-    explicit LogFolder(unsigned int maxFileSize = 0, unsigned int linesPerFlush = 10);
+    explicit LogFolder(unsigned int maxFileSize = 0, int linesPerFlush = 10);
     ~LogFolder();
     Verdict Close() const; // closes the log and reads it
 };

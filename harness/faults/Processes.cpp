@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
-#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -33,41 +32,32 @@ void Allocate()
     std::free(block);
 }
 
+pid_t StartToLog(int lines)
+{
+    return StartChild([=] { LogLines(lines), ShutdownLogging(); });
+}
+
 void ForkOnce()
 {
-    Await(StartChild([] { LogLines(3), ShutdownLogging(); }));
+    Await(StartToLog(3));
 }
 
-void ExitOnce()
+void ExitBesideThreads()
 {
-    const auto end = []
-    {
-        const auto threads = CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd, LogAtTheEnd});
-        usleep(500);
-        LogLines(5);
-        std::exit(0);
-    };
-    Await(StartChild(end));
+    const auto threads = CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd, LogAtTheEnd});
+    usleep(500);
+    LogLines(5);
+    std::exit(0);
 }
-
-constexpr struct Load
-{
-    const char* m_name;
-    unsigned int m_maxFileSize;
-    unsigned int m_linesPerFlush;
-} kLoads[] = {{"killed and restarted, appended, 10 a flush", 0, 10},
-              {"killed and restarted, rotating, 10 a flush", 200000, 10},
-              {"killed and restarted, appended, 101 a flush", 0, 101}};
 
 // One log is written by process after process, each of which is killed at a random moment while its threads log. At most the
 // lines since the last flush are lost; the next process joins no line to a half one, and changes nothing that was there.
 //
 // How many of the files end inside a line is a figure and no promise: the kernel stops the write of a killed process between
 // two pages, so it depends on how much of its time a process spends in writes.
-void KillAndRestart(const Load& load, int kills)
+void KillAndRestart(const char* name, unsigned int maxFileSize, int linesPerFlush, int kills)
 {
-    const LogFolder folder(load.m_maxFileSize, load.m_linesPerFlush);
-    std::mt19937 random(1);
+    const LogFolder folder(maxFileSize, linesPerFlush);
     Verdict verdict;
     int halfEnds = 0;
     int lost = 0;
@@ -80,7 +70,7 @@ void KillAndRestart(const Load& load, int kills)
             pause();
         };
         const pid_t child = StartChild(logForEver);
-        usleep(static_cast<unsigned int>(2000 + random() % 20000));
+        usleep(static_cast<unsigned int>(2000 + i * 7919 % 20000)); // at moments of all kinds
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         verdict.Read(folder / ""); // what this process has added
@@ -91,7 +81,7 @@ void KillAndRestart(const Load& load, int kills)
     Verdict all = folder.Close(); // what all of them have left of it
     const bool isSame = all.m_whole == verdict.m_whole && all.m_torn == verdict.m_torn;
     all.m_torn = std::max(all.m_torn + std::exchange(all.m_openEnds, 0) - halfEnds, 0);
-    Report(load.m_name, all, isSame && maxLost < static_cast<int>(load.m_linesPerFlush) && all.m_whole > 0,
+    Report(name, all, isSame && maxLost < linesPerFlush && all.m_whole > 0,
            {{"lost at most", maxLost}, {"ends inside a line", halfEnds}, {"earlier lines changed", isSame ? 0 : 1}});
 }
 
@@ -109,28 +99,22 @@ void Fork(int scale)
 
 void EndProcess(int scale)
 {
-    Report("exit while four threads log", Repeat(20 * scale, ExitOnce));
+    Report("exit while four threads log", Repeat(20 * scale, [] { Await(StartChild(ExitBesideThreads)); }));
 }
 
 void Kill(int scale)
 {
-    for (const Load& load : kLoads)
-    {
-        KillAndRestart(load, 20 * scale);
-    }
+    KillAndRestart("killed and restarted, appended, 10 a flush", 0, 10, 20 * scale);
+    KillAndRestart("killed and restarted, rotating, 10 a flush", 200000, 10, 20 * scale);
+    KillAndRestart("killed and restarted, appended, 101 a flush", 0, 101, 20 * scale);
 }
 
 void ShareFile(int)
 {
     const LogFolder folder; // each process opens the log with its first line
-    const auto log = []
+    for (const pid_t child : {StartToLog(10000), StartToLog(10000), StartToLog(10000), StartToLog(10000)})
     {
-        LogLines(10000);
-        ShutdownLogging();
-    };
-    for (const pid_t child : {StartChild(log), StartChild(log), StartChild(log), StartChild(log)})
-    {
-        Await(child, "one of four processes");
+        Await(child);
     }
     // A process that opens the file in the middle of another's write sees it end inside a line, and begins with a line feed.
     Verdict verdict = folder.Close();
@@ -144,11 +128,10 @@ void Interrupt(int scale)
     static const pthread_t thread = pthread_self();
     BeginWriter();
     std::signal(SIGUSR1, [](int) { Log(writer); });
-    const auto interrupt = []
-    {
-        pthread_kill(thread, SIGUSR1);
-        usleep(10);
-    };
-    const Verdict verdict = Repeat(100 * scale, [] { LogLines(1000); }, {interrupt});
+    const Verdict verdict = Repeat(100 * scale, [] { LogLines(1000); },
+                                   {[]
+                                    {
+                                        pthread_kill(thread, SIGUSR1);
+                                    }});
     Report("a signal handler logs", verdict, writer.m_taken > 0, {{"signals", writer.m_taken}});
 }

@@ -35,27 +35,15 @@ void HandleRuntimeError()
 
 // A callback of any kind.
 template <class... Arguments>
-void End(Arguments...)
+void Exit(Arguments...)
 {
     pthread_exit(nullptr);
 }
 
 void EndWriter()
 {
-    delete Handler::GenericHandleException(kSource, ZR_ERROR_UNKNOWN, "message", true, End, nullptr);
+    delete Handler::GenericHandleException(kSource, ZR_ERROR_UNKNOWN, "message", true, Exit, nullptr);
 }
-
-// Called again and again by two threads, until they have ended or, in time, are cancelled. A callback that has been set
-// stays for the rows after it.
-constexpr struct
-{
-    const char* m_name;
-    void (*m_call)();
-    int m_lastError; // of the process, afterwards
-} kEndings[] = {{CALL(EndWriter()), ZR_ERROR_IN_EXCEPTION_HANDLER},
-                {CALL(Log(); Raise(); pthread_testcancel()), ZR_ERROR_NONE},
-                {CALL(SetWarningCallback(End, nullptr); LogWarning(1, kSource, 5)), ZR_ERROR_NONE},
-                {CALL(Handler::SetErrorCallback(End, nullptr); HandleRuntimeError()), ZR_ERROR_IN_EXCEPTION_HANDLER}};
 
 void ChangeSettings()
 {
@@ -66,10 +54,7 @@ void ChangeSettings()
     SetLoggingOptions(&settings);
     GetLoggingOptions(&settings);
     InitialiseLogging(true, ZR_LOG_WARNING, 1, names[round % 2].c_str());
-    if (round % 5 == 0)
-    {
-        ShutdownLogging();
-    }
+    ShutdownLogging();
     usleep(1000);
 }
 
@@ -91,31 +76,37 @@ void HandleAll()
     delete Handler::HandleUnknownException(kSource, true);
 }
 
+// Two threads make the call again and again, until they have ended or, in time, are cancelled.
+void End(const char* name, void (*call)(), int lastError, int rounds)
+{
+    Handler::SetLastErrorCode(ZR_ERROR_NONE);
+    BeginWriter();
+    int taken = 0;
+    const auto end = [&]
+    {
+        auto threads = CallForEver({call, call});
+        usleep(static_cast<unsigned int>(taken % 7) * 100);
+        for (std::jthread& thread : threads)
+        {
+            pthread_cancel(thread.native_handle());
+            thread.join();
+        }
+        taken += Log() ? 1 : 0;
+    };
+    Verdict verdict = Repeat(rounds, end);
+    verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
+    Report(name, verdict, taken == rounds && Handler::m_lastErrorCode == lastError);
+}
+
 } // namespace
 
+// A callback that has been set stays for the rows after it.
 void EndThreads(int scale)
 {
-    for (const auto& ending : kEndings)
-    {
-        Handler::SetLastErrorCode(ZR_ERROR_NONE);
-        BeginWriter();
-        int taken = 0;
-        const auto end = [&]
-        {
-            auto threads = CallForEver({ending.m_call, ending.m_call});
-            usleep(static_cast<unsigned int>(taken % 7) * 100);
-            for (std::jthread& thread : threads)
-            {
-                pthread_cancel(thread.native_handle());
-                thread.join();
-            }
-            taken += Log() ? 1 : 0;
-        };
-        Verdict verdict = Repeat(40 * scale, end);
-        verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
-        Report(ending.m_name, verdict, taken == 40 * scale && Handler::m_lastErrorCode == ending.m_lastError,
-               {{"last error", Handler::m_lastErrorCode}});
-    }
+    End(CALL(EndWriter()), ZR_ERROR_IN_EXCEPTION_HANDLER, 40 * scale);
+    End(CALL(Log(); Raise(); pthread_testcancel()), ZR_ERROR_NONE, 40 * scale);
+    End(CALL(SetWarningCallback(Exit, nullptr); LogWarning(1, kSource, 5)), ZR_ERROR_NONE, 40 * scale);
+    End(CALL(Handler::SetErrorCallback(Exit, nullptr); HandleRuntimeError()), ZR_ERROR_IN_EXCEPTION_HANDLER, 40 * scale);
 }
 
 void Race(int scale)

@@ -19,24 +19,17 @@ using Unwind::FrameRegisters;
 
 constexpr std::uintptr_t kAddressesOfAFunction = 8; // evenly, and its last, for which the whole program runs
 
-unsigned long gFiles, gFilesWithoutTable, gEntries, gAddresses, gUnread;
+unsigned long gFiles, gFilesWithoutTable, gEntries, gUnread;
 
 // Memory in which every word leads back into its middle: whatever a row reads, it finds a frame there.
 std::vector<std::uint64_t> gStack(std::size_t{8} << 20);
 const auto kMiddle = reinterpret_cast<std::uint64_t>(&gStack[gStack.size() / 2]);
 
-// The start of .eh_frame_hdr, as all linkers write it. Addresses in the rows behind it are relative to it.
-struct SearchTable
-{
-    char m_form[4]; // a version, three encodings
-    std::int32_t m_tables;
-    std::uint32_t m_count;
-};
-struct SearchRow
-{
-    std::int32_t m_code;
-    std::int32_t m_entry;
-};
+// What all linkers write in .eh_frame_hdr: a version and three encodings; the address of the tables; a count; then rows of
+// two addresses, of code and its entry. Addresses are relative to the header.
+constexpr std::int32_t kForm = 0x3b031b01;
+constexpr std::uint32_t kCount = 2;
+constexpr std::uint32_t kRows = 3;
 
 bool IsRead(Unwind::MemoryReader& memory, std::uintptr_t header, std::uintptr_t address, std::uint64_t value)
 {
@@ -48,30 +41,30 @@ bool IsRead(Unwind::MemoryReader& memory, std::uintptr_t header, std::uintptr_t 
     return UnwindFrame(memory, header, address, registers) != Unwind::UnwindResult::NO_TABLES;
 }
 
-void ReadTable(const fs::path& path, const SearchTable& table)
+void ReadTable(const fs::path& path, const std::int32_t* table)
 {
-    const auto header = reinterpret_cast<std::uintptr_t>(&table);
+    const auto header = reinterpret_cast<std::uintptr_t>(table);
     Unwind::MemoryReader memory;
-    for (const SearchRow& row : std::span(reinterpret_cast<const SearchRow*>(&table + 1), table.m_count))
+    const std::span rows(table + kRows, 2 * static_cast<std::uint32_t>(table[kCount]));
+    for (std::size_t i = 0; i < rows.size(); i += 2)
     {
         Unwind::FrameEntry entry;
-        const auto code = header + static_cast<std::uintptr_t>(std::int64_t{row.m_code});
+        const auto code = header + static_cast<std::uintptr_t>(std::int64_t{rows[i]});
         unsigned long unread = Unwind::FindFrameEntry(memory, header, code, entry) ? 0 : 1;
         const std::uintptr_t stride = (entry.codeEnd - entry.codeStart) / kAddressesOfAFunction + 1;
         for (std::uintptr_t address = entry.codeStart; address < entry.codeEnd;)
         {
             // Some tables take a register for an index.
             unread += IsRead(memory, header, address, kMiddle) || IsRead(memory, header, address, 1) ? 0 : 1;
-            ++gAddresses;
             address += std::clamp<std::uintptr_t>(entry.codeEnd - 1 - address, 1, stride);
         }
         if (unread > 0)
         {
-            std::printf("%s: cannot be read at .eh_frame_hdr%+d\n", path.c_str(), row.m_code);
+            std::printf("%s: cannot be read at .eh_frame_hdr%+d\n", path.c_str(), rows[i]);
         }
         gUnread += unread;
     }
-    gEntries += table.m_count;
+    gEntries += rows.size() / 2;
 }
 
 // Reads an object, in memory as the loader puts it there, but not relocated.
@@ -86,23 +79,21 @@ void ReadObject(const fs::path& path)
     }
     const std::string file = ReadFile(path);
     std::string image;
-    std::uint64_t start = 0;
     std::uint64_t tableAt = 0;
     for (const auto& segment : std::span(reinterpret_cast<const Elf64_Phdr*>(file.data() + header.e_phoff), header.e_phnum))
     {
         if (segment.p_type == PT_LOAD) // these are in order
         {
-            start = image.empty() ? segment.p_vaddr : start;
-            image.resize(segment.p_vaddr - start);
+            image.resize(segment.p_vaddr);
             image.append(file, segment.p_offset, segment.p_filesz);
         }
         tableAt = segment.p_type == PT_GNU_EH_FRAME ? segment.p_vaddr : tableAt;
     }
     ++gFiles;
-    const auto* const table = reinterpret_cast<const SearchTable*>(image.data() + (tableAt - start));
-    if (tableAt > 0 && std::memcmp(table->m_form, "\x01\x1b\x03\x3b", sizeof table->m_form) == 0 && table->m_count > 0)
+    const auto* const table = reinterpret_cast<const std::int32_t*>(image.data() + tableAt);
+    if (tableAt > 0 && table[0] == kForm && table[kCount] > 0)
     {
-        ReadTable(path, *table);
+        ReadTable(path, table);
     }
     else
     {
@@ -124,7 +115,7 @@ int main(int count, char** arguments)
             ReadObject(entry.path());
         }
     }
-    std::printf("%lu objects (%lu without a search table), %lu entries read at %lu addresses; unread: %lu\n", gFiles,
-                gFilesWithoutTable, gEntries, gAddresses, gUnread);
+    std::printf("%lu objects (%lu without a search table), %lu entries; unread: %lu\n", gFiles, gFilesWithoutTable, gEntries,
+                gUnread);
     return gUnread == 0 && gEntries != 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
