@@ -224,6 +224,7 @@ int main(int count, char** arguments)
     {
         const auto run = [&]
         {
+            gIsAllKept = true;
             row.m_run(scale);
             std::exit(gIsAllKept ? 0 : 1); // as a host ends, with what a sanitizer has to say then
         };

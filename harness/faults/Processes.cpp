@@ -1,14 +1,18 @@
 // Processes that fork, share a file, and end or are killed while their threads log; threads that are interrupted by signals.
+// And a long life, in which the process does not grow: many lines to numbered files that are deleted on the way, and the
+// library loaded and unloaded again and again.
 #include "harness/faults/Oracle.h"
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <pthread.h>
+#include <dlfcn.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
+#include <valarray>
 
 namespace
 {
@@ -50,7 +54,7 @@ void ExitBesideThreads()
     std::exit(0);
 }
 
-// One log is written by process after process, each of which is killed at a random moment while its threads log. At most the
+// One log is written by process after process, each of which is killed at some moment while its threads log. At most the
 // lines since the last flush are lost; the next process joins no line to a half one, and changes nothing that was there.
 //
 // How many of the files end inside a line is a figure and no promise: the kernel stops the write of a killed process between
@@ -64,13 +68,8 @@ void KillAndRestart(const char* name, unsigned int maxFileSize, int linesPerFlus
     int maxLost = 0;
     for (int i = 0; i < kills; ++i)
     {
-        const auto logForEver = []
-        {
-            const auto threads = CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd});
-            pause();
-        };
-        const pid_t child = StartChild(logForEver);
-        usleep(static_cast<unsigned int>(2000 + i * 7919 % 20000)); // at moments of all kinds
+        const pid_t child = StartChild([] { CallForEver({LogAtTheEnd, LogAtTheEnd, LogAtTheEnd})[0].join(); });
+        usleep(static_cast<unsigned int>(2000 + i * 7919 % 20000));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         verdict.Read(folder / ""); // what this process has added
@@ -83,6 +82,31 @@ void KillAndRestart(const char* name, unsigned int maxFileSize, int linesPerFlus
     all.m_torn = std::max(all.m_torn + std::exchange(all.m_openEnds, 0) - halfEnds, 0);
     Report(name, all, isSame && maxLost < linesPerFlush && all.m_whole > 0,
            {{"lost at most", maxLost}, {"ends inside a line", halfEnds}, {"earlier lines changed", isSame ? 0 : 1}});
+}
+
+// Bytes of heap, pages of memory, descriptors.
+std::valarray<long> Measure()
+{
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const auto descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    return {static_cast<long>(mallinfo2().uordblks), pages, descriptors};
+}
+
+// `round` returns whether its log is whole.
+void StayFlat(const char* name, int rounds, const std::function<bool()>& round)
+{
+    int broken = 0;
+    std::valarray<long> more;
+    for (int i = -5; i < rounds; ++i) // what is allocated once and for all comes first
+    {
+        more = i <= 0 ? Measure() : more;
+        broken += round() ? 0 : 1;
+    }
+    more = Measure() - more;
+    const bool isFlat = more[0] <= 16 * rounds && more[1] <= 64 && more[2] == 0; // no block a round
+    Report(name, Verdict(), broken == 0 && isFlat,
+           {{"broken", broken}, {"bytes of heap", more[0]}, {"pages", more[1]}, {"descriptors", more[2]}});
 }
 
 } // namespace
@@ -124,14 +148,53 @@ void ShareFile(int)
 
 void Interrupt(int scale)
 {
+    const LogFolder folder;
     static Writer& writer = BeginWriter(kMayLose);
-    static const pthread_t thread = pthread_self();
     BeginWriter();
     std::signal(SIGUSR1, [](int) { Log(writer); });
-    const Verdict verdict = Repeat(100 * scale, [] { LogLines(1000); },
-                                   {[]
-                                    {
-                                        pthread_kill(thread, SIGUSR1);
-                                    }});
-    Report("a signal handler logs", verdict, writer.m_taken > 0, {{"signals", writer.m_taken}});
+    sigevent event = {};
+    event.sigev_signo = SIGUSR1;
+    timer_t timer = {};
+    timer_create(CLOCK_MONOTONIC, &event, &timer);
+    const itimerspec interval = {{0, 50000}, {0, 50000}};
+    timer_settime(timer, 0, &interval, nullptr);
+    LogLines(100000 * scale);
+    timer_delete(timer);
+    Report("a signal handler logs", folder.Close(), writer.m_taken > 0, {{"signals", writer.m_taken}});
+}
+
+void Rotate(int scale)
+{
+    const auto round = []
+    {
+        const LogFolder folder(200000, 101);
+        LogLines(10000);
+        return folder.Close().IsKept();
+    };
+    StayFlat("10,000 lines to numbered files, deleted", 40 * scale, round);
+}
+
+// Another copy of the library than the one that this program is linked with.
+void Unload(int scale)
+{
+    const TemporaryFolder other;
+    const std::string library = other / "copy.so";
+    Dl_info info = {};
+    dladdr(reinterpret_cast<void*>(&InitialiseLogging), &info);
+    std::filesystem::copy_file(info.dli_fname, library);
+    const auto round = [&]
+    {
+        const TemporaryFolder folder;
+        void* const handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+        const auto initialise = reinterpret_cast<decltype(&InitialiseLogging)>(dlsym(handle, "InitialiseLogging"));
+        const auto log = reinterpret_cast<decltype(&LogMessage)>(dlsym(handle, "LogMessage"));
+        const auto add = reinterpret_cast<decltype(&AddCustomErrorMessage)>(dlsym(handle, "AddCustomErrorMessage"));
+        initialise(true, ZR_LOG_WARNING, 1, (folder / "app.log").c_str());
+        log(ZR_LOG_WARNING, 1, "", "line");
+        add(ZR_CUSTOM_ERROR_FIRST, "text");
+        dlclose(handle);
+        return ReadFile(folder / "app.log").ends_with("line\n") &&
+               dlopen(library.c_str(), RTLD_NOW | RTLD_NOLOAD) == nullptr;
+    };
+    StayFlat("dlopen, log, dlclose", 100 * scale, round);
 }

@@ -72,8 +72,7 @@ void ReadObject(const fs::path& path)
 {
     Elf64_Ehdr header = {};
     std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof header);
-    if (std::memcmp(header.e_ident, "\177ELF\2", SELFMAG + 1) != 0 || header.e_machine != EM_X86_64 ||
-        (header.e_type != ET_DYN && header.e_type != ET_EXEC))
+    if (std::memcmp(header.e_ident, "\177ELF\2", SELFMAG + 1) != 0 || header.e_machine != EM_X86_64 || header.e_phnum == 0)
     {
         return;
     }

@@ -1,6 +1,11 @@
-// Every exported operation is run with its 1st, 2nd, 3rd ... allocation failing, until none fails any more. Each time only
+// All exported operations: while memory runs out, while the threads that are inside end, and all at a time.
+//
+// Memory: each operation is run with its 1st, 2nd, 3rd ... allocation failing, until none fails any more. Each time only
 // std::bad_alloc may leave it, or what it is there to throw; the state is that from before or that from after; another
 // thread finds the log unlocked; the same call works the next time; and no block of memory stays behind.
+//
+// Threads that end in the middle of the library, by pthread_exit or by cancellation: the lock is free afterwards, and lines
+// go on.
 #include "ErrorHandlerDll/ExceptionHandler.h"
 #include "ErrorHandlerDll/HalvikException.h"
 #include "ErrorHandlerDll/LinuxStructuredException.h"
@@ -13,6 +18,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <new>
+#include <pthread.h>
 #include <stdexcept>
 #include <unistd.h>
 #include <utility>
@@ -28,6 +34,7 @@ std::string gOtherPath;
 unsigned char gBytes[300];
 HalvikException gError(ZR_ERROR_UNKNOWN, "message", kWalk);
 std::runtime_error gLongError(gText);
+std::runtime_error gShortError("text");
 std::bad_alloc gBadAlloc;
 ucontext_t gContext;
 siginfo_t gInfo;
@@ -136,11 +143,11 @@ std::string Prepare(const LogFolder& folder, bool isFileOpen)
 }
 
 // Returns whether it ended well, and not by std::bad_alloc. Anything else that leaves it ends the program.
-bool Call(const Operation& operation)
+bool Call(void (*call)())
 {
     try
     {
-        operation.m_call();
+        call();
     }
     catch (HalvikException* exception)
     {
@@ -157,13 +164,13 @@ bool Call(const Operation& operation)
 int FailAll(const Operation& operation, const LogFolder& folder, bool isFileOpen)
 {
     Prepare(folder, isFileOpen);
-    Call(operation);
+    Call(operation.m_call);
     const std::string after = State();
     for (int n = 0;; ++n)
     {
         const std::string before = Prepare(folder, isFileOpen);
         Allocations::tFailAfter = n;
-        Call(operation);
+        Call(operation.m_call);
         if (std::exchange(Allocations::tFailAfter, -1) >= 0)
         {
             return n;
@@ -172,11 +179,73 @@ int FailAll(const Operation& operation, const LogFolder& folder, bool isFileOpen
         bool isLogged = false;
         std::thread([&isLogged] { isLogged = LogMessage(0, 1, "", "next"); }).join();
         const bool isDefined = state == before || state == after || state.find(operation.m_orDefined) != std::string::npos;
-        if (!isDefined || !isLogged || !Call(operation))
+        if (!isDefined || !isLogged || !Call(operation.m_call))
         {
             Report(operation.m_name + (": state " + state), Verdict(), false, {{"allocation", n}, {"next line", isLogged}});
         }
     }
+}
+
+// A callback of any kind.
+template <class... Arguments>
+void Exit(Arguments...)
+{
+    pthread_exit(nullptr);
+}
+
+void ChangeSettings()
+{
+    static unsigned int round = 0;
+    static const std::string names[] = {GetLogFilename(), GetLogFilename() + std::string(".log")};
+    const auto strategy = ++round % 3 == 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
+    LoggingSettings settings = {0, 0, round % 50, strategy, 100000, 0};
+    SetLoggingOptions(&settings);
+    GetLoggingOptions(&settings);
+    InitialiseLogging(true, ZR_LOG_WARNING, 1, names[round % 2].c_str());
+    ShutdownLogging();
+    usleep(1000);
+}
+
+void LookUpAndFilter()
+{
+    LookUp(ZR_ERROR_MEMORY_ALLOCATION);
+    LogWarning(1, "filtered ", 5);
+    LogMessageAndBufferAsHex(3, 2, "", "filtered", gBytes, sizeof gBytes);
+}
+
+void Raise()
+{
+    Call([] { RaiseError(ZR_ERROR_UNKNOWN, kWalk); });
+}
+
+// On one thread: the last error is one for the process, written without a lock.
+void HandleAll()
+{
+    Handler::HandleHalvikException(kWalk, &gError);
+    delete Handler::HandleSTDException(kWalk, gShortError, true);
+    delete Handler::HandleUnknownException(kWalk, true);
+}
+
+// Two threads make the call again and again, until they have ended or, in time, are cancelled.
+void End(const char* name, void (*call)(), int lastError, int rounds)
+{
+    Handler::SetLastErrorCode(ZR_ERROR_NONE);
+    BeginWriter();
+    int taken = 0;
+    const auto end = [&]
+    {
+        auto threads = CallForEver({call, call});
+        usleep(static_cast<unsigned int>(taken % 7) * 100);
+        for (std::jthread& thread : threads)
+        {
+            pthread_cancel(thread.native_handle());
+            thread.join();
+        }
+        taken += Log() ? 1 : 0;
+    };
+    Verdict verdict = Repeat(rounds, end);
+    verdict.m_torn = 0; // the blocks of the handlers: what tears our lines, shows in lost and joined ones
+    Report(name, verdict, taken == rounds && Handler::m_lastErrorCode == lastError);
 }
 
 } // namespace
@@ -207,4 +276,25 @@ void FailMemory(int)
     const long left = std::min(sizes[1] - sizes[0], sizes[2] - sizes[1]);
     Report("memory runs out", Verdict(), left <= 0 && failures > 0,
            {{"allocations failed in turn", failures}, {"bytes left behind", left}});
+}
+
+// A callback that has been set stays for the rows after it.
+void EndThreads(int scale)
+{
+    End(CALL(delete Handler::GenericHandleException(kWalk, ZR_ERROR_UNKNOWN, "message", true, Exit, nullptr)),
+        ZR_ERROR_IN_EXCEPTION_HANDLER, 40 * scale);
+    End(CALL(Log(); Raise(); pthread_testcancel()), ZR_ERROR_NONE, 40 * scale);
+    End(CALL(SetWarningCallback(Exit, nullptr); LogWarning(1, kWalk, 5)), ZR_ERROR_NONE, 40 * scale);
+    End(CALL(Handler::SetErrorCallback(Exit, nullptr); Handler::HandleSTDException(kWalk, gShortError, true)),
+        ZR_ERROR_IN_EXCEPTION_HANDLER, 40 * scale);
+}
+
+void Race(int scale)
+{
+    Handler::SetErrorCallback([](ZelvoReaderErrorCode, char*, void*) { LogMessage(3, 1, "", "filtered"); }, nullptr);
+    const Calls calls = {[] { Log(); }, [] { Log(); }, ChangeSettings, LookUpAndFilter, Raise, Raise, HandleAll};
+    Verdict verdict = Repeat(
+        3 * scale, [] { sleep(1); }, calls);
+    verdict.m_torn = 0;
+    Report("logging, settings, raising, handling", verdict);
 }

@@ -1,13 +1,17 @@
-// Disks that are full and get room again, limits, and names that change under the log: nothing torn or doubled, lines lost
-// only while nothing can be written, and the log goes on when it can.
+// What the system refuses: calls that fail, disks that are full and get room again, limits, and names that change under the
+// log. Nothing is torn or doubled, lines are lost only while nothing can be written, and the log goes on when it can.
 #include "harness/faults/Oracle.h"
+#include "support/Faults.h"
 
+#include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -108,6 +112,41 @@ void Change(const char* name, void (*change)(), bool mayLose)
     Report(name, folder.Close());
 }
 
+constexpr long kCalls[] = {SYS_openat, Faults::kSearch, SYS_writev,  SYS_close,
+                           SYS_fcntl,  SYS_fstat,       SYS_pread64, SYS_getdents64};
+constexpr int kShortWrite = 0; // and no room after it; other calls succeed, once
+constexpr int kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, EDQUOT, EACCES, EAGAIN, kShortWrite};
+
+// A log's life: opened, filled over several flushes, closed, opened again, closed.
+//   returns whether there were enough calls for one to fail
+bool Live(unsigned int maxFileSize, long call, int error, unsigned int count, unsigned int first)
+{
+    constexpr int kLines = 22;
+    constexpr long kShortSize = 100; // in the second line
+    const LogFolder folder(maxFileSize);
+    Faults::gCalls.assign(first, {LONG_MAX, 0});
+    Faults::gCalls.push_back({kShortSize, error});
+    Faults::gCalls.resize(first + count, {0, error == kShortWrite ? ENOSPC : error});
+    Faults::gCall = call;
+    const bool isInterrupted = error == EINTR && call != SYS_fcntl; // which cannot be interrupted
+    const Writer& writer = BeginWriter(count > 1 && !isInterrupted);
+    LogLines(kLines);
+    ShutdownLogging();
+    LogLines(kLines);
+    ShutdownLogging();
+    Faults::gCall = -1;
+    const bool isRefused = isInterrupted && writer.m_taken < 2 * kLines;
+    BeginWriter();
+    const bool goesOn = Log();
+    const Verdict verdict = folder.Close();
+    if (isRefused || !goesOn || !verdict.IsKept())
+    {
+        Report("a system call fails", verdict, false,
+               {{"is its number", call}, {"succeed", first}, {"fail", count}, {"error", error}, {"max. size", maxFileSize}});
+    }
+    return Faults::gCalls.size() < count;
+}
+
 } // namespace
 
 void FillDisk(int scale)
@@ -115,8 +154,7 @@ void FillDisk(int scale)
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=8m") != 0)
     {
-        std::puts(
-            "disk full: NOT RUN, no file system can be mounted here (unshare -rm); the file size limit stands in for it");
+        std::puts("disk full: NOT RUN, nothing can be mounted here (unshare -rm); the file size limit stands in for it");
         return;
     }
     setenv("TMPDIR", "/dev/shm", 1);
@@ -134,4 +172,29 @@ void ChangeFiles(int)
     Change(CALL(fs::rename(GetLogFilename(), GetLogFilename() + std::string(".old"))), false);
     Change(CALL(fs::remove(GetLogFilename())), kMayLose);
     Change(CALL(FailForATime()), kMayLose);
+}
+
+// Every system call of a log's life fails in turn, once and three times in a row, with every error that disks and tables of
+// descriptors give. A line may be lost only when it was refused, or, after more than one failure, when its file was left
+// while nothing could be written.
+void FailCalls(int)
+{
+    close(STDIN_FILENO); // so that the log's descriptor has to be moved
+    unsigned int cases = 0;
+    for (const long call : kCalls)
+    {
+        for (const int error : kErrors)
+        {
+            for (const unsigned int kind : {0, 1, 2, 3})
+            {
+                unsigned int first = 0;
+                while (Live(kind % 2 * 1500, call, error, kind < 2 ? 1 : 3, first))
+                {
+                    ++first;
+                }
+                cases += first;
+            }
+        }
+    }
+    Report("system calls fail", Verdict(), cases > 0, {{"cases; broken ones are above", cases}});
 }
