@@ -265,6 +265,7 @@ void FailMemory(int)
     long sizes[3] = {}; // of the heap; 0 under a sanitizer, which looks for lost blocks itself
     for (long& size : sizes)
     {
+        failures = 0;
         for (const Operation& operation : kOperations)
         {
             failures += FailAll(operation, folder, true) + FailAll(operation, folder, false);

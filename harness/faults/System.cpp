@@ -57,7 +57,8 @@ void Outlive(const std::string& name, SetShortage* setShortage, unsigned int max
     Report(name + ", then room, files of " + std::to_string(maxFileSize), verdict, verdict.m_dropped > 0);
 }
 
-// The shortage cuts a line, the child of a fork logs beside it, and both have room again.
+// The shortage cuts a line, the child of a fork logs beside it, alone in turn, and both have room again. At a time they log
+// only then: one that cuts its line off a full file may take what the other has appended at that moment.
 void ForkIn(const std::string& name, SetShortage* setShortage, int rounds, bool isInTurn)
 {
     constexpr int kLines = 120; // more than two pages, less than a buffer
@@ -71,7 +72,7 @@ void ForkIn(const std::string& name, SetShortage* setShortage, int rounds, bool 
     {
         setShortage(true);
         LogLines(kLines);
-        const pid_t child = StartChild([=] { LogLines(kLines), logOn(); });
+        const pid_t child = StartChild([=] { LogLines(isInTurn ? kLines : 0), logOn(); });
         waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT | (isInTurn ? 0 : WNOHANG));
         logOn();
         Await(child);
