@@ -38,38 +38,24 @@ bool Log(Writer& writer);
 bool Log();
 void LogLines(int count);
 
-// A folder for one log, whose writers go with it.
-class LogFolder : public TemporaryFolder
-{
-public:
-    ~LogFolder();
-    std::string Path() const { return *this / ""; }
-};
-
-// Switches the log on in a folder: app.log, or numbered files that are changed at a size.
-void OpenLog(const std::string& folder, unsigned int maxFileSize = 0, unsigned int linesPerFlush = 10);
-
 // ---- Reading ----
 
 // What is found in the files of a folder.
 class Verdict
 {
 public:
-    Verdict() = default;
-    explicit Verdict(const std::string& folder) { Read(folder); }
-
     // Reads what all files have got since the reading before.
     void Read(const std::string& folder);
 
-    int Lost();                       // of the lines that were taken and may not be lost
-    int LostOf(const Writer& writer); // of all that it wrote
-    bool IsKept() { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + Lost() == 0; }
+    bool IsKept() const { return m_wrong + m_empty + m_torn + m_joined + m_openEnds + m_lost == 0; }
 
+    int m_lost = 0;     // of the lines that were taken
+    int m_dropped = 0;  // the same of writers that may lose lines
     int m_whole = 0;    // lines
     int m_wrong = 0;    // of those, lines that are there once already, or with another thread's id than their writer's
     int m_empty = 0;    // empty lines
     int m_torn = 0;     // neither whole nor empty
-    int m_joined = 0;   // times that another line starts inside of those
+    int m_joined = 0;   // of those, lines with another line inside
     int m_openEnds = 0; // files that end without a line feed; what stands behind the last one counts nowhere else
 
 private:
@@ -80,29 +66,39 @@ private:
 };
 
 // Writes one row of the result, with its figures: kept when the verdict is, and `isElseKept`.
-void Report(const std::string& name, Verdict verdict, bool isElseKept, const char* format, ...)
-    __attribute__((format(printf, 4, 5)));
+using Figures = std::vector<std::pair<const char*, long>>;
+void Report(const std::string& name, const Verdict& verdict, bool isElseKept = true, const Figures& figures = {});
 
-// Whether all rows so far were kept, in whatever process.
-bool IsAllKept();
+// A folder for one log, which is switched on in it: app.log, or numbered files that are changed at a size. The writers go
+// with it.
+class LogFolder : public TemporaryFolder
+{
+public:
+    explicit LogFolder(unsigned int maxFileSize = 0, int linesPerFlush = 10);
+    ~LogFolder();
+    Verdict Close() const; // closes the log and reads it
+};
 
 // ---- Processes and threads ----
 
 // Threads that make calls again and again, each its own, until they are destroyed.
-std::vector<std::jthread> CallForEver(const std::vector<void (*)()>& calls);
+using Calls = std::vector<void (*)()>;
+std::vector<std::jthread> CallForEver(const Calls& calls);
+
+// Makes a call so many times on a log of its own, while threads call `beside` for ever.
+Verdict Repeat(int rounds, const std::function<void()>& call, const Calls& beside = {});
 
 // Starts a child that runs `body` and ends, or is killed when it hangs.
-pid_t StartChild(const std::function<void()>& body, unsigned int timeoutSeconds = 10);
+pid_t StartChild(const std::function<void()>& body, int timeoutSeconds = 10);
 
-// Returns whether it has ended as it should.
-bool IsGoodEnd(pid_t child);
+// Waits for its end, and reports one that is not as it should be.
+void Await(pid_t child, const std::string& name = "a child");
 
 // ---- The cases ----
 
 // Each runs in a process of its own. `scale` times as many rounds as in the short form.
 using Case = void(int scale);
 Case ChangeFiles, EndProcess, EndThreads, FailCalls, FailMemory, FillDisk, Fork, Interrupt, Kill, LimitFileSize, Race,
-    Rotate;
-Case ShareFile, Unload;
+    Rotate, ShareFile, Unload;
 
 #endif
