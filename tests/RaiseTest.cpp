@@ -12,11 +12,6 @@
 namespace
 {
 
-enum Tray
-{
-    UPPER
-};
-
 template <class... Arguments>
 constexpr bool Fits(ZelvoReaderErrorCode code)
 {
@@ -30,7 +25,7 @@ constexpr auto kInvalid = static_cast<ZelvoReaderErrorCode>(196);
 
 static_assert(Fits<>(ZR_ERROR_NOT_INITIALISED) && Fits<>(kCustom));
 static_assert(Fits<char*>(ZR_ERROR_FILE_NOT_FOUND) && Fits<const char*>(ZR_ERROR_FILE_NOT_FOUND));
-static_assert(Fits<const char*, Tray, short, bool>(ZR_ERROR_INDEX_OUT_OF_BOUNDS));
+static_assert(Fits<const char*, ZelvoReaderErrorCode, short, bool>(ZR_ERROR_INDEX_OUT_OF_BOUNDS));
 static_assert(Fits<unsigned char, unsigned int, int, char>(ZR_ERROR_CRC16_FRAME_CRC));
 static_assert(!Fits<int, int>(ZR_ERROR_COM_PORT_OPEN), "too few");
 static_assert(!Fits<char*, int>(ZR_ERROR_FILE_NOT_FOUND) && !Fits<int>(kCustom), "too many");
@@ -81,13 +76,10 @@ TEST_F(Raise, FillsTheTextOfTheCode)
         EXPECT_STREQ("at", error->GetLocationString());
         EXPECT_FALSE(error->GetHandled());
     };
-    expect(ZR_ERROR_INVALID_PARAMETER, "Paramater Invalid - width",
-           [] { RaiseError(ZR_ERROR_INVALID_PARAMETER, "at", "width"); });
     expect(ZR_ERROR_CRC16_FRAME_CRC, "Message CRC16 is incorrect - calculated H:0x01 L:0xab, received: H:0x00 L:0xff",
            [] { RaiseError(ZR_ERROR_CRC16_FRAME_CRC, "at", 1, 0xAB, 0, 255); });
     expect(ZR_ERROR_NOT_INITIALISED, "Not initialised", [] { RaiseError(ZR_ERROR_NOT_INITIALISED, "at", "ignored"); });
     expect(ZR_ERROR_UNKNOWN_CODE, "Unknown error code 7", [] { RaiseError(ZR_ERROR_UNKNOWN_CODE, "at", 7); });
-    expect(kCustom, "Unknown error code 65568", [] { RaiseError(kCustom, "at", 3, "B"); });
     expect(kCustom, "Tray 3 of B 1", [] { RaiseVar(kCustom, "at", 3, "B", 1); });
     expect(kUndefinedCustom, "Undefined custom error code", [] { RaiseVar(kUndefinedCustom, "at"); });
     expect(kStructured, " (c0000005) occurred at 00000ABC", [] { RaiseVar(kStructured, "at", 0xABCu); });
@@ -95,7 +87,7 @@ TEST_F(Raise, FillsTheTextOfTheCode)
     expect(ZR_ERROR_COM_PORT_READ, "Error reading from COM port 4 - [1] gone",
            [] { RaiseCheckedError<ZR_ERROR_COM_PORT_READ>("at", short{4}, true, "gone"); });
     SetErrorMessage(ZR_ERROR_UNKNOWN_CODE, "code <%d>");
-    expect(kCustom, "code <65568>", [] { RaiseError(kCustom, "at"); });
+    expect(kCustom, "code <65568>", [] { RaiseError(kCustom, "at", 3, "B"); });
     SetErrorMessage(ZR_ERROR_NOT_INITIALISED, "not yet: %s");
     expect(ZR_ERROR_NOT_INITIALISED, "not yet: camera", [] { RaiseError(ZR_ERROR_NOT_INITIALISED, "at", "camera"); });
     const wchar_t noCharacter[] = {wchar_t(0x20AC), 0}; // not one of the C locale
