@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 namespace
 {
@@ -33,20 +34,6 @@ const auto HandleHost = std::bind_front(Handle, gHostError, ExceptionHandler::On
 const auto HandleStd = std::bind_front(ExceptionHandler::HandleSTDException, "F - ", std::ref<std::exception>(gLongError));
 const auto HandleBadAlloc = std::bind_front(ExceptionHandler::HandleBadAllocException, "F - ", std::ref(gNoMemory));
 const auto HandleUnknown = std::bind_front(ExceptionHandler::HandleUnknownException, "F - ");
-const std::string kUnknown = "An unknown error occurred";
-
-const struct
-{
-    const char* function; // that traces
-    std::function<HalvikException*(bool propagate)> handle;
-    ZelvoReaderErrorCode code;
-    std::string message; // whole, as it is logged
-} kHandlerRows[] = {
-    {"GenericHandleException", HandleHost, kHostCode, gHostError},
-    {"HandleUnknownException", HandleUnknown, ZR_ERROR_UNKNOWN, kUnknown},
-    {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, kUnknown + " - " + gLongError.what()},
-    {"GenericHandleException", HandleBadAlloc, ZR_ERROR_MEMORY_ALLOCATION, "Memory allocation error - std::bad_alloc"},
-};
 
 // The error callback: logs what it gets, so that the log shows when, and whether the text is the last error itself. It may
 // change that one.
@@ -91,28 +78,37 @@ protected:
 
 TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 {
-    for (const auto& row : kHandlerRows)
+    // The function that traces, the handler, the code, and the message, whole, as it is logged.
+    using Row = std::tuple<std::string, std::function<HalvikException*(bool propagate)>, ZelvoReaderErrorCode, std::string>;
+    const std::string unknown = "An unknown error occurred";
+    const Row rows[] = {
+        {"GenericHandleException", HandleHost, kHostCode, gHostError},
+        {"HandleUnknownException", HandleUnknown, ZR_ERROR_UNKNOWN, unknown},
+        {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, unknown + " - " + gLongError.what()},
+        {"GenericHandleException", HandleBadAlloc, ZR_ERROR_MEMORY_ALLOCATION, "Memory allocation error - std::bad_alloc"},
+    };
+    for (const auto& [function, handle, code, logged] : rows)
     {
-        const std::string message = row.message.substr(0, 511);
-        const std::string error = std::to_string(row.code) + "|" + message + "|1";
+        const std::string message = logged.substr(0, 511);
+        const std::string error = std::to_string(code) + "|" + message + "|1";
         SCOPED_TRACE(message);
         const CapturedLog log(5);
         errno = ENOTTY;
-        const Handled propagated(row.handle(true));
+        const Handled propagated(handle(true));
         EXPECT_EQ(ENOTTY, errno);
-        Lines lines = {TraceLine(row.function, "Entering"), kSeparator, "ERROR|F - " + row.message};
+        Lines lines = {TraceLine(function, "Entering"), kSeparator, "ERROR|F - " + logged};
         EXPECT_EQ(lines, log.GetFlushedLines());
         LogFormatted(ZR_LOG_ERROR, 1, propagated->GetLocationString(), "%d|%s|%d", propagated->GetErrorCode(),
                      propagated->GetErrorString(), propagated->GetHandled());
-        lines.insert(lines.end(), {"ERROR|callback " + error, TraceLine(row.function, "Exiting"), "ERROR|F - " + error});
+        lines.insert(lines.end(), {"ERROR|callback " + error, TraceLine(function, "Exiting"), "ERROR|F - " + error});
         EXPECT_EQ(lines, log.GetLines());
 
         ExceptionHandler::SetLastErrorString(std::string(600, 'x').c_str());
         ExceptionHandler::SetErrorCallback(nullptr, nullptr);
         const CapturedLog switchedOff(5, ZR_LOG_ALL_CATEGORIES, false);
-        EXPECT_EQ(nullptr, row.handle(false));
+        EXPECT_EQ(nullptr, handle(false));
         EXPECT_EQ(Lines{}, switchedOff.GetLines());
-        ExpectLastError(row.code, message);
+        ExpectLastError(code, message);
         ExceptionHandler::SetErrorCallback(LogAndWipe, m_source);
     }
 }

@@ -54,11 +54,7 @@ namespace
 TEST(Here, NamesUnitAndFunction)
 {
     Places::Class object;
-    const struct
-    {
-        const char* here;
-        const char* function;
-    } kRows[] = {
+    const std::pair<const char*, std::string> kFunctions[] = {
         {ZR_HERE, "TestBody"},
         {Places::kAtNamespaceScope, "Places"},
         {object.m_inMember, "Class"},
@@ -69,10 +65,9 @@ TEST(Here, NamesUnitAndFunction)
         {(*Places::Trailing({}))[0], "Trailing"},
         {std::invoke([](auto) { return std::invoke([] { return ZR_HERE; }); }, 1), "TestBody"},
     };
-    for (const auto& row : kRows)
+    for (const auto& [here, function] : kFunctions)
     {
-        const std::string here = std::regex_replace(row.here, std::regex(R"(\(\d+\))"), "(N)");
-        EXPECT_EQ(here, "LogHeaderTest(N) : " + std::string(row.function) + "() - ");
+        EXPECT_EQ(std::regex_replace(here, std::regex(R"(\(\d+\))"), "(N)"), "LogHeaderTest(N) : " + function + "() - ");
     }
     EXPECT_TRUE(std::string(object).find(") : operator ") < 30); // compilers write the type in ways of their own
     constexpr const char* kHere = ZR_HERE;
