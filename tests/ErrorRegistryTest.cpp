@@ -85,9 +85,9 @@ TEST_F(ErrorRegistry, RefusesATextWhoseSizeIsNoInt)
     constexpr std::size_t kLength = std::size_t{1} << 31;
     const int file = memfd_create("text", 0);
     ASSERT_EQ(0, ftruncate(file, kTile));
-    void* const start = mmap(nullptr, kLength + kTile, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(MAP_FAILED, start);
-    char* const text = static_cast<char*>(start);
+    char* const text =
+        static_cast<char*>(mmap(nullptr, kLength + kTile, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_NE(MAP_FAILED, text);
     for (std::size_t offset = 0; offset < kLength; offset += kTile)
     {
         mmap(text + offset, kTile, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0);
@@ -96,5 +96,5 @@ TEST_F(ErrorRegistry, RefusesATextWhoseSizeIsNoInt)
     std::memset(text, 'x', kTile);
     EXPECT_FALSE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 1)); // 2^31 - 1 characters
     EXPECT_TRUE(SetErrorMessage(ZR_ERROR_ALREADY_INITIALISED, text + 2));
-    munmap(start, kLength + kTile); // no lookup comes before the reset
+    munmap(text, kLength + kTile); // no lookup comes before the reset
 }

@@ -17,7 +17,6 @@ namespace
 {
 
 using Lines = std::vector<std::string>;
-using Handled = std::unique_ptr<HalvikException>;
 
 constexpr auto kHostCode = static_cast<ZelvoReaderErrorCode>(0x10030);
 const std::string kSeparator = "ERROR|----------------------";
@@ -79,9 +78,8 @@ protected:
 TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 {
     // The function that traces, the handler, the code, and the message, whole, as it is logged.
-    using Row = std::tuple<std::string, std::function<HalvikException*(bool propagate)>, ZelvoReaderErrorCode, std::string>;
     const std::string unknown = "An unknown error occurred";
-    const Row rows[] = {
+    const std::tuple<std::string, std::function<HalvikException*(bool)>, ZelvoReaderErrorCode, std::string> rows[] = {
         {"GenericHandleException", HandleHost, kHostCode, gHostError},
         {"HandleUnknownException", HandleUnknown, ZR_ERROR_UNKNOWN, unknown},
         {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, unknown + " - " + gLongError.what()},
@@ -94,7 +92,7 @@ TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
         SCOPED_TRACE(message);
         const CapturedLog log(5);
         errno = ENOTTY;
-        const Handled propagated(handle(true));
+        const std::unique_ptr<HalvikException> propagated(handle(true));
         EXPECT_EQ(ENOTTY, errno);
         Lines lines = {TraceLine(function, "Entering"), kSeparator, "ERROR|F - " + logged};
         EXPECT_EQ(lines, log.GetFlushedLines());
@@ -116,14 +114,9 @@ TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 TEST_F(Handler, GuardsItsBody)
 {
     HalvikException error(kHostCode, "no tag", "");
-    const auto fail = [](auto...)
-    {
-        throw 42;
-    };
     const std::function<void()> calls[] = {std::bind_front(ExceptionHandler::HandleHalvikException, "", &error),
-                                           std::bind_front(Handle, "", fail, nullptr, false),
                                            std::bind_front(HandleUnknown, true)};
-    ExceptionHandler::SetErrorCallback(fail, nullptr);
+    ExceptionHandler::SetErrorCallback([](auto...) { throw 42; }, nullptr);
     for (const auto& call : calls)
     {
         const CapturedLog log(5);
@@ -170,7 +163,8 @@ TEST_F(Handler, KeepsItsBlockTogether)
 TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
 {
     ExceptionHandler::SetLastErrorString("outer inner");
-    const Handled propagated(Handle(ExceptionHandler::m_lastErrorString + 6, nullptr, nullptr, true));
+    const std::unique_ptr<HalvikException> propagated(
+        Handle(ExceptionHandler::m_lastErrorString + 6, nullptr, nullptr, true));
     EXPECT_STREQ("inner", propagated->GetErrorString());
 
     ExceptionHandler::SetLastErrorString("outer inner");

@@ -128,12 +128,10 @@ TEST(LogHeader, MacrosEvaluateOnceAndCountOverAllThreads)
         }
     };
     const CapturedLog ofThreads;
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread)
+    for (std::array<std::jthread, 4> threads; std::jthread & thread : threads)
     {
-        threads.emplace_back(logAll);
+        thread = std::jthread(logAll);
     }
-    threads.clear();
     ZR_LOG_EVERY_N(0, ZR_LOG_ERROR, 1, "every");
     EXPECT_EQ(ofThreads.GetLines().size(), 1U + 3U + 100U + 300U + 1U);
 }
