@@ -16,12 +16,9 @@ int main()
     catch (HalvikException* exception)
     {
         ExceptionHandler::HandleHalvikException("CppHost - ", exception);
-        const bool isHandled = exception->GetHandled() && exception->GetErrorCode() == code;
         delete exception;
-        return isHandled && ExceptionHandler::m_lastErrorCode == code &&
-                       std::strcmp(ExceptionHandler::m_lastErrorString, "Unknown error code 65543") == 0
-                   ? 0
-                   : 1;
     }
-    return 1;
+    const bool isRecorded = ExceptionHandler::m_lastErrorCode == code &&
+                            std::strcmp(ExceptionHandler::m_lastErrorString, "Unknown error code 65543") == 0;
+    return isRecorded ? 0 : 1;
 }
