@@ -89,7 +89,6 @@ TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
     {
         const std::string message = logged.substr(0, 511);
         const std::string error = std::to_string(code) + "|" + message + "|1";
-        SCOPED_TRACE(message);
         const CapturedLog log(5);
         errno = ENOTTY;
         const std::unique_ptr<HalvikException> propagated(handle(true));
