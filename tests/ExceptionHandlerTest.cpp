@@ -11,65 +11,36 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 namespace
 {
 
 using Lines = std::vector<std::string>;
-using Handled = std::unique_ptr<HalvikException>;
 
 constexpr auto kHostCode = static_cast<ZelvoReaderErrorCode>(0x10030);
 const std::string kSeparator = "ERROR|----------------------";
 
-HalvikException* Handle(bool propagate, const char* message, void (*writer)(const char*, void*), void* param = nullptr)
+HalvikException* Handle(const char* message, void (*writer)(const char*, void*), void* param, bool propagate)
 {
     return ExceptionHandler::GenericHandleException("F - ", kHostCode, message, propagate, writer, param);
 }
 
-HalvikException* HandleHostError(bool propagate)
-{
-    const auto writeTwoLines = [](const char* source, void* param)
-    {
-        LogMessage(ZR_LOG_ERROR, 1, source, static_cast<const char*>(param));
-        ExceptionHandler::OnWriteErrorLog_WriteString(source, nullptr);
-        LogMessage(ZR_LOG_ERROR, 1, source, "second");
-    };
-    char first[] = "first";
-    return Handle(propagate, "host error", writeTwoLines, first);
-}
-
+char gHostError[] = "host error";
 std::runtime_error gLongError(std::string(5000, 'x'));
 std::bad_alloc gNoMemory;
+const auto HandleHost = std::bind_front(Handle, gHostError, ExceptionHandler::OnWriteErrorLog_WriteString, gHostError);
 const auto HandleStd = std::bind_front(ExceptionHandler::HandleSTDException, "F - ", std::ref<std::exception>(gLongError));
 const auto HandleBadAlloc = std::bind_front(ExceptionHandler::HandleBadAllocException, "F - ", std::ref(gNoMemory));
 const auto HandleUnknown = std::bind_front(ExceptionHandler::HandleUnknownException, "F - ");
-const std::string kUnknown = "An unknown error occurred";
-const std::string kLongMessage = kUnknown + " - " + std::string(5000, 'x');
-const std::string kNoMemory = "Memory allocation error - std::bad_alloc";
 
-const struct
+// The error callback: logs what it gets, so that the log shows when, and whether the text is the last error itself. It may
+// change that one.
+void LogAndWipe(ZelvoReaderErrorCode code, char* message, void* param)
 {
-    const char* function; // that traces
-    std::function<HalvikException*(bool propagate)> handle;
-    ZelvoReaderErrorCode code;
-    std::string message; // whole, as it is logged
-    Lines lines;         // behind the separator
-} kHandlerRows[] = {
-    {"GenericHandleException", HandleHostError, kHostCode, "host error", {"ERROR|F - first", "ERROR|F - second"}},
-    {"HandleUnknownException", HandleUnknown, ZR_ERROR_UNKNOWN, kUnknown, {"ERROR|F - " + kUnknown}},
-    {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, kLongMessage, {"ERROR|F - " + kLongMessage}},
-    {"GenericHandleException", HandleBadAlloc, ZR_ERROR_MEMORY_ALLOCATION, kNoMemory, {"ERROR|F - " + kNoMemory}},
-};
-
-std::string Describe(ZelvoReaderErrorCode code, const std::string& message, bool flag)
-{
-    return std::to_string(code) + "|" + message + "|" + std::to_string(flag);
-}
-
-// What the callback gets, and whether the text is the last error itself.
-void Record(ZelvoReaderErrorCode code, char* message, void* param)
-{
-    static_cast<Lines*>(param)->push_back(Describe(code, message, message == ExceptionHandler::m_lastErrorString));
+    const bool isLastError = message == ExceptionHandler::m_lastErrorString;
+    LogFormatted(ZR_LOG_ERROR, 1, static_cast<const char*>(param), "%d|%s|%d", code, message, isLastError);
+    std::strcpy(message, "wiped");
     errno = EDOM;
 }
 
@@ -91,8 +62,7 @@ protected:
     {
         SetErrorMessage(ZR_ERROR_UNKNOWN, "does not reach the handlers' own texts");
         SetErrorMessage(ZR_ERROR_MEMORY_ALLOCATION, "does not either");
-        ExceptionHandler::SetErrorCallback(Record, &m_reported);
-        ExceptionHandler::SetLastErrorString(std::string(600, 'x').c_str());
+        ExceptionHandler::SetErrorCallback(LogAndWipe, m_source);
     }
     ~Handler() override
     {
@@ -100,59 +70,55 @@ protected:
         ExceptionHandler::SetErrorCallback(nullptr, nullptr);
     }
 
-    Lines m_reported;
+    char m_source[10] = "callback ";
 };
 
 } // namespace
 
 TEST_F(Handler, TracesRecordsLogsReportsAndPropagates)
 {
-    for (const auto& row : kHandlerRows)
+    // The function that traces, the handler, the code, and the message, whole, as it is logged.
+    const std::string unknown = "An unknown error occurred";
+    const std::tuple<std::string, std::function<HalvikException*(bool)>, ZelvoReaderErrorCode, std::string> rows[] = {
+        {"GenericHandleException", HandleHost, kHostCode, gHostError},
+        {"HandleUnknownException", HandleUnknown, ZR_ERROR_UNKNOWN, unknown},
+        {"GenericHandleException", HandleStd, ZR_ERROR_UNKNOWN, unknown + " - " + gLongError.what()},
+        {"GenericHandleException", HandleBadAlloc, ZR_ERROR_MEMORY_ALLOCATION, "Memory allocation error - std::bad_alloc"},
+    };
+    for (const auto& [function, handle, code, logged] : rows)
     {
-        for (const bool isAllOn : {true, false})
-        {
-            const std::string message = row.message.substr(0, 511);
-            SCOPED_TRACE(message + std::to_string(isAllOn));
-            const std::string described = Describe(row.code, message, true);
-            m_reported.clear();
-            ExceptionHandler::SetErrorCallback(isAllOn ? Record : nullptr, &m_reported);
-            const CapturedLog log(5, ZR_LOG_ALL_CATEGORIES, isAllOn);
-            errno = ENOTTY;
+        const std::string message = logged.substr(0, 511);
+        const std::string error = std::to_string(code) + "|" + message + "|1";
+        const CapturedLog log(5);
+        errno = ENOTTY;
+        const std::unique_ptr<HalvikException> propagated(handle(true));
+        EXPECT_EQ(ENOTTY, errno);
+        Lines lines = {TraceLine(function, "Entering"), kSeparator, "ERROR|F - " + logged};
+        EXPECT_EQ(lines, log.GetFlushedLines());
+        LogFormatted(ZR_LOG_ERROR, 1, propagated->GetLocationString(), "%d|%s|%d", propagated->GetErrorCode(),
+                     propagated->GetErrorString(), propagated->GetHandled());
+        lines.insert(lines.end(), {"ERROR|callback " + error, TraceLine(function, "Exiting"), "ERROR|F - " + error});
+        EXPECT_EQ(lines, log.GetLines());
 
-            const Handled propagated(row.handle(isAllOn));
-
-            EXPECT_EQ(ENOTTY, errno);
-            ExpectLastError(row.code, message);
-            Lines block = {TraceLine(row.function, "Entering"), kSeparator};
-            block.insert(block.end(), row.lines.begin(), row.lines.end());
-            EXPECT_EQ(isAllOn ? block : Lines{}, log.GetFlushedLines());
-            block.push_back(TraceLine(row.function, "Exiting"));
-            EXPECT_EQ(isAllOn ? block : Lines{}, log.GetLines());
-            EXPECT_EQ(isAllOn ? Lines{described} : Lines{}, m_reported);
-            ASSERT_EQ(isAllOn, propagated != nullptr);
-            if (isAllOn)
-            {
-                EXPECT_EQ(described,
-                          Describe(propagated->GetErrorCode(), propagated->GetErrorString(), propagated->GetHandled()));
-                EXPECT_STREQ("F - ", propagated->GetLocationString());
-            }
-        }
+        ExceptionHandler::SetLastErrorString(std::string(600, 'x').c_str());
+        ExceptionHandler::SetErrorCallback(nullptr, nullptr);
+        const CapturedLog switchedOff(5, ZR_LOG_ALL_CATEGORIES, false);
+        EXPECT_EQ(nullptr, handle(false));
+        EXPECT_EQ(Lines{}, switchedOff.GetLines());
+        ExpectLastError(code, message);
+        ExceptionHandler::SetErrorCallback(LogAndWipe, m_source);
     }
 }
 
 TEST_F(Handler, GuardsItsBody)
 {
     HalvikException error(kHostCode, "no tag", "");
-    const std::function<void()> calls[] = {[&] { ExceptionHandler::HandleHalvikException("", &error); },
-                                           [] { Handle(false, "", [](const char*, void*) { throw 42; }); },
-                                           []
-                                           {
-                                               HandleUnknown(true);
-                                           }};
+    const std::function<void()> calls[] = {std::bind_front(ExceptionHandler::HandleHalvikException, "", &error),
+                                           std::bind_front(HandleUnknown, true)};
+    ExceptionHandler::SetErrorCallback([](auto...) { throw 42; }, nullptr);
     for (const auto& call : calls)
     {
         const CapturedLog log(5);
-        ExceptionHandler::SetErrorCallback([](auto, auto, auto) { throw 42; }, nullptr);
         EXPECT_THROW(call(), int);
         ExpectLastError(ZR_ERROR_IN_EXCEPTION_HANDLER, "An exception was raised within the exception handler.");
         EXPECT_EQ(std::string::npos, testing::PrintToString(log.GetLines()).find("[Exiting]"));
@@ -167,6 +133,7 @@ TEST_F(Handler, NeedsNoMemory)
     const CapturedLog log(ZR_LOG_ERROR, 0);               // drops every line
     const long before = Allocations::tCount;
     HandleBadAlloc(false);
+    Handle("", ExceptionHandler::OnWriteErrorLog_WriteString, nullptr, false);
     ExceptionHandler::HandleHalvikException("F", &error);
     EXPECT_EQ(before, Allocations::tCount);
 
@@ -178,6 +145,7 @@ TEST_F(Handler, NeedsNoMemory)
 
 TEST_F(Handler, KeepsItsBlockTogether)
 {
+    ExceptionHandler::SetErrorCallback(nullptr, nullptr);
     const CapturedLog log;
     std::thread other;
     const auto writer = [](const char*, void* param)
@@ -186,24 +154,17 @@ TEST_F(Handler, KeepsItsBlockTogether)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         LogMessage(ZR_LOG_ERROR, 1, "", "block");
     };
-    Handle(false, "", writer, &other);
+    Handle("", writer, &other, false);
     other.join();
     EXPECT_EQ((Lines{kSeparator, "ERROR|block", "ERROR|other"}), log.GetLines());
 }
 
 TEST_F(Handler, TakesTheLastErrorItselfAsMessage)
 {
-    const auto recordAndWipe = [](ZelvoReaderErrorCode code, char* message, void* param)
-    {
-        Record(code, message, param);
-        std::strcpy(message, "wiped");
-    };
-    ExceptionHandler::SetErrorCallback(recordAndWipe, &m_reported);
     ExceptionHandler::SetLastErrorString("outer inner");
-    const Handled propagated(Handle(true, ExceptionHandler::m_lastErrorString + 6, nullptr));
-    EXPECT_EQ(Lines{Describe(kHostCode, "inner", true)}, m_reported);
+    const std::unique_ptr<HalvikException> propagated(
+        Handle(ExceptionHandler::m_lastErrorString + 6, nullptr, nullptr, true));
     EXPECT_STREQ("inner", propagated->GetErrorString());
-    EXPECT_STREQ("wiped", ExceptionHandler::m_lastErrorString);
 
     ExceptionHandler::SetLastErrorString("outer inner");
     ExceptionHandler::SetLastErrorString(ExceptionHandler::m_lastErrorString + 6);
@@ -219,19 +180,15 @@ TEST_F(Handler, ReportsAHalvikExceptionOnceHoweverManyBoundariesItPasses)
     errno = ENOTTY;
     ExceptionHandler::HandleHalvikException("Inner - ", &error);
     EXPECT_EQ(ENOTTY, errno);
-    ExpectLastError(kHostCode, "no tag");
-    EXPECT_TRUE(error.GetHandled());
-
-    ExceptionHandler::SetLastErrorString("later");
     ExceptionHandler::HandleHalvikException("Outer - ", &error);
-    ExpectLastError(kHostCode, "later");
-    EXPECT_EQ(Lines{Describe(kHostCode, "no tag", true)}, m_reported);
+    EXPECT_STREQ("wiped", ExceptionHandler::m_lastErrorString) << "set again";
 
     const std::string entering = TraceLine("HandleHalvikException", "Entering");
     const std::string exiting = TraceLine("HandleHalvikException", "Exiting");
-    EXPECT_EQ((Lines{entering, kSeparator, "ERROR|Rf(N) : Read() - no tag", "ERROR|Inner - [caught]: no tag", exiting,
-                     entering, "DEBUG_LOW|Outer - [propagating]: no tag", exiting}),
-              log.GetLines());
+    EXPECT_EQ(
+        (Lines{entering, kSeparator, "ERROR|Rf(N) : Read() - no tag", "ERROR|Inner - [caught]: no tag",
+               "ERROR|callback 65584|no tag|1", exiting, entering, "DEBUG_LOW|Outer - [propagating]: no tag", exiting}),
+        log.GetLines());
     const std::string text = ReadFile(GetLogFilename());
     std::smatch match;
     ASSERT_TRUE(

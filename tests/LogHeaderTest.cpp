@@ -3,14 +3,10 @@
 #include "support/LogTest.h"
 
 #include <array>
+#include <functional>
 #include <thread>
 
-extern "C"
-{
-    // LogHeader.c
-    int LogTwiceInC(int argument);
-    int LogOnceAndEveryThirdInC(int calls);
-}
+extern "C" int LogInC(int call); // LogHeader.c
 
 using ErrorHandlerDllDetail::UnitOfFile;
 static_assert(UnitOfFile("/a.b/c/Scanner.cpp") == "Scanner");
@@ -50,17 +46,6 @@ auto Trailing(const std::vector<int>&) -> const char* (*)[1]
     return &gHere;
 }
 
-const char* InLambdas()
-{
-    return [](auto)
-    {
-        return []
-        {
-            return ZR_HERE;
-        }();
-    }(1);
-}
-
 } // namespace Places
 
 namespace
@@ -69,11 +54,7 @@ namespace
 TEST(Here, NamesUnitAndFunction)
 {
     Places::Class object;
-    const struct
-    {
-        const char* here;
-        const char* function;
-    } kRows[] = {
+    const std::pair<const char*, std::string> kFunctions[] = {
         {ZR_HERE, "TestBody"},
         {Places::kAtNamespaceScope, "Places"},
         {object.m_inMember, "Class"},
@@ -82,12 +63,11 @@ TEST(Here, NamesUnitAndFunction)
         {Places::Template<'('>::Run(1, std::string()), "Run"},
         {Places::Template<'\''>::Run(), "Run"},
         {(*Places::Trailing({}))[0], "Trailing"},
-        {Places::InLambdas(), "InLambdas"},
+        {std::invoke([](auto) { return std::invoke([] { return ZR_HERE; }); }, 1), "TestBody"},
     };
-    for (const auto& row : kRows)
+    for (const auto& [here, function] : kFunctions)
     {
-        const std::string here = std::regex_replace(row.here, std::regex(R"(\(\d+\))"), "(N)");
-        EXPECT_EQ(here, "LogHeaderTest(N) : " + std::string(row.function) + "() - ");
+        EXPECT_EQ(std::regex_replace(here, std::regex(R"(\(\d+\))"), "(N)"), "LogHeaderTest(N) : " + function + "() - ");
     }
     EXPECT_TRUE(std::string(object).find(") : operator ") < 30); // compilers write the type in ways of their own
     constexpr const char* kHere = ZR_HERE;
@@ -100,10 +80,10 @@ bool LogV(int level, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    const bool first = LogFormattedV(level, 1, "V - ", format, arguments);
-    const bool again = LogFormattedV(level, 1, "V - ", format, arguments); // the list is as it was
+    const bool isWritten = LogFormattedV(level, 1, "V - ", format, arguments) &&
+                           LogFormattedV(level, 1, "V - ", format, arguments); // the list is as it was
     va_end(arguments);
-    return first && again;
+    return isWritten;
 }
 #pragma GCC diagnostic pop
 
@@ -124,7 +104,7 @@ TEST(LogHeader, WritesLists)
     EXPECT_EQ(log.GetLines(), expected);
 }
 
-TEST(LogHeader, MacrosEvaluateOnceAndAreExpressions)
+TEST(LogHeader, MacrosEvaluateOnceAndCountOverAllThreads)
 {
     const CapturedLog log;
     int evaluated = 0;
@@ -132,32 +112,28 @@ TEST(LogHeader, MacrosEvaluateOnceAndAreExpressions)
     EXPECT_TRUE(ZR_LOG(1, static_cast<unsigned int>(++evaluated), "%d", 2));
     EXPECT_TRUE(ZR_LOG(ZR_LOG_DEBUG_HIGH + 1, 1, "filtered out at run time: %d", ++evaluated));
     EXPECT_EQ(evaluated, 3);
-    EXPECT_EQ(LogTwiceInC(7), 1);
+    EXPECT_EQ(LogInC(7), 1);
     const std::string here = "WARNING|LogHeaderTest(N) : TestBody() - ";
-    EXPECT_EQ(log.GetLines(), (std::vector<std::string>{here + "1", here + "2", "ERROR|LogHeader(N) : LogTwiceInC() - plain",
-                                                        "ERROR|LogHeader(N) : LogTwiceInC() - 7"}));
-}
+    const std::string inC = "ERROR|LogHeader(N) : LogInC() - ";
+    EXPECT_EQ(log.GetLines(),
+              (std::vector<std::string>{here + "1", here + "2", inC + "once", inC + "every third", inC + "7"}));
 
-TEST(LogHeader, CountsOverAllThreads)
-{
-    const CapturedLog log;
     const auto logAll = []
     {
         for (int call = 0; call < 75; ++call)
         {
             ZR_LOG_ONCE(ZR_LOG_ERROR, 1, "once");
             ZR_LOG_EVERY_N(100, ZR_LOG_ERROR, 1, "every %d", 100);
-            LogOnceAndEveryThirdInC(1);
+            LogInC(call);
         }
     };
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread)
+    const CapturedLog ofThreads;
+    for (std::array<std::jthread, 4> threads; std::jthread & thread : threads)
     {
-        threads.emplace_back(logAll);
+        thread = std::jthread(logAll);
     }
-    threads.clear();
     ZR_LOG_EVERY_N(0, ZR_LOG_ERROR, 1, "every");
-    EXPECT_EQ(log.GetLines().size(), 1U + 3U + 1U + 100U + 1U);
+    EXPECT_EQ(ofThreads.GetLines().size(), 1U + 3U + 100U + 300U + 1U);
 }
 
 TEST(LogHeader, LogsTextsAndMemoryOfAnyKind)
@@ -193,15 +169,10 @@ TEST(LogHeader, TracesScopes)
 {
     const CapturedLog log(5, 0x20);
     Traced(1);
-    std::string trace;
-    for (const std::string& line : log.GetLines())
-    {
-        trace += line.substr(line.find("LogHeaderTest"));
-    }
-    const std::string here = "LogHeaderTest(N) : Traced() - ";
-    const std::string entering = here + "[Entering]";
-    const std::string exiting = here + "[Exiting]";
-    EXPECT_EQ(trace, entering + entering + entering + exiting + exiting); // the innermost is left by the exception
+    const std::string entering = "Level 5|LogHeaderTest(N) : Traced() - [Entering]";
+    const std::string exiting = "Level 5|LogHeaderTest(N) : Traced() - [Exiting]";
+    // The innermost is left by the exception.
+    EXPECT_EQ(log.GetLines(), (std::vector{entering, entering, entering, exiting, exiting}));
 }
 
 } // namespace

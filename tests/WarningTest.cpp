@@ -1,39 +1,31 @@
 #include "ErrorHandlerDll/ErrorHandlerDll.h"
 #include "support/LogTest.h"
 
-#include <stdexcept>
-
-using Lines = std::vector<std::string>;
-
 TEST(Warning, IsLoggedWholeThenReportedWhateverTheLogFilters)
 {
-    // Logs as well: the order of the lines shows that the warning was logged before.
-    const auto record = [](std::uint32_t code, char* text, void* param)
+    // Logs what it gets: the order of the lines shows that the warning was logged before.
+    const auto report = [](std::uint32_t code, char* text, void* source)
     {
-        static_cast<Lines*>(param)->push_back(std::to_string(code) + "|" + text);
-        LogMessage(ZR_LOG_WARNING, 1, "", "callback");
+        LogFormatted(ZR_LOG_ERROR, 1, static_cast<const char*>(source), "%u|%s", code, text);
     };
-    Lines reported;
-    const CapturedLog log;
+    char source[] = "callback ";
     const std::string longText(5000, 'x');
-    SetWarningCallback(record, &reported);
+    const CapturedLog log;
+    SetWarningCallback(report, source);
     LogWarning(1, "Feeder - ", 42);
     LogWarning(0, nullptr, longText.c_str());
-    LogWarning(2, "Feeder - "); // the first that is none
-    SetWarningCallback(nullptr, &reported);
-    LogWarning(1, "", 3);
-    SetWarningCallback([](std::uint32_t, char*, void*) { throw std::runtime_error("no"); }, nullptr);
-    EXPECT_THROW(LogWarning(1, "", 4), std::runtime_error);
-    EXPECT_EQ((Lines{"WARNING|Feeder - Ossel arm timeout failure - 42", "WARNING|callback",
-                     "WARNING|An unknown warning occured - " + longText, "WARNING|callback",
-                     "WARNING|Feeder - Invalid warning code", "WARNING|callback", "WARNING|Ossel arm timeout failure - 3",
-                     "WARNING|Ossel arm timeout failure - 4"}),
-              log.GetLines());
-    InitialiseLogging(false, ZR_LOG_WARNING, 1, "");
-    SetWarningCallback(record, &reported);
-    LogWarning(1, "", 2);
+    SetWarningCallback([](auto, auto, auto) { throw 1; }, nullptr);
+    EXPECT_THROW(LogWarning(1, "", 3), int);
+    SetWarningCallback(nullptr, source);
+    LogWarning(1, "", 4);
+    InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, std::string(GetLogFilename()).c_str());
+    SetWarningCallback(report, source);
+    LogWarning(2, ""); // the first that is none
     SetWarningCallback(nullptr, nullptr);
-    EXPECT_EQ((Lines{"1|Ossel arm timeout failure - 42", "0|An unknown warning occured - " + longText,
-                     "2|Invalid warning code", "1|Ossel arm timeout failure - 2"}),
-              reported);
+    EXPECT_EQ((std::vector<std::string>{
+                  "WARNING|Feeder - Ossel arm timeout failure - 42", "ERROR|callback 1|Ossel arm timeout failure - 42",
+                  "WARNING|An unknown warning occured - " + longText,
+                  "ERROR|callback 0|An unknown warning occured - " + longText, "WARNING|Ossel arm timeout failure - 3",
+                  "WARNING|Ossel arm timeout failure - 4", "ERROR|callback 2|Invalid warning code"}),
+              log.GetLines());
 }

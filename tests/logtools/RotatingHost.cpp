@@ -2,14 +2,12 @@
 //   RotatingHost LOG                          every form of entry, in numbered files
 //   RotatingHost LOG ENTRIES [MAX_FILE_SIZE]  numbered entries while the log is rotated. With a size it rotates by itself;
 //                                             without one it opens its log afresh whenever it is told to by SIGHUP.
-#include <ErrorHandlerDll/ErrorHandlerDll.h>
-#include <ErrorHandlerDll/ExceptionHandler.h>
-#include <ErrorHandlerDll/HalvikException.h>
-#include <ErrorHandlerDll/LinuxStructuredException.h>
+#include <ErrorHandlerDll/Boundary.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <ucontext.h>
+#include <initializer_list>
+#include <numeric>
 #include <unistd.h>
 
 namespace
@@ -25,8 +23,7 @@ void OnSignal(int signal, siginfo_t* info, void* context)
 
 void LogEntries()
 {
-    const int levels[] = {ZR_LOG_ERROR, ZR_LOG_WARNING, ZR_LOG_DEBUG_LOW, ZR_LOG_DEBUG_HIGH, 5, -1, 1234567, -1234567};
-    for (const int level : levels)
+    for (const int level : {0, 1, 2, 3, 5, -1, 1234567, -1234567})
     {
         LogFormatted(level, 1, "Camera(120) : Open() - ", "level %d", level);
     }
@@ -39,35 +36,22 @@ void LogEntries()
     LogMessage(ZR_LOG_WARNING, 1, "Camera(130) : Read() - ",
                "line feeds\n\n  in the message - [ThreadID: 1] - \n03/12/26 ends");
     unsigned char bytes[2048]; // as text more than 8 kB, where some readers cut by default
-    for (unsigned int i = 0; i < sizeof bytes; ++i)
-    {
-        bytes[i] = static_cast<unsigned char>(16 + 5 * i);
-    }
-    const int lengths[] = {0, 1, 16, 48, sizeof bytes};
-    for (const int length : lengths)
+    std::iota(bytes, bytes + sizeof bytes, static_cast<unsigned char>(16));
+    for (const int length : {0, 1, 16, 48, 2048})
     {
         LogMessageAndBufferAsHex(ZR_LOG_DEBUG_HIGH, 1, "Chip(9) : Receive() - ", "reply", bytes, length);
     }
 }
 
-void ReportError()
+void RaiseTwoBoundariesDeep()
 {
-    try
-    {
-        RaiseError(ZR_ERROR_UNKNOWN_CODE, "Camera(140) : Scan() - ");
-    }
-    catch (HalvikException* exception)
-    {
-        ExceptionHandler::HandleHalvikException("Camera::Scan - ", exception);
-        ExceptionHandler::HandleHalvikException("Kit::Scan - ", exception);
-        delete exception;
-    }
+    AtInnerBoundary("Camera::Scan - ", [] { RaiseError(ZR_ERROR_UNKNOWN_CODE, "Camera(140) : Scan() - "); });
 }
 
 void LogEveryForm()
 {
     LogEntries();
-    ReportError();
+    AtBoundary("Kit::Scan - ", RaiseTwoBoundariesDeep);
     struct sigaction action = {};
     action.sa_sigaction = OnSignal;
     action.sa_flags = SA_SIGINFO;
@@ -98,22 +82,12 @@ void LogNumbers(int count)
 
 int main(int argc, char** argv)
 {
-    const bool isNumbered = argc > 2;
-    LoggingSettings settings = {0, 0, isNumbered ? 5U : 100U, LOGGING_STRATEGY_FILE_SIZE, 4096, 0};
-    if (isNumbered)
-    {
-        settings.strategy = argc > 3 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
-        settings.maxFileSize = argc > 3 ? static_cast<unsigned int>(std::atoi(argv[3])) : 0;
-    }
+    const int entries = argc > 2 ? std::atoi(argv[2]) : 0;
+    const int maxFileSize = argc > 3 ? std::atoi(argv[3]) : entries > 0 ? 0 : 4096;
+    const auto strategy = maxFileSize > 0 ? LOGGING_STRATEGY_FILE_SIZE : LOGGING_STRATEGY_APPEND;
+    LoggingSettings settings = {0, 0, 5, strategy, static_cast<unsigned int>(maxFileSize), 0};
     InitialiseLogging(argc > 1, 10000000, ZR_LOG_ALL_CATEGORIES, argv[1]);
     SetLoggingOptions(&settings);
-    if (isNumbered)
-    {
-        LogNumbers(std::atoi(argv[2]));
-    }
-    else
-    {
-        LogEveryForm();
-    }
+    entries > 0 ? LogNumbers(entries) : LogEveryForm();
     ShutdownLogging();
 }
