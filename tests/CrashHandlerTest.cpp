@@ -9,7 +9,6 @@
 #include <memory>
 #include <stdexcept>
 #include <sys/resource.h>
-#include <thread>
 #include <ucontext.h>
 
 // In a header of a host: no warning about the visibility of its member.
@@ -36,14 +35,10 @@ __attribute__((noinline)) int Overflow(int depth)
     return depth < 0 ? depth : Overflow(depth + 1) + frame[0];
 }
 
-void OverflowInThread()
+void OverflowBesideStack()
 {
-    const auto overflow = []
-    {
-        thread_local HostThread thread;
-        Overflow(thread.m_stack.IsInPlace() ? 0 : -1);
-    };
-    std::thread(overflow).join();
+    const HostThread thread;
+    Overflow(thread.m_stack.IsInPlace() ? 0 : -1);
 }
 
 // Ends with what it has seen: the fault where it was, or a signal sent by this process.
@@ -124,7 +119,7 @@ TEST(CrashHandler, DumpsOnceAndLetsTheEarlierActionFollow)
         const char* logged = "the line before";
     } rows[] = {
         {"abort", {Install, abort}, -SIGABRT, 1},
-        {"stack overflow", {Install, OverflowInThread}, -SIGSEGV, 1},
+        {"stack overflow", {Install, OverflowBesideStack}, -SIGSEGV, 1},
         {"ignored, sent", {Do::Ignore, Install, Do::Send, Do::Send}, 0, 0},
         {"ignored, fault", {Do::Ignore, Install, Fault}, -SIGSEGV, 1},
         {"earlier handler sees place and address", {Do::Handle, Install, Fault}, 8, 1},
