@@ -18,12 +18,6 @@ namespace
 
 using CrashDumpTest = LogTest;
 
-// In assembler, so that neither the compiler nor a sanitizer sees the fault coming.
-void Fault()
-{
-    asm volatile("movb $1, 16" ::: "memory");
-}
-
 void FaultInCallback(ZelvoReaderErrorCode, char*, void*)
 {
     Fault();

@@ -20,18 +20,10 @@
 namespace
 {
 
-// A frame that is aligned beyond what the caller gives, of a size known only at run time.
-__attribute__((noinline)) void Realign(std::size_t size)
-{
-    alignas(128) volatile char aligned[128];
-    volatile char* dynamic = static_cast<volatile char*>(__builtin_alloca(size));
-    aligned[0] = 1;
-    dynamic[0] = 1;
-    dynamic[size - 1] = aligned[1];
-}
-
-// Calls of code whose tables lead back by the frame pointer, and of code without any.
+// Calls of code whose tables lead back by the frame pointer, of code that finds the same frame by expressions, as
+// compilers write them where a frame is aligned, and of code without any.
 extern "C" const char gAfterCall[];
+extern "C" const char gAfterCallWithExpressions[];
 extern "C" const char gAfterCallWithoutTables[];
 asm(R"(
     .pushsection .text
@@ -40,6 +32,13 @@ asm(R"(
     .cfi_offset %rbp, -16
     callq *%rsi
 gAfterCall:
+    retq
+    .cfi_endproc
+    .cfi_startproc
+    .cfi_escape 0x0f, 3, 0x76, 0x78, 0x06 # where the frame ends, stands at %rbp - 8
+    .cfi_escape 0x10, 6, 2, 0x76, 0       # %rbp lies at %rbp
+    callq *%rsi
+gAfterCallWithExpressions:
     retq
     .cfi_endproc
     callq *0x12345678(%rip)
@@ -60,6 +59,7 @@ std::uint64_t AddressOf(const void* place)
 TEST(StackWalk, FollowsOtherStacksButNeverBack)
 {
     const std::uint64_t afterCall = AddressOf(gAfterCall);
+    const std::uint64_t withExpressions = AddressOf(gAfterCallWithExpressions);
     const std::uint64_t withoutTables = AddressOf(gAfterCallWithoutTables);
     constexpr int kAll = 0;
     const struct
@@ -71,6 +71,7 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
         std::uint64_t interrupted = AddressOf(gAfterCall);
     } rows[] = {
         {"one stack", {2000, 2010, 2020}, kAll},
+        {"frames that only expressions find", {2000, 2010, 2020}, kAll, withExpressions, withExpressions},
         {"a function that has given up its frame", {2000, 1998, 2010}, kAll},
         {"a stack above", {2000, 2010, 9000, 9010}, kAll},
         {"a stack below", {2000, 2010, 100, 110}, kAll},
@@ -92,6 +93,10 @@ TEST(StackWalk, FollowsOtherStacksButNeverBack)
     for (const auto& row : rows)
     {
         std::vector<std::uint64_t> stack(21000);
+        for (const std::size_t frame : row.frames)
+        {
+            stack[frame - 1] = AddressOf(&stack[frame + 2]);
+        }
         stack[row.frames[0]] = row.returnAddress;
         for (std::size_t i = row.frames.size() - 2; i > 0; --i)
         {
@@ -119,17 +124,10 @@ TEST(StackWalk, EndsOnDamagedTables)
     Unwind::ElfObject object;
     ASSERT_TRUE(Unwind::FindObject(memory, AddressOf(gAfterCall), object));
     std::vector<unsigned char> copy(object.end - object.start);
-    for (std::size_t at = 0; at + 4096 <= copy.size(); at += 4096)
-    {
-        Unwind::ReadMemory(reinterpret_cast<void*>(object.start + at), &copy[at], 4096);
-    }
-    std::uint64_t acrossPages = 0;
-    ASSERT_TRUE(memory.Read(object.start + 4093, acrossPages));
-    EXPECT_EQ(std::memcmp(&acrossPages, &copy[4093], sizeof acrossPages), 0);
+    ASSERT_TRUE(memory.Read(object.start, copy.data(), copy.size()));
     const std::uint64_t moved = AddressOf(copy.data()) - object.start;
     const std::uint64_t header = object.unwindHeader + moved;
-    const std::uint64_t functions[] = {AddressOf(gAfterCall) + moved,
-                                       AddressOf(reinterpret_cast<void*>(Realign)) + 50 + moved};
+    const std::uint64_t functions[] = {AddressOf(gAfterCall) + moved, AddressOf(gAfterCallWithExpressions) + moved};
     std::mt19937_64 random(1);
     int unwound = 0;
     for (int round = 0; round < 20000; ++round)
@@ -157,7 +155,6 @@ TEST(StackWalk, ABrokenWalkMayHaveMissedASignalHandler)
     Crash::CallStack broken = {{}, nullptr, 0};
     broken.start.Set(Unwind::FrameRegisters::kProgramCounter, AddressOf(gAfterCallWithoutTables));
     EXPECT_TRUE(Crash::FindSignalHandlers(&broken).isInOne);
-    EXPECT_FALSE(Crash::FindSignalHandlers().isInOne);
 }
 
 TEST(StackWalk, WorksAfterTheMainThreadHasEnded)
@@ -170,8 +167,7 @@ TEST(StackWalk, WorksAfterTheMainThreadHasEnded)
             _exit(Crash::FindSignalHandlers().isInOne ? 1 : 0);
         };
         std::thread(walk).detach();
-        syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework
-        return 2;
+        return syscall(SYS_exit, 0); // not pthread_exit: it unwinds through the test framework
     };
     EXPECT_EQ(RunChild(walkAfterThisThread), 0);
 }

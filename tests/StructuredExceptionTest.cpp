@@ -45,8 +45,7 @@ TEST(StructuredException, DescribesTheSignal)
     {
         int signal, code;
         std::uintptr_t address;
-        std::string message;
-        const char* name; // of the code
+        const char *message, *name;
     } rows[] = {
         {SIGILL, 2, 0x1000, "Illegal Instruction (00000002) occurred at 0x1000", "SEGV_ACCERR"},
         {SIGBUS, 3, 0x1000, "Bus error (00000003) occurred at 0x1000", ""},
@@ -54,15 +53,12 @@ TEST(StructuredException, DescribesTheSignal)
         {SIGSEGV, 0x80, 0, "Segmentation fault (00000080) occurred at (nil)", ""},
         {SIGABRT, -6, 1, "Unknown (fffffffa) occurred at 0x1", ""},
     };
-    const char* const shared = MakeQuietly(SIGUSR1, 0, 0).GetErrorMessage();
     for (const auto& row : rows)
     {
         StructuredException exception = MakeQuietly(row.signal, row.code, row.address);
-        EXPECT_EQ(row.message.substr(0, row.message.find(" (")), exception.GetExceptionString());
         EXPECT_EQ(row.code, exception.GetExceptionCode());
         EXPECT_STREQ(row.name, StructuredException::GetExceptionName(row.code));
-        exception.GetErrorMessage();
-        EXPECT_EQ(row.message, shared);
+        EXPECT_STREQ(row.message, exception.GetErrorMessage());
     }
 }
 
@@ -77,16 +73,13 @@ TEST(StructuredException, IsHandledLikeAnyOtherError)
     ASSERT_TRUE(propagated);
     EXPECT_STREQ("Bus error (00000002) occurred at (nil)", propagated->GetErrorString());
     EXPECT_TRUE(propagated->GetErrorCode() == 2 && propagated->GetHandled());
-    std::string text;
-    for (const std::string& line : log.GetLines())
-    {
-        text += line + "\n";
-    }
+    ShutdownLogging();
+    const std::string text = ReadFile(GetLogFilename());
     std::size_t at = 0;
     for (const char* const part :
-         {"DumpExceptionContext() - [Entering]\nERROR|F - Structured exception Bus error (code 00000002) occurred at",
-          "GenerateCallStack() - [Entering]\n", "GenerateCallStack() - [Exiting]\nERROR|\nERROR|  Registers:\n",
-          "ERROR|reg[01] = 0xffffffffffffffff\n", "ERROR|reg[22] = 0x0\n", "GenerateModuleAddresses() - [Entering]\n",
+         {"DumpExceptionContext() - [Entering]\n",
+          " - F - Structured exception Bus error (code 00000002) occurred at (nil)\n", "GenerateCallStack() - [Entering]\n",
+          "GenerateCallStack() - [Exiting]\n", "reg[01] = 0xffffffffffffffff\n", "GenerateModuleAddresses() - [Entering]\n",
           "GenerateModuleAddresses() - [Exiting]\n", "DumpExceptionContext() - [Exiting]\n"})
     {
         at = text.find(part, at);
