@@ -19,6 +19,7 @@ extern "C" bool LogMessage(int, unsigned int, const char*, const char*)
 TEST(Library, StartsWithTheDefaultsCallsItselfAndUnloadsForGood)
 {
     const TemporaryFolder folder;
+    std::filesystem::current_path(folder / "");
     void* const library = dlopen(ERRORHANDLERDLL_PATH, RTLD_LAZY | RTLD_GLOBAL);
     ASSERT_NE(nullptr, library) << dlerror();
     LoggingSettings settings = {9, 9, 9, LOGGING_STRATEGY_OVERWRITE, 9, 9};
