@@ -19,6 +19,8 @@ COMPILER = os.environ["CXX"]
 LIBRARY_FOLDER = os.environ["LIBRARY_FOLDER"]
 OTHER_THREAD = "22/11/26 10:00:00.000 - ERROR      - [ThreadID: 1] - "
 TOOLS = ("llvm-symbolizer", "eu-addr2line", "addr2line")
+PLACES = {line.split("// ")[-1]: f"{source}:{number}" for source in ("CrashHost.cpp", "Plugin.cpp")
+          for number, line in enumerate((HERE / source).read_text().split("\n"), 1)}
 ARANGES = ["-gdwarf-aranges"] if "clang" in COMPILER else []  # GCC always writes what eu-addr2line needs
 
 
@@ -50,16 +52,14 @@ class SymbolizeDump(unittest.TestCase):
         os.chdir(folder.name)
         build()
 
-    def expect_lines(self, text, *expected):
-        """The lines stand in this order, the first at the frame of the program counter."""
+    def expect_lines(self, text, **markers):
+        """The marked lines of the functions stand in this order, the first at the frame of the program counter."""
         frames = text[text.index("\n*#"):].split("\n")[1:]
-        for (function, marker, source), frame in zip(expected, frames):
-            lines = (HERE / source).read_text().split("\n")
-            number = next(i for i, line in enumerate(lines, 1) if marker in line)
-            self.assertRegex(frame, rf"{function}.*{source}:{number}\b", text)
+        for (function, marker), frame in zip(markers.items(), frames):
+            self.assertRegex(frame, rf"{function}.*{PLACES[marker]}\b", text)
 
     def expect_host_lines(self, text):
-        self.expect_lines(text, ("WriteInHost", "HOST FAULT", "CrashHost.cpp"), ("NeverReturns", "HOST CALL", "CrashHost.cpp"))
+        self.expect_lines(text, WriteInHost="HOST FAULT", NeverReturns="HOST CALL")
         self.assertIn("<signal handler called>", text)
 
     def test_every_tool_names_lines_of_pie_and_fixed_executables(self):
@@ -76,8 +76,7 @@ class SymbolizeDump(unittest.TestCase):
     def test_plugin(self):
         build("-fPIC", "-shared", source="Plugin.cpp", output="plugin.so")
         crash("./plugin.so")
-        self.expect_lines(symbolize(), ("WriteInPlugin", "PLUGIN FAULT", "Plugin.cpp"),
-                          ("PluginEntry", "PLUGIN CALL", "Plugin.cpp"), ("NeverReturns", "HOST CALL", "CrashHost.cpp"))
+        self.expect_lines(symbolize(), WriteInPlugin="PLUGIN FAULT", PluginEntry="PLUGIN CALL", NeverReturns="HOST CALL")
         # Only the neighbours of the function that faults keep their symbols.
         run("strip", "plugin.so")
         for tool in TOOLS:
