@@ -39,10 +39,9 @@ extern "C" char gNestedSymbols[8];
 
 void ExpectEqual(const std::vector<void*>& addresses)
 {
-    const std::size_t most = Unwind::FrameTexts::kMaxFrames;
-    for (std::size_t at = 0; at < addresses.size(); at += most)
+    for (std::span<void* const> rest = addresses; !rest.empty();)
     {
-        const auto frames = std::span(addresses).subspan(at, std::min(addresses.size() - at, most));
+        const auto frames = rest.first(std::min(rest.size(), Unwind::FrameTexts::kMaxFrames));
         errno = ERANGE;
         Unwind::FrameTexts texts(frames);
         for (std::size_t i = 0; i < frames.size(); ++i)
@@ -52,6 +51,7 @@ void ExpectEqual(const std::vector<void*>& addresses)
             EXPECT_EQ(errno, ERANGE);
             EXPECT_EQ(text, PlatformText(frames[i]));
         }
+        rest = rest.subspan(frames.size());
     }
 }
 
@@ -62,25 +62,24 @@ TEST(FrameText, EqualsBacktraceSymbols)
     ExpectEqual({dlsym(inNamespace, "qsort")});
     dlclose(inNamespace);
     static int variable;
-    const auto vdso = reinterpret_cast<char*>(getauxval(AT_SYSINFO_EHDR));
-    std::vector<void*> addresses = {reinterpret_cast<void*>(PlatformText),       &variable, &addresses,   nullptr,
-                                    reinterpret_cast<void*>(~std::uintptr_t{0}), vdso,      vdso + 0xa00, &environ};
+    std::vector<void*> addresses = {&variable, &addresses, &environ, nullptr, reinterpret_cast<void*>(-1L)};
+    const auto add = [&](void* start, int from, int to, int step)
+    {
+        for (int offset = from; offset < to; offset += step)
+        {
+            addresses.push_back(static_cast<char*>(start) + offset);
+        }
+    };
+    add(gNestedSymbols, 0, 8, 1);
+    add(reinterpret_cast<void*>(getauxval(AT_SYSINFO_EHDR)), 0, 0x1000, 0xa00);
     for (const link_map* module = _r_debug.r_map; module != nullptr; module = module->l_next)
     {
-        for (unsigned offset = 0; offset < 128; offset += 8) // thread-local symbols have values as small as these
-        {
-            addresses.push_back(reinterpret_cast<void*>(module->l_addr + offset));
-        }
+        add(reinterpret_cast<void*>(module->l_addr), 0, 128, 8); // thread-local symbols have values as small as these
     }
-    std::transform(gNestedSymbols, gNestedSymbols + 8, std::back_inserter(addresses), [](char& start) { return &start; });
     // Starts, middles and ends of functions and the gaps between them.
     for (const char* const name : {"qsort", "fopen", "_ZSt9terminatev", "_ZNSt9bad_allocD1Ev", "memcpy", "errno"})
     {
-        auto* const start = static_cast<char*>(dlsym(RTLD_DEFAULT, name));
-        for (int offset = -40; start != nullptr && offset < 4000; offset += 13)
-        {
-            addresses.push_back(start + offset);
-        }
+        add(dlsym(RTLD_DEFAULT, name), -40, 4000, 13);
     }
     ExpectEqual(addresses);
 }
@@ -93,12 +92,10 @@ TEST(FrameText, KeepsOffsetAndAddressWhenCut)
     Unwind::FrameTexts texts({&address, 1});
     for (std::size_t size = 1; size < 100; ++size)
     {
-        char text[101];
-        text[size] = '!';
-        texts.Format(0, text, size);
-        const std::string cut = text;
-        EXPECT_EQ(text[size], '!') << size;
-        EXPECT_LT(cut.size(), size);
+        std::string text(size + 1, '!');
+        texts.Format(0, text.data(), size);
+        const std::string cut = text.substr(0, text.find('\0'));
+        EXPECT_TRUE(cut.size() < size && text[size] == '!') << size;
         EXPECT_TRUE(cut.ends_with(tail) || size <= tail.size() + 2) << cut;
     }
 }

@@ -11,28 +11,18 @@
 namespace
 {
 
-void SendAndWait(int signal)
-{
-    kill(getpid(), signal);
-    pause();
-}
-
 void EndInOrder(int)
 {
-    ShutdownLogging(); // pause() has been interrupted, so nobody holds the log: a service does this outside of a handler
+    ShutdownLogging(); // raise() has been interrupted, so nobody holds the log: a service does this outside of a handler
     _exit(0);
 }
 
-void Keep(const std::string& keeper, const std::string& way)
+void Keep(const std::string& keeper)
 {
-    if (keeper == "flushInterval 0")
-    {
-        LoggingSettings settings;
-        GetLoggingOptions(&settings);
-        settings.flushInterval = 0;
-        SetLoggingOptions(&settings);
-    }
-    else if (keeper == "ShutdownLogging")
+    const unsigned int flushInterval = keeper == "flushInterval 0" ? 0 : 100;
+    LoggingSettings settings = {ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, flushInterval, LOGGING_STRATEGY_APPEND, 0, 0};
+    SetLoggingOptions(&settings);
+    if (keeper == "ShutdownLogging")
     {
         std::at_quick_exit(ShutdownLogging);
         signal(SIGTERM, EndInOrder);
@@ -42,29 +32,26 @@ void Keep(const std::string& keeper, const std::string& way)
         InstallCrashHandlers();
         InstallTerminateHandler();
     }
-    for (int line = 1; line <= 50; ++line)
-    {
-        ZR_LOG(ZR_LOG_ERROR, 1, "line %d", line);
-    }
-    if (keeper == "ShutdownLogging" && way == "_exit")
-    {
-        ShutdownLogging();
-    }
 }
 
 } // namespace
 
-int main(int argc, char** argv)
+int main(int, char** argv)
 {
+    const std::string keeper = argv[1];
+    const std::string way = argv[2];
     InitialiseLogging(true, ZR_LOG_DEBUG_LOW, ZR_LOG_ALL_CATEGORIES, "ends.log");
-    const std::string way = argc == 3 ? argv[2] : "";
-    Keep(argc == 3 ? argv[1] : "", way);
+    Keep(keeper);
+    for (int line = 1; line <= 50; ++line)
+    {
+        ZR_LOG(ZR_LOG_ERROR, 1, "line %d", line);
+    }
     way == "exit"                 ? std::exit(0)
     : way == "quick_exit"         ? std::quick_exit(0)
-    : way == "_exit"              ? _exit(0)
+    : way == "_exit"              ? (keeper == "ShutdownLogging" ? EndInOrder : _exit)(0)
     : way == "abort"              ? std::abort()
-    : way == "SIGTERM"            ? SendAndWait(SIGTERM)
-    : way == "SIGKILL"            ? SendAndWait(SIGKILL)
+    : way == "SIGTERM"            ? static_cast<void>(raise(SIGTERM))
+    : way == "SIGKILL"            ? static_cast<void>(raise(SIGKILL))
     : way == "fault"              ? __builtin_trap()
     : way == "uncaught exception" ? throw std::runtime_error("nobody catches this")
                                   : static_cast<void>(0);

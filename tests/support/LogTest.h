@@ -46,7 +46,7 @@ inline std::vector<LogLine> ParseLog(const std::string& text)
 }
 
 // Runs `body`, whose result is the exit status, in a child process that is killed when it hangs.
-//   returns the exit status, or -1 when a signal ended the child
+//   returns the exit status, or the negative number of the signal that ended the child
 template <class Body>
 int RunChild(Body body)
 {
@@ -61,7 +61,7 @@ int RunChild(Body body)
     }
     int status = 0;
     EXPECT_EQ(child, waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 class LogTest : public testing::Test

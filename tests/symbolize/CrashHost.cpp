@@ -2,8 +2,6 @@
 // SymbolizeDumpTest.py in several ways.
 #include <ErrorHandlerDll/CrashHandler.h>
 
-#include <cstdint>
-
 namespace
 {
 
@@ -29,6 +27,5 @@ int main(int argc, char** argv)
     InitialiseLogging(true, 5, ZR_LOG_ALL_CATEGORIES, "crash.log");
     InstallCrashHandlers();
     void* const entry = argc > 1 ? dlsym(dlopen(argv[1], RTLD_NOW), "PluginEntry") : nullptr;
-    NeverReturns(entry != nullptr ? reinterpret_cast<Write>(entry) : WriteInHost,
-                 reinterpret_cast<int*>(std::uintptr_t{16}));
+    NeverReturns(entry != nullptr ? reinterpret_cast<Write>(entry) : WriteInHost, reinterpret_cast<int*>(16UL));
 }
