@@ -10,21 +10,24 @@ using FileSizeRotation = LogTest;
 namespace
 {
 
+constexpr std::size_t kFolder = static_cast<std::size_t>(-1); // in place of a file's size
+
+// Makes a file whose last line is whole, or a folder.
 void Fill(const std::string& path, std::size_t size)
 {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream file(path);
-    if (size > 0)
+    if (size == kFolder)
     {
-        file.seekp(static_cast<std::streamoff>(size - 1)).put('\n'); // a file whose last line is whole
+        std::filesystem::create_directory(path);
+        return;
     }
+    std::ofstream(path).seekp(static_cast<std::streamoff>(size - 1)).put('\n');
 }
 
 // Logs a line of so many bytes.
 void LogBytes(std::size_t size)
 {
-    const std::size_t prefix = std::string("16/11/26 15:38:45.007 - ERROR      - [ThreadID: ] - \n").size();
-    LogMessage(0, 1, "", std::string(size - prefix - std::to_string(gettid()).size(), 'x').c_str());
+    const std::string prefix = "16/11/26 15:38:45.007 - ERROR      - [ThreadID: " + std::to_string(gettid()) + "] - \n";
+    LogMessage(0, 1, "", std::string(size - prefix.size(), 'x').c_str());
 }
 
 } // namespace
@@ -35,7 +38,7 @@ TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
     {
         const char *name, *onDisk, *opened, *next;
     } rows[] = {{"a.log", "a.12.log", "a.12.log", "a.13.log"},
-                {"a.12.log", "", "a.1.log", "a.2.log"},
+                {"a.12.log", "none", "a.1.log", "a.2.log"},
                 {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
                 {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
                 {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
@@ -53,14 +56,16 @@ TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
     for (const auto& row : rows)
     {
         const std::string folder = std::to_string(&row - rows) + "/";
-        Fill(m_folder / (folder + row.onDisk + (*row.onDisk == '\0' ? "none" : "")), 0);
-        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + row.name)).parent_path());
+        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + row.onDisk)).parent_path());
+        Fill(m_folder / (folder + row.onDisk), 1);
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100);
         Start(folder + row.name);
-        LogBytes(99);
-        EXPECT_EQ(m_folder / (folder + row.opened), GetLogFilename()) << row.name;
-        LogBytes(60);
+        LogBytes(90);
+        const char* const name = GetLogFilename();
+        ShutdownLogging();
+        LogBytes(60); // opens it again, and moves on
         EXPECT_EQ(m_folder / (folder + row.next), GetLogFilename()) << row.name;
+        EXPECT_EQ(m_folder / (folder + row.opened), name) << "until the next move";
     }
 }
 
@@ -88,50 +93,34 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
                 {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
                 {"highest by value", many, 1000, {100}, manyLeft},
                 {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
+                {"a folder", {{"3.", kFolder}}, 1000, {100}, {{"3.", kFolder}, {"4.", 100}}},
                 {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
-                {"the last number grows on",
-                 {{"2147483646.", 950}},
-                 1000,
-                 {100, 950},
-                 {{"2147483646.", 950}, {"2147483647.", 1050}}}};
+                {"last number", {{"2147483646.", 950}}, 1000, {100, 950}, {{"2147483646.", 950}, {"2147483647.", 1050}}}};
     for (const auto& row : rows)
     {
-        const std::string folder = row.what;
+        const std::string folder = m_folder / row.what;
+        std::filesystem::create_directory(folder);
         for (const auto& [number, size] : row.present)
         {
-            Fill(m_folder / (folder + "/app." + number + "log"), size);
+            Fill(folder + "/app." + number + "log", size);
         }
-        std::filesystem::create_directories(m_folder / folder);
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, row.limit);
-        Start(folder + "/app.log");
-        Faults::gSearches = 0;
+        Start(row.what + std::string("/app.log"));
+        Faults::gCall = Faults::kSearch;
+        Faults::gCalls.resize(9);
         for (const std::size_t size : row.lines)
         {
             LogBytes(size);
         }
-        EXPECT_EQ(1, Faults::gSearches) << row.what;
+        EXPECT_EQ(8u, Faults::gCalls.size()) << row.what; // one search
         ShutdownLogging();
         Sizes left;
-        for (const auto& file : std::filesystem::directory_iterator(m_folder / folder))
+        std::error_code isFolder;
+        for (const auto& file : std::filesystem::directory_iterator(folder))
         {
             const std::string name = file.path().filename();
-            left[name.substr(4, name.size() - 7)] = file.file_size();
+            left[name.substr(4, name.size() - 7)] = file.file_size(isFolder);
         }
         EXPECT_EQ(row.left, left) << row.what;
     }
-}
-
-TEST_F(FileSizeRotation, PassesByADirectoryWithANumberedName)
-{
-    std::filesystem::create_directory(m_folder / "app.3.log");
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 200);
-    Log("one");
-    EXPECT_EQ(m_folder / "app.4.log", GetLogFilename());
-    const char* const name = GetLogFilename();
-    ShutdownLogging();
-    Log("two");
-    EXPECT_EQ(static_cast<const void*>(name), GetLogFilename()); // an unchanged name stays where it is
-    std::filesystem::create_directory(m_folder / "app.5.log");
-    Log(std::string(100, 'x'));
-    EXPECT_EQ(m_folder / "app.6.log", GetLogFilename());
 }

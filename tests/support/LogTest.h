@@ -6,6 +6,7 @@
 #include "support/TemporaryFolder.h"
 
 #include <cstdio>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <sstream>
@@ -64,15 +65,43 @@ int RunChild(Body body)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-class LogTest : public testing::Test
+// Switches the log on into a folder of its own.
+class CapturedLog
+{
+public:
+    explicit CapturedLog(int level = ZR_LOG_DEBUG_HIGH, unsigned int mask = ZR_LOG_ALL_CATEGORIES, bool enable = true)
+    {
+        InitialiseLogging(enable, level, mask, (m_folder / "app.log").c_str());
+    }
+    ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
+
+    // The lines that have reached the file: level, '|', source and message. Numbers of source lines read N.
+    std::vector<std::string> GetFlushedLines() const
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : ParseLog(ReadFile(m_folder / "app.log")))
+        {
+            const std::string text = std::regex_replace(line.m_text, std::regex(R"((\w)\(\d+\))"), "$1(N)");
+            lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
+        }
+        return lines;
+    }
+    std::vector<std::string> GetLines() const
+    {
+        ShutdownLogging();
+        return GetFlushedLines();
+    }
+
+protected:
+    TemporaryFolder m_folder;
+};
+
+class LogTest : public testing::Test, protected CapturedLog
 {
 protected:
-    LogTest() { Start("app.log"); }
-    ~LogTest() override
-    {
-        SetOptions(LOGGING_STRATEGY_APPEND);
-        InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log");
-    }
+    using Texts = std::vector<std::string>;
+
+    ~LogTest() override { SetOptions(LOGGING_STRATEGY_APPEND); }
 
     void Start(const std::string& name) const
     {
@@ -86,53 +115,28 @@ protected:
     static bool Log(const std::string& message) { return LogMessage(ZR_LOG_ERROR, 1, "", message.c_str()); }
 
     std::string OnDisk(const std::string& name = "app.log") const { return ReadFile(m_folder / name); }
-    static std::vector<std::string> TextsOf(const std::string& log)
+    static Texts TextsOf(const std::string& log)
     {
-        std::vector<std::string> texts;
+        Texts texts;
         for (const LogLine& line : ParseLog(log))
         {
             texts.push_back(line.m_text);
         }
         return texts;
     }
-    std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
+    Texts ClosedTexts(const std::string& name = "app.log") const
     {
         ShutdownLogging();
         return TextsOf(OnDisk(name));
     }
 
-    TemporaryFolder m_folder;
-};
-
-// Switches the log on into a folder of its own.
-class CapturedLog
-{
-public:
-    explicit CapturedLog(int level = ZR_LOG_DEBUG_HIGH, unsigned int mask = ZR_LOG_ALL_CATEGORIES, bool enable = true)
+    // That of the next file to be opened, where the standard streams are open or not.
+    static int NextDescriptor()
     {
-        InitialiseLogging(enable, level, mask, (m_folder / "reader.log").c_str());
+        const int descriptor = fcntl(STDERR_FILENO, F_DUPFD, STDERR_FILENO + 1);
+        close(descriptor);
+        return descriptor;
     }
-    ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
-
-    // The lines that have reached the file: level, '|', source and message. Numbers of source lines read N.
-    std::vector<std::string> GetFlushedLines() const
-    {
-        std::vector<std::string> lines;
-        for (const LogLine& line : ParseLog(ReadFile(m_folder / "reader.log")))
-        {
-            const std::string text = std::regex_replace(line.m_text, std::regex(R"((\w)\(\d+\))"), "$1(N)");
-            lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
-        }
-        return lines;
-    }
-    std::vector<std::string> GetLines() const
-    {
-        ShutdownLogging();
-        return GetFlushedLines();
-    }
-
-private:
-    TemporaryFolder m_folder;
 };
 
 #endif
