@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <map>
+#include <tuple>
 
 using FileSizeRotation = LogTest;
 
@@ -34,38 +35,37 @@ void LogBytes(std::size_t size)
 
 TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
 {
-    const struct
+    const char* const rows[][4] = {
+        {"a.log", "a.12.log", "a.12.log", "a.13.log"},
+        {"a.12.log", "none", "a.1.log", "a.2.log"},
+        {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
+        {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
+        {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
+        {"a.3a.log", "a.7a.log", "a.3a.1.log", "a.3a.2.log"},
+        {"logs.1/reader.1.log", "logs.1/reader.4.log", "logs.1/reader.4.log", "logs.1/reader.5.log"},
+        {"v.10/reader", "v.10/reader.7.log", "v.10/reader.7.log", "v.10/reader.8.log"},
+        {".3", ".7.3", ".7.3", ".8.3"},
+        {"1.2\\3.log", "1.9\\3.7.log", "1.2\\3.1.log", "1.2\\3.2.log"},
+        {"a?[1].log", "ab1.7.log", "a?[1].1.log", "a?[1].2.log"},
+        {"a.x*", "a.7.x", "a.7.x*", "a.8.x*"}, // the only character with a meaning
+        {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
+        {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
+        {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
+        {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
+    int number = 0;
+    for (const auto& [name, onDisk, opened, next] : rows)
     {
-        const char *name, *onDisk, *opened, *next;
-    } rows[] = {{"a.log", "a.12.log", "a.12.log", "a.13.log"},
-                {"a.12.log", "none", "a.1.log", "a.2.log"},
-                {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
-                {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
-                {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
-                {"a.3a.log", "a.7a.log", "a.3a.1.log", "a.3a.2.log"},
-                {"logs.1/reader.1.log", "logs.1/reader.4.log", "logs.1/reader.4.log", "logs.1/reader.5.log"},
-                {"v.10/reader", "v.10/reader.7.log", "v.10/reader.7.log", "v.10/reader.8.log"},
-                {".3", ".7.3", ".7.3", ".8.3"},
-                {"1.2\\3.log", "1.9\\3.7.log", "1.2\\3.1.log", "1.2\\3.2.log"},
-                {"a?[1].log", "ab1.7.log", "a?[1].1.log", "a?[1].2.log"},
-                {"a.x*", "a.7.x", "a.7.x*", "a.8.x*"}, // the only character with a meaning
-                {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
-                {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
-                {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
-                {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
-    for (const auto& row : rows)
-    {
-        const std::string folder = std::to_string(&row - rows) + "/";
-        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + row.onDisk)).parent_path());
-        Fill(m_folder / (folder + row.onDisk), 1);
+        const std::string folder = std::to_string(++number) + "/";
+        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + onDisk)).parent_path());
+        Fill(m_folder / (folder + onDisk), 1);
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100);
-        Start(folder + row.name);
+        Start(folder + name);
         LogBytes(90);
-        const char* const name = GetLogFilename();
+        const char* const firstName = GetLogFilename();
         ShutdownLogging();
         LogBytes(60); // opens it again, and moves on
-        EXPECT_EQ(m_folder / (folder + row.next), GetLogFilename()) << row.name;
-        EXPECT_EQ(m_folder / (folder + row.opened), name) << "until the next move";
+        EXPECT_EQ(m_folder / (folder + next), GetLogFilename()) << name;
+        EXPECT_EQ(m_folder / (folder + opened), firstName) << "until the next move";
     }
 }
 
@@ -79,40 +79,34 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
     }
     Sizes manyLeft = many;
     manyLeft["300."] = 105;
-    const struct
+    const std::tuple<const char*, Sizes, unsigned int, std::vector<std::size_t>, Sizes> rows[] = {
+        {"just fits", {{"1.", 900}}, 1000, {99}, {{"1.", 999}}},
+        {"reaches the limit", {{"1.", 900}}, 1000, {100}, {{"1.", 900}, {"2.", 100}}},
+        {"limit 0", {}, 0, {100, 100}, {{"1.", 0}, {"2.", 100}, {"3.", 100}}},
+        {"longer than the limit", {}, 200, {100, 500, 100}, {{"1.", 100}, {"2.", 500}, {"3.", 100}}},
+        {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
+        {"highest by value", many, 1000, {100}, manyLeft},
+        {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
+        {"a folder", {{"3.", kFolder}}, 1000, {100}, {{"3.", kFolder}, {"4.", 100}}},
+        {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
+        {"last number", {{"2147483646.", 950}}, 1000, {100, 950}, {{"2147483646.", 950}, {"2147483647.", 1050}}}};
+    for (const auto& [what, present, limit, lines, expected] : rows)
     {
-        const char* what;
-        Sizes present;
-        unsigned int limit;
-        std::vector<std::size_t> lines;
-        Sizes left;
-    } rows[] = {{"just fits", {{"1.", 900}}, 1000, {99}, {{"1.", 999}}},
-                {"reaches the limit", {{"1.", 900}}, 1000, {100}, {{"1.", 900}, {"2.", 100}}},
-                {"limit 0", {}, 0, {100, 100}, {{"1.", 0}, {"2.", 100}, {"3.", 100}}},
-                {"longer than the limit", {}, 200, {100, 500, 100}, {{"1.", 100}, {"2.", 500}, {"3.", 100}}},
-                {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
-                {"highest by value", many, 1000, {100}, manyLeft},
-                {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
-                {"a folder", {{"3.", kFolder}}, 1000, {100}, {{"3.", kFolder}, {"4.", 100}}},
-                {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
-                {"last number", {{"2147483646.", 950}}, 1000, {100, 950}, {{"2147483646.", 950}, {"2147483647.", 1050}}}};
-    for (const auto& row : rows)
-    {
-        const std::string folder = m_folder / row.what;
+        const std::string folder = m_folder / what;
         std::filesystem::create_directory(folder);
-        for (const auto& [number, size] : row.present)
+        for (const auto& [number, size] : present)
         {
             Fill(folder + "/app." + number + "log", size);
         }
-        SetOptions(LOGGING_STRATEGY_FILE_SIZE, row.limit);
-        Start(row.what + std::string("/app.log"));
+        SetOptions(LOGGING_STRATEGY_FILE_SIZE, limit);
+        Start(what + std::string("/app.log"));
         Faults::gCall = Faults::kSearch;
         Faults::gCalls.resize(9);
-        for (const std::size_t size : row.lines)
+        for (const std::size_t size : lines)
         {
             LogBytes(size);
         }
-        EXPECT_EQ(8u, Faults::gCalls.size()) << row.what; // one search
+        EXPECT_EQ(8u, Faults::gCalls.size()) << what; // one search
         ShutdownLogging();
         Sizes left;
         std::error_code isFolder;
@@ -121,6 +115,6 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
             const std::string name = file.path().filename();
             left[name.substr(4, name.size() - 7)] = file.file_size(isFolder);
         }
-        EXPECT_EQ(row.left, left) << row.what;
+        EXPECT_EQ(expected, left) << what;
     }
 }

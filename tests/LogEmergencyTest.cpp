@@ -8,13 +8,13 @@
 
 #include <barrier>
 #include <csetjmp>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 
 namespace
 {
@@ -58,26 +58,22 @@ void StopInSection()
     usleep(20000); // so that whoever wants the section has to wait
 }
 
+using Words = std::multiset<std::string>;
+
 // The texts of the whole lines, as far as they are these words.
-std::multiset<std::string> WordsIn(const std::string& text)
+Words WordsIn(const std::string& text)
 {
     const std::regex word(R"(\] - (one|two|dump|three))");
     return {std::sregex_token_iterator(text.begin(), text.end(), word, 1), std::sregex_token_iterator()};
 }
 
-std::function<void()> gInHandler;
-
-// Runs `body` in a signal handler, where it may wait as long as that.
+// Runs `body` as in a signal handler, where it may wait as long as that.
 void InEmergency(int waitMs, const std::function<void()>& body)
 {
-    gInHandler = [&]
-    {
-        const QV::SignalSafeScope emergency;
-        QV::SignalSafeScope::WaitLeftMs() = waitMs;
-        body();
-    };
-    std::signal(SIGUSR2, [](int) { gInHandler(); });
-    raise(SIGUSR2);
+    QV::SignalSafeScope::SetCheck(nullptr); // which looks for the handler
+    const QV::SignalSafeScope emergency;
+    QV::SignalSafeScope::WaitLeftMs() = waitMs;
+    body();
 }
 
 // Whether an emergency can enter the section, waiting as long as that.
@@ -154,12 +150,7 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
         gFileLogger.Emergency().EndDump();
         EXPECT_TRUE(Log("end"));
     };
-    const struct
-    {
-        int strategy;
-        std::function<void()> write;
-        Texts texts;
-    } rows[] = {
+    const std::tuple<int, std::function<void()>, Texts> rows[] = {
         {LOGGING_STRATEGY_OVERWRITE, [] {}, {"before"}},
         {LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {"before"}},
         {LOGGING_STRATEGY_OVERWRITE, [] { Log(kLongText); }, {"before", kLongText}},
@@ -167,56 +158,48 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
         {LOGGING_STRATEGY_APPEND, [] { InEmergency(0, [] { Log("dump"); }); }, {"before", "dump"}},
         {LOGGING_STRATEGY_OVERWRITE, [&] { InEmergency(0, dump); }, {"before", "dump", "end"}},
     };
-    for (const auto& row : rows)
+    int number = 0;
+    for (const auto& [strategy, write, texts] : rows)
     {
-        const std::string name = std::to_string(&row - rows);
-        SetOptions(row.strategy, 1000);
+        const std::string name = std::to_string(++number);
+        SetOptions(strategy, 1000);
         Start(name + ".1.log");
         const int descriptor = NextDescriptor();
         Log("before");
         close(descriptor);
-        row.write();
+        write();
         ShutdownLogging();
-        EXPECT_EQ(row.texts, TextsOf(OnDisk(name + ".1.log") + OnDisk(name + ".2.log"))) << name;
+        EXPECT_EQ(texts, TextsOf(OnDisk(name + ".1.log") + OnDisk(name + ".2.log"))) << name;
     }
 }
 
 // Whoever writes the lines in the buffer, the dump or the owner that wakes, each comes once.
 TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
 {
-    const struct
-    {
-        const char* what;
-        void (*call)();
-        void (*afterWrite)();
-        std::deque<Faults::WriteFault> faults;
-        std::multiset<std::string> whileStopped;
-    } rows[] = {
+    const std::tuple<const char*, void (*)(), void (*)(), std::deque<Faults::WriteFault>, Words> rows[] = {
         {"in the section", StopInSection, nullptr, {}, {"one", "two", "dump"}},
         {"flushing, before the write", ShutdownLogging, Stop, {{0, EINTR}}, {"dump"}},
         {"flushing, in the middle of the write", ShutdownLogging, Stop, {{100, 0}}, {"one", "dump"}},
         {"rotating, after the write", [] { Log(kLongText.substr(0, 850)); }, Stop, {}, {"one", "two", "dump"}},
     };
-    for (const auto& row : rows)
+    for (const auto& [name, call, afterWrite, faults, whileStopped] : rows)
     {
-        const std::string name = std::to_string(&row - rows);
+        const std::string first = name + std::string(".1.log");
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
-        Start(name + ".1.log");
+        Start(first);
         Log("one");
         Log("two");
-        Faults::gCalls = row.faults;
-        Faults::gAfterWrite = row.afterWrite;
-        std::thread owner(row.call);
+        Faults::gCalls = faults;
+        Faults::gAfterWrite = afterWrite;
+        std::thread owner(call);
         gMeeting.arrive_and_wait();
         InEmergency(0, [] { EXPECT_TRUE(Log("dump")); });
-        EXPECT_EQ(row.whileStopped, WordsIn(OnDisk(name + ".1.log"))) << row.what;
+        EXPECT_EQ(whileStopped, WordsIn(OnDisk(first))) << name;
         gMeeting.arrive_and_wait();
         owner.join();
         Log("three");
         ShutdownLogging();
-        EXPECT_EQ((std::multiset<std::string>{"one", "two", "dump", "three"}),
-                  WordsIn(OnDisk(name + ".1.log") + OnDisk(name + ".2.log")))
-            << row.what;
+        EXPECT_EQ((Words{"one", "two", "dump", "three"}), WordsIn(OnDisk(first) + OnDisk(name + std::string(".2.log"))));
     }
 }
 
@@ -241,13 +224,7 @@ TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)
 TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
 {
     const std::string torn = "whole\nkilled in the mid";
-    const struct
-    {
-        int strategy;
-        std::deque<Faults::WriteFault> faults;
-        Texts lines;
-        Texts expected;
-    } rows[] = {
+    const std::tuple<int, std::deque<Faults::WriteFault>, Texts, Texts> rows[] = {
         {LOGGING_STRATEGY_APPEND, {{50000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {kLongText}, {"end"}},
         {LOGGING_STRATEGY_OVERWRITE, {{50000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {kLongText}, {"end"}},
         {LOGGING_STRATEGY_APPEND, {{10, 0}, {0, EIO}}, {"first", kLongText}, {"first", "end"}},
@@ -255,14 +232,15 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         {LOGGING_STRATEGY_FILE_SIZE, {}, {"a"}, {"a", "end"}},
         {LOGGING_STRATEGY_APPEND, {}, {kLongText}, {kLongText, "end"}},
     };
-    for (const auto& row : rows)
+    int number = 0;
+    for (const auto& [strategy, faults, lines, expected] : rows)
     {
-        const std::string name = std::to_string(&row - rows) + ".1.log";
+        const std::string name = std::to_string(++number) + ".1.log";
         std::ofstream(m_folder / name) << torn;
-        SetOptions(row.strategy, 1000000);
+        SetOptions(strategy, 1000000);
         Start(name);
-        Faults::gCalls = row.faults;
-        for (const std::string& line : row.lines)
+        Faults::gCalls = faults;
+        for (const std::string& line : lines)
         {
             EXPECT_TRUE(Log(line));
         }
@@ -270,23 +248,22 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         Faults::gCalls.clear();
         Log("end");
         ShutdownLogging();
-        const std::string before = row.strategy == LOGGING_STRATEGY_OVERWRITE ? "" : torn + "\n";
+        const std::string before = strategy == LOGGING_STRATEGY_OVERWRITE ? "" : torn + "\n";
         EXPECT_EQ(before, OnDisk(name).substr(0, before.size())) << name;
-        EXPECT_EQ(row.expected, TextsOf(OnDisk(name).substr(before.size()))) << name;
+        EXPECT_EQ(expected, TextsOf(OnDisk(name).substr(before.size()))) << name;
     }
 }
 
 TEST_F(LogFaultsTest, StaysInAFullFileUntilItsLinesAreWritten)
 {
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 2000);
-    Faults::gCalls.assign(1000, {0, ENOSPC});
-    Faults::gCalls.front() = {1500, 0};
-    for (int i = 0; i < 100; ++i)
-    {
-        Log("line");
-    }
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 150);
+    Faults::gCalls.assign(9, {0, ENOSPC});
+    Faults::gCalls.front() = {100, 0};
+    Log("one");
+    Log("two");
+    Log("three");
     Faults::gCalls.clear();
     Log("room again");
-    EXPECT_EQ(Texts(100, "line"), TextsOf(OnDisk("app.1.log")));
+    EXPECT_EQ((Texts{"one", "two", "three"}), TextsOf(OnDisk("app.1.log")));
     EXPECT_EQ(Texts{"room again"}, ClosedTexts("app.2.log"));
 }

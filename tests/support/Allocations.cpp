@@ -10,12 +10,9 @@ namespace
 bool Fails()
 {
     ++Allocations::tCount;
-    if (Allocations::tFailAfter < 0 || Allocations::tFailAfter-- > 0)
-    {
-        return false;
-    }
-    errno = ENOMEM;
-    return true;
+    const bool fails = Allocations::tFailAfter >= 0 && Allocations::tFailAfter-- == 0;
+    errno = fails ? ENOMEM : errno;
+    return fails;
 }
 
 } // namespace

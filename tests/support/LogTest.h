@@ -35,11 +35,7 @@ inline std::vector<LogLine> ParseLog(const std::string& text)
         std::sscanf(line.c_str(), "%*2d/%*2d/%*2d %*2d:%*2d:%*2d.%*3d - %13c[ThreadID: %*d] -%n", level, &textAt);
         // A blank in the format would also skip those that the text starts with.
         const std::size_t blankAt = static_cast<std::size_t>(textAt);
-        if (line[blankAt] != ' ' || line.find("ThreadID", blankAt) != std::string::npos)
-        {
-            ADD_FAILURE() << "no whole line: " << line;
-            continue;
-        }
+        EXPECT_TRUE(line[blankAt] == ' ' && line.find("ThreadID", blankAt) == std::string::npos) << "not whole: " << line;
         const std::string stamp = line.substr(6, 2) + line.substr(3, 2) + line.substr(0, 2) + line.substr(8, 13);
         lines.push_back({stamp, level, line.substr(blankAt + 1)});
     }
