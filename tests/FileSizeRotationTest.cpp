@@ -11,16 +11,9 @@ using FileSizeRotation = LogTest;
 namespace
 {
 
-constexpr std::size_t kFolder = static_cast<std::size_t>(-1); // in place of a file's size
-
-// Makes a file whose last line is whole, or a folder.
+// Makes a file whose last line is whole.
 void Fill(const std::string& path, std::size_t size)
 {
-    if (size == kFolder)
-    {
-        std::filesystem::create_directory(path);
-        return;
-    }
     std::ofstream(path).seekp(static_cast<std::streamoff>(size - 1)).put('\n');
 }
 
@@ -51,21 +44,21 @@ TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
         {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
         {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
         {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
-        {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
-    int number = 0;
+        {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"},
+        {"a.log", "a.7.log/", "a.8.log", "a.9.log"}}; // a folder
     for (const auto& [name, onDisk, opened, next] : rows)
     {
-        const std::string folder = std::to_string(++number) + "/";
-        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + onDisk)).parent_path());
-        Fill(m_folder / (folder + onDisk), 1);
+        m_folder.Empty();
+        std::filesystem::create_directories(std::filesystem::path(m_folder / onDisk).parent_path());
+        Fill(m_folder / onDisk, 1); // fails where there is a folder
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100);
-        Start(folder + name);
+        Start(name);
         LogBytes(90);
         const char* const firstName = GetLogFilename();
         ShutdownLogging();
         LogBytes(60); // opens it again, and moves on
-        EXPECT_EQ(m_folder / (folder + next), GetLogFilename()) << name;
-        EXPECT_EQ(m_folder / (folder + opened), firstName) << "until the next move";
+        EXPECT_EQ(m_folder / next, GetLogFilename()) << name;
+        EXPECT_EQ(m_folder / opened, firstName) << "until the next move";
     }
 }
 
@@ -87,19 +80,17 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
         {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
         {"highest by value", many, 1000, {100}, manyLeft},
         {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
-        {"a folder", {{"3.", kFolder}}, 1000, {100}, {{"3.", kFolder}, {"4.", 100}}},
         {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
         {"last number", {{"2147483646.", 950}}, 1000, {100, 950}, {{"2147483646.", 950}, {"2147483647.", 1050}}}};
     for (const auto& [what, present, limit, lines, expected] : rows)
     {
-        const std::string folder = m_folder / what;
-        std::filesystem::create_directory(folder);
+        m_folder.Empty();
         for (const auto& [number, size] : present)
         {
-            Fill(folder + "/app." + number + "log", size);
+            Fill(m_folder / ("app." + number + "log"), size);
         }
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, limit);
-        Start(what + std::string("/app.log"));
+        Start("app.log");
         Faults::gCall = Faults::kSearch;
         Faults::gCalls.resize(9);
         for (const std::size_t size : lines)
@@ -109,11 +100,10 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
         EXPECT_EQ(8u, Faults::gCalls.size()) << what; // one search
         ShutdownLogging();
         Sizes left;
-        std::error_code isFolder;
-        for (const auto& file : std::filesystem::directory_iterator(folder))
+        for (const auto& file : std::filesystem::directory_iterator(m_folder / ""))
         {
             const std::string name = file.path().filename();
-            left[name.substr(4, name.size() - 7)] = file.file_size(isFolder);
+            left[name.substr(4, name.size() - 7)] = file.file_size();
         }
         EXPECT_EQ(expected, left) << what;
     }

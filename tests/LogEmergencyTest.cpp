@@ -20,7 +20,6 @@ namespace
 {
 
 using LogEmergencyTest = LogTest;
-using LogFaultsTest = LogTest;
 
 const std::string kLongText(100000, 'x');
 
@@ -93,17 +92,15 @@ TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
     Log("next");
     ShutdownLogging();
     EXPECT_EQ(Texts{"next"}, TextsOf(OnDisk().substr(50001)));
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100000);
     for (const Faults::WriteFault fault : {Faults::WriteFault{100000, 0}, {100, 0}, {0, ENOSPC}})
     {
-        const std::string name = std::to_string(fault.m_bytes) + ".1.log";
-        Start(name);
+        SetOptions(LOGGING_STRATEGY_OVERWRITE);
         Log("one");
         Log("two");
         Faults::gCalls = {fault};
         CutAfterWrite(ShutdownLogging);
         std::thread([] { Log("three"); }).join();
-        EXPECT_EQ((Texts{"one", "two", "three"}), ClosedTexts(name)) << name;
+        EXPECT_EQ((Texts{"one", "two", "three"}), ClosedTexts()) << fault.m_bytes;
     }
 }
 
@@ -158,18 +155,16 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
         {LOGGING_STRATEGY_APPEND, [] { InEmergency(0, [] { Log("dump"); }); }, {"before", "dump"}},
         {LOGGING_STRATEGY_OVERWRITE, [&] { InEmergency(0, dump); }, {"before", "dump", "end"}},
     };
-    int number = 0;
     for (const auto& [strategy, write, texts] : rows)
     {
-        const std::string name = std::to_string(++number);
+        m_folder.Empty();
         SetOptions(strategy, 1000);
-        Start(name + ".1.log");
-        const int descriptor = NextDescriptor();
+        Start("app.1.log");
         Log("before");
-        close(descriptor);
+        close_range(STDERR_FILENO + 1, ~0u, 0);
         write();
         ShutdownLogging();
-        EXPECT_EQ(texts, TextsOf(OnDisk(name + ".1.log") + OnDisk(name + ".2.log"))) << name;
+        EXPECT_EQ(texts, TextsOf(OnDisk("app.1.log") + OnDisk("app.2.log")));
     }
 }
 
@@ -182,11 +177,11 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
         {"flushing, in the middle of the write", ShutdownLogging, Stop, {{100, 0}}, {"one", "dump"}},
         {"rotating, after the write", [] { Log(kLongText.substr(0, 850)); }, Stop, {}, {"one", "two", "dump"}},
     };
-    for (const auto& [name, call, afterWrite, faults, whileStopped] : rows)
+    for (const auto& [what, call, afterWrite, faults, whileStopped] : rows)
     {
-        const std::string first = name + std::string(".1.log");
+        m_folder.Empty();
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
-        Start(first);
+        Start("app.1.log");
         Log("one");
         Log("two");
         Faults::gCalls = faults;
@@ -194,12 +189,12 @@ TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
         std::thread owner(call);
         gMeeting.arrive_and_wait();
         InEmergency(0, [] { EXPECT_TRUE(Log("dump")); });
-        EXPECT_EQ(whileStopped, WordsIn(OnDisk(first))) << name;
+        EXPECT_EQ(whileStopped, WordsIn(OnDisk("app.1.log"))) << what;
         gMeeting.arrive_and_wait();
         owner.join();
         Log("three");
         ShutdownLogging();
-        EXPECT_EQ((Words{"one", "two", "dump", "three"}), WordsIn(OnDisk(first) + OnDisk(name + std::string(".2.log"))));
+        EXPECT_EQ((Words{"one", "two", "dump", "three"}), WordsIn(OnDisk("app.1.log") + OnDisk("app.2.log"))) << what;
     }
 }
 
@@ -221,7 +216,7 @@ TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)
     EXPECT_EQ(0, RunChild(forkAndExitBesideLogging));
 }
 
-TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
+TEST_F(LogEmergencyTest, WritesWholeLinesOnceAndInTheirOrder)
 {
     const std::string torn = "whole\nkilled in the mid";
     const std::tuple<int, std::deque<Faults::WriteFault>, Texts, Texts> rows[] = {
@@ -232,13 +227,12 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         {LOGGING_STRATEGY_FILE_SIZE, {}, {"a"}, {"a", "end"}},
         {LOGGING_STRATEGY_APPEND, {}, {kLongText}, {kLongText, "end"}},
     };
-    int number = 0;
     for (const auto& [strategy, faults, lines, expected] : rows)
     {
-        const std::string name = std::to_string(++number) + ".1.log";
-        std::ofstream(m_folder / name) << torn;
+        m_folder.Empty();
+        std::ofstream(m_folder / "app.1.log") << torn;
         SetOptions(strategy, 1000000);
-        Start(name);
+        Start("app.1.log");
         Faults::gCalls = faults;
         for (const std::string& line : lines)
         {
@@ -249,12 +243,12 @@ TEST_F(LogFaultsTest, WritesWholeLinesOnceAndInTheirOrder)
         Log("end");
         ShutdownLogging();
         const std::string before = strategy == LOGGING_STRATEGY_OVERWRITE ? "" : torn + "\n";
-        EXPECT_EQ(before, OnDisk(name).substr(0, before.size())) << name;
-        EXPECT_EQ(expected, TextsOf(OnDisk(name).substr(before.size()))) << name;
+        EXPECT_EQ(before, OnDisk("app.1.log").substr(0, before.size()));
+        EXPECT_EQ(expected, TextsOf(OnDisk("app.1.log").substr(before.size())));
     }
 }
 
-TEST_F(LogFaultsTest, StaysInAFullFileUntilItsLinesAreWritten)
+TEST_F(LogEmergencyTest, StaysInAFullFileUntilItsLinesAreWritten)
 {
     SetOptions(LOGGING_STRATEGY_FILE_SIZE, 150);
     Faults::gCalls.assign(9, {0, ENOSPC});

@@ -6,7 +6,6 @@
 #include "support/TemporaryFolder.h"
 
 #include <cstdio>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <sstream>
@@ -124,14 +123,6 @@ protected:
     {
         ShutdownLogging();
         return TextsOf(OnDisk(name));
-    }
-
-    // That of the next file to be opened, where the standard streams are open or not.
-    static int NextDescriptor()
-    {
-        const int descriptor = fcntl(STDERR_FILENO, F_DUPFD, STDERR_FILENO + 1);
-        close(descriptor);
-        return descriptor;
     }
 };
 
