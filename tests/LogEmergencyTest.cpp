@@ -251,8 +251,7 @@ TEST_F(LogEmergencyTest, WritesWholeLinesOnceAndInTheirOrder)
 TEST_F(LogEmergencyTest, StaysInAFullFileUntilItsLinesAreWritten)
 {
     SetOptions(LOGGING_STRATEGY_FILE_SIZE, 150);
-    Faults::gCalls.assign(9, {0, ENOSPC});
-    Faults::gCalls.front() = {100, 0};
+    Faults::gCalls = {{100, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}};
     Log("one");
     Log("two");
     Log("three");

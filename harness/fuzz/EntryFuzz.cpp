@@ -50,7 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* input, std::size_t si
         std::snprintf(expected.data(), expected.size(), format, width, level, precision, text.c_str(), text.c_str());
     expected.resize(static_cast<std::size_t>(length));
     Expect(expected, [&] { return LogFormatted(0, 1, kMark, format, width, level, precision, text.c_str(), text.c_str()); });
-    Expect(text, [&] { return LogMessage(level, 1, kMark, text.c_str()); });
     Expect(text + PlainDump(bytes), [&]
            { return LogMessageAndBufferAsHex(0, 1, kMark, text.c_str(), bytes.data(), static_cast<int>(bytes.size())); });
     return 0;
