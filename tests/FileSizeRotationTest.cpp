@@ -4,63 +4,61 @@
 
 #include <climits>
 #include <map>
+#include <tuple>
 
 using FileSizeRotation = LogTest;
 
 namespace
 {
 
+// Makes a file whose last line is whole.
 void Fill(const std::string& path, std::size_t size)
 {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream file(path);
-    if (size > 0)
-    {
-        file.seekp(static_cast<std::streamoff>(size - 1)).put('\n'); // a file whose last line is whole
-    }
+    std::ofstream(path).seekp(static_cast<std::streamoff>(size - 1)).put('\n');
 }
 
 // Logs a line of so many bytes.
 void LogBytes(std::size_t size)
 {
-    const std::size_t prefix = std::string("16/11/26 15:38:45.007 - ERROR      - [ThreadID: ] - \n").size();
-    LogMessage(0, 1, "", std::string(size - prefix - std::to_string(gettid()).size(), 'x').c_str());
+    const std::string prefix = "16/11/26 15:38:45.007 - ERROR      - [ThreadID: " + std::to_string(gettid()) + "] - \n";
+    LogMessage(0, 1, "", std::string(size - prefix.size(), 'x').c_str());
 }
 
 } // namespace
 
 TEST_F(FileSizeRotation, GoesOnWithTheHighestFileOfTheSeries)
 {
-    const struct
+    const char* const rows[][4] = {
+        {"a.log", "a.12.log", "a.12.log", "a.13.log"},
+        {"a.12.log", "none", "a.1.log", "a.2.log"},
+        {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
+        {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
+        {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
+        {"a.3a.log", "a.7a.log", "a.3a.1.log", "a.3a.2.log"},
+        {"logs.1/reader.1.log", "logs.1/reader.4.log", "logs.1/reader.4.log", "logs.1/reader.5.log"},
+        {"v.10/reader", "v.10/reader.7.log", "v.10/reader.7.log", "v.10/reader.8.log"},
+        {".3", ".7.3", ".7.3", ".8.3"},
+        {"1.2\\3.log", "1.9\\3.7.log", "1.2\\3.1.log", "1.2\\3.2.log"},
+        {"a?[1].log", "ab1.7.log", "a?[1].1.log", "a?[1].2.log"},
+        {"a.x*", "a.7.x", "a.7.x*", "a.8.x*"}, // the only character with a meaning
+        {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
+        {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
+        {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
+        {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"},
+        {"a.log", "a.7.log/", "a.8.log", "a.9.log"}}; // a folder
+    for (const auto& [name, onDisk, opened, next] : rows)
     {
-        const char *name, *onDisk, *opened, *next;
-    } rows[] = {{"a.log", "a.12.log", "a.12.log", "a.13.log"},
-                {"a.12.log", "", "a.1.log", "a.2.log"},
-                {"a.b.c", "a.7.c", "a.b.7.c", "a.b.8.c"},
-                {"a.-3.log", "a.-2.log", "a.1.log", "a.2.log"},
-                {"a. 3.log", "a. 07.log", "a.7.log", "a.8.log"},
-                {"a.3a.log", "a.7a.log", "a.3a.1.log", "a.3a.2.log"},
-                {"logs.1/reader.1.log", "logs.1/reader.4.log", "logs.1/reader.4.log", "logs.1/reader.5.log"},
-                {"v.10/reader", "v.10/reader.7.log", "v.10/reader.7.log", "v.10/reader.8.log"},
-                {".3", ".7.3", ".7.3", ".8.3"},
-                {"1.2\\3.log", "1.9\\3.7.log", "1.2\\3.1.log", "1.2\\3.2.log"},
-                {"a?[1].log", "ab1.7.log", "a?[1].1.log", "a?[1].2.log"},
-                {"a.x*", "a.7.x", "a.7.x*", "a.8.x*"}, // the only character with a meaning
-                {"a.log", "a.7.logs", "a.1.log", "a.2.log"},
-                {"a.log", "ba.7.log", "a.1.log", "a.2.log"},
-                {"a.log", "a.2147483647.log", "a.1.log", "a.2.log"},
-                {"a.99999999999.log", "a.99999999999.log", "a.99999999999.1.log", "a.99999999999.2.log"}};
-    for (const auto& row : rows)
-    {
-        const std::string folder = std::to_string(&row - rows) + "/";
-        Fill(m_folder / (folder + row.onDisk + (*row.onDisk == '\0' ? "none" : "")), 0);
-        std::filesystem::create_directories(std::filesystem::path(m_folder / (folder + row.name)).parent_path());
+        m_folder.Empty();
+        std::filesystem::create_directories(std::filesystem::path(m_folder / onDisk).parent_path());
+        Fill(m_folder / onDisk, 1); // fails where there is a folder
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 100);
-        Start(folder + row.name);
-        LogBytes(99);
-        EXPECT_EQ(m_folder / (folder + row.opened), GetLogFilename()) << row.name;
-        LogBytes(60);
-        EXPECT_EQ(m_folder / (folder + row.next), GetLogFilename()) << row.name;
+        Start(name);
+        LogBytes(90);
+        const char* const firstName = GetLogFilename();
+        ShutdownLogging();
+        LogBytes(60); // opens it again, and moves on
+        EXPECT_EQ(m_folder / next, GetLogFilename()) << name;
+        EXPECT_EQ(m_folder / opened, firstName) << "until the next move";
     }
 }
 
@@ -74,64 +72,41 @@ TEST_F(FileSizeRotation, PutsEachLineWhereItBelongs)
     }
     Sizes manyLeft = many;
     manyLeft["300."] = 105;
-    const struct
+    const std::tuple<const char*, Sizes, unsigned int, std::vector<std::size_t>, Sizes> rows[] = {
+        {"just fits", {{"1.", 900}}, 1000, {99}, {{"1.", 999}}},
+        {"reaches the limit", {{"1.", 900}}, 1000, {100}, {{"1.", 900}, {"2.", 100}}},
+        {"limit 0", {}, 0, {100, 100}, {{"1.", 0}, {"2.", 100}, {"3.", 100}}},
+        {"longer than the limit", {}, 200, {100, 500, 100}, {{"1.", 100}, {"2.", 500}, {"3.", 100}}},
+        {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
+        {"highest by value", many, 1000, {100}, manyLeft},
+        {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
+        {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
+        {"last number", {{"2147483646.", 950}}, 1000, {100, 950}, {{"2147483646.", 950}, {"2147483647.", 1050}}}};
+    for (const auto& [what, present, limit, lines, expected] : rows)
     {
-        const char* what;
-        Sizes present;
-        unsigned int limit;
-        std::vector<std::size_t> lines;
-        Sizes left;
-    } rows[] = {{"just fits", {{"1.", 900}}, 1000, {99}, {{"1.", 999}}},
-                {"reaches the limit", {{"1.", 900}}, 1000, {100}, {{"1.", 900}, {"2.", 100}}},
-                {"limit 0", {}, 0, {100, 100}, {{"1.", 0}, {"2.", 100}, {"3.", 100}}},
-                {"longer than the limit", {}, 200, {100, 500, 100}, {{"1.", 100}, {"2.", 500}, {"3.", 100}}},
-                {"largest limit", {}, UINT_MAX, {100, 100}, {{"1.", 200}}},
-                {"highest by value", many, 1000, {100}, manyLeft},
-                {"no numbers", {{"old.", 5}, {".", 5}}, 1000, {100}, {{"old.", 5}, {".", 5}, {"1.", 100}}},
-                {"far past the limit", {{"1.", 5ull << 30}}, 2000000000, {100}, {{"1.", 5ull << 30}, {"2.", 100}}},
-                {"the last number grows on",
-                 {{"2147483646.", 950}},
-                 1000,
-                 {100, 950},
-                 {{"2147483646.", 950}, {"2147483647.", 1050}}}};
-    for (const auto& row : rows)
-    {
-        const std::string folder = row.what;
-        for (const auto& [number, size] : row.present)
+        m_folder.Empty();
+        for (const auto& [number, size] : present)
         {
-            Fill(m_folder / (folder + "/app." + number + "log"), size);
+            Fill(m_folder / ("app." + number + "log"), size);
         }
-        std::filesystem::create_directories(m_folder / folder);
-        SetOptions(LOGGING_STRATEGY_FILE_SIZE, row.limit);
-        Start(folder + "/app.log");
-        Faults::gSearches = 0;
-        for (const std::size_t size : row.lines)
+        SetOptions(LOGGING_STRATEGY_FILE_SIZE, limit);
+        Start("app.log");
+        Faults::gCall = Faults::kSearch;
+        Faults::gCalls.resize(9);
+        for (const std::size_t size : lines)
         {
             LogBytes(size);
         }
-        EXPECT_EQ(1, Faults::gSearches) << row.what;
+        EXPECT_EQ(8u, Faults::gCalls.size()) << what; // one search
+        Faults::gCalls.clear();
+        Faults::gCall = SYS_writev;
         ShutdownLogging();
         Sizes left;
-        for (const auto& file : std::filesystem::directory_iterator(m_folder / folder))
+        for (const auto& file : std::filesystem::directory_iterator(m_folder / ""))
         {
             const std::string name = file.path().filename();
             left[name.substr(4, name.size() - 7)] = file.file_size();
         }
-        EXPECT_EQ(row.left, left) << row.what;
+        EXPECT_EQ(expected, left) << what;
     }
-}
-
-TEST_F(FileSizeRotation, PassesByADirectoryWithANumberedName)
-{
-    std::filesystem::create_directory(m_folder / "app.3.log");
-    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 200);
-    Log("one");
-    EXPECT_EQ(m_folder / "app.4.log", GetLogFilename());
-    const char* const name = GetLogFilename();
-    ShutdownLogging();
-    Log("two");
-    EXPECT_EQ(static_cast<const void*>(name), GetLogFilename()); // an unchanged name stays where it is
-    std::filesystem::create_directory(m_folder / "app.5.log");
-    Log(std::string(100, 'x'));
-    EXPECT_EQ(m_folder / "app.6.log", GetLogFilename());
 }

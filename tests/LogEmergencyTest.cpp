@@ -1,29 +1,27 @@
-// The log where its state is another's: calls that were cut off, a section that cannot be had, a file that takes nothing.
+// The log while the system fails, and where its state is another's: calls that were cut off, a section that cannot be had, a
+// file that takes nothing.
 #include "ErrorHandlerDll/logging/LogEntry.h"
 #include "ErrorHandlerDll/logging/ProcessLog.h"
 #include "QV/HexDump.h"
-#include "support/Descriptors.h"
 #include "support/Faults.h"
 #include "support/LogTest.h"
 
-#include <atomic>
+#include <barrier>
 #include <csetjmp>
-#include <csignal>
 #include <cstdlib>
-#include <deque>
+#include <fcntl.h>
 #include <functional>
+#include <set>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 
 namespace
 {
 
 using LogEmergencyTest = LogTest;
 
-bool LogInDump(const std::string& text)
-{
-    return gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", text), LogEmergency::Caller::DUMP);
-}
+const std::string kLongText(100000, 'x');
 
 sigjmp_buf gPlace;
 
@@ -37,55 +35,44 @@ void CutAfterWrite(void (*call)())
     if (sigsetjmp(gPlace, 1) == 0)
     {
         call();
-        _exit(3);
+        ADD_FAILURE() << "nothing written";
     }
-    gFileLogger.EnterCriticalSection();
+    const LogSectionScope section(gFileLogger);
     gFileLogger.Emergency().ForgetInterruptedCall();
     gFileLogger.Emergency().RestoreSectionDepth(0);
-    gFileLogger.LeaveCriticalSection();
 }
 
-std::atomic<int> gStep{0};
-
-void WaitForStep(int step)
-{
-    while (gStep != step)
-    {
-        std::this_thread::yield();
-    }
-}
+std::barrier gMeeting(2);
 
 void Stop()
 {
-    gStep = 1;
-    WaitForStep(2);
+    gMeeting.arrive_and_wait();
+    gMeeting.arrive_and_wait();
 }
+
+void StopInSection()
+{
+    const LogSectionScope section(gFileLogger);
+    Stop();
+    usleep(20000); // so that whoever wants the section has to wait
+}
+
+using Words = std::multiset<std::string>;
 
 // The texts of the whole lines, as far as they are these words.
-std::string WordsIn(const std::string& text)
+Words WordsIn(const std::string& text)
 {
-    std::string words;
     const std::regex word(R"(\] - (one|two|dump|three))");
-    for (std::sregex_iterator found(text.begin(), text.end(), word); found != std::sregex_iterator(); ++found)
-    {
-        words += found->str(1) + " ";
-    }
-    return words;
+    return {std::sregex_token_iterator(text.begin(), text.end(), word, 1), std::sregex_token_iterator()};
 }
 
-std::function<void()> gInHandler;
-
-// Runs `body` in a signal handler, where it may wait as long as that.
+// Runs `body` as in a signal handler, where it may wait as long as that.
 void InEmergency(int waitMs, const std::function<void()>& body)
 {
-    gInHandler = [&]
-    {
-        const QV::SignalSafeScope emergency;
-        QV::SignalSafeScope::WaitLeftMs() = waitMs;
-        body();
-    };
-    std::signal(SIGUSR2, [](int) { gInHandler(); });
-    raise(SIGUSR2);
+    QV::SignalSafeScope::SetCheck(nullptr); // which looks for the handler
+    const QV::SignalSafeScope emergency;
+    QV::SignalSafeScope::WaitLeftMs() = waitMs;
+    body();
 }
 
 // Whether an emergency can enter the section, waiting as long as that.
@@ -100,39 +87,21 @@ bool IsFree(int waitMs)
 
 TEST_F(LogEmergencyTest, GoesOnAfterACallThatWasCutOff)
 {
-    const std::deque<Faults::WriteFault> rows[] = {{}, {{100, 0}}, {{0, ENOSPC}}};
-    for (const int strategy : {LOGGING_STRATEGY_APPEND, LOGGING_STRATEGY_FILE_SIZE})
+    Faults::gCalls = {{50000, 0}};
+    CutAfterWrite([] { Log(kLongText); });
+    Log("next");
+    ShutdownLogging();
+    EXPECT_TRUE(std::regex_match(OnDisk().substr(50000), std::regex("\n.* - next\n")));
+    for (const Faults::WriteFault fault : {Faults::WriteFault{100000, 0}, {100, 0}, {0, ENOSPC}})
     {
-        for (const auto& row : rows)
-        {
-            const std::string name = std::to_string(strategy) + std::to_string(&row - rows) + ".1.log";
-            const auto logAroundCut = [&]
-            {
-                SetOptions(strategy, 100000);
-                Start(name);
-                Log("one");
-                Log("two");
-                Faults::gWrites = row;
-                CutAfterWrite(ShutdownLogging);
-                std::thread([] { Log("three"); }).join();
-                ShutdownLogging();
-                return 0;
-            };
-            EXPECT_EQ(0, RunChild(logAroundCut)) << name;
-            EXPECT_EQ((std::vector<std::string>{"one", "two", "three"}), ClosedTexts(name)) << name;
-        }
+        SetOptions(LOGGING_STRATEGY_OVERWRITE);
+        Log("one");
+        Log("two");
+        Faults::gCalls = {fault};
+        CutAfterWrite(ShutdownLogging);
+        std::thread([] { Log("three"); }).join();
+        EXPECT_EQ((Texts{"one", "two", "three"}), ClosedTexts()) << fault.m_bytes;
     }
-    const auto logBehindTornLine = []
-    {
-        Faults::gWrites = {{50000, 0}};
-        CutAfterWrite([] { Log(std::string(100000, 'x')); });
-        Log("next");
-        ShutdownLogging();
-        return 0;
-    };
-    EXPECT_EQ(0, RunChild(logBehindTornLine));
-    ASSERT_EQ('\n', OnDisk()[50000]);
-    EXPECT_EQ(1u, ParseLog(OnDisk().substr(50001)).size());
 }
 
 TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
@@ -140,18 +109,9 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
     Start("app.1.log");
     Log("buffered");
-    const char* const name = GetLogFilename();
-    gStep = 0;
-    std::thread owner(
-        []
-        {
-            const LogSectionScope section(gFileLogger);
-            Stop();
-            usleep(20000);
-        });
-    WaitForStep(1);
-    const unsigned char bytes[1000] = {1, 2};
     const std::string longText(1000, 'x');
+    std::thread owner(StopInSection);
+    gMeeting.arrive_and_wait();
     const auto logWithoutTheSection = [&]
     {
         SetOptions(LOGGING_STRATEGY_APPEND);
@@ -159,6 +119,7 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
         ShutdownLogging();
         EXPECT_STREQ("", GetLogFilename());
         EXPECT_TRUE(Log(longText));
+        const unsigned char bytes[1000] = {1, 2};
         EXPECT_TRUE(LogMessageAndBufferAsHex(ZR_LOG_ERROR, 1, "", "hex", bytes, 2));
         const HexDump dump(bytes, sizeof bytes);
         EXPECT_FALSE(gFileLogger.Emergency().Write(LogEntry(ZR_LOG_ERROR, "", "too long", &dump),
@@ -167,133 +128,135 @@ TEST_F(LogEmergencyTest, WithoutTheSectionNothingIsTouchedButTheFile)
     };
     InEmergency(0, logWithoutTheSection);
     EXPECT_FALSE(IsFree(5));
-    gStep = 2;
+    gMeeting.arrive_and_wait();
     EXPECT_TRUE(IsFree(20000)); // its owner is waited for again
     owner.join();
-    EXPECT_EQ(static_cast<const void*>(name), GetLogFilename());
     ShutdownLogging();
-    const std::string text = OnDisk("app.1.log");
-    const std::size_t hex = text.find("hex\n01 02 ");
-    EXPECT_LT(text.find("buffered\n"), text.find("xxxxx"));
-    EXPECT_LT(text.find("xxxxx"), hex);
-    EXPECT_EQ(text.find("buffered\n"), text.rfind("buffered\n"));
+    EXPECT_EQ("buffered\n" + longText + "\nhex\n01 02 " + std::string(42, ' ') + ": ..\n",
+              std::regex_replace(OnDisk("app.1.log"), std::regex(".*\\] - "), ""));
 }
 
 TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
 {
-    static const std::string longText(100000, 'x');
     const auto dump = []
     {
         const LogSectionScope section(gFileLogger);
         gFileLogger.Emergency().BeginDump();
-        EXPECT_TRUE(LogInDump("dump"));
+        EXPECT_TRUE(Log("dump"));
         gFileLogger.Emergency().Flush();
         gFileLogger.Emergency().EndDump();
-        EXPECT_TRUE(LogInDump("end"));
+        EXPECT_TRUE(Log("end"));
     };
-    const struct
-    {
-        const char* what;
-        int strategy;
-        std::function<void()> write;
-        std::vector<std::string> texts;
-    } rows[] = {
-        {"close", LOGGING_STRATEGY_OVERWRITE, [] {}, {"before"}},
-        {"flush", LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {"before"}},
-        {"long line", LOGGING_STRATEGY_OVERWRITE, [] { Log(longText); }, {"before", longText}},
-        {"rotation", LOGGING_STRATEGY_FILE_SIZE, [] { Log(std::string(900, 'x')); }, {"before"}},
-        {"line of a dump", LOGGING_STRATEGY_APPEND, [] { LogInDump("dump"); }, {"before", "dump"}},
-        {"dump", LOGGING_STRATEGY_OVERWRITE, dump, {"before", "dump", "end"}},
+    const std::tuple<int, std::function<void()>, Texts> rows[] = {
+        {LOGGING_STRATEGY_OVERWRITE, [] {}, {"before"}},
+        {LOGGING_STRATEGY_OVERWRITE, [] { gFileLogger.FlushLogFile(); }, {"before"}},
+        {LOGGING_STRATEGY_OVERWRITE, [] { Log(kLongText); }, {"before", kLongText}},
+        {LOGGING_STRATEGY_FILE_SIZE, [] { Log(kLongText.substr(0, 900)); }, {"before", kLongText.substr(0, 900)}},
+        {LOGGING_STRATEGY_APPEND, [] { InEmergency(0, [] { Log("dump"); }); }, {"before", "dump"}},
+        {LOGGING_STRATEGY_OVERWRITE, [&] { InEmergency(0, dump); }, {"before", "dump", "end"}},
     };
-    for (const auto& row : rows)
+    for (const auto& [strategy, write, texts] : rows)
     {
-        const std::string name = std::to_string(&row - rows) + ".1.log";
-        SetOptions(row.strategy, 1000);
-        Start(name);
+        m_folder.Empty();
+        SetOptions(strategy, 1000);
+        Start("app.1.log");
         Log("before");
-        close(DescriptorOf(m_folder / name));
-        row.write();
-        EXPECT_EQ(row.texts, ClosedTexts(name)) << row.what;
-        if (row.strategy == LOGGING_STRATEGY_FILE_SIZE)
-        {
-            EXPECT_EQ(1u, ParseLog(OnDisk(std::to_string(&row - rows) + ".2.log")).size());
-        }
+        close_range(STDERR_FILENO + 1, ~0u, 0);
+        write();
+        ShutdownLogging();
+        EXPECT_EQ(texts, TextsOf(OnDisk("app.1.log") + OnDisk("app.2.log")));
     }
 }
 
 // Whoever writes the lines in the buffer, the dump or the owner that wakes, each comes once.
 TEST_F(LogEmergencyTest, ClaimsTheLinesOfAnOwnerThatIsStopped)
 {
-    const auto stopInSection = []
-    {
-        const LogSectionScope section(gFileLogger);
-        Stop();
-        Log("three");
+    const std::tuple<const char*, void (*)(), void (*)(), std::deque<Faults::WriteFault>, Words> rows[] = {
+        {"in the section", StopInSection, nullptr, {}, {"one", "two", "dump"}},
+        {"flushing, before the write", ShutdownLogging, Stop, {{0, EINTR}}, {"dump"}},
+        {"flushing, in the middle of the write", ShutdownLogging, Stop, {{100, 0}}, {"one", "dump"}},
+        {"rotating, after the write", [] { Log(kLongText.substr(0, 850)); }, Stop, {}, {"one", "two", "dump"}},
     };
-    const auto stopInFlush = []
+    for (const auto& [what, call, afterWrite, faults, whileStopped] : rows)
     {
-        Faults::gAfterWrite = Stop;
-        ShutdownLogging();
-        Log("three");
-    };
-    const auto stopInRotation = []
-    {
-        Faults::gAfterWrite = Stop;
-        Log("three" + std::string(900, ' '));
-    };
-    const struct
-    {
-        const char* what;
-        void (*call)();
-        std::deque<Faults::WriteFault> faults;
-        const char* whileStopped;
-    } rows[] = {
-        {"in the section", stopInSection, {}, "one two dump "},
-        {"flushing, before the write", stopInFlush, {{0, EINTR}}, "dump "},
-        {"flushing, in the middle of the write", stopInFlush, {{100, 0}}, "one dump "},
-        {"rotating, after the write", stopInRotation, {}, "one two dump "},
-    };
-    for (const auto& row : rows)
-    {
+        m_folder.Empty();
         SetOptions(LOGGING_STRATEGY_FILE_SIZE, 1000);
-        const std::string name = std::to_string(&row - rows) + ".1.log";
-        Start(name);
+        Start("app.1.log");
         Log("one");
         Log("two");
-        gStep = 0;
-        Faults::gWrites = row.faults;
-        std::thread owner(row.call);
-        WaitForStep(1);
+        Faults::gCalls = faults;
+        Faults::gAfterWrite = afterWrite;
+        std::thread owner(call);
+        gMeeting.arrive_and_wait();
         InEmergency(0, [] { EXPECT_TRUE(Log("dump")); });
-        EXPECT_EQ(row.whileStopped, WordsIn(OnDisk(name))) << row.what;
-        gStep = 2;
+        EXPECT_EQ(whileStopped, WordsIn(OnDisk("app.1.log"))) << what;
+        gMeeting.arrive_and_wait();
         owner.join();
+        Log("three");
         ShutdownLogging();
-        std::string all = WordsIn(OnDisk(name) + OnDisk(std::to_string(&row - rows) + ".2.log"));
-        EXPECT_EQ(std::string("one two dump three ").size(), all.size()) << row.what << ": " << all;
+        EXPECT_EQ((Words{"one", "two", "dump", "three"}), WordsIn(OnDisk("app.1.log") + OnDisk("app.2.log"))) << what;
     }
 }
 
 TEST_F(LogEmergencyTest, AForkAndTheEndDoNotWaitForAReader)
 {
     ASSERT_EQ(0, mkfifo((m_folder / "pipe").c_str(), 0600));
+    fcntl(open((m_folder / "pipe").c_str(), O_RDWR), F_SETPIPE_SZ, 4096);
     SetOptions(LOGGING_STRATEGY_APPEND, 0, 0);
     Start("pipe");
-    const auto forkAndExitBesideLogging = []
+    const auto forkAndExitBesideLogging = []() -> int
     {
-        const auto logForEver = []
-        {
-            while (Log(std::string(8000, 'x')))
-            {
-            }
-        };
-        std::thread(logForEver).detach();
+        std::thread([] { Log(std::string(8000, 'x')); }).detach();
         while (IsFree(1))
         {
             std::this_thread::yield();
         }
         std::exit(RunChild([] { return 0; }));
-        return 1;
     };
     EXPECT_EQ(0, RunChild(forkAndExitBesideLogging));
+}
+
+TEST_F(LogEmergencyTest, WritesWholeLinesOnceAndInTheirOrder)
+{
+    const std::string torn = "whole\nkilled in the mid";
+    const std::tuple<int, std::deque<Faults::WriteFault>, Texts, Texts> rows[] = {
+        {LOGGING_STRATEGY_APPEND, {{50000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {kLongText}, {"end"}},
+        {LOGGING_STRATEGY_OVERWRITE, {{50000, 0}, {0, ENOSPC}, {0, ENOSPC}}, {kLongText}, {"end"}},
+        {LOGGING_STRATEGY_APPEND, {{10, 0}, {0, EIO}}, {"first", kLongText}, {"first", "end"}},
+        {LOGGING_STRATEGY_APPEND, {}, {"a"}, {"a", "end"}},
+        {LOGGING_STRATEGY_FILE_SIZE, {{25, 0}, {0, EIO}}, {"a", "b"}, {"a", "b", "end"}},
+        {LOGGING_STRATEGY_APPEND, {}, {kLongText}, {kLongText, "end"}},
+    };
+    for (const auto& [strategy, faults, lines, expected] : rows)
+    {
+        m_folder.Empty();
+        std::ofstream(m_folder / "app.1.log") << torn;
+        SetOptions(strategy, 1000000);
+        Start("app.1.log");
+        Faults::gCalls = faults;
+        for (const std::string& line : lines)
+        {
+            EXPECT_TRUE(Log(line));
+        }
+        SetOptions(LOGGING_STRATEGY_APPEND); // closes, with no room for a line feed either
+        Faults::gCalls.clear();
+        Log("end");
+        ShutdownLogging();
+        const std::string before = strategy == LOGGING_STRATEGY_OVERWRITE ? "" : torn + "\n";
+        EXPECT_EQ(before, OnDisk("app.1.log").substr(0, before.size()));
+        EXPECT_EQ(expected, TextsOf(OnDisk("app.1.log").substr(before.size())));
+    }
+}
+
+TEST_F(LogEmergencyTest, StaysInAFullFileUntilItsLinesAreWritten)
+{
+    SetOptions(LOGGING_STRATEGY_FILE_SIZE, 150);
+    Faults::gCalls = {{100, 0}, {0, ENOSPC}, {0, ENOSPC}, {0, ENOSPC}};
+    Log("one");
+    Log("two");
+    Log("three");
+    Faults::gCalls.clear();
+    Log("room again");
+    EXPECT_EQ((Texts{"one", "two", "three"}), TextsOf(OnDisk("app.1.log")));
+    EXPECT_EQ(Texts{"room again"}, ClosedTexts("app.2.log"));
 }

@@ -15,7 +15,7 @@ std::string FileName(FuzzedDataProvider& data)
 {
     std::string name = FuzzText(data, kLongestName);
     std::replace(name.begin(), name.end(), '/', '.');
-    return name == "." || name == ".." ? "" : name;
+    return name == "." || name == ".." || name.empty() ? "log" : name;
 }
 
 std::string LogLine(const std::string& path, unsigned int limit)
@@ -31,10 +31,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* input, std::size_t si
     FuzzedDataProvider data(input, size);
     const std::string name = FileName(data);
     const int number = data.ConsumeIntegralInRange(1, INT_MAX - 2);
-    if (name.empty())
-    {
-        return 0;
-    }
     folder.Empty();
     std::filesystem::create_directories(folder / "logs.1");
     const std::string path = folder / "logs.1/" + name;

@@ -10,12 +10,9 @@ namespace
 bool Fails()
 {
     ++Allocations::tCount;
-    if (Allocations::tFailAfter < 0 || Allocations::tFailAfter-- > 0)
-    {
-        return false;
-    }
-    errno = ENOMEM;
-    return true;
+    const bool fails = Allocations::tFailAfter >= 0 && Allocations::tFailAfter-- == 0;
+    errno = fails ? ENOMEM : errno;
+    return fails;
 }
 
 } // namespace
@@ -27,7 +24,6 @@ extern "C"
     void* __libc_malloc(std::size_t size);
     void* __libc_calloc(std::size_t count, std::size_t size);
     void* __libc_realloc(void* memory, std::size_t size);
-    void* __libc_memalign(std::size_t alignment, std::size_t size);
 
     void* malloc(std::size_t size) noexcept
     {
@@ -40,10 +36,6 @@ extern "C"
     void* realloc(void* old, std::size_t size) noexcept
     {
         return Fails() ? nullptr : __libc_realloc(old, size);
-    }
-    void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept
-    {
-        return Fails() ? nullptr : __libc_memalign(alignment, size);
     }
 }
 

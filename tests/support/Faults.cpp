@@ -16,69 +16,32 @@ extern "C"
     long CallSystem(long number, long a, long b, long c, long d, long e, long f) noexcept asm("syscall");
     int ControlFile(int descriptor, int command, long argument) asm("fcntl");
     int LookAtFile(int descriptor, void* status) noexcept asm("fstat");
-    int CutFile(int descriptor, long size) noexcept asm("ftruncate");
 }
 
 namespace
 {
 
-long Return(long result)
-{
-    if (result >= 0)
-    {
-        return result;
-    }
-    errno = static_cast<int>(-result);
-    return -1;
-}
-
-template <class Fault>
-Fault TakeFirst(std::deque<Fault>& faults, Fault none)
-{
-    if (!faults.empty())
-    {
-        none = faults.front();
-        faults.pop_front();
-    }
-    return none;
-}
-
 Faults::WriteFault TakeFault(long kind)
 {
-    constexpr Faults::WriteFault kNone = {LONG_MAX, 0};
-    if (kind == Faults::gCall)
+    if (kind != Faults::gCall || Faults::gCalls.empty())
     {
-        return TakeFirst(Faults::gCalls, kNone);
+        return {LONG_MAX, 0};
     }
-    if (kind == SYS_openat)
-    {
-        return {0, TakeFirst(Faults::gOpenErrors, 0)};
-    }
-    return kind == SYS_writev ? TakeFirst(Faults::gWrites, kNone) : kNone;
+    const Faults::WriteFault fault = Faults::gCalls.front();
+    Faults::gCalls.pop_front();
+    return fault;
 }
 
-// Returns what the system call gives: bytes, or an error below 0.
-long Write(long descriptor, const iovec* pieces, long count, const Faults::WriteFault& fault)
+long WriteAtMost(long room, long descriptor, long pieces, long count)
 {
     iovec limited[8] = {}; // no heap: signal handlers write, too
-    std::copy_n(pieces, count, limited);
-    long room = std::min(fault.m_bytes, Faults::gDiskSpace >= 0 ? Faults::gDiskSpace : LONG_MAX);
-    const int error = fault.m_error == 0 && room == 0 ? ENOSPC : fault.m_error;
+    std::copy_n(reinterpret_cast<const iovec*>(pieces), count, limited);
     for (iovec& piece : limited)
     {
         piece.iov_len = std::min(piece.iov_len, static_cast<std::size_t>(room));
         room -= static_cast<long>(piece.iov_len);
     }
-    const long result = error != 0 ? -error : Unwind::SystemCall(SYS_writev, descriptor, Unwind::ToArgument(limited), count);
-    if (Faults::gDiskSpace > 0)
-    {
-        Faults::gDiskSpace -= std::max(result, 0L);
-    }
-    if (Faults::gAfterWrite != nullptr)
-    {
-        std::exchange(Faults::gAfterWrite, nullptr)();
-    }
-    return result;
+    return Unwind::SystemCall(SYS_writev, descriptor, Unwind::ToArgument(limited), count);
 }
 
 } // namespace
@@ -86,22 +49,21 @@ long Write(long descriptor, const iovec* pieces, long count, const Faults::Write
 long CallSystem(long number, long a, long b, long c, long d, long e, long f) noexcept
 {
     const bool isSearch = number == SYS_openat && (c & O_DIRECTORY) != 0;
-    const long kind = isSearch ? Faults::kSearch : number == SYS_write ? SYS_writev : number;
-    const Faults::WriteFault fault = TakeFault(kind);
-    if (isSearch) // no write by threads that only log
+    const bool isWrite = number == SYS_write || number == SYS_writev;
+    const Faults::WriteFault fault = TakeFault(isSearch ? Faults::kSearch : isWrite ? SYS_writev : number);
+    long result = 0;
+    if (fault.m_error == 0 || number == SYS_close) // Linux closes before it reports
     {
-        ++Faults::gSearches;
+        result = number == SYS_writev ? WriteAtMost(fault.m_bytes, a, b, c)
+                                      : Unwind::SystemCall(number, a, b, isWrite ? std::min(c, fault.m_bytes) : c, d, e, f);
     }
-    if (kind == SYS_writev)
+    if (isWrite && Faults::gAfterWrite != nullptr)
     {
-        const iovec whole = {reinterpret_cast<void*>(b), static_cast<std::size_t>(c)};
-        const bool isWhole = number == SYS_write;
-        return Return(Write(a, isWhole ? &whole : reinterpret_cast<const iovec*>(b), isWhole ? 1 : c, fault));
+        std::exchange(Faults::gAfterWrite, nullptr)();
     }
-    // Linux closes before it reports.
-    const bool isDone = fault.m_error == 0 || number == SYS_close;
-    const long result = isDone ? Unwind::SystemCall(number, a, b, c, d, e, f) : 0;
-    return Return(fault.m_error != 0 ? -fault.m_error : result);
+    result = fault.m_error != 0 ? -fault.m_error : result;
+    errno = result < 0 ? static_cast<int>(-result) : errno;
+    return std::max(result, -1L);
 }
 
 int ControlFile(int descriptor, int command, long argument)
@@ -112,9 +74,4 @@ int ControlFile(int descriptor, int command, long argument)
 int LookAtFile(int descriptor, void* status) noexcept
 {
     return static_cast<int>(CallSystem(SYS_fstat, descriptor, Unwind::ToArgument(status), 0, 0, 0, 0));
-}
-
-int CutFile(int descriptor, long size) noexcept
-{
-    return static_cast<int>(CallSystem(SYS_ftruncate, descriptor, size, 0, 0, 0, 0));
 }

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_FAULTS_H
 
 #include <deque>
+#include <sys/syscall.h>
 
 namespace Faults
 {
@@ -15,17 +16,12 @@ struct WriteFault
     int m_error;
 };
 
-inline std::deque<WriteFault> gWrites; // one for each of the next writes; those after them succeed
-inline std::deque<int> gOpenErrors;    // one for each of the next files opened
-
-// The same for calls of any other kind, or for these.
-constexpr long kSearch = -2; // in place of a system call's number: directories are opened
-inline long gCall = -1;      // the number of the system call; SYS_writev stands for all writes
+// One for each of the next system calls of one kind; those after them, and all others, succeed.
+constexpr long kSearch = -2;    // in place of a system call's number: directories are opened
+inline long gCall = SYS_writev; // the number of the system call; this one stands for all writes
 inline std::deque<WriteFault> gCalls;
 
-inline long gDiskSpace = -1;            // bytes that can be written until ENOSPC; below 0: any number
 inline void (*gAfterWrite)() = nullptr; // called once, when the bytes are in the file and nobody has been told
-inline int gSearches = 0;               // directories opened
 
 } // namespace Faults
 

@@ -34,11 +34,7 @@ inline std::vector<LogLine> ParseLog(const std::string& text)
         std::sscanf(line.c_str(), "%*2d/%*2d/%*2d %*2d:%*2d:%*2d.%*3d - %13c[ThreadID: %*d] -%n", level, &textAt);
         // A blank in the format would also skip those that the text starts with.
         const std::size_t blankAt = static_cast<std::size_t>(textAt);
-        if (line[blankAt] != ' ' || line.find("ThreadID", blankAt) != std::string::npos)
-        {
-            ADD_FAILURE() << "no whole line: " << line;
-            continue;
-        }
+        EXPECT_TRUE(line[blankAt] == ' ' && line.find("ThreadID", blankAt) == std::string::npos) << "not whole: " << line;
         const std::string stamp = line.substr(6, 2) + line.substr(3, 2) + line.substr(0, 2) + line.substr(8, 13);
         lines.push_back({stamp, level, line.substr(blankAt + 1)});
     }
@@ -64,15 +60,43 @@ int RunChild(Body body)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-class LogTest : public testing::Test
+// Switches the log on into a folder of its own.
+class CapturedLog
+{
+public:
+    explicit CapturedLog(int level = ZR_LOG_DEBUG_HIGH, unsigned int mask = ZR_LOG_ALL_CATEGORIES, bool enable = true)
+    {
+        InitialiseLogging(enable, level, mask, (m_folder / "app.log").c_str());
+    }
+    ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
+
+    // The lines that have reached the file: level, '|', source and message. Numbers of source lines read N.
+    std::vector<std::string> GetFlushedLines() const
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : ParseLog(ReadFile(m_folder / "app.log")))
+        {
+            const std::string text = std::regex_replace(line.m_text, std::regex(R"((\w)\(\d+\))"), "$1(N)");
+            lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
+        }
+        return lines;
+    }
+    std::vector<std::string> GetLines() const
+    {
+        ShutdownLogging();
+        return GetFlushedLines();
+    }
+
+protected:
+    TemporaryFolder m_folder;
+};
+
+class LogTest : public testing::Test, protected CapturedLog
 {
 protected:
-    LogTest() { Start("app.log"); }
-    ~LogTest() override
-    {
-        SetOptions(LOGGING_STRATEGY_APPEND);
-        InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log");
-    }
+    using Texts = std::vector<std::string>;
+
+    ~LogTest() override { SetOptions(LOGGING_STRATEGY_APPEND); }
 
     void Start(const std::string& name) const
     {
@@ -86,53 +110,20 @@ protected:
     static bool Log(const std::string& message) { return LogMessage(ZR_LOG_ERROR, 1, "", message.c_str()); }
 
     std::string OnDisk(const std::string& name = "app.log") const { return ReadFile(m_folder / name); }
-    static std::vector<std::string> TextsOf(const std::string& log)
+    static Texts TextsOf(const std::string& log)
     {
-        std::vector<std::string> texts;
+        Texts texts;
         for (const LogLine& line : ParseLog(log))
         {
             texts.push_back(line.m_text);
         }
         return texts;
     }
-    std::vector<std::string> ClosedTexts(const std::string& name = "app.log") const
+    Texts ClosedTexts(const std::string& name = "app.log") const
     {
         ShutdownLogging();
         return TextsOf(OnDisk(name));
     }
-
-    TemporaryFolder m_folder;
-};
-
-// Switches the log on into a folder of its own.
-class CapturedLog
-{
-public:
-    explicit CapturedLog(int level = ZR_LOG_DEBUG_HIGH, unsigned int mask = ZR_LOG_ALL_CATEGORIES, bool enable = true)
-    {
-        InitialiseLogging(enable, level, mask, (m_folder / "reader.log").c_str());
-    }
-    ~CapturedLog() { InitialiseLogging(false, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "ZelvoReader.log"); }
-
-    // The lines that have reached the file: level, '|', source and message. Numbers of source lines read N.
-    std::vector<std::string> GetFlushedLines() const
-    {
-        std::vector<std::string> lines;
-        for (const LogLine& line : ParseLog(ReadFile(m_folder / "reader.log")))
-        {
-            const std::string text = std::regex_replace(line.m_text, std::regex(R"((\w)\(\d+\))"), "$1(N)");
-            lines.push_back(line.m_level.substr(0, line.m_level.find_last_not_of(" -") + 1) + "|" + text);
-        }
-        return lines;
-    }
-    std::vector<std::string> GetLines() const
-    {
-        ShutdownLogging();
-        return GetFlushedLines();
-    }
-
-private:
-    TemporaryFolder m_folder;
 };
 
 #endif

@@ -22,10 +22,8 @@ public:
 
     void Empty() const
     {
-        for (const auto& entry : std::filesystem::directory_iterator(m_path))
-        {
-            std::filesystem::remove_all(entry.path());
-        }
+        std::filesystem::remove_all(m_path);
+        std::filesystem::create_directory(m_path);
     }
 
     std::string operator/(const std::string& name) const { return (m_path / name).string(); }
