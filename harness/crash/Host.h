@@ -41,8 +41,7 @@ enum class Way
 struct DumpRecord
 {
     std::int64_t thread;
-    std::int64_t isBroken; // a signal was sent into it: any part may be missing
-    std::int64_t written;  // 1: by the constructor, 2: by the library's handler, too
+    std::int64_t written; // 1: by the constructor, 2: by the library's handler, too
     std::int64_t count;
     std::uintptr_t frames[104]; // innermost first, as in the dump
 };
@@ -99,12 +98,12 @@ inline Case gCase;
 inline Record* gRecord = nullptr;
 inline Thread gThreads[kMaxThreads];
 inline constinit thread_local Thread* tThread = nullptr;
-inline std::chrono::seconds gTimeToDump{3}; // what a watchdog leaves a dying process
-inline std::chrono::seconds gTimeToLog{1};  // for a thread that starts after a fault
-inline bool gOthersCanLog = true;           // which is tried after each fault
-inline std::atomic<bool> gSendsIntoDumps{false};
-inline std::atomic<int> gDumpsToEnd{1}; // the process ends with the last of so many
-inline std::atomic<int> gState{0};      // of what the threads agree on
+inline const bool gIsSlow = std::getenv("SLOW") != nullptr;
+inline const std::chrono::seconds gTimeToDump{gIsSlow ? 30 : 3}; // what a watchdog leaves a dying process
+inline const std::chrono::seconds gTimeToLog{gIsSlow ? 30 : 1};  // for a thread that starts after a fault
+inline bool gOthersCanLog = true;                                // which is tried after each fault
+inline std::atomic<int> gDumpsToEnd{1};                          // the process ends with the last of so many
+inline std::atomic<int> gState{0};                               // of what the threads agree on
 
 // Ends the process with this status, unless the condition holds.
 inline void Require(bool condition, int status)
@@ -133,18 +132,13 @@ inline void Await(int state)
 
 // ---- Lines ------------------------------------------------------------------------------------------------------------
 
-inline void LogNext(int writer)
+inline void LogNext(int writer = tThread->number)
 {
     const long long line = gRecord->lines[writer] + 1;
     if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", writer, line))
     {
         gRecord->lines[writer] = line;
     }
-}
-
-inline void LogNext()
-{
-    LogNext(tThread->number);
 }
 
 inline void NoteLines()
@@ -265,7 +259,6 @@ inline void Compare(const Values& before)
     Require(index < std::size(gRecord->dumps), 5);
     DumpRecord& dump = gRecord->dumps[index];
     dump.thread = gettid();
-    dump.isBroken = gSendsIntoDumps ? 1 : 0;
     for (int i = tThread->noteCount - 2; i >= 0 && dump.count < static_cast<int>(std::size(dump.frames)); --i)
     {
         dump.frames[dump.count++] = tThread->notes[i];

@@ -21,8 +21,6 @@ import time
 
 import judge
 
-TIME_LIMITS = {"valgrind": 100}
-USUAL_TIME_LIMIT = 25
 STRATEGIES = ("append", "rotate")
 
 
@@ -110,27 +108,19 @@ def run(build, case, keeps):
     if case.host in ("valgrind", "asan"):
         environment["SLOW"] = "1"
     if case.host == "valgrind":
-        command = ["valgrind", "--quiet", "--log-file=valgrind", build + "/host-O1"]
+        command = ["valgrind", "--quiet", build + "/host-O1"]
     output = open_output(case.out, folder)
-    with open(folder + "/errors", "wb") as errors:
-        process = subprocess.Popen(command + [case.name, case.strategy, str(case.lines), str(case.number)], cwd=folder,
-                                   env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
-                                   preexec_fn=(lambda: os.close(1)) if case.out == "closed" else None)
-    os.close(output)
-    hangs = False
     try:
-        process.wait(TIME_LIMITS.get(case.host, USUAL_TIME_LIMIT))
+        ended = subprocess.run(command + [case.name, case.strategy, str(case.lines), str(case.number)], cwd=folder, env=environment,
+                               stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.PIPE, text=True, errors="replace",
+                               timeout=100 if case.host == "valgrind" else 25, check=False,
+                               preexec_fn=(lambda: os.close(1)) if case.out == "closed" else None)
+        verdict = judge.Judge(case, folder, ended.returncode)
+        reports = re.findall(r"at 0x\w+: (.*libErrorHandlerDll.*)", ended.stderr) if case.host == "valgrind" else ended.stderr
+        verdict.require(case.host not in ("valgrind", "asan") or not reports, f"reports {reports}")
     except subprocess.TimeoutExpired:
-        hangs = True
-        process.kill()
-        process.wait()
-    verdict = judge.Judge(case, folder, process.returncode)
-    verdict.require(not hangs, "hangs")
-    if case.host == "asan":
-        verdict.require(not os.path.getsize(folder + "/errors"), judge.read_text(folder + "/errors"))
-    if case.host == "valgrind":
-        verdict.wrong += [text for text in re.findall(r"at 0x\w+: (.*)", judge.read_text(folder + "/valgrind"))
-                          if "libErrorHandlerDll" in text]
+        verdict = judge.Judge(case, folder, "a hang")
+    os.close(output)
     if not keeps:
         shutil.rmtree(folder)
     return verdict
