@@ -127,19 +127,15 @@ void FaultAtFork()
 {
     const auto at = [](const char* name)
     {
-        return gCase.name == name ? Fault : nullptr;
+        return gName == name ? Fault : nullptr;
     };
     pthread_atfork(at("fork-prepare"), at("fork-parent"), at("fork-child"));
     _exit(fork() == 0 ? 1 : (wait(nullptr), 0));
 }
 
-// The logger reads what it is given with its section held. Each second fault is an ordinary one.
+// The logger reads what it is given with its section held.
 void LogUnreadable()
 {
-    if (tThread->round % 2 == 1)
-    {
-        Fault();
-    }
     auto* const memory = static_cast<unsigned char*>(mmap(nullptr, 8192, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     munmap(memory + 4096, 4096);
     LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "bytes", memory + 4000, 4000);
@@ -149,7 +145,7 @@ void LogUnreadable()
 
 void DescendAnew()
 {
-    Descend(7 * tThread->round % 15);
+    Descend(tThread->round * tThread->round * tThread->round % 16);
 }
 
 void Overflow()
@@ -159,34 +155,29 @@ void Overflow()
     frame[0] = 0;
 }
 
-void DescendLittle()
-{
-    Descend(tThread->round);
-}
-
 void FaultTwice()
 {
-    FaultInRounds(2, gCase.name == "overflow" ? Overflow : DescendLittle);
+    FaultInRounds(2, gName == "overflow" ? Overflow : DescendAnew);
 }
 
 // All at once. When they go on, this thread logs in between, and goes from file to file.
 void FaultInThreads()
 {
-    static std::barrier<> barrier(gCase.number);
-    gDumpsToEnd = gCase.number;
+    static std::barrier<> barrier(gNumber);
+    gDumpsToEnd = gNumber;
     const auto run = []
     {
         barrier.arrive_and_wait();
-        gCase.way == Way::END ? Descend(2) : FaultInRounds(4, DescendAnew);
+        gWay == Way::END ? Descend(2) : FaultInRounds(4, DescendAnew);
         ++gState;
     };
-    for (int i = 1; i <= gCase.number; ++i)
+    for (int i = 1; i <= gNumber; ++i)
     {
         Start(i, run).detach();
     }
     LoggingSettings settings;
     GetLoggingOptions(&settings);
-    for (int round = 0; gCase.way != Way::END && gState < gCase.number; ++round)
+    for (int round = 0; gWay != Way::END && gState < gNumber; ++round)
     {
         LogNext();
         if (round % 7 == 0)
@@ -196,7 +187,7 @@ void FaultInThreads()
         }
         usleep(100);
     }
-    Await(gCase.number);
+    Await(gNumber);
 }
 
 void FaultInChildToo()
@@ -240,7 +231,7 @@ void Interrupt(int, siginfo_t*, void*)
 {
     if (tThread != nullptr && tThread->isGuarded)
     {
-        gCase.name == "sent" ? static_cast<void>(raise(SIGSEGV)) : siglongjmp(tThread->place, 1);
+        gName == "sent" ? static_cast<void>(raise(SIGSEGV)) : siglongjmp(tThread->place, 1);
     }
 }
 
@@ -292,7 +283,7 @@ void FaultInHandlers()
 
 void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
 {
-    if (gCase.name == "owner-throw-options")
+    if (gName == "owner-throw-options")
     {
         LoggingSettings settings;
         GetLoggingOptions(&settings);
@@ -309,19 +300,17 @@ void KeepLog(const char*, void*)
     ++gState;
     sleep(2);
     LogNext();
-    ++gState;
 }
 
 // In the first round, another thread keeps the log for two seconds, in the middle of an error block of its own.
 void FaultBesideOwner()
 {
-    gOthersCanLog = tThread->round > 0;
     if (tThread->round == 0)
     {
         ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
         Start(1, [] { ExceptionHandler::GenericHandleException("", ZR_ERROR_UNKNOWN, "", false, KeepLog, {}); }).detach();
     }
-    Await(tThread->round + 1);
+    Await(1);
     Descend(2);
 }
 
@@ -364,8 +353,7 @@ bool Restrict(std::string_view name)
 
 void FaultRestricted()
 {
-    gOthersCanLog = gCase.name != "fifo";
-    Require(tThread->round != 1 || Restrict(gCase.name), 9);
+    Require(tThread->round != 1 || Restrict(gName), 9);
     DescendAnew();
 }
 
@@ -377,7 +365,7 @@ void FaultOnSmallStack()
         gettid();
         siglongjmp(tThread->place, 1);
     }
-    const bool isSmall = gCase.name == "small-thread";
+    const bool isSmall = gName == "small-thread";
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, isSmall ? 16384 : 65536);
@@ -454,25 +442,25 @@ constexpr greg_t kTrapFlag = 0x100; // of the processor: a trap after each instr
 void FaultAtRandom()
 {
     Install(SIGTRAP, HandleStep);
-    for (int i = 1; i < gCase.number; ++i)
+    for (int i = 1; i < gNumber; ++i)
     {
         Start(i, Work).detach();
     }
     const auto send = []
     {
-        Await(gCase.number);
+        Await(gNumber);
         usleep(Random() % 30000);
-        Thread& victim = gThreads[Random() % static_cast<unsigned int>(gCase.number)];
+        Thread& victim = gThreads[Random() % static_cast<unsigned int>(gNumber)];
         victim.stepsLeft = 1 + Random() % 60;
-        victim.signalAfterSteps = gCase.name == "random" ? SIGSEGV : 0;
+        victim.signalAfterSteps = gName == "random" ? SIGSEGV : 0;
         pthread_kill(victim.self, SIGTRAP);
-        if (gCase.name == "beside-stopped")
+        if (gName == "beside-stopped")
         {
-            Await(gCase.number + 1);
-            pthread_kill(gThreads[(victim.number + 1) % gCase.number].self, SIGSEGV);
+            Await(gNumber + 1);
+            pthread_kill(gThreads[(victim.number + 1) % gNumber].self, SIGSEGV);
         }
     };
-    Start(gCase.number, send).detach();
+    Start(gNumber, send).detach();
     Work();
 }
 
@@ -488,14 +476,14 @@ void StepThroughLogging()
 {
     Install(SIGTRAP, HandleStep);
     Install(SIGUSR1, LogFromHandler);
-    tThread->stepsLeft = gCase.number;
-    tThread->signalAfterSteps = gCase.name == "step-handler" ? SIGUSR1 : SIGSEGV;
+    tThread->stepsLeft = gNumber;
+    tThread->signalAfterSteps = gName == "step-handler" ? SIGUSR1 : SIGSEGV;
     __writeeflags(__readeflags() | kTrapFlag);
     for (int i = 0; i < 5; ++i)
     {
         LogNext();
     }
-    gRecord->steps = gCase.number - std::exchange(tThread->stepsLeft, -1);
+    gRecord->steps = gNumber - std::exchange(tThread->stepsLeft, -1);
     Fault(); // noted in the same place as what the handler calls: no signal may come between
 }
 
@@ -515,7 +503,7 @@ const struct Place
     {"alarm", InterruptDumps, kInterruptedRounds + 2},
     {"sent", InterruptDumps, kInterruptedRounds + 2},
     {"dumps-on-request", DumpOnRequest, 30},
-    {"log-call", LogUnreadable, 8},
+    {"log-call", LogUnreadable, 4},
     {"nested", FaultInHandlers, 2},
     {"owner", FaultBesideOwner, 2},
     {"small", FaultOnSmallStack, 2},
@@ -545,15 +533,15 @@ const struct Place
 // As its name says; with "other-", another thread does it and stops, with its lock, and this one faults then.
 void RunCase()
 {
-    const bool isOther = gCase.name.starts_with("other-");
-    const std::string_view name = gCase.name.substr(isOther ? 6 : 0);
+    const bool isOther = gName.starts_with("other-");
+    const std::string_view name = gName.substr(isOther ? 6 : 0);
     const Place* const place =
         std::find_if(kPlaces, std::end(kPlaces), [=](auto& each) { return name.starts_with(each.name); });
-    gCase.way = place->rounds == 0                 ? Way::END
-                : name.find("handle") != name.npos ? Way::JUMP_THEN_HANDLE
-                : name.find("throw") != name.npos  ? Way::THROW
-                : name.find("return") != name.npos ? Way::RETURN
-                                                   : Way::JUMP;
+    gWay = place->rounds == 0                 ? Way::END
+           : name.find("handle") != name.npos ? Way::JUMP_THEN_HANDLE
+           : name.find("throw") != name.npos  ? Way::THROW
+           : name.find("return") != name.npos ? Way::RETURN
+                                              : Way::JUMP;
     if (isOther)
     {
         const auto stop = [=]
@@ -569,22 +557,22 @@ void RunCase()
     place->rounds == 0 ? place->run() : FaultInRounds(place->rounds, place->run);
 }
 
-void StartLogging()
+void StartLogging(std::string_view strategy, long lines)
 {
     LoggingSettings settings = {};
-    const bool isShort = gCase.name.starts_with("step"); // four lines flush, and go to the next file
+    const bool isShort = gName.starts_with("step"); // four lines flush, and go to the next file
     settings.flushInterval = isShort ? 3 : 100;
     settings.maxFileSize = isShort ? 300 : 12000;
-    settings.strategy = gCase.strategy == "rotate"      ? LOGGING_STRATEGY_FILE_SIZE
-                        : gCase.strategy == "overwrite" ? LOGGING_STRATEGY_OVERWRITE
-                                                        : LOGGING_STRATEGY_APPEND;
+    settings.strategy = strategy == "rotate"      ? LOGGING_STRATEGY_FILE_SIZE
+                        : strategy == "overwrite" ? LOGGING_STRATEGY_OVERWRITE
+                                                  : LOGGING_STRATEGY_APPEND;
     SetLoggingOptions(&settings);
     InitialiseLogging(true, ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "hosta.log");
-    for (long i = 0; i < gCase.linesBefore; ++i)
+    for (long i = 0; i < lines; ++i)
     {
         LogNext();
     }
-    if (gCase.linesBefore != 0) // else a dump is the log's first line
+    if (lines != 0) // else a dump is the log's first line
     {
         LetOthersLog();
     }
@@ -594,7 +582,8 @@ void StartLogging()
 
 int main(int, char** argv)
 {
-    gCase = {argv[1], argv[2], std::atol(argv[3]), std::atoi(argv[4]), Way::END};
+    gName = argv[1];
+    gNumber = std::atoi(argv[4]);
     const int descriptor = open("record", O_RDWR | O_CLOEXEC);
     gRecord = static_cast<Record*>(mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
     close(descriptor);
@@ -606,12 +595,12 @@ int main(int, char** argv)
     }
     gPluginStep = FindStep(dlopen("./plugin.so", RTLD_NOW));
     dl_iterate_phdr([](dl_phdr_info*, std::size_t, void*) { return (++gRecord->modules, 0); }, nullptr);
-    StartLogging();
+    StartLogging(argv[2], std::atol(argv[3]));
     for (int i = 0; i < 10; ++i)
     {
         PrintNext();
     }
     RunCase();
     NoteLines(); // all threads have logged what they will
-    gCase.name == "fifo" ? _exit(0) : std::exit(0);
+    gName == "fifo" ? _exit(0) : std::exit(0);
 }

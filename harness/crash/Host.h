@@ -85,23 +85,15 @@ struct Thread
     Run bottom = Fault; // called where its descents end
 };
 
-struct Case
-{
-    std::string_view name;
-    std::string_view strategy;
-    long linesBefore; // logged before the case runs
-    int number;       // of threads, or instructions
-    Way way;
-};
-
-inline Case gCase;
+inline std::string_view gName; // of the case
+inline int gNumber = 0;        // of threads, or instructions
+inline Way gWay = Way::END;
 inline Record* gRecord = nullptr;
 inline Thread gThreads[kMaxThreads];
 inline constinit thread_local Thread* tThread = nullptr;
 inline const bool gIsSlow = std::getenv("SLOW") != nullptr;
 inline const std::chrono::seconds gTimeToDump{gIsSlow ? 30 : 3}; // what a watchdog leaves a dying process
 inline const std::chrono::seconds gTimeToLog{gIsSlow ? 30 : 1};  // for a thread that starts after a fault
-inline bool gOthersCanLog = true;                                // which is tried after each fault
 inline std::atomic<int> gDumpsToEnd{1};                          // the process ends with the last of so many
 inline std::atomic<int> gState{0};                               // of what the threads agree on
 
@@ -236,12 +228,11 @@ using Values = std::tuple<int, unsigned long, void*, int>;
 
 inline Values Read()
 {
-    const int error = errno;
     sigset_t mask = {};
     stack_t stack = {};
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     sigaltstack(nullptr, &stack);
-    return {error, mask.__val[0], stack.ss_sp, stack.ss_flags};
+    return {errno, mask.__val[0], stack.ss_sp, stack.ss_flags};
 }
 
 inline void Compare(const Values& before)
@@ -279,10 +270,10 @@ inline void Handle(StructuredException& exception)
 
 inline void Leave(StructuredException& exception, greg_t* registers)
 {
-    switch (gCase.way)
+    switch (gWay)
     {
     case Way::END:
-        if (gCase.name != "ends-after-first")
+        if (gName != "ends-after-first")
         {
             Handle(exception);
         }
@@ -318,7 +309,7 @@ inline void Leave(StructuredException& exception, greg_t* registers)
     const int notesBefore = tThread->noteCount;
     NoteSignal(context, __builtin_return_address(0));
     DumpRecord& dump = RecordDump();
-    if (gCase.way == Way::END)
+    if (gWay == Way::END)
     {
         NoteLines();
     }
@@ -331,7 +322,7 @@ inline void Leave(StructuredException& exception, greg_t* registers)
     ThreadState::Compare(before);
     dump.written = 1;
     tThread->dump = &dump;
-    if (info->si_code <= 0 && gCase.way != Way::END) // sent
+    if (info->si_code <= 0 && gWay != Way::END) // sent
     {
         tThread->noteCount = notesBefore;
         return;
@@ -341,16 +332,12 @@ inline void Leave(StructuredException& exception, greg_t* registers)
 
 inline void LetOthersLog()
 {
-    if (gOthersCanLog)
+    const int writer = tThread->number + kMaxThreads / 2;
+    const auto log = [=]
     {
-        const int number = tThread->number + kMaxThreads / 2;
-        const auto log = [=]
-        {
-            BeginThread(number, 0);
-            LogNext();
-        };
-        Require(std::async(std::launch::async, log).wait_for(gTimeToLog) == std::future_status::ready, 4);
-    }
+        LogNext(writer);
+    };
+    Require(std::async(std::launch::async, log).wait_for(gTimeToLog) == std::future_status::ready, 4);
 }
 
 // What faults in `run` ends here, and all goes on.
@@ -365,7 +352,7 @@ inline void Guard(Run run)
         {
             run();
         }
-        else if (gCase.way == Way::JUMP_THEN_HANDLE)
+        else if (gWay == Way::JUMP_THEN_HANDLE)
         {
             Handle(*tThread->pending);
         }

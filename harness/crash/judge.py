@@ -15,8 +15,7 @@ MAX_FRAMES = 100
 MAX_UNKNOWN = 25  # frames of code that notes nothing
 LAST_WHOLE = 6  # dumps which no more signals are sent into
 MAX_BEHIND_MAIN = 12  # libc and libstdc++ start threads
-EXITS = {3: "a dump took too long", 4: "another thread could not log at once", 8: "the plug-ins are not where they should be",
-         9: "this machine does not allow the restriction"}
+EXITS = {3: "a dump took too long", 4: "another thread could not log at once", 9: "this machine does not allow the restriction"}
 
 # By the beginning of the case's name:
 AT_RANDOM = ("random", "beside-stopped")
@@ -116,7 +115,7 @@ class Judge:
         count, changes, self.modules, self.steps, self.printed, *numbers = HEAD.unpack_from(data)
         self.lines, self.before = numbers[:THREADS], numbers[THREADS:]
         rows = [DUMP.unpack_from(data, HEAD.size + i * DUMP.size) for i in range(min(count, MAX_DUMPS))]
-        self.faults = [Fault(*row[:2], row[3:3 + row[2]]) for row in rows]
+        self.faults = [Fault(*row[:2], row[3:3 + row[2]]) for row in rows if row[2] > 1]  # else interrupted at once
         self.require(status == 0, EXITS.get(status, f"ended with {status}") + f" after fault {count}")
         self.require(not changes, f"mask, signal stack, errno or use of the heap: changed {changes} times")
         self.require(count, "no fault")
