@@ -227,19 +227,28 @@ void JumpOutOfCallback()
     DescendAnew();
 }
 
-void Interrupt(int, siginfo_t*, void*)
+void JumpOut(int, siginfo_t*, void*)
 {
-    if (tThread != nullptr && tThread->isGuarded)
+    if (tThread->isGuarded)
     {
-        gName == "sent" ? static_cast<void>(raise(SIGSEGV)) : siglongjmp(tThread->place, 1);
+        siglongjmp(tThread->place, 1);
     }
 }
 
-// 0: no more.
-void SendAlarmAfter(long microseconds)
+// Sends the signal to the calling thread after that time; 0: no more.
+void SendAfter(long microseconds, int signal)
 {
-    const itimerval times = {{}, {0, microseconds}};
-    setitimer(ITIMER_REAL, &times, nullptr);
+    static timer_t timer;
+    if (tThread->round == 0)
+    {
+        sigevent event = {};
+        event.sigev_notify = SIGEV_THREAD_ID;
+        event._sigev_un._tid = gettid();
+        event.sigev_signo = signal;
+        timer_create(CLOCK_MONOTONIC, &event, &timer);
+    }
+    const itimerspec times = {{}, {0, microseconds * 1000}};
+    timer_settime(timer, 0, &times, nullptr);
 }
 
 constexpr int kInterruptedRounds = 84;
@@ -248,8 +257,8 @@ constexpr int kInterruptedRounds = 84;
 void InterruptDumps()
 {
     const bool isOver = tThread->round >= kInterruptedRounds;
-    Install(SIGALRM, Interrupt);
-    SendAlarmAfter(isOver ? 0 : 5 + 12 * tThread->round);
+    Install(SIGALRM, JumpOut);
+    SendAfter(isOver ? 0 : 5 + 12 * tThread->round, gName == "alarm" ? SIGALRM : SIGSEGV);
     if (isOver)
     {
         Start(2, FaultTwice).join();
@@ -260,8 +269,7 @@ void InterruptDumps()
 // A handler that dumps and returns, anywhere in a loop that logs.
 void DumpOnRequest()
 {
-    Install(SIGALRM, [](int, siginfo_t*, void*) { raise(SIGUSR1); });
-    SendAlarmAfter(1000 + 37 * tThread->round);
+    SendAfter(1000 + 37 * tThread->round, SIGUSR1);
     while (gRecord->dumpCount == tThread->round)
     {
         LogNext();
@@ -283,6 +291,10 @@ void FaultInHandlers()
 
 void ReportAtLength(ZelvoReaderErrorCode, char*, void*)
 {
+    if (tThread->number != 0)
+    {
+        return; // the owner's own error
+    }
     if (gName == "owner-throw-options")
     {
         LoggingSettings settings;
@@ -442,26 +454,22 @@ constexpr greg_t kTrapFlag = 0x100; // of the processor: a trap after each instr
 void FaultAtRandom()
 {
     Install(SIGTRAP, HandleStep);
-    for (int i = 1; i < gNumber; ++i)
+    for (int i = 1; i <= gNumber; ++i)
     {
         Start(i, Work).detach();
     }
-    const auto send = []
+    Await(gNumber);
+    usleep(Random() % 30000);
+    Thread& victim = gThreads[1 + static_cast<int>(Random()) % gNumber];
+    victim.stepsLeft = 1 + Random() % 60;
+    victim.signalAfterSteps = gName == "random" ? SIGSEGV : 0;
+    pthread_kill(victim.self, SIGTRAP);
+    if (gName == "beside-stopped")
     {
-        Await(gNumber);
-        usleep(Random() % 30000);
-        Thread& victim = gThreads[Random() % static_cast<unsigned int>(gNumber)];
-        victim.stepsLeft = 1 + Random() % 60;
-        victim.signalAfterSteps = gName == "random" ? SIGSEGV : 0;
-        pthread_kill(victim.self, SIGTRAP);
-        if (gName == "beside-stopped")
-        {
-            Await(gNumber + 1);
-            pthread_kill(gThreads[(victim.number + 1) % gNumber].self, SIGSEGV);
-        }
-    };
-    Start(gNumber, send).detach();
-    Work();
+        Await(gNumber + 1);
+        pthread_kill(gThreads[1 + victim.number % gNumber].self, SIGSEGV);
+    }
+    StopForEver();
 }
 
 void LogFromHandler(int, siginfo_t*, void*)

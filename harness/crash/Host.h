@@ -333,11 +333,8 @@ inline void Leave(StructuredException& exception, greg_t* registers)
 inline void LetOthersLog()
 {
     const int writer = tThread->number + kMaxThreads / 2;
-    const auto log = [=]
-    {
-        LogNext(writer);
-    };
-    Require(std::async(std::launch::async, log).wait_for(gTimeToLog) == std::future_status::ready, 4);
+    const auto other = std::async(std::launch::async, [=] { LogNext(writer); });
+    Require(other.wait_for(gTimeToLog) == std::future_status::ready, 4);
 }
 
 // What faults in `run` ends here, and all goes on.

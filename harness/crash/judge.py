@@ -3,6 +3,7 @@
 import collections
 import glob
 import os
+import pathlib
 import re
 import shutil
 import struct
@@ -110,8 +111,7 @@ class Judge:
 
     def __init__(self, case, folder, status):
         self.case, self.folder, self.wrong = case, folder, []
-        with open(folder + "/record", "rb") as file:
-            data = file.read()
+        data = pathlib.Path(folder, "record").read_bytes()
         count, changes, self.modules, self.steps, self.printed, *numbers = HEAD.unpack_from(data)
         self.lines, self.before = numbers[:THREADS], numbers[THREADS:]
         rows = [DUMP.unpack_from(data, HEAD.size + i * DUMP.size) for i in range(min(count, MAX_DUMPS))]
@@ -186,7 +186,7 @@ class Judge:
         self.require(f"|s{'-' * 22}|wHost - worker 1 line 1.|wHost - worker 1 line 2.|" in text, "the owner's block is split")
         for what, whole in (("message", " " + "7".zfill(5000)), ("hex dump", ("\n" + "00 " * 16 + ": " + "." * 16) * 100)):
             count = text.count(f"|bHost - bytes{whole}|")
-            self.require(count == 3, f"{what} of the callbacks: {count} of 3 whole")
+            self.require(count == 2, f"{what} of the callback: {count} of 2 whole")
 
     def judge_outside(self, place, outside):
         allowed = ALLOWED.get(self.case.name.split("-")[0], "w") + "o12"
