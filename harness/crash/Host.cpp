@@ -375,6 +375,7 @@ void FaultOnSmallStack()
     {
         // The loader needs kilobytes to bind a function at its first call: of the host's own that is over before.
         gettid();
+        std::chrono::steady_clock::now();
         siglongjmp(tThread->place, 1);
     }
     const bool isSmall = gName == "small-thread";

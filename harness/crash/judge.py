@@ -100,7 +100,7 @@ def compare_frames(fault, dump, case):
             return f"frame {i} of {len(addresses)} is {'/'.join(dump.frames[i:i + 1])}, not {expected:#x}"
         if "libgcc_s" in dump.frames[i]:  # which overwrites its own frames
             return None
-        may_skip = number > 0 and UNKNOWN.fullmatch(dump.frames[i]) or number == 1 and case.name.startswith(LOOSE)
+        may_skip = number > 0 and UNKNOWN.fullmatch(dump.frames[i]) or case.name.startswith(LOOSE if number == 1 else AT_RANDOM)
         i += 1
         last = i + (MAX_UNKNOWN if may_skip else 0)
     return None if len(addresses) <= i + MAX_BEHIND_MAIN else f"{len(addresses) - i} frames behind main"
