@@ -320,9 +320,14 @@ void FaultBesideOwner()
     if (tThread->round == 0)
     {
         ExceptionHandler::SetErrorCallback(ReportAtLength, nullptr);
-        Start(1, [] { ExceptionHandler::GenericHandleException("", ZR_ERROR_UNKNOWN, "", false, KeepLog, {}); }).detach();
+        const auto own = []
+        {
+            ExceptionHandler::GenericHandleException("", ZR_ERROR_UNKNOWN, "", false, KeepLog, {});
+            ++gState;
+        };
+        Start(1, own).detach();
     }
-    Await(1);
+    Await(tThread->round + 1);
     Descend(2);
 }
 
