@@ -4,54 +4,67 @@
 #ifndef HARNESS_CRASH_HOST_H
 #define HARNESS_CRASH_HOST_H
 
+#include "support/Allocations.h"
 #include <ErrorHandlerDll/ErrorHandlerDll.h>
 #include <ErrorHandlerDll/ExceptionHandler.h>
 #include <ErrorHandlerDll/LinuxStructuredException.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csetjmp>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
-#include <string>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <optional>
+#include <string_view>
+#include <sys/mman.h>
 #include <thread>
+#include <tuple>
+#include <unistd.h>
 
-constexpr std::size_t kSignalStackSize = 1 << 20; // under a sanitizer the dump needs much
 constexpr int kMaxThreads = 16;
+constexpr std::size_t kSignalStackSize = 1 << 20; // under a sanitizer the dump needs much
 
 enum class Way
 {
+    END,              // the handler ends the process
     JUMP,             // the library handles the fault in the signal handler, which is left by siglongjmp
     JUMP_THEN_HANDLE, // left by siglongjmp first
     THROW,            // thrown out of the handler
     RETURN,           // the handler returns to a function that throws
-    END,              // the handler ends the process
 };
 
 struct DumpRecord
 {
-    std::int32_t thread;
-    std::int32_t isBroken; // a signal was sent into it: any part may be missing
-    std::int32_t written;  // 1: by the constructor, 2: by the library's handler, too
-    std::int32_t count;
-    std::uintptr_t programCounter;
+    std::int64_t thread;
+    std::int64_t written; // 1: by the constructor, 2: by the library's handler, too
+    std::int64_t count;
     std::uintptr_t frames[104]; // innermost first, as in the dump
 };
 
 // judge.py reads the same fields.
 struct Record
 {
-    std::atomic<std::int32_t> dumpCount;
-    std::atomic<std::int32_t> stateChanges; // signal mask, alternate stack, errno or use of the heap in a dump
-    std::int64_t slowestDumpNs;
-    std::int64_t modules;                          // loaded at least
-    std::int64_t steps;                            // instructions of the call that was stepped through
-    std::int64_t printed;                          // lines given to stdio
-    std::atomic<std::int64_t> lines[kMaxThreads];  // whose calls have returned
-    std::atomic<std::int64_t> before[kMaxThreads]; // the same before the fault that ends the process
+    std::atomic<std::int64_t> dumpCount;
+    std::atomic<std::int64_t> stateChanges; // signal mask, alternate stack, errno or use of the heap in a dump
+    std::int64_t modules;                   // loaded at least
+    std::int64_t steps;                     // instructions of the calls that were stepped through
+    std::int64_t printed;                   // lines given to stdio
+    std::int64_t lines[kMaxThreads];        // whose calls have returned
+    std::int64_t before[kMaxThreads];       // the same before the fault that ends the process
     DumpRecord dumps[1024];
 };
+
+using Run = void (*)();
+
+inline void Fault()
+{
+    *reinterpret_cast<volatile int*>(0x10) = 1;
+}
 
 // Not in thread-local storage, which would take from small stacks.
 struct Thread
@@ -60,143 +73,304 @@ struct Thread
     volatile int noteCount;
     volatile bool isGuarded;
     bool stopsOnFault; // plays the owner of a lock that never leaves
-    bool hasGap;       // the fault is in code that notes nothing
-    Way way;
+    pthread_t self;
     int number;
+    int round; // of its faults
+    unsigned int seed;
     long stepsLeft;
     int signalAfterSteps; // 0: stop for ever
     sigjmp_buf place;
     DumpRecord* dump;
-    alignas(StructuredException) unsigned char pending[sizeof(StructuredException)];
+    std::optional<StructuredException> pending;
+    Run bottom = Fault; // called where its descents end
 };
 
-struct Case
-{
-    std::string name;
-    std::string strategy;
-    long linesBefore; // logged before the case runs
-    int number;       // of threads, or instructions
-};
-
-extern Case gCase;
-extern Record* gRecord;
-extern Thread gThreads[kMaxThreads];
-extern constinit thread_local Thread* tThread;
-extern bool gOthersCanLog; // a guard tries it after each fault
-extern std::atomic<bool> gSendsIntoDumps;
-extern std::atomic<int> gState;      // of what two threads agree on
-extern std::atomic<int> gDumpsToEnd; // the process ends with the last of so many
-
-bool FaultAgain();              // returns false when there is no case of that name
-[[gnu::weak]] void FaultOnce(); // in one host only
+inline std::string_view gName; // of the case
+inline int gNumber = 0;        // of threads, or instructions
+inline Way gWay = Way::END;
+inline Record* gRecord = nullptr;
+inline Thread gThreads[kMaxThreads];
+inline constinit thread_local Thread* tThread = nullptr;
+inline const bool gIsSlow = std::getenv("SLOW") != nullptr;
+inline const std::chrono::seconds gTimeToDump{gIsSlow ? 30 : 3}; // what a watchdog leaves a dying process
+inline const std::chrono::seconds gTimeToLog{gIsSlow ? 30 : 1};  // for a thread that starts after a fault
+inline std::atomic<int> gDumpsToEnd{1};                          // the process ends with the last of so many
+inline std::atomic<int> gState{0};                               // of what the threads agree on
 
 // Ends the process with this status, unless the condition holds.
-void Require(bool condition, int status);
-
-std::int64_t Now();
-void LogNext();
-void LogNext(int writer);
-void PrintNext();
-[[noreturn]] void StopForEver(); // and tells by gState that it has
-[[noreturn]] void End();         // all threads have logged what they will
-void LetOthersLog();
-
-// ---- Notes ----
-
-constexpr std::uintptr_t kGap = 1; // among the notes: here lie frames that the host cannot know
-
-void AddNote(std::uintptr_t address);
-void DropNotes(int count);
-
-// A handler calls this first: the interrupted place belongs between its own frame and what was noted before.
-void NoteSignal(const ucontext_t* context, const void* returnAddress);
-
-// ---- Threads ----
-
-void BeginThread(int number, std::size_t signalStackSize);
-
-template <class Run>
-std::jthread Start(int number, Run run, std::size_t signalStackSize = kSignalStackSize)
+inline void Require(bool condition, int status)
 {
-    return std::jthread(
-        [=]
-        {
-            BeginThread(number, signalStackSize);
-            run();
-        });
+    if (!condition)
+    {
+        _exit(status);
+    }
 }
 
-// ---- Signals ----
+inline void Await(int state)
+{
+    while (gState < state)
+    {
+        usleep(100);
+    }
+}
+
+[[noreturn]] inline void StopForEver()
+{
+    for (++gState;;)
+    {
+        pause();
+    }
+}
+
+// ---- Lines ------------------------------------------------------------------------------------------------------------
+
+inline void LogNext(int writer = tThread->number)
+{
+    const long long line = gRecord->lines[writer] + 1;
+    if (LogFormatted(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "worker %d line %lld.", writer, line))
+    {
+        gRecord->lines[writer] = line;
+    }
+}
+
+inline void NoteLines()
+{
+    std::copy(std::begin(gRecord->lines), std::end(gRecord->lines), gRecord->before);
+}
+
+inline void PrintNext()
+{
+    // 64 bytes, which divide stdio's buffer: what other threads print never cuts a line in two.
+    std::printf("printed %55lld\n", static_cast<long long>(++gRecord->printed));
+}
+
+// ---- Notes ------------------------------------------------------------------------------------------------------------
+
+[[gnu::no_instrument_function]] inline void AddNote(std::uintptr_t address)
+{
+    const int count = tThread->noteCount;
+    tThread->notes[count] = address;
+    tThread->noteCount = count + 1;
+}
+
+extern "C"
+{
+    [[gnu::no_instrument_function, gnu::used]] inline void __cyg_profile_func_enter(void*, void* callSite)
+    {
+        if (tThread != nullptr)
+        {
+            AddNote(reinterpret_cast<std::uintptr_t>(callSite));
+        }
+    }
+    [[gnu::no_instrument_function, gnu::used]] inline void __cyg_profile_func_exit(void*, void*)
+    {
+        if (tThread != nullptr)
+        {
+            tThread->noteCount = std::max(0, tThread->noteCount - 1);
+        }
+    }
+}
+
+// A handler, which notes nothing of itself, calls this first: the interrupted place, and what the handler returns to.
+[[gnu::no_instrument_function]] inline void NoteSignal(const void* context, const void* returnAddress)
+{
+    AddNote(static_cast<std::uintptr_t>(static_cast<const ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP]));
+    AddNote(reinterpret_cast<std::uintptr_t>(returnAddress));
+}
+
+// ---- Threads and signals ----------------------------------------------------------------------------------------------
+
+inline void BeginThread(int number, std::size_t signalStackSize)
+{
+    tThread = &gThreads[number];
+    tThread->self = pthread_self();
+    tThread->number = number;
+    tThread->noteCount = 0;
+    tThread->seed = static_cast<unsigned int>(getpid() * kMaxThreads + number);
+    if (signalStackSize != 0)
+    {
+        const std::size_t mapped = (signalStackSize + 8191) & ~std::size_t{4095}; // a page without access below
+        auto* const memory = static_cast<char*>(mmap(nullptr, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(memory + 4096, mapped - 4096, PROT_READ | PROT_WRITE);
+        const stack_t stack = {memory + mapped - signalStackSize, 0, signalStackSize};
+        sigaltstack(&stack, nullptr);
+    }
+}
+
+template <class Function>
+std::jthread Start(int number, Function run, std::size_t signalStackSize = kSignalStackSize)
+{
+    const auto begin = [=]
+    {
+        BeginThread(number, signalStackSize);
+        run();
+    };
+    return std::jthread(begin);
+}
+
+inline void Install(int signal, void (*handler)(int, siginfo_t*, void*))
+{
+    struct sigaction action = {};
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    if (signal == SIGTRAP)
+    {
+        sigfillset(&action.sa_mask); // what it sends arrives when it returns, at the very instruction
+    }
+    sigaction(signal, &action, nullptr);
+}
 
 // What a dump must leave as it was.
-class ThreadState
+namespace ThreadState
 {
-public:
-    ThreadState();
-    void Compare() const; // with the state now
 
-private:
-    int m_errno = errno;
-    sigset_t m_mask = {};
-    stack_t m_stack = {};
-};
+using Values = std::tuple<int, unsigned long, void*, int>;
 
-void Install(int signal, void (*handler)(int, siginfo_t*, void*));
-
-// ---- Faults ----
-
-void Handle(StructuredException& exception);
-StructuredException& Pending();
-
-// The boundary: what faults in `run` ends here, and all goes on.
-template <class Run>
-void Guard(Way way, Run run)
+inline Values Read()
 {
-    const ThreadState before;
-    const int notes = tThread->noteCount;
-    tThread->way = way;
-    tThread->isGuarded = true;
-    if (sigsetjmp(tThread->place, 1) == 0)
+    sigset_t mask = {};
+    stack_t stack = {};
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    sigaltstack(nullptr, &stack);
+    return {errno, mask.__val[0], stack.ss_sp, stack.ss_flags};
+}
+
+inline void Compare(const Values& before)
+{
+    gRecord->stateChanges += Read() != before ? 1 : 0;
+}
+
+} // namespace ThreadState
+
+// ---- What follows a fault ---------------------------------------------------------------------------------------------
+
+[[gnu::noinline]] inline DumpRecord& RecordDump()
+{
+    const auto index = static_cast<std::size_t>(gRecord->dumpCount++);
+    Require(index < std::size(gRecord->dumps), 5);
+    DumpRecord& dump = gRecord->dumps[index];
+    dump.thread = gettid();
+    for (int i = tThread->noteCount - 2; i >= 0 && dump.count < static_cast<int>(std::size(dump.frames)); --i)
     {
-        try
+        dump.frames[dump.count++] = tThread->notes[i];
+    }
+    return dump;
+}
+
+inline void Handle(StructuredException& exception)
+{
+    ExceptionHandler::HandleStructuredException("Host::HandleFatalSignal", exception, false);
+    tThread->dump->written = 2;
+}
+
+[[noreturn, gnu::force_align_arg_pointer]] inline void ThrowPending()
+{
+    throw StructuredException(*tThread->pending);
+}
+
+inline void Leave(StructuredException& exception, greg_t* registers)
+{
+    switch (gWay)
+    {
+    case Way::END:
+        if (gName != "ends-after-first")
+        {
+            Handle(exception);
+        }
+        if (--gDumpsToEnd > 0)
+        {
+            StopForEver();
+        }
+        _exit(0);
+    case Way::THROW:
+        throw StructuredException(exception);
+    case Way::JUMP:
+        Handle(exception);
+        siglongjmp(tThread->place, 1);
+    case Way::JUMP_THEN_HANDLE:
+        tThread->pending.emplace(exception);
+        siglongjmp(tThread->place, 1);
+    case Way::RETURN:
+        tThread->pending.emplace(exception);
+        // As if the interrupted code had called a function. The unwinder looks up the byte before a return address.
+        registers[REG_RSP] -= static_cast<greg_t>(sizeof(void*));
+        *reinterpret_cast<greg_t*>(registers[REG_RSP]) = registers[REG_RIP] + 1;
+        registers[REG_RIP] = reinterpret_cast<greg_t>(&ThrowPending);
+    }
+}
+
+[[gnu::no_instrument_function]] inline void HandleFatalSignal(int signal, siginfo_t* info, void* argument)
+{
+    if (tThread->stopsOnFault)
+    {
+        StopForEver();
+    }
+    auto* const context = static_cast<ucontext_t*>(argument);
+    const int notesBefore = tThread->noteCount;
+    NoteSignal(context, __builtin_return_address(0));
+    DumpRecord& dump = RecordDump();
+    if (gWay == Way::END)
+    {
+        NoteLines();
+    }
+    const ThreadState::Values before = ThreadState::Read();
+    const long allocations = Allocations::tCount;
+    const auto start = std::chrono::steady_clock::now();
+    StructuredException exception(signal, context, info);
+    Require(std::chrono::steady_clock::now() - start < gTimeToDump, 3);
+    gRecord->stateChanges += Allocations::tCount != allocations ? 1 : 0;
+    ThreadState::Compare(before);
+    dump.written = 1;
+    tThread->dump = &dump;
+    if (info->si_code <= 0 && gWay != Way::END) // sent
+    {
+        tThread->noteCount = notesBefore;
+        return;
+    }
+    Leave(exception, context->uc_mcontext.gregs);
+}
+
+inline void LetOthersLog()
+{
+    const int writer = tThread->number + kMaxThreads / 2;
+    const auto other = std::async(std::launch::async, [=] { LogNext(writer); });
+    Require(other.wait_for(gTimeToLog) == std::future_status::ready, 4);
+}
+
+// What faults in `run` ends here, and all goes on.
+inline void Guard(Run run)
+{
+    const ThreadState::Values before = ThreadState::Read();
+    const int notes = tThread->noteCount;
+    tThread->isGuarded = true;
+    try
+    {
+        if (sigsetjmp(tThread->place, 1) == 0)
         {
             run();
         }
-        catch (StructuredException& exception)
+        else if (gWay == Way::JUMP_THEN_HANDLE)
         {
-            tThread->noteCount = notes;
-            Handle(exception);
+            Handle(*tThread->pending);
         }
     }
-    else
+    catch (StructuredException& exception)
     {
-        tThread->noteCount = notes;
-        if (way == Way::JUMP_THEN_HANDLE)
-        {
-            Handle(Pending());
-        }
+        Handle(exception);
     }
     tThread->isGuarded = false;
-    before.Compare();
+    tThread->noteCount = notes;
+    ThreadState::Compare(before);
     LogNext();
     LetOthersLog();
 }
 
-using PluginStep = void (*)(void (*next)(int), int depth);
-extern PluginStep gPluginStep;
-
-// The logger reads what it is given with its section held.
-inline void LogBytes(unsigned char* bytes)
+inline void FaultInRounds(int rounds, Run run)
 {
-    LogMessageAndBufferAsHex(ZR_LOG_ERROR, ZR_LOG_ALL_CATEGORIES, "Host - ", "bytes", bytes, 4000);
-}
-
-// Calls functions of many shapes, of the plug-in and of libc among them, and faults at depth 0.
-void Descend(int depth);
-
-inline void Fault(Way way, int depth)
-{
-    Guard(way, [=] { Descend(depth); });
+    for (tThread->round = 0; tThread->round < rounds; ++tThread->round)
+    {
+        Guard(run);
+    }
 }
 
 #endif

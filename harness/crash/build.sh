@@ -6,35 +6,28 @@ export LC_ALL=C
 library=$(cd "$1" && pwd)
 sanitized=$(cd "$2" && pwd)
 cd "$(dirname "$0")"
+../../tools/need.sh g++ clang++
 folder=$library/crash
 mkdir -p "$folder"
-for tool in g++ clang++; do
-    command -v "$tool" >/dev/null || { echo "crash: $tool is missing (tools/setup.sh --checks)" >&2; exit 1; }
-done
-
 gcc="g++ -fnon-call-exceptions -fno-inline -finstrument-functions -finstrument-functions-exclude-file-list=/usr"
 clang="clang++ -Wno-unknown-warning-option -finstrument-functions-after-inlining"
 common="-std=c++20 -Wall -Wextra -Wno-infinite-recursion -Wno-array-bounds -Wno-nonnull -Wno-use-after-free -Wno-unused-but-set-variable -pthread -I../../include -I../../tests"
 
-# plugin NAME FRAME_SIZE
-plugin() {
-    # shellcheck disable=SC2086 # lists of words, here and below
+# shellcheck disable=SC2086 # lists of words, here and below
+plugin() { # NAME FRAME_SIZE
     $gcc $common -O1 -fPIC -shared -Wl,-soname,"$1" -DFRAME_SIZE="$2" Plugin.cpp -o "$folder/$1"
 }
-# host NAME LIBRARY COMPILER...
-host() {
+# shellcheck disable=SC2086
+host() { # NAME LIBRARY COMPILER...
     name=$1 built=$2
     shift 2
-    # shellcheck disable=SC2086
-    "$@" $common Host.cpp FaultAgain.cpp ../../tests/support/Allocations.cpp -o "$folder/$name" "$built/libErrorHandlerDll.so" \
+    "$@" $common Host.cpp ../../tests/support/Allocations.cpp -o "$folder/$name" "$built/libErrorHandlerDll.so" \
         -Wl,-rpath,"$built",--export-dynamic-symbol='__cyg_profile_*'
 }
 # shellcheck disable=SC2086
 {
-    host host-O1 "$library" $gcc -O1 FaultOnce.cpp &
-    host host-O0 "$library" $gcc -O0
-    host host-O3 "$library" $gcc -O3 -Wl,-z,now &
-    host host-nopie "$library" $gcc -O2 -no-pie -fno-pie
+    host host-O1 "$library" $gcc -O1 & # which binds lazily
+    host host-O3 "$library" $gcc -O3 -no-pie -fno-pie -s -Wl,-z,now
     host host-clang "$library" $clang -O2 -Wl,-z,now &
     host asan "$sanitized" $gcc -O1 -fsanitize=address,undefined
     plugin plugin.so 128
@@ -42,4 +35,3 @@ host() {
     plugin second.so 1256
     wait
 }
-strip -o "$folder/host-stripped" "$folder/host-O3"
