@@ -155,16 +155,28 @@ TEST_F(LogEmergencyTest, EveryWriteOpensAgainWhatTheHostHasClosed)
         {LOGGING_STRATEGY_APPEND, [] { InEmergency(0, [] { Log("dump"); }); }, {"before", "dump"}},
         {LOGGING_STRATEGY_OVERWRITE, [&] { InEmergency(0, dump); }, {"before", "dump", "end"}},
     };
-    for (const auto& [strategy, write, texts] : rows)
+    constexpr int kFirst = STDERR_FILENO + 1;
+    for (int i = 0; i < 2 * static_cast<int>(std::size(rows)); ++i)
     {
+        const auto& [strategy, write, texts] = rows[i / 2];
+        const int end = kFirst + i % 2 * 20; // the host has opened files of its own under all these numbers
         m_folder.Empty();
         SetOptions(strategy, 1000);
         Start("app.1.log");
         Log("before");
-        close_range(STDERR_FILENO + 1, ~0u, 0);
+        close_range(kFirst, ~0u, 0);
+        for (int descriptor = kFirst; descriptor < end; ++descriptor)
+        {
+            ASSERT_EQ(descriptor, open((m_folder / "host").c_str(), O_RDWR | O_CREAT | O_APPEND, 0600));
+        }
         write();
         ShutdownLogging();
         EXPECT_EQ(texts, TextsOf(OnDisk("app.1.log") + OnDisk("app.2.log")));
+        EXPECT_TRUE(end == kFirst || OnDisk("host").empty());
+        for (int descriptor = kFirst; descriptor < end; ++descriptor)
+        {
+            EXPECT_EQ(0, close(descriptor));
+        }
     }
 }
 

@@ -349,8 +349,8 @@ bool FilterReads(std::uint32_t action)
 
 bool LoseProc()
 {
-    return unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0 &&
-           umount2("/proc", MNT_DETACH) == 0;
+    return unshare(CLONE_NEWNS) == 0 && mount("", "/proc", "", MS_PRIVATE, "") == 0 &&
+           mount("none", "/proc", "tmpfs", 0, "") == 0; // the root may be no mount, as in a chroot
 }
 
 // What the process may no longer do.
