@@ -77,7 +77,7 @@ TEST(StructuredException, IsHandledLikeAnyOtherError)
     const std::string text = ReadFile(GetLogFilename());
     std::size_t at = 0;
     for (const char* const part :
-         {"DumpExceptionContext() - [Entering]\n",
+         {"] - ----------------------\n", "DumpExceptionContext() - [Entering]\n",
           " - F - Structured exception Bus error (code 00000002) occurred at (nil)\n", "GenerateCallStack() - [Entering]\n",
           "GenerateCallStack() - [Exiting]\n", "reg[01] = 0xffffffffffffffff\n", "GenerateModuleAddresses() - [Entering]\n",
           "GenerateModuleAddresses() - [Exiting]\n", "DumpExceptionContext() - [Exiting]\n"})
