@@ -16,7 +16,7 @@ namespace
 {
 
 using FileLoggerTest = LogTest;
-using ConcurrencyTest = LogTest;
+using LogLifeTest = LogTest;
 
 const wchar_t kNoCharacter[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
 
@@ -240,7 +240,7 @@ TEST_F(FileLoggerTest, LeavesErrnoAlone)
     EXPECT_EQ(std::vector<int>(seen.size(), ELIBBAD), seen);
 }
 
-TEST_F(ConcurrencyTest, AForkInsideTheSectionLeavesItToTheChild)
+TEST_F(LogLifeTest, AForkInsideTheSectionLeavesItToTheChild)
 {
     gFileLogger.EnterCriticalSection();
     const auto leaveAndLog = []
@@ -258,7 +258,7 @@ TEST_F(ConcurrencyTest, AForkInsideTheSectionLeavesItToTheChild)
     EXPECT_EQ((Texts{"child", "its thread", "parent", "thread"}), ClosedTexts());
 }
 
-TEST_F(ConcurrencyTest, CallsBeforeTheBeginningAndAfterTheEndAreHarmless)
+TEST_F(LogLifeTest, CallsBeforeTheBeginningAndAfterTheEndAreHarmless)
 {
     const auto exit = []() -> int
     {
