@@ -68,7 +68,7 @@ struct Do
     static void Ignore() { signal(SIGSEGV, SIG_IGN); }
     static void Reset() { signal(SIGSEGV, SIG_DFL); }
     static void Handle() { InstallHandler(SIGSEGV, ExitAsSeen, SA_ONSTACK); }
-    static void HandleOnce() { InstallHandler(SIGSEGV, Nothing, SA_RESETHAND); }
+    static void HandleOnce() { InstallHandler(SIGSEGV, Nothing, static_cast<int>(SA_RESETHAND)); }
     static void HandleAbove()
     {
         sigaction(SIGSEGV, nullptr, &gEarlier);

@@ -26,7 +26,7 @@ ALLOWED = {"sent": "wxHhscfFeRrMmPpGCgADa", "owner": "wbs"}  # lines outside of 
 LINE = re.compile(r"\d\d/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} - ERROR      - \[ThreadID: (\d+)\] - (.*)", re.S)
 HANDLER, CONSTRUCTOR = "Host::HandleFatalSignal", "StructuredException::StructuredException"
 FRAME = r"(?:\S.*)?\[(?:0x[0-9a-f]+|\(nil\))\]"
-UNKNOWN = re.compile(r"\S*/(lib|ld-)[^/]*|\[.*")  # the libraries of others, and no code at all
+UNKNOWN = re.compile(r".*/(lib|ld-)[^/]*|\[.*")  # the libraries of others, and no code at all
 COMMON = {"f": "  Fault address:  .*", "r": r"reg\[\d\d\] = 0x[0-9a-f]+", "m": r"    \([0-9a-f]+\) .*",
           "x": "  A fault ended this part of the dump|    The list of modules is damaged"}
 
